@@ -1,0 +1,52 @@
+// Owners of file descriptors and streams: closed when the owner goes, unless released. Move only.
+// The destructor is for the way out after a failure; where a close ends a write, call it yourself.
+#pragma once
+
+#include <dirent.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+namespace android::installd {
+
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : mFd(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        std::swap(mFd, other.mFd);
+        return *this;
+    }
+    ~UniqueFd() {
+        if (mFd >= 0) {
+            close(mFd);
+        }
+    }
+
+    int get() const { return mFd; }
+    bool isOpen() const { return mFd >= 0; }
+
+  private:
+    int mFd = -1;
+};
+
+struct FileCloser {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using UniqueDir = std::unique_ptr<DIR, DirCloser>;
+
+// The next entry of the stream, in the order of the file system, or null after the last one. It is
+// valid until the next call for the same stream.
+inline const dirent* nextEntry(const UniqueDir& dir) {
+    return readdir(dir.get());  // NOLINT(concurrency-mt-unsafe): no two threads share a stream
+}
+
+}  // namespace android::installd

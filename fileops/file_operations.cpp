@@ -1,0 +1,381 @@
+// Tested by tests/fileops/file_operations_test.cpp.
+#define LOG_TAG "BackupSessionManager"
+
+#include "fileops/file_operations.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <log/log.h>
+#include <selinux/android.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "brief/permission_record.h"
+#include "fileops/error_text.h"
+#include "fileops/file_handles.h"
+#include "fileops/path_buffer.h"
+#include "fileops/path_rules.h"
+#include "fileops/permissions.h"
+
+namespace android::installd {
+
+namespace {
+
+constexpr size_t kCopyBufferSize = 8192;
+constexpr mode_t kTargetCreationMode = 0660;
+constexpr int kWatchedDepth = 10;
+constexpr int kDeepestDepth = 2048;
+
+bool isEmpty(const char* text) {
+    return text == nullptr || text[0] == '\0';
+}
+
+bool exists(const char* path) {
+    return access(path, F_OK) == 0;
+}
+
+const char* lastComponent(const char* path) {
+    const char* slash = strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
+
+bool isDotName(const char* name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// Gives a copy its owner and mode. A target on descriptor 0 is refused: it can only mean that the
+// process lost its standard input, and whatever takes that number next would share it.
+bool fixupTarget(int fd, uint32_t uid) {
+    if (fd == 0) {
+        ALOGE("fd_fixup_permissions error, fd is 0 !");
+        return false;
+    }
+    if (fchown(fd, uid, uid) != 0) {
+        ALOGE("Failed to change owner, error=%s", ErrorText().c_str());
+        return false;
+    }
+    if (fchmod(fd, kCreatedMode) != 0) {
+        ALOGE("Failed to change mod, error=%s", ErrorText().c_str());
+        return false;
+    }
+    return true;
+}
+
+int copyContent(int source, int target, const char* from, const sp<BackupTask>& task) {
+    // A source that cannot seek (a FIFO, a device) is read from where it stands.
+    lseek(source, 0, SEEK_SET);
+    char buffer[kCopyBufferSize];
+    while (true) {
+        const ssize_t length = read(source, buffer, sizeof(buffer));
+        if (length < 0) {
+            ALOGE("Failed to read file: %s, error=%s", from, ErrorText().c_str());
+            return -1;
+        }
+        if (length == 0) {
+            return 0;
+        }
+        // Not examined: a target that came out short is found by its size, which the client has.
+        [[maybe_unused]] const ssize_t written = write(target, buffer, static_cast<size_t>(length));
+        if (!task->addProgress(static_cast<uint64_t>(length))) {
+            ALOGE("Failed to read task");
+            return -1;
+        }
+    }
+}
+
+// One copy of a tree: the two paths, extended and cut back together as the walk goes down and up.
+class TreeCopier {
+  public:
+    TreeCopier(const char* from, const char* to, FILE* permFile, sp<BackupTask>& task)
+        : mFrom(from), mTo(to), mPermFile(permFile), mTask(task) {}
+
+    // `from` and `to` are read before the walk changes the paths, which they may point into.
+    int copyTree(const char* from, const char* to);
+
+  private:
+    int copyEntry(const char* name, bool filterLibrary);
+    int copyDirectory(const char* name, bool filterLibrary);
+    int copyRegular();
+    int handleFailedCopy();
+    int writeRecord();
+    bool isMove() const { return mTask->taskType == MOVE_DIR; }
+
+    PathBuffer mFrom;
+    PathBuffer mTo;
+    FILE* const mPermFile;
+    sp<BackupTask>& mTask;
+};
+
+int TreeCopier::copyTree(const char* from, const char* to) {
+    if (!exists(from)) {
+        ALOGE("Failed to copyDir, %s not exists", from);
+        return -1;
+    }
+    if (createDir(to, static_cast<uint32_t>(mTask->uid)) != 0) {
+        ALOGE("Failed to copyDir, createDir(%s) error", to);
+        return -1;
+    }
+    const bool filterLibrary = mTask->taskType == BACKUP_DIR && mTask->taskSrcPath == from;
+    const UniqueDir dir(opendir(from));
+    if (dir == nullptr) {
+        ALOGE("Failed to copyDir, opendir(%s) error", from);
+        return -1;
+    }
+    const size_t fromLength = mFrom.length();
+    const size_t toLength = mTo.length();
+    int result = 0;
+    while (const dirent* entry = result == 0 ? nextEntry(dir) : nullptr) {
+        if (isDotName(entry->d_name) || !mFrom.appendEntry(entry->d_name)) {
+            continue;
+        }
+        mTo.appendEntry(entry->d_name);
+        result = copyEntry(entry->d_name, filterLibrary);
+        mFrom.cut(fromLength);
+        mTo.cut(toLength);
+    }
+    return result;
+}
+
+int TreeCopier::copyEntry(const char* name, bool filterLibrary) {
+    switch (isDir(mFrom.c_str())) {
+        case 0:
+            return copyRegular();
+        case 1:
+            return copyDirectory(name, filterLibrary);
+        default:
+            return 0;  // links are never followed or copied
+    }
+}
+
+int TreeCopier::copyDirectory(const char* name, bool filterLibrary) {
+    // A name that was cut to fit can have become one of these.
+    if (isDotName(lastComponent(mFrom.c_str()))) {
+        return 0;
+    }
+    if (filterLibrary && filterDir(name) == 1) {
+        return 0;
+    }
+    if (copyTree(mFrom.c_str(), mTo.c_str()) != 0) {
+        ALOGE("Failed to copyDir, copyDir(%s) error", mFrom.c_str());
+        return -1;
+    }
+    if (writeRecord() != 0) {
+        return -1;
+    }
+    if (isMove() && deleteDir(mFrom.c_str()) != 0) {
+        ALOGD("Failed to delete the Dir after copydir, deleteDir(%s)", mFrom.c_str());
+    }
+    return 0;
+}
+
+int TreeCopier::copyRegular() {
+    if (filterFile(mFrom.c_str()) != 0) {
+        return 0;
+    }
+    if (CheckFilePath(mFrom.c_str(), mTask->realSrcPath) != 0 ||
+        CheckFilePath(mTo.c_str(), mTask->realDestPath) != 0) {
+        ALOGW("Skip copy file because path is invalid, frompath: %s, topath: %s", mFrom.c_str(),
+              mTo.c_str());
+        return 0;
+    }
+    if (copyFile(mFrom.c_str(), mTo.c_str(), mTask) != 0) {
+        return handleFailedCopy();
+    }
+    if (writeRecord() != 0) {
+        return -1;
+    }
+    if (isMove() && remove(mFrom.c_str()) != 0) {
+        ALOGD("Failed to removefile after copyFile, remove(%s)", mFrom.c_str());
+    }
+    return 0;
+}
+
+// Applications run while they are backed up: a file that vanished, or whose target could not even be
+// made, is passed over. A target that was made and not filled ends the copy.
+int TreeCopier::handleFailedCopy() {
+    if (!exists(mFrom.c_str())) {
+        ALOGW("Skip inaccessible file %s, error=%s", mFrom.c_str(), ErrorText().c_str());
+        return 0;
+    }
+    if (exists(mTo.c_str())) {
+        ALOGE("Failed to copyDir, copyFile(%s) error", mFrom.c_str());
+        return -1;
+    }
+    ALOGW("Skip inaccessible file %s, error=%s", mTo.c_str(), ErrorText().c_str());
+    return 0;
+}
+
+int TreeCopier::writeRecord() {
+    if (mPermFile == nullptr || do_backup_perm(mFrom.c_str(), mPermFile) == 0) {
+        return 0;
+    }
+    ALOGE("Failed to copyDir, write file attr: %s, error=%s", mFrom.c_str(), ErrorText().c_str());
+    return -1;
+}
+
+int deleteTree(const char* directory, PathBuffer& path);
+
+// Returns 0 for an entry that is gone or is left alone, -1 for one that could not be removed.
+int deleteEntry(PathBuffer& path) {
+    const int kind = isDir(path.c_str());
+    if (kind == 0 && remove(path.c_str()) != 0) {
+        ALOGE("Failed to deleteDir, remove(%s) error", path.c_str());
+        return -1;
+    }
+    if (kind == 1 && !isDotName(lastComponent(path.c_str())) &&
+        deleteTree(path.c_str(), path) != 0) {
+        ALOGE("Failed to deleteDir, deleteDir(%s) error", path.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+// `directory` is the tree's own name, `path` the buffer that holds it and that the walk extends.
+int deleteTree(const char* directory, PathBuffer& path) {
+    if (!exists(directory)) {
+        ALOGD("BackupSessionManager deleteDir, %s not exists", directory);
+        return 0;
+    }
+    const UniqueDir dir(opendir(directory));
+    if (dir == nullptr) {
+        return -1;
+    }
+    const size_t length = path.length();
+    int result = 0;
+    while (const dirent* entry = result == 0 ? nextEntry(dir) : nullptr) {
+        if (path.appendEntry(entry->d_name)) {
+            result = deleteEntry(path);
+            path.cut(length);
+        }
+    }
+    // Tried after a failure too: with what was left alone in it, it fails and says so.
+    if (remove(directory) != 0) {
+        ALOGE("Failed to deleteDir, remove(%s) error", directory);
+        return -1;
+    }
+    return result;
+}
+
+}  // namespace
+
+int createDir(const char* path, uint32_t uid) {
+    if (isEmpty(path)) {
+        ALOGE("Failed to createDir:path is NULL or length of path is 0");
+        return -1;
+    }
+    PathBuffer prefix(path);
+    if (!prefix.endsInSlash()) {
+        prefix.append("/");
+    }
+    if (prefix.length() < 2) {
+        return 0;
+    }
+    int depth = 0;
+    int watchedDepth = kWatchedDepth;
+    for (char* slash = strchr(prefix.data() + 1, '/'); slash != nullptr;
+         slash = strchr(slash + 1, '/'), ++depth) {
+        if (depth >= watchedDepth) {
+            ALOGW("monitor dir(%s) depth longer than %d.", path, kWatchedDepth);
+            watchedDepth = kDeepestDepth;
+        }
+        *slash = '\0';
+        if (!exists(prefix.c_str())) {
+            if (mkdir(prefix.c_str(), kCreatedMode) != 0) {
+                ALOGE("Failed to mkdir(%s), error=%s", prefix.c_str(), ErrorText().c_str());
+                return -1;
+            }
+            if (fixup_permissions_dir_file(prefix.c_str(), uid, uid, kCreatedMode) != 0) {
+                ALOGE("Failed to createDir: fixup permissions error!");
+                return -1;
+            }
+        }
+        *slash = '/';
+    }
+    return 0;
+}
+
+int copyFile(const char* from, const char* to, const sp<BackupTask>& task) {
+    if (isEmpty(from) || isEmpty(to)) {
+        ALOGE("Failed to copyFile file:path is NULL or length of path is 0");
+        return -1;
+    }
+    if (access(from, R_OK) != 0) {
+        ALOGE("Failed to copyFile file: %s, error=%s", from, ErrorText().c_str());
+        return -1;
+    }
+    PathBuffer target(to);
+    if (exists(to) && isDir(to) == 1) {
+        target.append("/");
+        target.append(lastComponent(from));
+    }
+    const UniqueFd sourceFd(open(from, O_RDONLY | O_CLOEXEC));
+    if (!sourceFd.isOpen()) {
+        ALOGE("Failed to open file: %s, error=%s", from, ErrorText().c_str());
+        return -1;
+    }
+    const UniqueFd targetFd(
+        open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kTargetCreationMode));
+    if (!targetFd.isOpen()) {
+        ALOGE("Failed to open file: %s, error=%s", target.c_str(), ErrorText().c_str());
+        return -1;
+    }
+    if (!fixupTarget(targetFd.get(), static_cast<uint32_t>(task->uid))) {
+        ALOGE("Failed to copy file(%s): fixup permissions error!", target.c_str());
+        return -1;
+    }
+    if (copyContent(sourceFd.get(), targetFd.get(), from, task) != 0) {
+        return -1;
+    }
+    fsync(targetFd.get());
+    return 0;
+}
+
+int copyDir(const char* from, const char* to, FILE* permFile, sp<BackupTask>& task) {
+    if (isEmpty(from) || isEmpty(to)) {
+        ALOGE("Failed to copyDir, path is NULL or length of path is 0");
+        return -1;
+    }
+    return TreeCopier(from, to, permFile, task).copyTree(from, to);
+}
+
+int deleteDir(const char* path) {
+    if (isEmpty(path)) {
+        ALOGD("BackupSessionManager deleteDir, path is NULL or length of path is 0");
+        return 0;
+    }
+    PathBuffer buffer(path);
+    return deleteTree(path, buffer);
+}
+
+int restorecon_backup_dir(const char* path, const char* seInfo, uint32_t uid) {
+    if (isEmpty(path)) {
+        ALOGE("restorecon_backup_dir error, path is NULL or length is 0");
+        return -1;
+    }
+    if (selinux_android_restorecon_pkgdir(path, seInfo, uid, SELINUX_ANDROID_RESTORECON_RECURSE) <
+        0) {
+        ALOGE("Failed to recursive restorecon for %s , uid(%d), se_info(%s), error [%s]\n", path,
+              static_cast<int>(uid), seInfo, ErrorText().c_str());
+        return -1;
+    }
+    return 0;
+}
+
+int prepare_data_backuped_for_task(const sp<BackupTask>& task) {
+    if (task == nullptr) {
+        ALOGE("prepare_data_backuped_for_task failed, task is null!");
+        return -1;
+    }
+    if (task->se_info.empty()) {
+        ALOGE("prepare_data_backuped_for_task failed, se_info is null!");
+        return -1;
+    }
+    if (restorecon_backup_dir(task->taskDestPath.c_str(), task->se_info.c_str(),
+                              static_cast<uint32_t>(task->uid)) != 0) {
+        ALOGE("prepare_data_backuped_for_task failed, restorecon_backup_dir error!  ignore that.");
+    }
+    return 0;
+}
+
+}  // namespace android::installd

@@ -1,0 +1,158 @@
+// Tested by tests/fileops/path_rules_test.cpp.
+#define LOG_TAG "BackupSessionManager"
+
+#include "fileops/path_rules.h"
+
+#include <limits.h>
+#include <log/log.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "fileops/error_text.h"
+#include "service/backup_session_manager.h"
+
+namespace android::installd {
+
+namespace {
+
+enum class Match { kPrefix, kWhole };
+
+struct Area {
+    Match match;
+    const char* text;
+};
+
+// In the order of their tests. The fourth row is reached by no path, since the first admits what it
+// names; it records a grant of its own that would outlive the first row.
+constexpr Area kAllowedAreas[] = {
+    {Match::kPrefix, "/data/data"},
+    {Match::kPrefix, "/data/misc/wifi"},
+    {Match::kPrefix, "/data/user"},
+    {Match::kWhole, "/data/data/android/shortcut_clone"},
+    {Match::kPrefix, "/storage/emulated"},
+    {Match::kPrefix, "/mnt/androidwritable"},
+    {Match::kPrefix, "/data/misc/apexdata/com.android.wifi"},
+};
+
+constexpr const char* kSharedStorage[] = {"/storage/emulated", "/mnt/androidwritable"};
+
+bool isEmpty(const char* text) {
+    return text == nullptr || text[0] == '\0';
+}
+
+bool beginsWith(const char* path, const char* prefix) {
+    return strncmp(path, prefix, strlen(prefix)) == 0;
+}
+
+bool matches(const Area& area, const char* path) {
+    return area.match == Match::kWhole ? strcmp(path, area.text) == 0 : beginsWith(path, area.text);
+}
+
+}  // namespace
+
+bool is_allow_access(const char* path) {
+    if (isEmpty(path)) {
+        ALOGE("is_allow_access, path is NULL or length of path is 0");
+        return false;
+    }
+    if (strstr(path, "../") != nullptr) {
+        ALOGE("is_allow_access, illegalpath:%s.", path);
+        return false;
+    }
+    for (const Area& area : kAllowedAreas) {
+        if (matches(area, path)) {
+            return true;
+        }
+    }
+    ALOGE("is_allow_access, %s don`t match dataPath.", path);
+    return false;
+}
+
+bool BackupSessionManager::isStoragePath(const char* path) const {
+    for (const char* storage : kSharedStorage) {
+        if (beginsWith(path, storage)) {
+            ALOGD("isStoragePath:, %s", path);
+            return true;
+        }
+    }
+    return false;
+}
+
+int CheckFilePath(const char* path, const char* realOrgPath) {
+    char realPath[PATH_MAX] = {};
+    if (realOrgPath == nullptr || realpath(path, realPath) == nullptr) {
+        return 0;
+    }
+    if (beginsWith(realPath, realOrgPath)) {
+        return 0;
+    }
+    ALOGE("Failed to checkFilePath, path: %s, realPath: %s, realOrgPath: %s.", path, realPath,
+          realOrgPath);
+    return -1;
+}
+
+int isDir(const char* path) {
+    if (isEmpty(path)) {
+        ALOGE("Failed to isDir, path is NULL or length of path is 0");
+        return -1;
+    }
+    struct stat status = {};
+    if (lstat(path, &status) != 0) {
+        ALOGE("Failed to isDir, lstat(%s), error=%s", path, ErrorText().c_str());
+        return -1;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        ALOGE("Failed to isDir S_ISLNK:%s", path);
+        return -1;
+    }
+    return S_ISDIR(status.st_mode) ? 1 : 0;
+}
+
+int filterDir(const char* dirName) {
+    if (isEmpty(dirName)) {
+        ALOGE("filterDir, dirName is NULL or length of dirName is 0");
+        return -1;
+    }
+    return strcmp(dirName, "lib") == 0 ? 1 : 0;
+}
+
+int filterFile(const char* filePath) {
+    if (isEmpty(filePath)) {
+        ALOGE("filterFile, filePath is NULL or length of filePath is 0");
+        return -1;
+    }
+    struct stat status = {};
+    if (lstat(filePath, &status) != 0) {
+        ALOGE("Failed to filterFile, lstat(%s), error=%s", filePath, ErrorText().c_str());
+        return -1;
+    }
+    if (S_ISSOCK(status.st_mode)) {
+        ALOGE("Failed to filterFile S_ISSOCK:%s", filePath);
+        return -1;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        ALOGE("Failed to filterFile S_ISLNK:%s", filePath);
+        return -1;
+    }
+    if (S_ISFIFO(status.st_mode)) {
+        ALOGE("Failed to filterFile S_ISFIFO:%s", filePath);
+        return -1;
+    }
+    const char* name = strrchr(filePath, '/');
+    const char* extension = name == nullptr ? nullptr : strrchr(name, '.');
+    return extension != nullptr && strcmp(extension, ".dex") == 0 ? -1 : 0;
+}
+
+std::string GetAppNameByFullPath(const char* path) {
+    if (path == nullptr) {
+        ALOGE("GetAppNameByFullPath failed,path is null");
+        return "";
+    }
+    const char* slash = strrchr(path, '/');
+    const std::string name = slash == nullptr ? "" : slash + 1;
+    ALOGD("GetAppNameByFullPath,appName:%s", name.c_str());
+    return name;
+}
+
+}  // namespace android::installd

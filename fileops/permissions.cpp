@@ -1,0 +1,31 @@
+// Tested by tests/fileops/file_operations_test.cpp.
+#define LOG_TAG "BackupSessionManager"
+
+#include "fileops/permissions.h"
+
+#include <log/log.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fileops/error_text.h"
+
+namespace android::installd {
+
+int fixup_permissions_dir_file(const char* path, uint32_t owner, uint32_t group, uint32_t mode) {
+    if (path == nullptr || path[0] == '\0') {
+        ALOGE("fixup_backup_dir_file, path is NULL or length of path is 0");
+        return -1;
+    }
+    if (chmod(path, mode) != 0) {
+        ALOGE("Failed to chmod (%s), error=%s", path, ErrorText().c_str());
+        return -1;
+    }
+    // A chown takes the set-id bits of a file away again; the modes that are set here have none.
+    if (chown(path, owner, group) != 0) {
+        ALOGE("Failed to chown (%s), error=%s", path, ErrorText().c_str());
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace android::installd

@@ -1,0 +1,13 @@
+// Tested by tests/platform/platform_test.cpp.
+
+#include <android/os/IBackupSessionCallback.h>
+
+namespace android {
+namespace os {
+
+IBackupSessionCallback::IBackupSessionCallback() = default;
+
+IBackupSessionCallback::~IBackupSessionCallback() = default;
+
+}  // namespace os
+}  // namespace android

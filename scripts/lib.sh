@@ -1,0 +1,59 @@
+# What the scripts share: where the project is, packages, root. Sourced, not run.
+
+set -euo pipefail
+
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# What building and testing with each preset takes on Debian 12.
+packages_build="g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev python3"
+packages_clang="clang-14 clang libclang-rt-14-dev llvm-14"
+packages_lint="clang-format-14 clang-format clang-tidy-14 clang-tidy"
+
+fail() {
+    printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+    exit 1
+}
+
+# as_root COMMAND...: runs it as root, by sudo when we are not.
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo -- "$@"
+    else
+        fail "this needs root: run it as root, or install sudo"
+    fi
+}
+
+# need_packages NAME...: installs those that are missing, or says which when it may not.
+need_packages() {
+    command -v dpkg-query >/dev/null || return 0
+    local missing=() name
+    for name in "$@"; do
+        dpkg-query -W -f '${Status}' "$name" 2>/dev/null | grep -q 'ok installed' || missing+=("$name")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+        fail "these packages are missing, ask your administrator for them: ${missing[*]}"
+    fi
+    printf 'Installing %s\n' "${missing[*]}"
+    as_root env DEBIAN_FRONTEND=noninteractive sh -c '
+        apt-get install -y --no-install-recommends "$@" >/dev/null 2>&1 ||
+            { apt-get update >/dev/null &&
+              apt-get install -y --no-install-recommends "$@" >/dev/null; }' sh "${missing[@]}" ||
+        fail "these packages could not be installed: ${missing[*]}"
+}
+
+# build PRESET [TARGET...]: configures where needed and builds, quietly unless it fails.
+build() {
+    local preset=$1 log
+    shift
+    log=$(mktemp)
+    if ! { (cd "$project" && cmake --preset "$preset" &&
+            cmake --build --preset "$preset" ${1:+--target "$@"}) >"$log" 2>&1; }; then
+        cat "$log" >&2
+        rm -f "$log"
+        fail "the $preset build failed"
+    fi
+    rm -f "$log"
+}

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Builds one preset and runs its tests in a throw-away root.
+#
+#   scripts/test.sh [PRESET] [CTEST ARGUMENT...]      PRESET: release (default), debug, asan, tsan
+. "$(dirname "$0")/lib.sh"
+
+preset=release
+case "${1:-}" in
+    release | debug | asan | tsan) preset=$1 && shift ;;
+esac
+
+packages=$packages_build
+case "$preset" in
+    asan | tsan) packages="$packages $packages_clang" ;;
+esac
+# Unquoted: the lists are words.
+need_packages $packages
+
+build "$preset"
+exec "$project/scripts/sandbox.sh" --write "$project/build/$preset" -- \
+    ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)" "$@"

@@ -1,0 +1,132 @@
+// Sessions and their one callback: opening, closing, the client's death, keep-alive.
+// Tested by tests/service/session_test.cpp.
+#define LOG_TAG "BackupSessionManager"
+
+#include "service/backup_session_manager.h"
+
+#include <binder/IInterface.h>
+#include <log/log.h>
+
+namespace android::installd {
+
+namespace {
+
+constexpr int32_t kWaitBudget = 6;
+
+}  // namespace
+
+BackupSessionManager::BackupSessionManager() {
+    for (size_t index = 0; index < kWorkers; ++index) {
+        mWorkers.add(new BackupWorkerThread(this, index));
+    }
+}
+
+// The workers use the manager's lock and queues, so they have to be gone before those are.
+BackupSessionManager::~BackupSessionManager() {
+    {
+        MutexLock lock(mLock);
+        exitAll();
+        mCond.broadcast();
+    }
+    for (const sp<BackupWorkerThread>& worker : mWorkers) {
+        worker->join();
+    }
+}
+
+int32_t BackupSessionManager::startBackupSession(const sp<os::IBackupSessionCallback>& callback) {
+    ALOGD("BackupSessionManager startBackupSession");
+    MutexLock lock(mLock);
+    const int32_t sessionId = mNextId.fetch_add(1, std::memory_order_release);
+    mSessions.add(sessionId);
+    if (callback != mCallback) {
+        if (mCallback != nullptr) {
+            IInterface::asBinder(mCallback)->unlinkToDeath(this, nullptr, 0);
+        }
+        mCallback = callback;
+        if (mCallback != nullptr) {
+            IInterface::asBinder(mCallback)->linkToDeath(this, nullptr, 0);
+        }
+    }
+    ALOGD("BackupSessionManager start Backup session:%d", sessionId);
+    return sessionId;
+}
+
+int32_t BackupSessionManager::finishBackupSession(int32_t sessionId) {
+    ALOGD("BackupSessionManager finishBackupSession sessionId=%d", sessionId);
+    MutexLock lock(mLock);
+    const ssize_t position = indexOfSessionLocked(sessionId);
+    if (position < 0) {
+        ALOGE("invalid session id=%d", sessionId);
+        return -1;
+    }
+    // The index moves on after a removal too: of two neighbouring tasks of the session the second
+    // stays queued. Clients know the queue this way.
+    for (size_t i = 0; i < mPendingTasks.size(); ++i) {
+        if (mPendingTasks[i] != nullptr && mPendingTasks[i]->sessionId == sessionId) {
+            mPendingTasks.removeAt(i);
+        }
+    }
+    for (const sp<BackupTask>& task : mProcessingTasks) {
+        if (task->sessionId == sessionId) {
+            stopRunningTaskLocked(task);
+        }
+    }
+    mSessions.removeAt(static_cast<size_t>(position));
+    if (!mSessions.isEmpty()) {
+        return 0;
+    }
+    ALOGD("BackupSessionManager finishBackupSession no more session, request thread exit");
+    exitAll();
+    mCond.broadcast();
+    return 0;
+}
+
+void BackupSessionManager::binderDied(const wp<IBinder>& who) {
+    if (who.unsafe_get() != nullptr) {
+        ALOGD("BackupSessionManager BackupSessionManager remote client (PMS) died");
+    }
+    MutexLock lock(mLock);
+    mSessions.clear();
+    exitAll();
+    mCond.broadcast();
+}
+
+int32_t BackupSessionManager::processKeepAlive(int32_t sessionId) {
+    for (const sp<BackupTask>& task : mProcessingTasks) {
+        if (task->sessionId == sessionId && task->taskType == BACKUP_SPLIT) {
+            MutexLock lock(task->taskLock);
+            task->waitCountdown = kWaitBudget;
+            task->taskCond.broadcast();
+            return 0;
+        }
+    }
+    ALOGD("processKeepAlive: session id[%d] is invalid", sessionId);
+    return -2;
+}
+
+ssize_t BackupSessionManager::indexOfSessionLocked(int32_t sessionId) const {
+    for (size_t i = 0; i < mSessions.size(); ++i) {
+        if (mSessions[i] == sessionId) {
+            return static_cast<ssize_t>(i);
+        }
+    }
+    return -1;
+}
+
+void BackupSessionManager::exitAll() {
+    for (const sp<BackupWorkerThread>& worker : mWorkers) {
+        worker->requestExit();
+    }
+}
+
+// Ends a running task by request: its handler stops at its next look at the abort flag, a paused
+// split backup stops waiting, and its worker ends after it.
+void BackupSessionManager::stopRunningTaskLocked(const sp<BackupTask>& task) {
+    task->isAborted = true;
+    if (task->taskType == BACKUP_SPLIT) {
+        wakeUpSplitWorkerThreadLocked(task);
+    }
+    exitForIndex(task->workerIndex);
+}
+
+}  // namespace android::installd

@@ -1,0 +1,155 @@
+// The process-wide object behind the exported functions: sessions, the queues of tasks, the two
+// workers that run them, and the handlers that carry them out.
+//
+// Threads: clients call from any thread, tasks run on the workers. Everything is under mLock unless
+// said otherwise; members whose names end in Locked expect it to be held. Lock order: mLock, then a
+// task's taskLock, never the reverse. Handlers run without mLock.
+#pragma once
+
+#include <android/os/IBackupSessionCallback.h>
+#include <binder/IBinder.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <utils/RefBase.h>
+#include <utils/Vector.h>
+
+#include <atomic>
+#include <string>
+
+#include "service/backup_task.h"
+#include "service/backup_worker_thread.h"
+#include "service/locking.h"
+
+namespace android::installd {
+
+class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipient {
+  public:
+    // One worker per task that may run at the same time.
+    static constexpr size_t kWorkers = 2;
+
+    BackupSessionManager();
+    ~BackupSessionManager() override;
+
+    // --- Sessions: service/backup_session_manager.cpp ---
+
+    // Opens a session; its callback replaces the one of every earlier session. Returns its id.
+    int32_t startBackupSession(const sp<os::IBackupSessionCallback>& callback) EXCLUDES(mLock);
+
+    // Closes a session, drops its pending tasks and aborts its running ones. Returns 0, or -1 when
+    // the session is not open.
+    int32_t finishBackupSession(int32_t sessionId) EXCLUDES(mLock);
+
+    // The client's process has died: closes every session. Tasks stay as they are.
+    void binderDied(const wp<IBinder>& who) override EXCLUDES(mLock);
+
+    // Starts the wait of a paused split backup of the session again. Returns 0, or -2 when the
+    // session runs none.
+    int32_t processKeepAlive(int32_t sessionId) REQUIRES(mLock);
+
+    ssize_t indexOfSessionLocked(int32_t sessionId) const REQUIRES(mLock);
+
+    // Asks every worker to exit after its present pass. Wakes nobody.
+    void exitAll();
+
+    // --- Commands: service/task_commands.cpp ---
+
+    // Parses one command line and acts on it, splitting it in place (see service/peltexinstalld.h).
+    //
+    // | result        | meaning                                                                |
+    // |---------------|------------------------------------------------------------------------|
+    // | 100 or more   | id of the task added                                                   |
+    // | 0             | done; a move without a source, a brief of an unknown kind: nothing done|
+    // | -1            | unknown session or task; weight out of range; no worker could start    |
+    // | -2            | nothing to keep alive                                                  |
+    // | -3            | unknown command or kind, wrong number of words, no uid                 |
+    // | -4            | an equal task is queued or running                                     |
+    int32_t executeBackupTask(int32_t sessionId, const std::string& taskCmd) EXCLUDES(mLock);
+
+    // Queues a task for the kCommandWords words at `args`. Returns its id or a negative code.
+    int32_t addTaskLocked(int32_t sessionId, BackupTaskType type, const std::string* args)
+        REQUIRES(mLock);
+
+    // Takes a pending task from the queue, or asks a running one to stop. Returns 0, or -1 when the
+    // task is neither.
+    int32_t abortTaskLocked(int32_t taskId) REQUIRES(mLock);
+
+    // Sets the weight (0 to 100) of archive work and hands it to the first running tar backup that
+    // it changes. Returns 0, -1 for a weight out of range, or the platform's result.
+    int32_t setWeightLocked(int32_t weight) REQUIRES(mLock);
+
+    int32_t setDelay(long delay) REQUIRES(mLock);
+
+    // The nice value of a weight: 10 for 100 (and for what is out of range), 19 for 0.
+    static int32_t getPrioritybyWeight(int32_t weight);
+
+    static bool checkTarOption(std::string option);
+    static bool checkDirOption(std::string option);
+
+    // --- Workers and the task loop: service/task_loop.cpp ---
+
+    // One pass of a worker: waits for a task, runs it and ends it. Returns false to end the thread.
+    bool loopOnce(size_t workerIndex) EXCLUDES(mLock);
+
+    // Starts workers as the queues need them. Returns how many run, 0 when none could be started.
+    int32_t startWorkerTreadLocked() REQUIRES(mLock);
+
+    // Whether the task may run: its paths are allowed and its source is there.
+    bool prepareTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+
+    // Runs the task's handler between the callbacks that frame it. Returns the handler's result.
+    int32_t processTask(sp<BackupTask>& task) EXCLUDES(mLock);
+
+    void finishTask(const sp<BackupTask>& task) EXCLUDES(mLock);
+    void finishTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+
+    bool checkExit(size_t index) const;
+    void exitForIndex(size_t index);
+    int32_t checkIsRunning() const;
+
+    // --- Copy tasks: fileops/copy_handlers.cpp. Handlers return 0 or their own negative code. ---
+
+    int32_t backupFileBase(sp<BackupTask>& task);
+    int32_t backupDirBase(sp<BackupTask>& task);
+    int32_t restoreFileBase(sp<BackupTask>& task);
+    int32_t restoreDirBase(sp<BackupTask>& task);
+    int32_t moveDirBase(sp<BackupTask>& task);
+
+    // Whether `path` (not null) lies on shared storage, where labels, owners and modes are not ours
+    // to set: fileops/path_rules.cpp.
+    bool isStoragePath(const char* path) const;
+
+  private:
+    int32_t runCommandLocked(int32_t sessionId, const std::string* args) REQUIRES(mLock);
+    bool isDuplicateLocked(BackupTaskType type, const std::string* args) const REQUIRES(mLock);
+
+    bool wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+    void stopRunningTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+
+    bool startWorkerLocked(size_t index) REQUIRES(mLock);
+    void settleWorkerLocked(size_t index) REQUIRES(mLock);
+    void endPassLocked(size_t workerIndex) REQUIRES(mLock);
+    bool isOpenSessionWaitingLocked() const REQUIRES(mLock);
+    int32_t runHandler(sp<BackupTask>& task) EXCLUDES(mLock);
+    void applyWeight(const char* taskName) EXCLUDES(mLock);
+
+    // The callback to use for one call: another thread may replace mCallback meanwhile.
+    sp<os::IBackupSessionCallback> currentCallback() const EXCLUDES(mLock);
+
+    mutable Mutex mLock;
+    Condition mCond;  // a task was queued, or workers were asked to exit
+
+    Vector<int32_t> mSessions GUARDED_BY(mLock);  // ids of the open sessions, in opening order
+    sp<os::IBackupSessionCallback> mCallback GUARDED_BY(mLock);
+    Vector<sp<BackupTask>> mPendingTasks GUARDED_BY(mLock);     // oldest first
+    Vector<sp<BackupTask>> mProcessingTasks GUARDED_BY(mLock);  // at most one per worker
+    Vector<sp<BackupWorkerThread>> mWorkers;                    // constant after construction
+    int64_t mDelay GUARDED_BY(mLock) = 0;                       // stored for the client, not read
+    int32_t mWeight GUARDED_BY(mLock) = 100;
+    std::atomic<int32_t> mNextId{100};  // of sessions and tasks alike
+
+    // Whether a worker is inside loopOnce, where it still sees what is queued. Set without mLock on
+    // the way in, cleared under mLock by the decision that ends the pass.
+    std::atomic<bool> mInPass[kWorkers] = {};
+};
+
+}  // namespace android::installd

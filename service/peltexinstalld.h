@@ -1,0 +1,29 @@
+// The three functions that the library exports. The daemon finds them by name after dlopen; all may
+// be called from any thread at any time.
+//
+// The library calls the callback from its worker threads and, with its own lock held, from inside
+// executeBackupTask: a callback must not call back into the library.
+#pragma once
+
+#include <android/os/IBackupSessionCallback.h>
+#include <stdint.h>
+
+#include <string>
+
+extern "C" {
+
+// Opens a session and makes `callback` the one that hears of the tasks of every session from now
+// on; its process's death closes all sessions. Keeps a strong reference to it. `callback` must not
+// be null. Returns the session's id, 100 or more.
+int32_t startBackupSession(const android::sp<android::os::IBackupSessionCallback>& callback);
+
+// Carries out one command line on an open session, at once or as a task that a worker takes later.
+// The line's words are separated in place: afterwards the caller's string holds NUL bytes where the
+// separating blanks were. Returns the task's id (100 or more), 0 when the command is done, or a
+// negative code when it is refused.
+int32_t executeBackupTask(int sessionId, const std::string& taskCmd);
+
+// Closes a session. Returns 0, or -1 when no such session is open.
+int32_t finishBackupSession(int sessionId);
+
+}  // extern "C"

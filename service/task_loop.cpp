@@ -1,0 +1,307 @@
+// The workers' loop: starting workers on demand, taking the oldest task, running its handler between
+// the callbacks that frame it, and ending.
+//
+// A worker, as seen under mLock:
+//
+//   not running --startWorkerLocked--> between passes <--> in a pass (waiting, or busy with a task)
+//        ^                                    |                       |
+//        '---- exit asked for: the thread framework ends the loop ----'
+//
+// Only a worker in a pass sees what is queued. One that was asked to exit and is between passes is
+// on its way out, or just about to come in: which of the two, only time tells, and very soon.
+// Nobody counts on such a worker before that is settled (settleWorkerLocked).
+// Tested by tests/service/task_loop_test.cpp and tests/service/worker_stress_test.cpp.
+#define LOG_TAG "BackupSessionManager"
+
+#include <limits.h>
+#include <log/log.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "fileops/path_rules.h"
+#include "service/backup_session_manager.h"
+
+namespace android::installd {
+
+namespace {
+
+constexpr size_t kRealPathSize = 4096;
+constexpr timespec kSettleInterval = {0, 50 * 1000};
+
+}  // namespace
+
+bool BackupSessionManager::loopOnce(size_t workerIndex) {
+    mInPass[workerIndex] = true;
+    sp<BackupTask> task;
+    {
+        MutexLock lock(mLock);
+        while (mPendingTasks.isEmpty() || mProcessingTasks.size() >= kWorkers) {
+            if (checkExit(workerIndex)) {
+                endPassLocked(workerIndex);
+                if (mPendingTasks.isEmpty()) {
+                    ALOGD("BackupSessionManager worker thread exit");
+                    return false;
+                }
+                ALOGD("BackupSessionManager loopOnce processing task..., "
+                      "mProcessingTasks.size()=%zu",
+                      mProcessingTasks.size());
+                return true;
+            }
+            mCond.wait(mLock);
+            ALOGD("BackupSessionManager loopOnce wait mPendingTasks.size()=%zu, checkExit=%d",
+                  mPendingTasks.size(), checkExit(workerIndex));
+        }
+        task = mPendingTasks[0];
+        mPendingTasks.removeAt(0);
+        if (task == nullptr) {
+            ALOGD("BackupSessionManager task is null");
+            endPassLocked(workerIndex);
+            return true;
+        }
+        if (!prepareTaskLocked(task)) {
+            if (mCallback != nullptr) {
+                mCallback->onTaskStatusChanged(task->sessionId, task->taskId, TASK_STATUS_FAILED,
+                                               "prepareTask error");
+            }
+            endPassLocked(workerIndex);
+            return true;
+        }
+        task->workerIndex = workerIndex;
+        mProcessingTasks.add(task);
+    }
+    processTask(task);
+    finishTask(task);
+    return true;
+}
+
+int32_t BackupSessionManager::startWorkerTreadLocked() {
+    for (size_t i = 0; i < mWorkers.size(); ++i) {
+        settleWorkerLocked(i);
+    }
+    int32_t running = checkIsRunning();
+    if (mWorkers.isEmpty() || running == static_cast<int32_t>(kWorkers)) {
+        return running;
+    }
+    const auto wanted = static_cast<int32_t>(mProcessingTasks.size() + mPendingTasks.size());
+    if (wanted < running) {
+        return running;
+    }
+    for (size_t i = 0; i < mWorkers.size(); ++i) {
+        if (mWorkers[i]->isRunning()) {
+            continue;
+        }
+        if (!startWorkerLocked(i)) {
+            break;
+        }
+        ++running;
+        if (running == static_cast<int32_t>(kWorkers) || running > wanted) {
+            break;
+        }
+    }
+    return running;
+}
+
+bool BackupSessionManager::startWorkerLocked(size_t index) {
+    // The character after the underscore is the index itself, not its digit: index 0 ends the name.
+    std::string name = "BackupWorkerThread_";
+    name += static_cast<char>(index);
+    const status_t result = mWorkers[index]->run(name.c_str(), PRIORITY_BACKGROUND, 0);
+    if (result != 0) {
+        ALOGE("Could not start BackupWorker thread due to error %d.", result);
+        mWorkers[index]->requestExit();
+        return false;
+    }
+    ALOGD("BackupSessionManager start BackupWorker thread %s", name.c_str());
+    return true;
+}
+
+// Waits until a worker that was asked to exit between two passes has either ended or come into its
+// next pass. It needs no lock of ours for either and has only a few steps to go, so this is short;
+// once it is in its pass it stays there, because it needs mLock to get any further.
+void BackupSessionManager::settleWorkerLocked(size_t index) {
+    while (mWorkers[index]->isRunning() && mWorkers[index]->exitPending() && !mInPass[index]) {
+        nanosleep(&kSettleInterval, nullptr);
+    }
+}
+
+// Decides, with the queue in sight, that a worker's pass is over. A worker that was asked to exit
+// (by an abort of its task, or with its task's session) leaves what open sessions have queued to the
+// other worker, which may have left before it. What is left of closed sessions waits for the next
+// command that starts workers.
+void BackupSessionManager::endPassLocked(size_t workerIndex) {
+    mInPass[workerIndex] = false;
+    if (!checkExit(workerIndex) || !isOpenSessionWaitingLocked()) {
+        return;
+    }
+    for (size_t other = 0; other < mWorkers.size(); ++other) {
+        if (other == workerIndex) {
+            continue;
+        }
+        settleWorkerLocked(other);
+        if (!mWorkers[other]->isRunning()) {
+            startWorkerLocked(other);
+        }
+    }
+}
+
+bool BackupSessionManager::isOpenSessionWaitingLocked() const {
+    for (const sp<BackupTask>& task : mPendingTasks) {
+        if (task != nullptr && indexOfSessionLocked(task->sessionId) >= 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool BackupSessionManager::prepareTaskLocked(const sp<BackupTask>& task) {
+    if (task == nullptr) {
+        ALOGE("prepareTask error, task is null");
+        return false;
+    }
+    const char* source = task->taskSrcPath.c_str();
+    const char* destination = task->taskDestPath.c_str();
+    if (!is_allow_access(source) || !is_allow_access(destination)) {
+        return false;
+    }
+    if (task->taskType != GET_BRIEFS_BY_DIR && access(source, F_OK) != 0) {
+        ALOGE("prepareTask error, %s not exists", source);
+        return false;
+    }
+    if (access(destination, F_OK) == 0) {
+        ALOGD("BackupSessionManager prepareTask %s exists", destination);
+    }
+    return true;
+}
+
+int32_t BackupSessionManager::processTask(sp<BackupTask>& task) {
+    if (task == nullptr) {
+        ALOGD("BackupSessionManager processTask error, task is null");
+        return -1;
+    }
+    ALOGD("BackupSessionManager processTask task %d", task->taskId);
+    if (sp<os::IBackupSessionCallback> callback = currentCallback(); callback != nullptr) {
+        callback->onTaskStatusChanged(task->sessionId, task->taskId, TASK_STATUS_STARTED,
+                                      "processTask start");
+        ALOGD("BackupSessionManager processTask task %d started", task->taskId);
+    }
+
+    char realSource[kRealPathSize] = {};
+    char realDestination[kRealPathSize] = {};
+    static_assert(kRealPathSize >= PATH_MAX, "realpath writes up to PATH_MAX bytes");
+    task->realSrcPath = realpath(task->taskSrcPath.c_str(), realSource);
+    task->realDestPath = realpath(task->taskDestPath.c_str(), realDestination);
+    const int32_t result = runHandler(task);
+    task->realSrcPath = nullptr;
+    task->realDestPath = nullptr;
+
+    const TaskStatus status = result == 0 ? TASK_STATUS_SUCCESS : TASK_STATUS_FAILED;
+    ALOGD("BackupSessionManager processTask task %d ,taskType is %d, taskStatus is %d",
+          task->taskId, task->taskType, status);
+    if (sp<os::IBackupSessionCallback> callback = currentCallback(); callback != nullptr) {
+        callback->onTaskStatusChanged(task->sessionId, task->taskId, status, "processTask finish");
+    }
+    return result;
+}
+
+int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
+    switch (task->taskType) {
+        case BACKUP_FILE:
+            return backupFileBase(task);
+        case BACKUP_DIR:
+            return backupDirBase(task);
+        case BACKUP_TAR:
+            applyWeight("tarTask");
+            return -1;
+        case BACKUP_SPLIT:
+            applyWeight("SplitTask");
+            return -1;
+        case RESTORE_FILE:
+            return restoreFileBase(task);
+        case RESTORE_DIR:
+            return restoreDirBase(task);
+        case MOVE_DIR:
+            return moveDirBase(task);
+        case RESTORE_TAR:
+        case RESTORE_SPLIT:
+        case BACKUP_BY_FILE:
+        case GET_BRIEFS_BY_DIR:
+        case GET_BRIEFS_BY_FILE:
+            return -1;
+    }
+    ALOGE("processTask error, task type %d is not existed", task->taskType);
+    return -1;
+}
+
+// Gives this worker the priority of the present weight for an archive task; finishTask takes it
+// back. Under mLock, so that a weight that is set meanwhile is not overwritten by an older one.
+void BackupSessionManager::applyWeight(const char* taskName) {
+    int32_t weight = 0;
+    {
+        MutexLock lock(mLock);
+        weight = mWeight;
+        const int32_t priority = getPrioritybyWeight(weight);
+        if (androidGetThreadPriority(0) != priority) {
+            androidSetThreadPriority(0, priority);
+        }
+    }
+    ALOGD("BackupSessionManager %s, weight:%d, pri:%d", taskName, weight,
+          androidGetThreadPriority(0));
+}
+
+void BackupSessionManager::finishTask(const sp<BackupTask>& task) {
+    MutexLock lock(mLock);
+    const bool isArchiveBackup = task->taskType == BACKUP_TAR || task->taskType == BACKUP_SPLIT;
+    if (isArchiveBackup && androidGetThreadPriority(0) != PRIORITY_BACKGROUND) {
+        androidSetThreadPriority(0, PRIORITY_BACKGROUND);
+    }
+    finishTaskLocked(task);
+    endPassLocked(task->workerIndex);
+}
+
+void BackupSessionManager::finishTaskLocked(const sp<BackupTask>& task) {
+    for (size_t i = 0; i < mProcessingTasks.size(); ++i) {
+        if (mProcessingTasks[i]->taskId == task->taskId) {
+            mProcessingTasks.removeAt(i);
+            return;
+        }
+    }
+}
+
+bool BackupSessionManager::checkExit(size_t index) const {
+    return index < mWorkers.size() && mWorkers[index]->exitPending();
+}
+
+void BackupSessionManager::exitForIndex(size_t index) {
+    if (index < mWorkers.size()) {
+        mWorkers[index]->requestExit();
+    }
+}
+
+int32_t BackupSessionManager::checkIsRunning() const {
+    int32_t running = 0;
+    for (const sp<BackupWorkerThread>& worker : mWorkers) {
+        if (worker->isRunning()) {
+            ++running;
+        }
+    }
+    return running;
+}
+
+sp<os::IBackupSessionCallback> BackupSessionManager::currentCallback() const {
+    MutexLock lock(mLock);
+    return mCallback;
+}
+
+bool BackupSessionManager::wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) {
+    MutexLock lock(task->taskLock);
+    if (checkIsRunning() == 0) {
+        ALOGE("wakeUpSplitWorkerThreadLocked: no thread is running");
+        return false;
+    }
+    task->isWaiting = false;
+    task->taskCond.broadcast();
+    return true;
+}
+
+}  // namespace android::installd

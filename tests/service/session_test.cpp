@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include "tests/support/service_test.h"
+
+namespace peltex_test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class SessionTest : public ServiceTest {};
+
+TEST_F(SessionTest, ClosedAndUnknownSessionsCannotBeClosed) {
+    const int32_t session = manager->startBackupSession(client);
+    EXPECT_EQ(manager->finishBackupSession(session + 1), -1);
+    EXPECT_EQ(manager->finishBackupSession(session), 0);
+    EXPECT_EQ(manager->finishBackupSession(session), -1);
+    EXPECT_EQ(messagesOf(log, ANDROID_LOG_ERROR),
+              (Lines{"invalid session id=101", "invalid session id=100"}));
+}
+
+TEST_F(SessionTest, TheLatestCallbackHearsOfEverySessionsTasks) {
+    const int32_t session = manager->startBackupSession(client);
+    const int32_t task = runBlocked(session, "one");
+    const android::sp<TestClient> second = new TestClient();
+    manager->startBackupSession(second);
+    letGo("one");
+    EXPECT_EQ(second->waitForEnd(task), 0);
+    EXPECT_EQ(client->statusesOf(task), Lines{"1 processTask start"});
+    EXPECT_EQ(second->statusesOf(task), Lines{"0 processTask finish"});
+}
+
+TEST_F(SessionTest, WithoutACallbackTasksRunUnheard) {
+    const int32_t session = manager->startBackupSession(nullptr);
+    EXPECT_GT(addCopy(session, "one"), 0);
+    EXPECT_TRUE(eventually([&] { return exists(tree / "out/one"); }));
+}
+
+// Of neighbours in the queue every second one survives: the walk steps over what moves up.
+TEST_F(SessionTest, FinishDropsEverySecondOfNeighbouringPendingTasks) {
+    const int32_t keeper = manager->startBackupSession(client);
+    const int32_t session = manager->startBackupSession(client);
+    runBlocked(keeper, "one");
+    runBlocked(keeper, "two");
+    const int32_t tasks[] = {addCopy(session, "a"), addCopy(session, "b"), addCopy(session, "c"),
+                             addCopy(keeper, "d"), addCopy(session, "e")};
+    EXPECT_EQ(manager->finishBackupSession(session), 0);
+    letGo("one");
+    letGo("two");
+    for (const int32_t survivor : {tasks[1], tasks[3]}) {
+        EXPECT_EQ(client->waitForEnd(survivor), 0);
+    }
+    EXPECT_EQ(manager->finishBackupSession(keeper), 0);
+    EXPECT_TRUE(workersEnd());
+    for (const int32_t dropped : {tasks[0], tasks[2], tasks[4]}) {
+        EXPECT_TRUE(client->statusesOf(dropped).empty()) << dropped;
+    }
+}
+
+TEST_F(SessionTest, FinishStopsTheSessionsRunningTaskAndItsWorker) {
+    const int32_t keeper = manager->startBackupSession(client);
+    const int32_t session = manager->startBackupSession(client);
+    const int32_t task = runBlocked(session, "one");
+    EXPECT_EQ(manager->finishBackupSession(session), 0);
+    EXPECT_EQ(client->statusesOf(task), Lines{"1 processTask start"}) << "an end is not an abort";
+    letGo("one");
+    EXPECT_TRUE(workersEnd());
+    EXPECT_EQ(client->waitForEnd(addCopy(keeper, "two")), 0) << "workers start again";
+}
+
+TEST_F(SessionTest, FinishOfTheLastSessionEndsIdleWorkersAndANewTaskStartsThem) {
+    const int32_t session = manager->startBackupSession(client);
+    EXPECT_EQ(client->waitForEnd(addCopy(session, "one")), 0);
+    EXPECT_EQ(manager->checkIsRunning(), 1);
+    EXPECT_EQ(manager->finishBackupSession(session), 0);
+    EXPECT_TRUE(workersEnd());
+    EXPECT_EQ(client->waitForEnd(addCopy(manager->startBackupSession(client), "two")), 0);
+}
+
+TEST_F(SessionTest, DeathOfTheClientClosesAllSessionsAndLeavesTasksAlone) {
+    const int32_t sessions[] = {manager->startBackupSession(client),
+                                manager->startBackupSession(client)};
+    const int32_t running[] = {runBlocked(sessions[0], "one"), runBlocked(sessions[0], "two")};
+    const int32_t queued = addCopy(sessions[1], "three");
+    client->binder()->notifyDeath();
+    EXPECT_EQ(execute(sessions[0], "delay 1"), -1);
+    EXPECT_EQ(execute(sessions[1], "delay 1"), -1);
+    letGo("one");
+    letGo("two");
+    EXPECT_EQ(client->waitForEnd(running[0]), 0);
+    EXPECT_EQ(client->waitForEnd(running[1]), 0);
+    EXPECT_TRUE(workersEnd());
+    EXPECT_TRUE(client->statusesOf(queued).empty()) << "nobody is left to ask for it";
+
+    const android::sp<TestClient> next = new TestClient();
+    const int32_t session = manager->startBackupSession(next);
+    EXPECT_EQ(next->waitForEnd(addCopy(session, "four")), 0);
+    EXPECT_EQ(next->waitForEnd(queued), 0) << "the next command's workers find it";
+}
+
+TEST_F(SessionTest, DeathOfAReplacedCallbackIsNoDeath) {
+    const int32_t session = manager->startBackupSession(client);
+    const android::sp<TestClient> second = new TestClient();
+    manager->startBackupSession(second);
+    client->binder()->notifyDeath();
+    EXPECT_EQ(execute(session, "delay 1"), 0);
+    second->binder()->notifyDeath();
+    EXPECT_EQ(execute(session, "delay 1"), -1);
+}
+
+}  // namespace
+}  // namespace peltex_test
