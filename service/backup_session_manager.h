@@ -63,6 +63,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     // | -2            | nothing to keep alive                                                  |
     // | -3            | unknown command or kind, wrong number of words, no uid                 |
     // | -4            | an equal task is queued or running                                     |
+    // | -5            | a paused split backup could not be continued                           |
     int32_t executeBackupTask(int32_t sessionId, const std::string& taskCmd) EXCLUDES(mLock);
 
     // Queues a task for the kCommandWords words at `args`. Returns its id or a negative code.
@@ -114,6 +115,24 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     int32_t restoreDirBase(sp<BackupTask>& task);
     int32_t moveDirBase(sp<BackupTask>& task);
 
+    // --- Archive tasks: fileops/tar_handlers.cpp ---
+
+    int32_t backupTarBase(sp<BackupTask>& task);
+    int32_t backupSplitBase(sp<BackupTask>& task);
+    int32_t restoreTarBase(sp<BackupTask>& task);
+
+    // --- Slices of split backups: service/split_hand_off.cpp ---
+
+    // Continues the running split backup with these paths. Returns its id, 0 when there is none,
+    // -5 when it could not be woken.
+    int32_t addSplitTaskLocked(const std::string* args) REQUIRES(mLock);
+
+    // The same with -6 for none; sets `workerIndex` to the worker that runs the task.
+    int32_t continueSplitTaskLocked(const std::string* args, size_t& workerIndex) REQUIRES(mLock);
+
+    // Ends the task's pause. Returns false when no worker runs at all.
+    bool wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+
     // Whether `path` (not null) lies on shared storage, where labels, owners and modes are not ours
     // to set: fileops/path_rules.cpp.
     bool isStoragePath(const char* path) const;
@@ -122,7 +141,6 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     int32_t runCommandLocked(int32_t sessionId, const std::string* args) REQUIRES(mLock);
     bool isDuplicateLocked(BackupTaskType type, const std::string* args) const REQUIRES(mLock);
 
-    bool wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) REQUIRES(mLock);
     void stopRunningTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
 
     bool startWorkerLocked(size_t index) REQUIRES(mLock);

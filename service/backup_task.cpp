@@ -46,9 +46,15 @@ bool BackupTask::addProgress(uint64_t bytes) {
         0) {
         return false;
     }
-    callback->onTaskStatusChanged(sessionId, taskId, TASK_STATUS_PROGRESS, text);
+    notify(TASK_STATUS_PROGRESS, text);
     lastReportedLen = task_copy_len;
     return true;
+}
+
+void BackupTask::notify(TaskStatus status, const std::string& message) const {
+    if (callback != nullptr) {
+        callback->onTaskStatusChanged(sessionId, taskId, status, message);
+    }
 }
 
 }  // namespace android::installd

@@ -67,6 +67,9 @@ class BackupTask : public virtual RefBase {
     // nothing was told then and the next call tries again. For the task's own worker only.
     bool addProgress(uint64_t bytes);
 
+    // Tells the callback that the task got with its command; nobody when it got none.
+    void notify(TaskStatus status, const std::string& message) const;
+
     // Constant while the task is queued or running, but for `workerIndex`, which the manager sets
     // under its own lock when a worker takes the task.
     const int32_t sessionId;

@@ -149,6 +149,11 @@ int32_t BackupSessionManager::addTaskLocked(int32_t sessionId, BackupTaskType ty
     if (args == nullptr) {
         return -3;
     }
+    if (type == BACKUP_SPLIT) {
+        if (const int32_t running = addSplitTaskLocked(args); running != 0) {
+            return running;
+        }
+    }
     if (isDuplicateLocked(type, args)) {
         ALOGE("failed to add task, task is existed!");
         return -4;

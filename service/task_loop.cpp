@@ -212,10 +212,10 @@ int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
             return backupDirBase(task);
         case BACKUP_TAR:
             applyWeight("tarTask");
-            return -1;
+            return backupTarBase(task);
         case BACKUP_SPLIT:
             applyWeight("SplitTask");
-            return -1;
+            return backupSplitBase(task);
         case RESTORE_FILE:
             return restoreFileBase(task);
         case RESTORE_DIR:
@@ -224,6 +224,7 @@ int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
             return moveDirBase(task);
         case RESTORE_TAR:
         case RESTORE_SPLIT:
+            return restoreTarBase(task);
         case BACKUP_BY_FILE:
         case GET_BRIEFS_BY_DIR:
         case GET_BRIEFS_BY_FILE:
@@ -291,17 +292,6 @@ int32_t BackupSessionManager::checkIsRunning() const {
 sp<os::IBackupSessionCallback> BackupSessionManager::currentCallback() const {
     MutexLock lock(mLock);
     return mCallback;
-}
-
-bool BackupSessionManager::wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) {
-    MutexLock lock(task->taskLock);
-    if (checkIsRunning() == 0) {
-        ALOGE("wakeUpSplitWorkerThreadLocked: no thread is running");
-        return false;
-    }
-    task->isWaiting = false;
-    task->taskCond.broadcast();
-    return true;
 }
 
 }  // namespace android::installd

@@ -1,0 +1,402 @@
+// The walk over a tree, its entries and their content, into one archive.
+// Tested by tests/tar/tar_file_test.cpp and, against other programs, tests/tar/test_peers.py.
+#include "tar/tar_file.h"
+
+#include <fcntl.h>
+#include <log/log.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "bounded/bounded.h"
+#include "fileops/error_text.h"
+#include "fileops/file_handles.h"
+
+namespace android::installd {
+
+namespace {
+
+constexpr long kLargestFile = 0xFFFFFFFFF;  // what twelve octal digits hold
+constexpr mode_t kModeBits = 0xFFF;
+constexpr char kZeroBlocks[kEndBlocksSize] = {};
+// Patches that an application downloads for itself; they belong to the installed version.
+constexpr char kTinkerDir[] = "/com.tencent.mm/tinker";
+constexpr char kDexSuffix[] = ".dex";
+
+// What DoPack finds.
+constexpr int kPackFailed = -1;
+constexpr int kPackedOrLeftOut = 0;
+constexpr int kPackedLink = 1;
+constexpr int kPackedDirectory = 2;
+
+bool endsWith(const char* text, const char* suffix) {
+    const size_t length = strlen(text);
+    const size_t suffixLength = strlen(suffix);
+    return length >= suffixLength && strcmp(text + length - suffixLength, suffix) == 0;
+}
+
+bool isDotName(const char* name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+}  // namespace
+
+TarFile::TarFile(TarCallBack* callBack) : m_callBack(callBack) {
+    memset_s(m_rootPath, sizeof(m_rootPath), 0, sizeof(m_rootPath));
+    memset_s(&m_tarStat, sizeof(m_tarStat), 0, sizeof(m_tarStat));
+}
+
+TarFile::TarFile(TarCallBack* callBack, unsigned long workerIndex) : TarFile(callBack) {
+    m_isSplit = true;
+    m_workerIndex = workerIndex;
+}
+
+TarFile::~TarFile() {
+    free(m_ioBuf);
+}
+
+void TarFile::closeTar() {
+    if (m_tarFp != nullptr) {
+        fclose(m_tarFp);
+        m_tarFp = nullptr;
+    }
+}
+
+bool TarFile::CheckDir(const char* dir) {
+    if (dir == nullptr || dir[0] == '\0') {
+        ALOGE("TarFile::PackDir, invalid input dir name");
+        return false;
+    }
+    if (strlen(dir) > sizeof(m_rootPath) - 1) {
+        ALOGE("TarFile::PackDir, input dir name too long: %s", dir);
+        return false;
+    }
+    strncpy_s(m_rootPath, sizeof(m_rootPath), dir, sizeof(m_rootPath) - 1);
+    if (endsWith(m_rootPath, "/")) {
+        m_rootPath[strlen(m_rootPath) - 1] = '\0';
+        ALOGE("TarFile::PackDir, clear end slash of path: %s", m_rootPath);
+    }
+    struct stat status = {};
+    if (stat(m_rootPath, &status) != 0) {
+        ALOGE("TarFile::PackDir, failed to get stat of src dir: %s, error: %s", m_rootPath,
+              ErrorText().c_str());
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        ALOGE("TarFile::PackDir, src dir is not directory: %s", m_rootPath);
+        return false;
+    }
+    return true;
+}
+
+bool TarFile::PackDir(const char* srcDir, const char* tarPath) {
+    if (tarPath == nullptr) {
+        ALOGE("TarFile::PackDir, target filename is null");
+        return false;
+    }
+    if (!CheckDir(srcDir)) {
+        ALOGE("TarFile::PackDir, failed check dir: %s", srcDir);
+        m_rootPath[0] = '\0';
+        return false;
+    }
+    ALOGD("TarFile::PackDir, [%s], begin...", m_rootPath);
+    m_tarFp = fopen(tarPath, "wb+e");
+    if (m_tarFp == nullptr) {
+        ALOGE("TarFile::PackDir, failed to open tar file: %s, error: %s", tarPath,
+              ErrorText().c_str());
+        m_rootPath[0] = '\0';
+        return false;
+    }
+    if (stat(tarPath, &m_tarStat) != 0) {
+        const ErrorText error;
+        closeTar();
+        ALOGE("TarFile::PackDir, failed to get stat of tar file: %s, error: %s", tarPath,
+              error.c_str());
+        m_rootPath[0] = '\0';
+        return false;
+    }
+    char path[kTarPathSize] = {};
+    strncpy_s(path, sizeof(path), m_rootPath, sizeof(path) - 1);
+    const bool isWalked = TraversalPackDir(path);
+    bool result = isWalked;
+    if (isWalked) {
+        constexpr int kSize = sizeof(kZeroBlocks);
+        if (WriteAll(kZeroBlocks, kSize) != kSize) {
+            ALOGE("TarFile::PackDir, failed to write endup block");
+            result = false;
+        }
+        fflush(m_tarFp);
+    }
+    closeTar();
+    if (!isWalked && remove(tarPath) != 0) {
+        ALOGE("TarFile::PackDir, failed to remove file: %s, error: %s", tarPath,
+              ErrorText().c_str());
+    }
+    ALOGD("TarFile::PackDir, [%s], finished, result: %d", m_rootPath, result);
+    m_rootPath[0] = '\0';
+    return result;
+}
+
+// Packs everything under `path`, a buffer of kTarPathSize that is extended by each entry's name and
+// cut back again, in the order of the file system.
+bool TarFile::TraversalPackDir(char* path) {
+    const UniqueDir dir(opendir(path));
+    if (dir == nullptr) {
+        ALOGE("TarFile::PackDir, failed to open dir: %s, err: %s", path, ErrorText().c_str());
+        return false;
+    }
+    const size_t length = strlen(path);
+    while (const dirent* entry = nextEntry(dir)) {
+        const char* name = entry->d_name;
+        if (isDotName(name)) {
+            continue;
+        }
+        if (length + strlen(name) + 1 >= kTarPathSize) {
+            ALOGE("TarFile::PackDir, file name too long, path: %s, file: %s", path, name);
+            return false;
+        }
+        if (sprintf_s(path + length, kTarPathSize - length, "/%s", name) < 0) {
+            ALOGE("TarFile::PackDir, get name error, path: %s, file: %s", path, name);
+            return false;
+        }
+        if (!packEntry(path)) {
+            ALOGE("TarFile::PackDir, failed when pack: %s, result: %d", path, kPackFailed);
+            return false;
+        }
+        if (isAborted()) {
+            ALOGI("TarFile::PackDir, pack task aborted");
+            return true;
+        }
+        path[length] = '\0';
+    }
+    return true;
+}
+
+bool TarFile::packEntry(char* path) {
+    const int found = DoPack(path);
+    return found == kPackedDirectory ? TraversalPackDir(path) : found != kPackFailed;
+}
+
+int TarFile::DoPack(const char* path) {
+    struct stat status = {};
+    if (lstat(path, &status) != 0) {
+        ALOGE("TarFile::PackDir, failed to get stat of file: %s, error: %s", path,
+              ErrorText().c_str());
+        return kPackFailed;
+    }
+    if (Filter(path, &status)) {
+        ALOGI("TarFile::PackDir, filter file: %s", path);
+        return kPackedOrLeftOut;
+    }
+    if (!AddFile(path, &status, false)) {
+        return kPackFailed;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return kPackedDirectory;
+    }
+    return S_ISLNK(status.st_mode) ? kPackedLink : kPackedOrLeftOut;
+}
+
+bool TarFile::Filter(const char* path, const struct stat* st) {
+    if (!S_ISDIR(st->st_mode) && st->st_nlink >= 2) {
+        ALOGI("TarFile::PackDir, ignore hard link file");
+        return true;
+    }
+    if (st->st_dev == m_tarStat.st_dev && st->st_ino == m_tarStat.st_ino) {
+        ALOGI("TarFile::PackDir, ignore current tar file");
+        return true;
+    }
+    if (S_ISDIR(st->st_mode) && endsWith(path, kTinkerDir)) {
+        ALOGI("TarFile::PackDir, ignore tinker dir [%s]", path);
+        return true;
+    }
+    if (S_ISREG(st->st_mode) && strlen(path) > strlen(kDexSuffix) && endsWith(path, kDexSuffix)) {
+        ALOGI("TarFile::PackDir, ignore dex file");
+        return true;
+    }
+    return false;
+}
+
+bool TarFile::AddFile(const char* path, const struct stat* st, bool isContinuation) {
+    m_curFile = path;
+    tar_header hdr = {};
+    I2Ocs(hdr.mode, sizeof(hdr.mode), st->st_mode & kModeBits);
+    I2Ocs(hdr.uid, sizeof(hdr.uid), st->st_uid);
+    I2Ocs(hdr.gid, sizeof(hdr.gid), st->st_gid);
+    I2Ocs(hdr.size, sizeof(hdr.size), 0);
+    I2Ocs(hdr.mtime, sizeof(hdr.mtime), st->st_mtime);
+    if (S_ISDIR(st->st_mode)) {
+        hdr.typeflag = TYPE_DIRECTORY;
+    } else if (S_ISLNK(st->st_mode)) {
+        hdr.typeflag = TYPE_SYMLINK;
+        if (!FillLinkName(hdr.linkname, sizeof(hdr.linkname), path,
+                          static_cast<int>(st->st_size) + 1)) {
+            ALOGE("TarFile::PackDir, failed to fill long name");
+            return false;
+        }
+    } else if (S_ISREG(st->st_mode)) {
+        hdr.typeflag = TYPE_REGULAR;
+        long size = st->st_size;
+        FlushTarSizeAndFlag(isContinuation, st->st_size, size, hdr.typeflag);
+        if (st->st_size > kLargestFile) {
+            ALOGE("TarFile::PackDir, can't store file '%s' of size: %lld", path,
+                  static_cast<long long>(st->st_size));
+            return false;
+        }
+        I2Ocs(hdr.size, sizeof(hdr.size), size);
+    } else {
+        ALOGI("TarFile::PackDir, skip not supported file: %s, mode: %o", path,
+              st->st_mode & S_IFMT);
+        return true;
+    }
+    if (!FillEntryName(hdr, path, S_ISDIR(st->st_mode))) {
+        return false;
+    }
+    fillMagic(hdr);
+    FillOwnerName(hdr, st);
+    FillSum(hdr);
+    return writeHeader(path, hdr, st);
+}
+
+// Writes the header and, for a file that begins here, its content. What has no content may end a
+// slice; the header of a file never does, since its content would be cut off from it.
+bool TarFile::writeHeader(const char* path, const tar_header& hdr, const struct stat* st) {
+    const auto* bytes = reinterpret_cast<const char*>(&hdr);
+    constexpr int kSize = sizeof(hdr);
+    if (hdr.typeflag != TYPE_REGULAR && hdr.typeflag != TYPE_FIRST_PART) {
+        bool sliceEnded = false;
+        if (SplitWriteAll(bytes, kSize, sliceEnded) != kSize) {
+            ALOGE("TarFile::PackDir, failed to write head of dir(slink): %s", path);
+            return false;
+        }
+        return true;
+    }
+    if (WriteAll(bytes, kSize) != kSize) {
+        ALOGE("TarFile::PackDir, failed to write head of file: %s", path);
+        return false;
+    }
+    if (!WriteFileContent(path, st->st_size)) {
+        ALOGE("TarFile::PackDir, failed to write content of file: %s, size: %lld", path,
+              static_cast<long long>(st->st_size));
+        return false;
+    }
+    m_curFile.clear();
+    return true;
+}
+
+// Returns `len`, or less after a failed write.
+int TarFile::WriteAll(const char* buf, int len) {
+    if (len < 1) {
+        return 0;
+    }
+    int written = 0;
+    while (written < len) {
+        const auto count = static_cast<int>(
+            fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
+        if (count < 1) {
+            ALOGE("TarFile::PackDir, failed to write data, size: %d, real: %d, error: %s", len,
+                  count, ErrorText().c_str());
+            return count;
+        }
+        written += count;
+        m_tarFileSize += count;
+    }
+    return written;
+}
+
+bool TarFile::WriteFileContent(const char* path, long size) {
+    if (m_ioBuf == nullptr) {
+        m_ioBuf = static_cast<char*>(malloc(kContentChunk));
+    }
+    if (m_ioBuf == nullptr) {
+        ALOGE("TarFile::PackDir, failed to alloc io buffer, size: %d",
+              static_cast<int>(kContentChunk));
+        return false;
+    }
+    const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.isOpen()) {
+        ALOGE("TarFile::PackDir, failed to open src file: %s", path);
+        return false;
+    }
+    m_fileRemainSize = size;
+    m_cursorFileSize = 0;
+    bool sliceEnded = false;
+    const bool isComplete = writeChunks(path, fd.get(), size, sliceEnded);
+    m_fileRemainSize = 0;
+    m_cursorFileSize = 0;
+    if (!isComplete) {
+        return false;
+    }
+    // Narrowed on purpose: the padding of archives has always been counted in 32 bits, and who reads
+    // them relies on it.
+    return sliceEnded || CompleteBlock(static_cast<int32_t>(size));
+}
+
+// A file that grew meanwhile is cut to `size`, one that shrank fails. Returns whether all was
+// written and no abort came in between.
+bool TarFile::writeChunks(const char* path, int fd, long size, bool& sliceEnded) {
+    for (long remaining = size; remaining > 0;) {
+        const auto chunk = static_cast<int>(std::min(remaining, static_cast<long>(kContentChunk)));
+        if (ReadAll(fd, m_ioBuf, chunk) != chunk) {
+            ALOGE("TarFile::PackDir, failed to read src file: %s", path);
+            return false;
+        }
+        m_cursorFileSize += chunk;
+        m_fileRemainSize -= chunk;
+        if (SplitWriteAll(m_ioBuf, chunk, sliceEnded) != chunk) {
+            ALOGE("TarFile::PackDir, failed to write data of file: %s", path);
+            return false;
+        }
+        if (isAborted()) {
+            ALOGI("TarFile::PackDir, pack task aborted in file");
+            ClearDirtyData();
+            return false;
+        }
+        if (m_callBack != nullptr) {
+            m_callBack->OnTaskProgress(static_cast<unsigned long>(chunk));
+        }
+        remaining -= chunk;
+    }
+    return true;
+}
+
+bool TarFile::ReadLink(const char* path, char* buf, int len) {
+    const auto length = static_cast<int>(readlink(path, buf, static_cast<size_t>(len)));
+    if (length >= len) {
+        ALOGE("TarFile::PackDir, symlink size increased, name: %s, [%d, %d]", path, len, length);
+        return false;
+    }
+    if (length == -1) {
+        ALOGE("TarFile::PackDir, failed to readlink: %s, error: %s", path, ErrorText().c_str());
+        return false;
+    }
+    buf[length] = '\0';
+    return true;
+}
+
+// Returns `len`, less at the end of the file, or -1 when a read fails.
+int TarFile::ReadAll(int fd, char* buf, int len) {
+    if (len < 1) {
+        return 0;
+    }
+    int done = 0;
+    while (done < len) {
+        const auto count =
+            static_cast<int>(read(fd, buf + done, static_cast<size_t>(len - done)));
+        if (count == 0) {
+            ALOGE("TarFile::PackDir, failed to read data, size: %d, real: %d", len, done);
+            return done;
+        }
+        if (count < 0) {
+            ALOGE("TarFile::PackDir, failed to read data, size: %d, err: %s", len,
+                  ErrorText().c_str());
+            return -1;
+        }
+        done += count;
+    }
+    return done;
+}
+
+}  // namespace android::installd
