@@ -150,7 +150,7 @@ std::string GetAppNameByFullPath(const char* path) {
         return "";
     }
     const char* slash = strrchr(path, '/');
-    const std::string name = slash == nullptr ? "" : slash + 1;
+    std::string name = slash == nullptr ? "" : slash + 1;
     ALOGD("GetAppNameByFullPath,appName:%s", name.c_str());
     return name;
 }

@@ -27,7 +27,7 @@ namespace android::installd {
 namespace {
 
 constexpr size_t kRealPathSize = 4096;
-constexpr timespec kSettleInterval = {0, 50 * 1000};
+constexpr timespec kSettleInterval = {0, 50000};
 
 }  // namespace
 

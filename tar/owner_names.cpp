@@ -12,7 +12,7 @@ namespace {
 
 // Large enough for a group with tens of thousands of members.
 constexpr size_t kFirstRecordSize = 1024;
-constexpr size_t kLargestRecordSize = 1024 * 1024;
+constexpr size_t kLargestRecordSize = 1048576;
 
 // Calls `get` (getpwuid_r or getgrgid_r) with a buffer as large as the record needs. Returns whether
 // there is a record, which then points into `buffer`.

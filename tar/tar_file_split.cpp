@@ -12,6 +12,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "bounded/bounded.h"
 #include "fileops/error_text.h"
 #include "fileops/permissions.h"
@@ -53,7 +55,7 @@ bool TarFile::PackSplitDir(std::string srcDir, std::string tarPath, std::string*
         m_rootPath[0] = '\0';
         return false;
     }
-    m_basePath = tarPath;
+    m_basePath = std::move(tarPath);
     if (!PackSplitPre(args, uid)) {
         ALOGE("TarFile::PackSplitDir pre process error!");
         return false;

@@ -111,7 +111,7 @@ class Output {
 void PutNumber(char* field, size_t width, uint64_t value) {
     const std::string digits = fmt::format("{:0{}o}", value, width - 1);
     if (digits.size() <= width) {
-        std::memcpy(field, digits.data(), digits.size());
+        digits.copy(field, digits.size());
         return;
     }
     for (size_t i = width; i-- > 1; value >>= 8) {
@@ -121,7 +121,7 @@ void PutNumber(char* field, size_t width, uint64_t value) {
 }
 
 void PutText(char* field, size_t width, const std::string& text) {
-    std::memcpy(field, text.data(), std::min(text.size(), width - 1));
+    text.copy(field, width - 1);
 }
 
 void PutChecksum(tar_header* header) {

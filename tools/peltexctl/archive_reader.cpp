@@ -155,6 +155,11 @@ const char* DescribeEnd(ArchiveEnd end) {
     return "";
 }
 
+bool IsHeaderAt(const ArchiveFile& file, uint64_t offset) {
+    TarBlock block;
+    return file.ReadAt(offset, &block.header, kBlockSize) && IsHeader(block);
+}
+
 bool ArchiveReader::Next(ArchiveEntry* entry) {
     using namespace android::installd;
     *entry = ArchiveEntry();

@@ -75,6 +75,9 @@ enum class ArchiveEnd {
 // The end in words. REQUIRES: it has come.
 const char* DescribeEnd(ArchiveEnd end);
 
+// Whether the block at `offset` is a header.
+bool IsHeaderAt(const ArchiveFile& file, uint64_t offset);
+
 class ArchiveReader {
   public:
     // `file` must outlive the reader.

@@ -37,10 +37,13 @@ bool IsArchive(const std::string& content) {
     if (content.empty() || content[0] == '\0') {
         return true;
     }
+    constexpr size_t kMagic = offsetof(tar_header, magic);
+    if (content.size() > kMagic && content.compare(kMagic, 5, "ustar") == 0) {
+        return true;
+    }
     const std::string_view line = std::string_view(content).substr(0, content.find('\n'));
     const size_t bar = line.rfind('|');
-    return content.compare(offsetof(tar_header, magic), 5, "ustar") == 0 ||
-           bar == std::string_view::npos || !IsDigits(line.substr(bar + 1, 1));
+    return bar == std::string_view::npos || !IsDigits(line.substr(bar + 1, 1));
 }
 
 bool NamesSlice(const std::string& path) {

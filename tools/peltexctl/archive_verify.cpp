@@ -46,9 +46,19 @@ bool IsFull(const char* field, size_t size) {
     return std::memchr(field, '\0', size) == nullptr;
 }
 
-// The packer takes the last block's rest from the size as a signed number of 32 bits.
-bool LacksPadding(uint64_t size) {
-    return static_cast<uint32_t>(size) > INT32_MAX && size % kBlockSize != 0;
+// The packer takes the rest of a file's last block from the size as a signed number of 32 bits, so
+// that nothing fills the block behind some large files.
+bool LacksPadding(const ArchiveFile& file, const ArchiveEntry& entry) {
+    const uint64_t end = entry.data_offset + entry.size;
+    if (!entry.IsFile() || entry.size % kBlockSize == 0 ||
+        !(entry.Continues() || entry.size > INT32_MAX)) {
+        return false;
+    }
+    char magic[5] = {};
+    const bool header_follows =
+        file.ReadAt(end + offsetof(tar_header, magic), magic, sizeof(magic)) &&
+        std::memcmp(magic, "ustar", sizeof(magic)) == 0;
+    return header_follows || file.size() - end == kEndBlocksSize;
 }
 
 class SetVerifier {
@@ -77,7 +87,7 @@ class SetVerifier {
         std::string slice;
         std::string name;
         char type;
-        bool zero_end;
+        bool odd_end;  // see HasOddEnd()
     };
 
     void Tell(Severity severity, const std::string& entry, const std::string& message) {
@@ -135,6 +145,9 @@ class SetVerifier {
         CheckType(entry);
         CheckName(entry);
         CheckPart(file, entry);
+        if (LacksPadding(file, entry)) {
+            Fault(entry.name, "nothing fills its last block, so what lies behind cannot be read");
+        }
     }
 
     void CheckType(const ArchiveEntry& entry) {
@@ -200,7 +213,7 @@ class SetVerifier {
         }
         open_part_.reset();
         if (entry.FillsSlice()) {
-            open_part_ = {slice_->name, entry.name, entry.type, EndsInZero(file, entry)};
+            open_part_ = {slice_->name, entry.name, entry.type, HasOddEnd(file, entry)};
         }
     }
 
@@ -216,8 +229,8 @@ class SetVerifier {
         }
     }
 
-    // A first part that nothing follows may be a file that ended just where its slice did. Zeros at
-    // its end may be the file's own, or fill what its header promised too much.
+    // A first part that nothing follows may be a file that ended just where its slice did, or one
+    // whose header promises too much, so that what lies behind its content passes for it.
     void CloseOpenPart(bool at_set_end) {
         if (!open_part_) {
             return;
@@ -226,19 +239,26 @@ class SetVerifier {
         open_part_.reset();
         if (part.type == TYPE_MIDDLE_PART) {
             sink_({Severity::kFault, part.slice, part.name, "its next part is not there"});
-        } else if (part.zero_end) {
+        } else if (part.odd_end) {
             sink_({Severity::kSuspicion, part.slice, part.name,
-                   "ends in zeros just where its slice does: they may not be the file's own"});
+                   "ends just where its slice does, in bytes that may not be its own"});
         } else if (at_set_end) {
             sink_({Severity::kWarning, part.slice, part.name,
                    "ends just where the last slice does: a further slice may be missing"});
         }
     }
 
-    static bool EndsInZero(const ArchiveFile& file, const ArchiveEntry& entry) {
+    // Whether the end of a part may be something else's: zeros that fill its last block, or entries
+    // behind it. No path sets aside so much that more of them could be taken for the part's own.
+    static bool HasOddEnd(const ArchiveFile& file, const ArchiveEntry& entry) {
+        constexpr uint64_t kMaxTaken = 4 * kBlockSize;
+        const uint64_t end = entry.data_offset + entry.size;
         char last = 'x';
-        return entry.size > 0 && file.ReadAt(entry.data_offset + entry.size - 1, &last, 1) &&
-               last == '\0';
+        bool odd = file.ReadAt(end - 1, &last, 1) && last == '\0';
+        for (uint64_t i = kBlockSize; i <= std::min(entry.size, kMaxTaken); i += kBlockSize) {
+            odd = odd || IsHeaderAt(file, end - i);
+        }
+        return odd;
     }
 
     void CheckEnd(const ArchiveFile& file, const ArchiveReader& reader, const ArchiveEntry& entry) {
@@ -254,10 +274,8 @@ class SetVerifier {
             case ArchiveEnd::kRefusedName:
                 return Fault(entry.name, DescribeEnd(reader.end()));
             default:
-                Fault("",
-                      fmt::format("{}, at {}{}{}", DescribeEnd(reader.end()), reader.end_offset(),
-                                  Behind(entry),
-                                  LacksPadding(entry.size) ? ", whose content is not padded" : ""));
+                Fault("", fmt::format("{}, at {}{}", DescribeEnd(reader.end()), reader.end_offset(),
+                                      Behind(entry)));
         }
     }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "archive_commands.h"
 #include "data_mount.h"
 #include "events.h"
 #include "exit_code.h"
@@ -29,6 +30,7 @@ struct Options {
     std::string log = "error";
     bool json = false;
     TaskRequest task;
+    ArchiveRequest archive;
 };
 
 struct LogLevel {
@@ -87,6 +89,16 @@ int RunTaskCommand(const Options& options) {
     return library ? RunTask(*library, *kind, options.task, options.json) : kNoLibraryOrData;
 }
 
+// An archive is looked at without the library; --data only says where its path leads.
+template <int (*kRun)(const ArchiveRequest& request, bool json)>
+int RunArchiveCommand(const Options& options) {
+    std::string error;
+    if (options.data && !MountData(*options.data, &error)) {
+        return Fail(kNoLibraryOrData, error);
+    }
+    return kRun(options.archive, options.json);
+}
+
 void DeclareShell(CLI::App* command, Options* /*options*/) {
     command->footer(ShellHelp());
 }
@@ -108,6 +120,26 @@ void DeclareTask(CLI::App* command, Options* options) {
     command->add_option("--uid", task.uid, "Owner of what is written")->capture_default_str();
     command->add_option("--seinfo", task.se_info, "SELinux information for its labels")
         ->capture_default_str();
+    if (command->get_name() == "backup") {
+        command->add_option("--slice-size", task.slice_size, "Of a split backup, in MiB")
+            ->capture_default_str();
+        command->add_option("--take", task.take,
+                            "Move the slices of a split backup there as they are handed over");
+        command->add_flag("--no-verify", task.no_verify,
+                          "Do not verify the archive that was written");
+    }
+}
+
+void DeclareArchive(CLI::App* command, Options* options) {
+    command->add_option("FILE", options->archive.file, "An archive, one slice, or a check file")
+        ->required();
+}
+
+void DeclareExport(CLI::App* command, Options* options) {
+    command->add_option("CHECKFILE", options->archive.file, "The check file of a set of slices")
+        ->required();
+    command->add_option("OUT", options->archive.out, "The new archive, - for standard output")
+        ->required();
 }
 
 struct Subcommand {
@@ -122,6 +154,12 @@ constexpr Subcommand kSubcommands[] = {
     {"backup", "Back up a file or a directory", DeclareTask, RunTaskCommand},
     {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand},
     {"move", "Move a directory's content", DeclareTask, RunTaskCommand},
+    {"list", "List the entries of an archive or a set of slices", DeclareArchive,
+     RunArchiveCommand<RunList>},
+    {"verify", "Tell whether an archive or a set of slices would come back whole", DeclareArchive,
+     RunArchiveCommand<RunVerify>},
+    {"export", "Join a set of slices into one archive for any tar program", DeclareExport,
+     RunArchiveCommand<RunExport>},
 };
 
 void DeclareOptions(CLI::App* app, Options* options) {

@@ -2,23 +2,24 @@
 #include "task_command.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 
+#include "archive_commands.h"
 #include "events.h"
 #include "exit_code.h"
 #include "progress_view.h"
 #include "session_client.h"
+#include "slice_hand_over.h"
 #include "text.h"
 
 namespace peltexctl {
@@ -27,26 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::milliseconds kTick{100};
-
-std::string Source(const std::string& source, const std::string& /*destination*/) {
-    return source;
-}
-
-// A directory's backup lies under the directory's own name, which a restore takes from where it
-// restores to.
-std::string NamedInSource(const std::string& source, const std::string& destination) {
-    const size_t slash = destination.rfind('/');
-    return slash == std::string::npos ? source : source + destination.substr(slash);
-}
-
-constexpr TaskKind kKinds[] = {
-    {"backup", "file", "backup file", "one file into the directory DEST", Source},
-    {"backup", "dir", "backup dir", "a directory into DEST, with its permission record", Source},
-    {"restore", "file", "restore file", "one file to DEST", Source},
-    {"restore", "dir", "restore dir", "DEST from its backup in SRC", NamedInSource},
-    {"move", "", "move dir", "a directory's content into DEST", Source},
-};
+constexpr std::chrono::milliseconds kTick{20};
 
 // What the library means by an answer that is no task's id.
 const char* DescribeRefusal(int result) {
@@ -75,6 +57,9 @@ uint64_t SizeOfFile(const fs::path& path) {
 
 // Bytes of all regular files under `path`; what cannot be read counts nothing.
 uint64_t TotalSize(const std::string& path) {
+    if (path.empty()) {
+        return 0;
+    }
     uint64_t total = SizeOfFile(path);
     std::error_code error;
     const auto options = fs::directory_options::skip_permission_denied;
@@ -83,6 +68,17 @@ uint64_t TotalSize(const std::string& path) {
         total += SizeOfFile(entry->path());
     }
     return total;
+}
+
+// Entries are unpacked into a directory that is there; the library makes none. A path that cannot
+// be made is left to the library to refuse.
+void MakeDirectory(const std::string& path, int uid) {
+    std::error_code error;
+    if (!fs::create_directories(path, error) || error || uid == 0) {
+        return;
+    }
+    const auto owner = static_cast<uid_t>(uid);
+    [[maybe_unused]] const int result = chown(path.c_str(), owner, owner);
 }
 
 // Holds back the signals that ask the program to end, so that they can be asked for. Threads made
@@ -115,37 +111,63 @@ class TaskRun {
           view_(isatty(STDOUT_FILENO) == 1, total),
           client_(library, [this](const StatusEvent& event) { Report(event); }) {}
 
-    int Run(const std::string& command);
+    // Makes the run take slices and continue the backup with `command` after each.
+    void TakeSlices(const std::string& command, const std::string& take) {
+        slices_ = std::make_unique<SliceHandOver>(
+            [this](const std::string& line) { return Send(line); }, command, take);
+    }
+
+    // `archive` is what the task writes, empty where it writes none.
+    int Run(const std::string& command, const std::string& archive);
+
+    // Where the archive is after the run.
+    std::string ArchivePath(const std::string& archive) const {
+        return slices_ ? slices_->TakenPath(archive) : archive;
+    }
 
   private:
     void Report(const StatusEvent& event);
     int Refused(int result);
-    int FollowTask(int session, int task);
-    void Abort(int session, int task);
-    void CloseSession(int session);
+    int FollowTask(int task, const std::string& archive);
+    int Send(const std::string& command);
+    void Abort(int task);
+    bool TookSlices(const std::string& error);
 
     EndSignals signals_;
     const bool json_;
     EventWriter events_;
     ProgressView view_;
     SessionClient client_;
+    int session_ = 0;
+    std::unique_ptr<SliceHandOver> slices_;  // of a split backup
 };
 
-int TaskRun::Run(const std::string& command) {
-    const int session = client_.Open();
+int TaskRun::Run(const std::string& command, const std::string& archive) {
+    session_ = client_.Open();
     if (json_) {
-        events_.Session(session);
+        events_.Session(session_);
     }
-    const int result = client_.Execute(session, command);
+    const int result = Send(command);
+    const int status = result > 0 ? FollowTask(result, archive) : Refused(result);
+    const int closed = client_.Finish(session_);
     if (json_) {
-        events_.Result(command, result);
+        events_.Closed(session_, closed);
     }
-    const int status = result > 0 ? FollowTask(session, result) : Refused(result);
-    CloseSession(session);
     return status;
 }
 
+int TaskRun::Send(const std::string& command) {
+    const int result = client_.Execute(session_, command);
+    if (json_) {
+        events_.Result(command, result);
+    }
+    return result;
+}
+
 void TaskRun::Report(const StatusEvent& event) {
+    if (slices_) {
+        slices_->Heard(event);
+    }
     if (json_) {
         events_.Status(event);
         return;
@@ -158,98 +180,65 @@ int TaskRun::Refused(int result) {
     return kTaskFailed;
 }
 
-int TaskRun::FollowTask(int session, int task) {
+int TaskRun::FollowTask(int task, const std::string& archive) {
     bool interrupted = false;
+    bool untaken = false;
     std::optional<int> code;
     while (!(code = client_.tasks().WaitEnded(task, TaskTracker::Clock::now() + kTick))) {
         if (signals_.Take() && !interrupted) {
             interrupted = true;
-            Abort(session, task);
+            Abort(task);
+        }
+        if (slices_ && !interrupted && !untaken && !TookSlices(slices_->Step())) {
+            untaken = true;
+            Abort(task);
         }
         if (!json_) {
             view_.Tick();
         }
     }
+    const bool succeeded = *code == kStatusSuccess;
+    if (slices_ && !untaken && !TookSlices(slices_->TakeRest(succeeded ? archive : ""))) {
+        untaken = true;
+    }
     if (interrupted) {
         return kInterrupted;
     }
-    return *code == kStatusSuccess ? kDone : kTaskFailed;
+    return succeeded && !untaken ? kDone : kTaskFailed;
 }
 
-void TaskRun::Abort(int session, int task) {
+bool TaskRun::TookSlices(const std::string& error) {
+    if (error.empty()) {
+        return true;
+    }
+    events_.Error(error);
+    return false;
+}
+
+void TaskRun::Abort(int task) {
     if (!json_) {
         view_.Note(fmt::format("task {}: stopping it", task));
     }
-    const std::string command = fmt::format("abort {}", task);
-    const int result = client_.Execute(session, command);
-    if (json_) {
-        events_.Result(command, result);
-    }
-}
-
-void TaskRun::CloseSession(int session) {
-    const int result = client_.Finish(session);
-    if (json_) {
-        events_.Closed(session, result);
-    }
-}
-
-bool IsOneWord(const std::string& text) {
-    return !text.empty() && text.find(' ') == std::string::npos;
-}
-
-bool IsUid(const std::string& text) {
-    const std::optional<int> uid = ParseInt(text);
-    return uid && *uid >= 0;
+    Send(fmt::format("abort {}", task));
 }
 
 }  // namespace
 
-std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
-    std::vector<const TaskKind*> kinds;
-    for (const TaskKind& row : kKinds) {
-        if (row.subcommand == subcommand) {
-            kinds.push_back(&row);
-        }
-    }
-    return kinds;
-}
-
-const TaskKind* CheckRequest(const TaskRequest& request, std::string* error) {
-    const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
-    const auto row = std::find_if(kinds.begin(), kinds.end(), [&request](const TaskKind* kind) {
-        return kind->kind == request.kind;
-    });
-    if (row == kinds.end()) {
-        std::vector<std::string> names;
-        names.reserve(kinds.size());
-        for (const TaskKind* kind : kinds) {
-            names.emplace_back(kind->kind);
-        }
-        *error = fmt::format("{} knows no kind \"{}\": {}", request.subcommand, request.kind,
-                             fmt::join(names, ", "));
-        return nullptr;
-    }
-    for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
-        if (!IsOneWord(*word)) {
-            *error = fmt::format(
-                "\"{}\" cannot be sent: words of a command are not empty and hold no blank", *word);
-            return nullptr;
-        }
-    }
-    if (!IsUid(request.uid)) {
-        *error = fmt::format("--uid: \"{}\" is no number from 0 to 2147483647", request.uid);
-        return nullptr;
-    }
-    return *row;
-}
-
 int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request, bool json) {
-    const uint64_t total = TotalSize(kind.content(request.source, request.destination));
-    const std::string command =
-        fmt::format("{} {} {} {} {}", kind.words, request.source, request.destination,
-                    request.se_info, *ParseInt(request.uid));
-    return TaskRun(library, json, total).Run(command);
+    if (kind.needs_directory) {
+        MakeDirectory(request.destination, *ParseInt(request.uid));
+    }
+    const time_t began = time(nullptr);
+    const std::string archive = kind.archive(request);
+    TaskRun run(library, json, TotalSize(kind.content(request)));
+    if (kind.has_slices) {
+        run.TakeSlices(kind.compose(kind, request), request.take);
+    }
+    const int status = run.Run(kind.compose(kind, request), archive);
+    if (status != kDone || archive.empty() || request.no_verify) {
+        return status;
+    }
+    return RunVerifyBackup(run.ArchivePath(archive), request.source, began, json);
 }
 
 }  // namespace peltexctl

@@ -1,0 +1,283 @@
+"""The subcommands list, verify and export, over archives of ours, of others and of nobody."""
+
+import io
+import json
+import os
+import random
+import struct
+import subprocess
+import sys
+import tarfile
+import tempfile
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tar"))
+from split_model import END, MIB, UNIT, SplitPacker, header, long_record, padding, restore
+
+PROGRAM = os.environ["PELTEXCTL"]
+NAMES = [b"a", *[b"d/" + b"n" * length for length in (97, 99, 250)], b"line\nfeed",
+         b"\xff\xc2\x9b\\"]
+
+
+def content(size):
+    return (b"0123456789abcde" * (size // 15 + 1))[:size]
+
+
+def file_entry(name, data, typeflag=b"0"):
+    return header(name, typeflag, len(data)) + data + padding(len(data))
+
+
+class ArchiveTest(unittest.TestCase):
+    def setUp(self):
+        self.directory = self.enterContext(tempfile.TemporaryDirectory())
+
+    def path(self, name):
+        return os.path.join(self.directory, name)
+
+    def write(self, name, data):
+        with open(self.path(name), "wb") as file:
+            file.write(data)
+        return self.path(name)
+
+    def read(self, name):
+        with open(self.path(name), "rb") as file:
+            return file.read()
+
+    def write_set(self, slices, base="s.tar"):
+        lines = [f"{base}.{i}|{len(data)}\n" for i, data in enumerate(slices)]
+        for i, data in enumerate(slices):
+            self.write(f"{base}.{i}", data)
+        return self.write(base + ".txt", "".join(lines).encode())
+
+    def run_program(self, *arguments):
+        done = subprocess.run([PROGRAM, *arguments], capture_output=True, timeout=120)
+        self.assertIn(done.returncode, (0, 1), done)
+        return done
+
+    def objects(self, *arguments):
+        done = self.run_program("--json", *arguments)
+        return [json.loads(line) for line in done.stdout.splitlines()], done.returncode
+
+    def cut_set(self):
+        """A set of three slices in which one file has all three kinds of parts."""
+        self.tree = [(b"d/", None), (b"d/big" + b"g" * 120, content(MIB + MIB // 2 + 700)),
+                     (b"after", content(513)), (b"empty", b"")]
+        return self.write_set(SplitPacker(1, 20).pack(self.tree))
+
+    # --- list
+
+    def test_list_of_others_archives(self):
+        out = io.BytesIO()
+        with tarfile.open(fileobj=out, mode="w", format=tarfile.GNU_FORMAT,
+                          errors="surrogateescape") as archive:
+            for i, name in enumerate(NAMES):
+                member = tarfile.TarInfo(os.fsdecode(name))
+                member.size, member.mode, member.uid = i * 300, 0o4751, 10123
+                member.mtime = 86400 * i
+                archive.addfile(member, io.BytesIO(content(member.size)))
+            for length in (5, 99, 101, 150):
+                member = tarfile.TarInfo(f"link{length}")
+                member.type, member.linkname = tarfile.SYMTYPE, "t" * length
+                archive.addfile(member)
+        path = self.write("a.tar", out.getvalue())
+        told, status = self.objects("list", path)
+        self.assertEqual(status, 0)
+        for i, name in enumerate(NAMES):
+            shown = "\u00ff\u009b\\" if name[0] == 0xff else name.decode()
+            self.assertEqual(told[i], {"event": "entry", "type": "0", "mode": "4751", "uid": 10123,
+                                       "gid": 0, "size": i * 300, "mtime": 86400 * i,
+                                       "name": shown})
+        self.assertEqual([len(entry["link"]) for entry in told[len(NAMES):]], [5, 99, 101, 150])
+        text = self.run_program("list", path).stdout.decode().splitlines()
+        self.assertRegex(text[4], r"^-rwsr-x--x +10123/0 +1200 1970-01-05 \d\d:\d\d line\\nfeed$")
+        self.assertTrue(text[5].endswith(" \u00ff\\233\\\\"), text[5])
+        self.assertTrue(text[6].endswith(" link5 -> ttttt"))
+
+    def test_list_of_a_set_shows_a_cut_file_once(self):
+        told, status = self.objects("list", self.cut_set())
+        self.assertEqual(status, 0)
+        self.assertEqual([(entry["type"], entry["name"].encode(), entry["size"]) for entry in told],
+                         [("0" if data is not None else "5", name, len(data or b""))
+                          for name, data in self.tree])
+        told, status = self.objects("list", self.path("s.tar.1"))
+        self.assertEqual((status, [entry["type"] for entry in told]), (0, ["A", "0", "0"]))
+
+    # --- verify
+
+    def verify(self, path):
+        """The messages of faults and of warnings, the entries they name, and the exit status."""
+        told, status = self.objects("verify", path)
+        if told[-1]["event"] == "verified":
+            self.assertEqual(told[-1]["whole"], status == 0)
+        return [f'{entry.get("slice", "")}|{entry.get("entry", "")}|{entry["message"]}'
+                for entry in told if entry["event"] != "verified"], status
+
+    def check_faults(self, path, pattern):
+        told, status = self.verify(path)
+        self.assertEqual(status, 1 if pattern else 0, told)
+        if pattern:
+            self.assertRegex("\n".join(told), pattern)
+
+    def test_faults_of_whole_archives(self):
+        good = file_entry(b"f", content(600))
+        long_link = long_record(b"t" * 2047, b"K") + header(b"l", b"2", link=b"t" * 99)
+        rows = [
+            ("whole", good + END, None),
+            ("filled up as others do", good + bytes(10240), None),
+            ("nothing in it", END, None),
+            ("no file", b"", "without its end blocks"),
+            ("not of 512", good + END[:-1], "no multiple of 512"),
+            ("one end block", good + END[:512], "single zero block"),
+            ("no end blocks", good, "without its end blocks"),
+            ("content cut", (good + END)[:1024], r"\|f\|promises 600 bytes of content, 512 are"),
+            ("size past all", header(b"f", b"0", 1 << 35) + END, r"\|f\|promises"),
+            ("broken checksum", good + header(b"g", b"0")[:140] + b"9" * 372 + END, "behind f"),
+            ("no archive", b"x" * 2048, "no valid header"),
+            ("a name upwards", header(b"a/../x", b"0") + END, r"\|a/\.\./x\|.*\.\./"),
+            ("a directory that ends in dots", header(b"foo../", b"5") + END, r"\|foo\.\./\|"),
+            ("a long target", long_link + END, r"\|l\|.*2,046"),
+            ("its record cut", long_record(b"t" * 200, b"L")[:512] + END[:0], "record is cut"),
+            ("a hard link", header(b"h", b"1", link=b"f") + END, r"\|h\|a hard link"),
+            ("a part", header(b"p", b"A", 0) + END, r"\|p\|one part"),
+            ("bytes in the end blocks", good + bytes(600) + b"x" + bytes(423), "not zero"),
+        ]
+        with io.BytesIO() as out:  # others end no name that fills its field
+            tarfile.open(fileobj=out, mode="w", format=tarfile.GNU_FORMAT).addfile(
+                tarfile.TarInfo("n" * 100))
+            rows.append(("a name of 100 bytes", out.getvalue() + END, r"\|n{100}0000644\|"))
+        for name, data, pattern in rows:
+            with self.subTest(name):
+                self.check_faults(self.write("a.tar", data), pattern)
+        self.assertEqual(self.verify(self.write("a.tar", header(b"x/..", b"2") + END))[1], 0)
+
+    def test_faults_of_cut_files(self):
+        first = header(b"f", b"8", UNIT) + content(UNIT) + END
+        last = file_entry(b"f", b"x", b"A") + END
+        middle = header(b"f", b"9", MIB) + content(MIB) + END
+        other = file_entry(b"g", b"x") + END
+        rows = [
+            ("whole", [first, middle, last], None),
+            ("ended where its slice did", [first, other], None),
+            ("ended inside its slice", [file_entry(b"f", content(700), b"8") + other, other], None),
+            ("middle without last", [first, middle], r"s.tar.1\|f\|its next part is not there"),
+            ("last without first", [other, last], r"s.tar.1\|f\|continues a file of which"),
+            ("of another file", [first, file_entry(b"g", b"x", b"A") + END], "f should go on"),
+            ("part not at its slice's end", [first[:-1024] + other, last], "promises more than"),
+            ("zeros at its end", [header(b"f", b"8", UNIT) + bytes(UNIT) + END, other], "not be its"),
+            ("bytes behind the end", [first + bytes(512), last], "512 bytes behind"),
+            ("zero block among entries", [header(b"e", b"0") + bytes(512) + other], "single zero"),
+        ]
+        for name, slices, pattern in rows:
+            with self.subTest(name):
+                self.check_faults(self.write_set(slices), pattern)
+                for i in range(len(slices)):
+                    os.remove(self.path(f"s.tar.{i}"))
+
+    def test_faults_of_check_files(self):
+        data = END
+        for i in range(3):
+            self.write(f"s.tar.{i}", data)
+        rows = [
+            (b"s.tar.0|1024\ns.tar.1|0x400\ns.tar.2|02000\n", None),
+            (b"s.tar.0|1024\ns.tar.1|1024", None),
+            (b"s.tar.0|1023\n", "has 1024 bytes, the check file says 1023"),
+            (b"s.tar.0|1024\ns.tar.2|1024\n", "listed where s.tar.1 should be"),
+            (b"s.tar.0|1024\ns.tar.1|1024\ns.tar.2|1024\ns.tar.3|1024\n", "cannot open .*s.tar.3"),
+            (b"s.tar.0|1024\n\ns.tar.1|1024\n", "is not NAME"),
+            (b"s.tar.0|1024\ns.tar.1|\n", "is not NAME"),
+            (b"s.tar.0|99999999999999999999\n", "is not NAME"),
+            (b"x|1" * 5000, "is not NAME|cannot open"),
+        ]
+        for text, pattern in rows:
+            with self.subTest(text[:80]):
+                self.check_faults(self.write("s.tar.txt", text), pattern)
+        for name in ("missing", "."):
+            done = self.run_program("verify", self.path(name))
+            self.assertEqual((done.returncode, done.stderr.count(b"\n")), (1, 1))
+
+    def test_every_set_that_does_not_come_back_is_named(self):
+        # Sizes around the room that the packer finds, for each way in which it can be wrong.
+        fillers = [[], [(b"e", b"")], *[[(b"f", content(UNIT - 512 - rest))]
+                                        for rest in (512, 1024, 1536)]]
+        rests = (-1024, -600, -512, -1, 0, 1, 1025)
+        lost = 0
+        for path_length, name_length in [(99, 10), (100, 10), (512, 10), (1100, 10), (110, 100)]:
+            for filler in fillers:
+                for size in [k * UNIT + rest for k in (1, 2) for rest in rests]:
+                    for tail in [], [(b"t/", None)], [(b"t", content(512))]:
+                        entries = filler + [(b"n" * name_length, content(size))] + tail
+                        slices = SplitPacker(1, path_length - name_length - 1).pack(entries)
+                        whole = restore(slices) == (dict(entries), 0)
+                        lost += not whole
+                        told, status = self.verify(self.write_set(slices))
+                        self.assertEqual(status, 0 if whole else 1,
+                                         (path_length, name_length, len(filler), size, tail, told))
+        self.assertGreater(lost, 50)
+        for count in (2048, 2049, 3073):  # headers alone carry the slice past its size
+            entries = [(b"%d" % i, b"") for i in range(count)] + [(b"f", b"x")]
+            slices = SplitPacker(1, 9).pack(entries)
+            self.assertEqual(self.verify(self.write_set(slices))[1], int(count > 2048))
+
+    # --- export
+
+    def test_export_is_read_by_others(self):
+        check_file = self.cut_set()
+        self.assertEqual(self.run_program("export", check_file, self.path("out.tar")).returncode, 0)
+        data = self.read("out.tar")
+        self.assertEqual((data[263:265], data[-1024:]), (b"00", END))
+        self.assertEqual(self.run_program("export", check_file, "-").stdout, data)
+        with tarfile.open(self.path("out.tar")) as archive:
+            files = {member.name.encode(): archive.extractfile(member).read()
+                     for member in archive if member.isreg()}
+        self.assertEqual(files, dict(self.tree[1:]))
+        done = subprocess.run(["tar", "tf", self.path("out.tar")], capture_output=True)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        self.assertEqual(done.stdout.splitlines(), [name for name, _ in self.tree])
+
+    def test_failed_export_leaves_nothing(self):
+        check_file = self.cut_set()
+        before = sorted(os.listdir(self.directory))
+        cases = [(check_file, "s.tar.1"), (check_file, "s.tar.txt"), (check_file, "no/out"),
+                 (self.path("s.tar.0"), "out"), (self.path("none"), "out")]
+        for source, out in cases:
+            with self.subTest(source=source, out=out):
+                self.assertEqual(self.run_program("export", source, self.path(out)).returncode, 1)
+                self.assertEqual(sorted(os.listdir(self.directory)), before)
+        self.assertEqual(self.run_program("export", check_file, "/dev/full").returncode, 1)
+        self.write("s.tar.1", self.read("s.tar.1")[:-1])
+        self.assertEqual(self.run_program("export", check_file, self.path("out")).returncode, 1)
+        self.assertEqual(sorted(os.listdir(self.directory)), before)
+
+    # --- bytes from anywhere
+
+    def test_any_bytes_end_without_a_crash(self):
+        def signed(block):
+            """The block with the checksum that its other bytes ask for."""
+            block = bytearray(block)
+            block[148:156] = b" " * 8
+            block[148:155] = b"%06o\0" % sum(block)
+            return bytes(block)
+
+        plain = bytearray(header(b"f", b"0"))
+        rows = [signed(plain[:at] + filling * width + plain[at + width:])
+                for at, width in [(0, 100), (100, 8), (108, 40), (124, 12), (157, 100), (265, 247)]
+                for filling in (b"\xff", b"7", b" ", b"\0", b"9")]
+        rows += [signed(plain[:156] + kind + plain[157:]) for kind in (b"K", b"L", b"9", b"\xff")]
+        rows += [signed(plain[:124] + struct.pack(">B11s", 0x80, b"\x7f" * 11) + plain[136:]),
+                 plain[:148] + b"\0" * 364, b"\xff" * 512,
+                 b"f" + b"\xff" * 256 + b"ustar" + b" " * 250]
+        chooser = random.Random(1)
+        for _ in range(60):
+            block = bytearray(plain)
+            for _ in range(3):
+                block[chooser.randrange(512)] = chooser.randrange(256)
+            rows.append(signed(block))
+        for row in rows:
+            for name in ("a.tar", "s.tar.0"):
+                path = self.write(name, bytes(row) * 3 + END)
+                for command in (["list", path], ["verify", path], ["--json", "list", path]):
+                    self.run_program(*command)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,178 @@
+// Tested by tests/peltexctl/test_archive_tasks.py.
+#include "slice_hand_over.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "text.h"
+
+namespace peltexctl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kEnd = "end";
+constexpr std::string_view kEndMark = "|end";
+constexpr std::chrono::milliseconds kRepeatAfter{500};
+constexpr std::chrono::seconds kKeepAliveEvery{10};
+
+bool EndsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+// Copies a file to another file system, with its owner and mode.
+std::error_code CopyAway(const fs::path& from, const fs::path& to) {
+    std::error_code error;
+    struct stat info = {};
+    if (stat(from.c_str(), &info) != 0) {
+        return {errno, std::generic_category()};
+    }
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
+    if (!error && chown(to.c_str(), info.st_uid, info.st_gid) != 0 && geteuid() == 0) {
+        error = {errno, std::generic_category()};
+    }
+    if (error) {
+        std::error_code ignored;
+        fs::remove(to, ignored);
+        return error;
+    }
+    fs::remove(from, error);
+    return error;
+}
+
+// Returns what went wrong, empty when nothing did.
+std::string Move(const std::string& from, const std::string& to) {
+    std::error_code error;
+    fs::create_directories(fs::path(to).parent_path(), error);
+    if (!error) {
+        fs::rename(from, to, error);
+        if (error == std::errc::cross_device_link) {
+            error = CopyAway(from, to);
+        }
+    }
+    return error ? fmt::format("{} could not be taken to {}: {}", from, to, error.message()) : "";
+}
+
+}  // namespace
+
+SliceHandOver::SliceHandOver(Send send, std::string command, std::string take)
+    : send_(std::move(send)), command_(std::move(command)), take_(std::move(take)) {}
+
+void SliceHandOver::Heard(const StatusEvent& event) {
+    {
+        const std::lock_guard lock(mutex_);
+        ++heard_;
+        if (event.code == kStatusSlicePackaged) {
+            Slice slice = Parse(event.message);
+            slice.heard = heard_;
+            handed_.push_back(std::move(slice));
+        }
+    }
+    if (event.message == "processTask finish") {
+        const std::lock_guard lock(end_mutex_);
+        ended_ = true;
+    }
+}
+
+// The path of a slice, "|end" behind it for the last one, or "end" alone for a last one that came
+// out empty.
+SliceHandOver::Slice SliceHandOver::Parse(const std::string& message) {
+    if (message == kEnd) {
+        return {"", true, 0};
+    }
+    if (EndsWith(message, kEndMark)) {
+        return {message.substr(0, message.size() - kEndMark.size()), true, 0};
+    }
+    return {message, false, 0};
+}
+
+std::string SliceHandOver::Step() {
+    if (!current_) {
+        current_ = NextSlice();
+        if (!current_) {
+            return "";
+        }
+        last_sent_ = Clock::now();
+        if (!take_.empty() && !current_->path.empty()) {
+            taking_ =
+                std::async(std::launch::async, Move, current_->path, TakenPath(current_->path));
+        } else if (!current_->last) {
+            Continue();
+        }
+    }
+    if (taking_.valid()) {
+        if (taking_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+            if (Clock::now() - last_sent_ >= kKeepAliveEvery) {
+                send_("keepalive");
+                last_sent_ = Clock::now();
+            }
+            return "";
+        }
+        std::string error = taking_.get();
+        if (!error.empty()) {
+            return error;
+        }
+        if (!current_->last) {
+            Continue();
+        }
+    }
+    if (current_->last || HasMoved()) {
+        current_.reset();
+    } else if (Clock::now() - last_sent_ >= kRepeatAfter) {
+        Continue();
+    }
+    return "";
+}
+
+std::string SliceHandOver::TakeRest(const std::string& check_file) {
+    std::string error;
+    if (taking_.valid()) {
+        error = taking_.get();
+    }
+    if (take_.empty()) {
+        return error;
+    }
+    for (std::optional<Slice> slice = NextSlice(); error.empty() && slice; slice = NextSlice()) {
+        if (!slice->path.empty()) {
+            error = Move(slice->path, TakenPath(slice->path));
+        }
+    }
+    return error.empty() && !check_file.empty() ? Move(check_file, TakenPath(check_file)) : error;
+}
+
+std::string SliceHandOver::TakenPath(const std::string& path) const {
+    return take_.empty() ? path : (fs::path(take_) / fs::path(path).filename()).string();
+}
+
+std::optional<SliceHandOver::Slice> SliceHandOver::NextSlice() {
+    const std::lock_guard lock(mutex_);
+    if (handed_.empty()) {
+        return std::nullopt;
+    }
+    Slice slice = std::move(handed_.front());
+    handed_.pop_front();
+    return slice;
+}
+
+bool SliceHandOver::HasMoved() const {
+    const std::lock_guard lock(mutex_);
+    return heard_ > current_->heard;
+}
+
+void SliceHandOver::Continue() {
+    last_sent_ = Clock::now();
+    const std::lock_guard lock(end_mutex_);
+    if (!ended_) {
+        send_(command_);
+    }
+}
+
+}  // namespace peltexctl
