@@ -1,6 +1,6 @@
 // Length-checked copy, fill and format functions. Every write into a buffer of fixed size goes
-// through one of them: they are told the size of the destination, refuse rather than overrun it, and
-// say so in their result. Nobody uses a destination after a refusal.
+// through one of them: they are told the size of the destination, refuse rather than overrun it,
+// and say so in their result. Nobody uses a destination after a refusal.
 //
 // The functions keep no state and may be called from any thread.
 #pragma once
@@ -15,14 +15,14 @@ extern "C" {
 // Results of the copy and fill functions. Where the destination was usable the refusal also resets
 // it, which the bit 128 of the result tells.
 //
-// | result                 | meaning                                  | destination                 |
+// | result                 | meaning                                  | destination |
 // |------------------------|------------------------------------------|-----------------------------|
-// | BOUNDED_OK             | done                                     | written                     |
-// | BOUNDED_NULL_DEST      | null destination                         | untouched                   |
-// | BOUNDED_BAD_SIZE       | size 0 or above BOUNDED_MAX_SIZE         | untouched                   |
-// | BOUNDED_NULL_SOURCE    | null source                              | cleared                     |
-// | BOUNDED_DOES_NOT_FIT   | more data than room                      | cleared (a fill: all filled)|
-// | BOUNDED_OVERLAP        | source and destination overlap           | cleared                     |
+// | BOUNDED_OK             | done                                     | written | |
+// BOUNDED_NULL_DEST      | null destination                         | untouched                   |
+// | BOUNDED_BAD_SIZE       | size 0 or above BOUNDED_MAX_SIZE         | untouched | |
+// BOUNDED_NULL_SOURCE    | null source                              | cleared                     |
+// | BOUNDED_DOES_NOT_FIT   | more data than room                      | cleared (a fill: all
+// filled)| | BOUNDED_OVERLAP        | source and destination overlap           | cleared |
 //
 // A memory copy clears all `destMax` bytes, a string copy makes the destination an empty string.
 enum BoundedResult {
@@ -59,7 +59,8 @@ int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...
 int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format, va_list args)
     __attribute__((format(printf, 4, 0)));
 
-// As sprintf_s, but a text that does not fit is cut to `destMax` - 1 characters, which is the result.
+// As sprintf_s, but a text that does not fit is cut to `destMax` - 1 characters, which is the
+// result.
 int snprintf_truncated_s(char* dest, size_t destMax, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 int vsnprintf_truncated_s(char* dest, size_t destMax, const char* format, va_list args)

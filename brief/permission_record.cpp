@@ -22,7 +22,7 @@ constexpr size_t kLineSize = 2048;
 constexpr size_t kShortestLine = 4;
 constexpr int kFields = 5;
 constexpr mode_t kPermissionBits = 07777;
-// Decimal on purpose: lists written by older clients hold modes up to this value.
+// Decimal, not octal, on purpose: what lies between the two goes on to chmod, which masks it.
 constexpr int32_t kLargestMode = 7777;
 constexpr unsigned int kFirstApplicationUid = 10000;
 constexpr unsigned int kUserRange = 10000;
@@ -110,7 +110,8 @@ bool parsePath(const char* text, File_info& info) {
     if (!if_file_type_legal(text)) {
         return false;
     }
-    if (memcpy_s(info.path, sizeof(info.path), text, strlen(text)) != 0) {
+    // One byte stays for the NUL, which is there since the structure was cleared.
+    if (memcpy_s(info.path, sizeof(info.path) - 1, text, strlen(text)) != 0) {
         ALOGE("failed to get path");
         return false;
     }
@@ -196,10 +197,10 @@ int do_backup_perm(const char* path, FILE* stream) {
         return -1;
     }
     char record[kLineSize] = {};
-    const int length = snprintf_s(record, sizeof(record), sizeof(record) - 1, "%s;%d;%d;%ld;%ld%s",
-                                  path, static_cast<int>(status.st_mode & kPermissionBits),
-                                  S_ISDIR(status.st_mode) ? 1 : 0, static_cast<long>(status.st_size),
-                                  static_cast<long>(status.st_mtime), "\n");
+    const int length = snprintf_s(
+        record, sizeof(record), sizeof(record) - 1, "%s;%d;%d;%ld;%ld%s", path,
+        static_cast<int>(status.st_mode & kPermissionBits), S_ISDIR(status.st_mode) ? 1 : 0,
+        static_cast<long>(status.st_size), static_cast<long>(status.st_mtime), "\n");
     if (length < 0) {
         ALOGE("sprintf permisson [%s] error [%d]", record, errno);
         return -1;

@@ -32,8 +32,7 @@ struct File_info {
 };
 
 // Writes the record of `path`, following links, to `stream`, which stays the caller's to flush.
-// Returns 0 also when the stream took less than the record: what was copied counts for more than the
-// list of it.
+// Returns 0 also when the stream took less than the record, which is logged.
 int do_backup_perm(const char* path, FILE* stream);
 
 // Parses a line from its end towards its start, so that the path may hold ";". Returns how many
@@ -50,10 +49,10 @@ int process_info(const File_info& info);
 int restore_application_from_infofile(const char* pkgdir, const char* info_file,
                                       const char* se_info);
 
-// Maps the owner and group recorded for one user's application to those of `target_uid`. Returns the
-// uid to use and sets `gid_out` to the gid to use. System ids (below 10000) stay, as everything does
-// with a target of 0; a group that lies a whole number of users' ranges (10000) above the owner
-// moves with it.
+// Maps the owner and group recorded for one user's application to those of `target_uid`. Returns
+// the uid to use and sets `gid_out` to the gid to use. System ids (below 10000) stay, as everything
+// does with a target of 0; a group that lies a whole number of users' ranges (10000) above the
+// owner moves with it.
 unsigned int fixup_owner_dir_file(unsigned int uid, unsigned int gid, unsigned int target_uid,
                                   unsigned int& gid_out);
 

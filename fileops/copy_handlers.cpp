@@ -11,12 +11,12 @@
 
 #include <log/log.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "brief/permission_record.h"
 #include "fileops/error_text.h"
 #include "fileops/file_handles.h"
 #include "fileops/file_operations.h"
+#include "fileops/paths.h"
 #include "fileops/permissions.h"
 #include "service/backup_session_manager.h"
 
@@ -30,19 +30,8 @@ constexpr int32_t kRestoreFileFailed = -16;
 constexpr int32_t kRestoreDirFailed = -17;
 constexpr int32_t kMoveFailed = -19;
 
-// `parent` followed by the last component of `path`, the slash before it included. Empty when `path`
-// has no slash.
-std::string prepare_data_backup_dir(const std::string& parent, const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : parent + path.substr(slash);
-}
-
 std::string prepare_data_backup_attr_file(const std::string& backupDir) {
     return backupDir.empty() ? "" : backupDir + ".txt";
-}
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
 }
 
 }  // namespace

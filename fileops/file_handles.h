@@ -1,5 +1,4 @@
-// Owners of file descriptors and streams: closed when the owner goes, unless released. Move only.
-// The destructor is for the way out after a failure; where a close ends a write, call it yourself.
+// Owners of file descriptors and streams: closed when the owner goes. Move only.
 #pragma once
 
 #include <dirent.h>

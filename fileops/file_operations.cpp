@@ -16,6 +16,7 @@
 #include "fileops/file_handles.h"
 #include "fileops/path_buffer.h"
 #include "fileops/path_rules.h"
+#include "fileops/paths.h"
 #include "fileops/permissions.h"
 
 namespace android::installd {
@@ -26,14 +27,6 @@ constexpr size_t kCopyBufferSize = 8192;
 constexpr mode_t kTargetCreationMode = 0660;
 constexpr int kWatchedDepth = 10;
 constexpr int kDeepestDepth = 2048;
-
-bool isEmpty(const char* text) {
-    return text == nullptr || text[0] == '\0';
-}
-
-bool exists(const char* path) {
-    return access(path, F_OK) == 0;
-}
 
 const char* lastComponent(const char* path) {
     const char* slash = strrchr(path, '/');
@@ -75,7 +68,7 @@ int copyContent(int source, int target, const char* from, const sp<BackupTask>& 
         if (length == 0) {
             return 0;
         }
-        // Not examined: a target that came out short is found by its size, which the client has.
+        // Not examined: a short write goes unnoticed here.
         [[maybe_unused]] const ssize_t written = write(target, buffer, static_cast<size_t>(length));
         if (!task->addProgress(static_cast<uint64_t>(length))) {
             ALOGE("Failed to read task");
@@ -129,7 +122,8 @@ int TreeCopier::copyTree(const char* from, const char* to) {
         if (isDotName(entry->d_name) || !mFrom.appendEntry(entry->d_name)) {
             continue;
         }
-        mTo.appendEntry(entry->d_name);
+        // Where the copy's path is full, what is below goes where the path was cut.
+        [[maybe_unused]] const bool fits = mTo.appendEntry(entry->d_name);
         result = copyEntry(entry->d_name, filterLibrary);
         mFrom.cut(fromLength);
         mTo.cut(toLength);
@@ -191,8 +185,8 @@ int TreeCopier::copyRegular() {
     return 0;
 }
 
-// Applications run while they are backed up: a file that vanished, or whose target could not even be
-// made, is passed over. A target that was made and not filled ends the copy.
+// Applications run while they are backed up: a file that vanished, or whose target could not even
+// be made, is passed over. A target that was made and not filled ends the copy.
 int TreeCopier::handleFailedCopy() {
     if (!exists(mFrom.c_str())) {
         ALOGW("Skip inaccessible file %s, error=%s", mFrom.c_str(), ErrorText().c_str());
@@ -260,7 +254,7 @@ int deleteTree(const char* directory, PathBuffer& path) {
 }  // namespace
 
 int createDir(const char* path, uint32_t uid) {
-    if (isEmpty(path)) {
+    if (isEmptyPath(path)) {
         ALOGE("Failed to createDir:path is NULL or length of path is 0");
         return -1;
     }
@@ -296,7 +290,7 @@ int createDir(const char* path, uint32_t uid) {
 }
 
 int copyFile(const char* from, const char* to, const sp<BackupTask>& task) {
-    if (isEmpty(from) || isEmpty(to)) {
+    if (isEmptyPath(from) || isEmptyPath(to)) {
         ALOGE("Failed to copyFile file:path is NULL or length of path is 0");
         return -1;
     }
@@ -308,6 +302,12 @@ int copyFile(const char* from, const char* to, const sp<BackupTask>& task) {
     if (exists(to) && isDir(to) == 1) {
         target.append("/");
         target.append(lastComponent(from));
+        // A file under a shortened name could replace another one.
+        if (target.length() != strlen(to) + 1 + strlen(lastComponent(from))) {
+            ALOGE("Failed to open file: %s, error=%s", target.c_str(),
+                  ErrorText(ENAMETOOLONG).c_str());
+            return -1;
+        }
     }
     const UniqueFd sourceFd(open(from, O_RDONLY | O_CLOEXEC));
     if (!sourceFd.isOpen()) {
@@ -332,7 +332,7 @@ int copyFile(const char* from, const char* to, const sp<BackupTask>& task) {
 }
 
 int copyDir(const char* from, const char* to, FILE* permFile, sp<BackupTask>& task) {
-    if (isEmpty(from) || isEmpty(to)) {
+    if (isEmptyPath(from) || isEmptyPath(to)) {
         ALOGE("Failed to copyDir, path is NULL or length of path is 0");
         return -1;
     }
@@ -340,7 +340,7 @@ int copyDir(const char* from, const char* to, FILE* permFile, sp<BackupTask>& ta
 }
 
 int deleteDir(const char* path) {
-    if (isEmpty(path)) {
+    if (isEmptyPath(path)) {
         ALOGD("BackupSessionManager deleteDir, path is NULL or length of path is 0");
         return 0;
     }
@@ -349,7 +349,7 @@ int deleteDir(const char* path) {
 }
 
 int restorecon_backup_dir(const char* path, const char* seInfo, uint32_t uid) {
-    if (isEmpty(path)) {
+    if (isEmptyPath(path)) {
         ALOGE("restorecon_backup_dir error, path is NULL or length is 0");
         return -1;
     }

@@ -1,5 +1,5 @@
-// A path in a fixed buffer that a directory walk extends by an entry's name and cuts back again. A
-// walk of any depth needs one of them, so deep trees cost no stack.
+// A path in a fixed buffer that a directory walk extends by an entry's name and cuts back again: a
+// level of the tree costs no buffer of its own.
 #pragma once
 
 #include <stddef.h>
@@ -26,7 +26,7 @@ class PathBuffer {
     // Appends "/", unless the path ends in one, and `name`. Returns false, with the path unchanged,
     // when nothing of the name fits: such a path would name the directory itself again, and a walk
     // that followed it would never end.
-    bool appendEntry(const char* name) {
+    [[nodiscard]] bool appendEntry(const char* name) {
         const size_t length = mLength;
         if (!endsInSlash()) {
             append("/");

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "fileops/error_text.h"
+#include "fileops/paths.h"
 #include "service/backup_session_manager.h"
 
 namespace android::installd {
@@ -37,10 +38,6 @@ constexpr Area kAllowedAreas[] = {
 
 constexpr const char* kSharedStorage[] = {"/storage/emulated", "/mnt/androidwritable"};
 
-bool isEmpty(const char* text) {
-    return text == nullptr || text[0] == '\0';
-}
-
 bool beginsWith(const char* path, const char* prefix) {
     return strncmp(path, prefix, strlen(prefix)) == 0;
 }
@@ -52,7 +49,7 @@ bool matches(const Area& area, const char* path) {
 }  // namespace
 
 bool is_allow_access(const char* path) {
-    if (isEmpty(path)) {
+    if (isEmptyPath(path)) {
         ALOGE("is_allow_access, path is NULL or length of path is 0");
         return false;
     }
@@ -93,7 +90,7 @@ int CheckFilePath(const char* path, const char* realOrgPath) {
 }
 
 int isDir(const char* path) {
-    if (isEmpty(path)) {
+    if (isEmptyPath(path)) {
         ALOGE("Failed to isDir, path is NULL or length of path is 0");
         return -1;
     }
@@ -110,7 +107,7 @@ int isDir(const char* path) {
 }
 
 int filterDir(const char* dirName) {
-    if (isEmpty(dirName)) {
+    if (isEmptyPath(dirName)) {
         ALOGE("filterDir, dirName is NULL or length of dirName is 0");
         return -1;
     }
@@ -118,7 +115,7 @@ int filterDir(const char* dirName) {
 }
 
 int filterFile(const char* filePath) {
-    if (isEmpty(filePath)) {
+    if (isEmptyPath(filePath)) {
         ALOGE("filterFile, filePath is NULL or length of filePath is 0");
         return -1;
     }

@@ -8,11 +8,12 @@
 #include <unistd.h>
 
 #include "fileops/error_text.h"
+#include "fileops/paths.h"
 
 namespace android::installd {
 
 int fixup_permissions_dir_file(const char* path, uint32_t owner, uint32_t group, uint32_t mode) {
-    if (path == nullptr || path[0] == '\0') {
+    if (isEmptyPath(path)) {
         ALOGE("fixup_backup_dir_file, path is NULL or length of path is 0");
         return -1;
     }

@@ -1,17 +1,17 @@
 // The handlers of the archive tasks: pack a directory into one archive or into slices, and unpack
 // either. Each returns 0 or a negative code, which shows only in the log.
 //
-// An archive of a source whose last component is NAME is TDEST/NAME.tar; slices are TDEST/NAME.tar.0
-// and on, their check file TDEST/NAME.tar.txt.
+// An archive of a source whose last component is NAME is TDEST/NAME.tar; slices are
+// TDEST/NAME.tar.0 and on, their check file TDEST/NAME.tar.txt.
 //
 // Tested by tests/fileops/tar_handlers_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include <log/log.h>
-#include <unistd.h>
 
 #include "fileops/error_text.h"
 #include "fileops/file_operations.h"
+#include "fileops/paths.h"
 #include "fileops/permissions.h"
 #include "service/backup_session_manager.h"
 #include "service/tar_cb_impl.h"
@@ -26,17 +26,6 @@ constexpr int32_t kBackupTarFailed = -13;
 constexpr int32_t kBackupSplitFailed = -14;
 constexpr int32_t kRestoreTarFailed = -18;
 constexpr uint32_t kArchiveMode = 0660;
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-// `parent` followed by the last component of `path`, the slash before it included. Empty when `path`
-// has no slash.
-std::string archiveBase(const std::string& parent, const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : parent + path.substr(slash);
-}
 
 void cutTrailingSlash(std::string& path) {
     if (!path.empty() && path.back() == '/') {
@@ -54,7 +43,7 @@ int32_t backupSplitPre(uint32_t uid, std::string& dest, std::string& src,
         ALOGE("backupSplitTarBase: source path %s not exist!", src.c_str());
         return kBackupSplitFailed;
     }
-    archivePath = archiveBase(dest, src);
+    archivePath = prepare_data_backup_dir(dest, src);
     if (archivePath.empty()) {
         ALOGE("backupSplitTarBase: prepare_data_backup_dir failed!");
         return kBackupSplitFailed;
@@ -87,7 +76,7 @@ int32_t BackupSessionManager::backupTarBase(sp<BackupTask>& task) {
         ALOGE("backupTarBase, source path %s not exist!", source);
         return kBackupTarFailed;
     }
-    std::string archive = archiveBase(task->taskDestPath, task->taskSrcPath);
+    std::string archive = prepare_data_backup_dir(task->taskDestPath, task->taskSrcPath);
     if (archive.empty()) {
         ALOGE("backupTarBase failed, prepare_data_backup_dir failed!");
         return kBackupTarFailed;
@@ -123,8 +112,7 @@ int32_t BackupSessionManager::backupSplitBase(sp<BackupTask>& task) {
     std::string source = task->taskSrcPath;
     std::string destination = task->taskDestPath;
     std::string archivePath;
-    if (const int32_t result = backupSplitPre(uid, destination, source, archivePath);
-        result != 0) {
+    if (const int32_t result = backupSplitPre(uid, destination, source, archivePath); result != 0) {
         return result;
     }
     std::string words[TarFile::kSplitArguments] = {

@@ -9,22 +9,22 @@
 
 namespace android::installd {
 
-namespace {
-
-constexpr int32_t kWaitBudget = 6;
-
-}  // namespace
-
 BackupSessionManager::BackupSessionManager() {
     for (size_t index = 0; index < kWorkers; ++index) {
         mWorkers.add(new BackupWorkerThread(this, index));
     }
 }
 
-// The workers use the manager's lock and queues, so they have to be gone before those are.
+// The workers use the manager's lock and queues, so they have to be gone before those are: nothing
+// more is taken, and what runs is asked to stop. A plain copy runs to its end all the same.
 BackupSessionManager::~BackupSessionManager() {
     {
         MutexLock lock(mLock);
+        mSessions.clear();
+        mPendingTasks.clear();
+        for (const sp<BackupTask>& task : mProcessingTasks) {
+            stopRunningTaskLocked(task);
+        }
         exitAll();
         mCond.broadcast();
     }
@@ -57,7 +57,7 @@ int32_t BackupSessionManager::finishBackupSession(int32_t sessionId) {
     const ssize_t position = indexOfSessionLocked(sessionId);
     if (position < 0) {
         ALOGE("invalid session id=%d", sessionId);
-        return -1;
+        return COMMAND_FAILED;
     }
     // The index moves on after a removal too: of two neighbouring tasks of the session the second
     // stays queued. Clients know the queue this way.
@@ -101,7 +101,7 @@ int32_t BackupSessionManager::processKeepAlive(int32_t sessionId) {
         }
     }
     ALOGD("processKeepAlive: session id[%d] is invalid", sessionId);
-    return -2;
+    return COMMAND_NOT_PAUSED;
 }
 
 ssize_t BackupSessionManager::indexOfSessionLocked(int32_t sessionId) const {

@@ -22,6 +22,15 @@
 
 namespace android::installd {
 
+// Why a command got no task and was not done.
+enum CommandResult : int32_t {
+    COMMAND_FAILED = -1,      // unknown session or task; weight out of range; no worker could start
+    COMMAND_NOT_PAUSED = -2,  // nothing to keep alive
+    COMMAND_REFUSED = -3,     // unknown command or kind, wrong number of words, no uid
+    COMMAND_DUPLICATE = -4,   // an equal task is queued or running
+    COMMAND_NOT_WOKEN = -5,   // a paused split backup could not be continued
+};
+
 class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipient {
   public:
     // One worker per task that may run at the same time.
@@ -33,20 +42,21 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     // --- Sessions: service/backup_session_manager.cpp ---
 
     // Opens a session; its callback replaces the one of every earlier session. Returns its id.
-    int32_t startBackupSession(const sp<os::IBackupSessionCallback>& callback) EXCLUDES(mLock);
+    int32_t startBackupSession(const sp<os::IBackupSessionCallback>& callback)
+        PELTEX_EXCLUDES(mLock);
 
     // Closes a session, drops its pending tasks and aborts its running ones. Returns 0, or -1 when
     // the session is not open.
-    int32_t finishBackupSession(int32_t sessionId) EXCLUDES(mLock);
+    int32_t finishBackupSession(int32_t sessionId) PELTEX_EXCLUDES(mLock);
 
     // The client's process has died: closes every session. Tasks stay as they are.
-    void binderDied(const wp<IBinder>& who) override EXCLUDES(mLock);
+    void binderDied(const wp<IBinder>& who) override PELTEX_EXCLUDES(mLock);
 
     // Starts the wait of a paused split backup of the session again. Returns 0, or -2 when the
     // session runs none.
-    int32_t processKeepAlive(int32_t sessionId) REQUIRES(mLock);
+    int32_t processKeepAlive(int32_t sessionId) PELTEX_REQUIRES(mLock);
 
-    ssize_t indexOfSessionLocked(int32_t sessionId) const REQUIRES(mLock);
+    ssize_t indexOfSessionLocked(int32_t sessionId) const PELTEX_REQUIRES(mLock);
 
     // Asks every worker to exit after its present pass. Wakes nobody.
     void exitAll();
@@ -54,54 +64,47 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     // --- Commands: service/task_commands.cpp ---
 
     // Parses one command line and acts on it, splitting it in place (see service/peltexinstalld.h).
-    //
-    // | result        | meaning                                                                |
-    // |---------------|------------------------------------------------------------------------|
-    // | 100 or more   | id of the task added                                                   |
-    // | 0             | done; a move without a source, a brief of an unknown kind: nothing done|
-    // | -1            | unknown session or task; weight out of range; no worker could start    |
-    // | -2            | nothing to keep alive                                                  |
-    // | -3            | unknown command or kind, wrong number of words, no uid                 |
-    // | -4            | an equal task is queued or running                                     |
-    // | -5            | a paused split backup could not be continued                           |
-    int32_t executeBackupTask(int32_t sessionId, const std::string& taskCmd) EXCLUDES(mLock);
+    // Returns a task's id, 0 when the command is done, or a CommandResult. A move without a source
+    // and a brief of an unknown kind are done with nothing done.
+    int32_t executeBackupTask(int32_t sessionId, const std::string& taskCmd) PELTEX_EXCLUDES(mLock);
 
     // Queues a task for the kCommandWords words at `args`. Returns its id or a negative code.
     int32_t addTaskLocked(int32_t sessionId, BackupTaskType type, const std::string* args)
-        REQUIRES(mLock);
+        PELTEX_REQUIRES(mLock);
 
     // Takes a pending task from the queue, or asks a running one to stop. Returns 0, or -1 when the
     // task is neither.
-    int32_t abortTaskLocked(int32_t taskId) REQUIRES(mLock);
+    int32_t abortTaskLocked(int32_t taskId) PELTEX_REQUIRES(mLock);
 
     // Sets the weight (0 to 100) of archive work and hands it to the first running tar backup that
     // it changes. Returns 0, -1 for a weight out of range, or the platform's result.
-    int32_t setWeightLocked(int32_t weight) REQUIRES(mLock);
+    int32_t setWeightLocked(int32_t weight) PELTEX_REQUIRES(mLock);
 
-    int32_t setDelay(long delay) REQUIRES(mLock);
+    int32_t setDelay(long delay) PELTEX_REQUIRES(mLock);
 
     // The nice value of a weight: 10 for 100 (and for what is out of range), 19 for 0.
     static int32_t getPrioritybyWeight(int32_t weight);
 
+    // "tar" or "t"; "dir" or "d".
     static bool checkTarOption(std::string option);
     static bool checkDirOption(std::string option);
 
     // --- Workers and the task loop: service/task_loop.cpp ---
 
     // One pass of a worker: waits for a task, runs it and ends it. Returns false to end the thread.
-    bool loopOnce(size_t workerIndex) EXCLUDES(mLock);
+    bool loopOnce(size_t workerIndex) PELTEX_EXCLUDES(mLock);
 
     // Starts workers as the queues need them. Returns how many run, 0 when none could be started.
-    int32_t startWorkerTreadLocked() REQUIRES(mLock);
+    int32_t startWorkerTreadLocked() PELTEX_REQUIRES(mLock);
 
     // Whether the task may run: its paths are allowed and its source is there.
-    bool prepareTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+    bool prepareTaskLocked(const sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
 
     // Runs the task's handler between the callbacks that frame it. Returns the handler's result.
-    int32_t processTask(sp<BackupTask>& task) EXCLUDES(mLock);
+    int32_t processTask(sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
 
-    void finishTask(const sp<BackupTask>& task) EXCLUDES(mLock);
-    void finishTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+    void finishTask(const sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
+    void finishTaskLocked(const sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
 
     bool checkExit(size_t index) const;
     void exitForIndex(size_t index);
@@ -125,44 +128,48 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
 
     // Continues the running split backup with these paths. Returns its id, 0 when there is none,
     // -5 when it could not be woken.
-    int32_t addSplitTaskLocked(const std::string* args) REQUIRES(mLock);
+    int32_t addSplitTaskLocked(const std::string* args) PELTEX_REQUIRES(mLock);
 
     // The same with -6 for none; sets `workerIndex` to the worker that runs the task.
-    int32_t continueSplitTaskLocked(const std::string* args, size_t& workerIndex) REQUIRES(mLock);
+    int32_t continueSplitTaskLocked(const std::string* args, size_t& workerIndex)
+        PELTEX_REQUIRES(mLock);
 
     // Ends the task's pause. Returns false when no worker runs at all.
-    bool wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+    bool wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
 
     // Whether `path` (not null) lies on shared storage, where labels, owners and modes are not ours
     // to set: fileops/path_rules.cpp.
     bool isStoragePath(const char* path) const;
 
   private:
-    int32_t runCommandLocked(int32_t sessionId, const std::string* args) REQUIRES(mLock);
-    bool isDuplicateLocked(BackupTaskType type, const std::string* args) const REQUIRES(mLock);
+    int32_t runCommandLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    bool isDuplicateLocked(BackupTaskType type, const std::string* args) const
+        PELTEX_REQUIRES(mLock);
 
-    void stopRunningTaskLocked(const sp<BackupTask>& task) REQUIRES(mLock);
+    void stopRunningTaskLocked(const sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
 
-    bool startWorkerLocked(size_t index) REQUIRES(mLock);
-    void settleWorkerLocked(size_t index) REQUIRES(mLock);
-    void endPassLocked(size_t workerIndex) REQUIRES(mLock);
-    bool isOpenSessionWaitingLocked() const REQUIRES(mLock);
-    int32_t runHandler(sp<BackupTask>& task) EXCLUDES(mLock);
-    void applyWeight(const char* taskName) EXCLUDES(mLock);
+    bool waitForTaskLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
+    bool startWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
+    void settleWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
+    void endPassLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
+    bool isOpenSessionWaitingLocked() const PELTEX_REQUIRES(mLock);
+    int32_t runHandler(sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
+    int32_t applyWeight() PELTEX_EXCLUDES(mLock);
 
     // The callback to use for one call: another thread may replace mCallback meanwhile.
-    sp<os::IBackupSessionCallback> currentCallback() const EXCLUDES(mLock);
+    sp<os::IBackupSessionCallback> currentCallback() const PELTEX_EXCLUDES(mLock);
 
     mutable Mutex mLock;
     Condition mCond;  // a task was queued, or workers were asked to exit
 
-    Vector<int32_t> mSessions GUARDED_BY(mLock);  // ids of the open sessions, in opening order
-    sp<os::IBackupSessionCallback> mCallback GUARDED_BY(mLock);
-    Vector<sp<BackupTask>> mPendingTasks GUARDED_BY(mLock);     // oldest first
-    Vector<sp<BackupTask>> mProcessingTasks GUARDED_BY(mLock);  // at most one per worker
-    Vector<sp<BackupWorkerThread>> mWorkers;                    // constant after construction
-    int64_t mDelay GUARDED_BY(mLock) = 0;                       // stored for the client, not read
-    int32_t mWeight GUARDED_BY(mLock) = 100;
+    Vector<int32_t> mSessions
+        PELTEX_GUARDED_BY(mLock);  // ids of the open sessions, in opening order
+    sp<os::IBackupSessionCallback> mCallback PELTEX_GUARDED_BY(mLock);
+    Vector<sp<BackupTask>> mPendingTasks PELTEX_GUARDED_BY(mLock);     // oldest first
+    Vector<sp<BackupTask>> mProcessingTasks PELTEX_GUARDED_BY(mLock);  // at most one per worker
+    Vector<sp<BackupWorkerThread>> mWorkers;      // constant after construction
+    int64_t mDelay PELTEX_GUARDED_BY(mLock) = 0;  // stored for the client, not read
+    int32_t mWeight PELTEX_GUARDED_BY(mLock) = 100;
     std::atomic<int32_t> mNextId{100};  // of sessions and tasks alike
 
     // Whether a worker is inside loopOnce, where it still sees what is queued. Set without mLock on

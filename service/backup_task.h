@@ -1,5 +1,6 @@
 // One task: what a queued command asks for, how far it has come, and what its client is told. The
-// manager's queues, the worker that runs it and the tar progress object share it by strong pointers.
+// manager's queues, the worker that runs it and the tar progress object share it by strong
+// pointers.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
@@ -53,6 +54,10 @@ enum TaskStatus : int32_t {
     TASK_STATUS_BRIEF_SIZE = 6,
 };
 
+// How many waits of five seconds a paused split backup has left when its pause begins, and after
+// each keep-alive.
+constexpr int32_t kWaitBudget = 6;
+
 // How many words of a command a task keeps; later words are only counted.
 constexpr size_t kCommandWords = 7;
 
@@ -96,8 +101,8 @@ class BackupTask : public virtual RefBase {
 
     Mutex taskLock;
     Condition taskCond;
-    bool isWaiting GUARDED_BY(taskLock) = false;
-    int32_t waitCountdown GUARDED_BY(taskLock) = 6;
+    bool isWaiting PELTEX_GUARDED_BY(taskLock) = false;
+    int32_t waitCountdown PELTEX_GUARDED_BY(taskLock) = kWaitBudget;
 
     // The resolved paths, null where a path does not resolve. They point into the worker's own
     // buffers and are valid while the handler runs.

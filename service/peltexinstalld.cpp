@@ -12,7 +12,7 @@ using android::installd::MutexLock;
 namespace {
 
 Mutex gManagerLock;
-sp<BackupSessionManager> gManager GUARDED_BY(gManagerLock);
+sp<BackupSessionManager> gManager PELTEX_GUARDED_BY(gManagerLock);
 
 // The manager, made by the first call and kept until the library is unloaded. It is called outside
 // gManagerLock, which guards its making only.

@@ -1,8 +1,9 @@
 // The three functions that the library exports. The daemon finds them by name after dlopen; all may
 // be called from any thread at any time.
 //
-// The library calls the callback from its worker threads and, with its own lock held, from inside
-// executeBackupTask: a callback must not call back into the library.
+// The library calls the callback from its worker threads and from inside executeBackupTask. With
+// one of its locks held it does so for an abort, for a task that fails its pre-checks and for a
+// time-out: a callback must not call back into the library, nor wait for a thread that does.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>

@@ -19,27 +19,20 @@ namespace android::installd {
 namespace {
 
 constexpr int32_t kNoSuchTask = -6;
-constexpr int32_t kWakeUpFailed = -5;
-constexpr int32_t kWaitBudget = 6;
 constexpr time_t kWaitSeconds = 5;
-constexpr long kNanosecondsPerSecond = 1000000000;
 
 timespec waitDeadline() {
     timespec deadline = {};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
-    if (deadline.tv_nsec >= kNanosecondsPerSecond) {
-        deadline.tv_nsec -= kNanosecondsPerSecond;
-        ++deadline.tv_sec;
-    }
     const time_t latest = std::numeric_limits<time_t>::max();
-    deadline.tv_sec = deadline.tv_sec > latest - kWaitSeconds ? latest
-                                                              : deadline.tv_sec + kWaitSeconds;
+    deadline.tv_sec =
+        deadline.tv_sec > latest - kWaitSeconds ? latest : deadline.tv_sec + kWaitSeconds;
     return deadline;
 }
 
 // Waits until the task is continued. Every return from a wait takes one from the budget, also one
 // that a keep-alive caused. Returns false when the budget is used up.
-bool waitForContinuation(BackupTask& task) REQUIRES(task.taskLock) {
+bool waitForContinuation(BackupTask& task) PELTEX_REQUIRES(task.taskLock) {
     task.isWaiting = true;
     task.waitCountdown = kWaitBudget;
     do {
@@ -92,7 +85,7 @@ int32_t BackupSessionManager::addSplitTaskLocked(const std::string* args) {
     if (result == kNoSuchTask) {
         return 0;
     }
-    return result == kWakeUpFailed || workerIndex >= kWorkers ? kWakeUpFailed : result;
+    return result == COMMAND_NOT_WOKEN || workerIndex >= kWorkers ? COMMAND_NOT_WOKEN : result;
 }
 
 int32_t BackupSessionManager::continueSplitTaskLocked(const std::string* args,
@@ -104,7 +97,7 @@ int32_t BackupSessionManager::continueSplitTaskLocked(const std::string* args,
         }
         ALOGD("continueSplitTaskLocked: a backup split task exists,wake up processing thread");
         if (!wakeUpSplitWorkerThreadLocked(task)) {
-            return kWakeUpFailed;
+            return COMMAND_NOT_WOKEN;
         }
         workerIndex = task->workerIndex;
         return task->taskId;

@@ -23,34 +23,47 @@ constexpr Command cmds[] = {
     {"move", 5},   {"setweight", 2}, {"keepalive", 0}, {"get_brief", 5},
 };
 
-// The option word that chooses the kind of task, and its short form where it has one.
+// The checks take the word by value, as they always have.
+// NOLINTBEGIN(performance-unnecessary-value-param)
+bool checkFileOption(std::string option) {
+    return option == "file" || option == "f";
+}
+
+bool checkSplitOption(std::string option) {
+    return option == "split" || option == "s";
+}
+
+bool checkByFileOption(std::string option) {
+    return option == "byfile";
+}
+// NOLINTEND(performance-unnecessary-value-param)
+
+// The option word chooses the kind of task.
 struct Kind {
     const char* command;
-    const char* option;
-    const char* shortOption;
+    bool (*checkOption)(std::string option);
     BackupTaskType type;
 };
 
 constexpr Kind kKinds[] = {
-    {"backup", "file", "f", BACKUP_FILE},
-    {"backup", "dir", "d", BACKUP_DIR},
-    {"backup", "tar", "t", BACKUP_TAR},
-    {"backup", "split", "s", BACKUP_SPLIT},
-    {"backup", "byfile", nullptr, BACKUP_BY_FILE},
-    {"restore", "tar", "t", RESTORE_TAR},
-    {"restore", "split", "s", RESTORE_SPLIT},
-    {"restore", "dir", "d", RESTORE_DIR},
-    {"restore", "file", "f", RESTORE_FILE},
-    {"get_brief", "dir", "d", GET_BRIEFS_BY_DIR},
-    {"get_brief", "byfile", nullptr, GET_BRIEFS_BY_FILE},
+    {"backup", checkFileOption, BACKUP_FILE},
+    {"backup", BackupSessionManager::checkDirOption, BACKUP_DIR},
+    {"backup", BackupSessionManager::checkTarOption, BACKUP_TAR},
+    {"backup", checkSplitOption, BACKUP_SPLIT},
+    {"backup", checkByFileOption, BACKUP_BY_FILE},
+    {"restore", BackupSessionManager::checkTarOption, RESTORE_TAR},
+    {"restore", checkSplitOption, RESTORE_SPLIT},
+    {"restore", BackupSessionManager::checkDirOption, RESTORE_DIR},
+    {"restore", checkFileOption, RESTORE_FILE},
+    {"get_brief", BackupSessionManager::checkDirOption, GET_BRIEFS_BY_DIR},
+    {"get_brief", checkByFileOption, GET_BRIEFS_BY_FILE},
 };
 
 constexpr int32_t kMaxWeight = 100;
 
 const Kind* findKind(const std::string& command, const std::string& option) {
     for (const Kind& kind : kKinds) {
-        if (command == kind.command &&
-            (option == kind.option || (kind.shortOption != nullptr && option == kind.shortOption))) {
+        if (command == kind.command && kind.checkOption(option)) {
             return &kind;
         }
     }
@@ -80,7 +93,7 @@ int32_t parseTaskCmd(const std::string& line, std::string* args) {
     return words;
 }
 
-// Returns 0, or -3 for an unknown command or a wrong number of arguments.
+// Returns 0, or COMMAND_REFUSED for an unknown command or a wrong number of arguments.
 int32_t checkTaskCmd(const std::string& cmd, int32_t arguments) {
     ALOGD("BackupSessionManager checkTaskCmd cmd=%s", cmd.c_str());
     for (const Command& command : cmds) {
@@ -91,12 +104,12 @@ int32_t checkTaskCmd(const std::string& cmd, int32_t arguments) {
         if (arguments != command.arguments) {
             ALOGE("%s requires %d arguments (%d given)\n", command.name, command.arguments,
                   arguments);
-            return -3;
+            return COMMAND_REFUSED;
         }
         return 0;
     }
     ALOGE("unsupported command '%s'\n", cmd.c_str());
-    return -3;
+    return COMMAND_REFUSED;
 }
 
 }  // namespace
@@ -107,14 +120,14 @@ int32_t BackupSessionManager::executeBackupTask(int32_t sessionId, const std::st
     MutexLock lock(mLock);
     if (indexOfSessionLocked(sessionId) < 0) {
         ALOGE("invalid session id = %d", sessionId);
-        return -1;
+        return COMMAND_FAILED;
     }
     std::string args[kCommandWords];
     const int32_t words = parseTaskCmd(taskCmd, args);
     // Only "backup" has a sixth argument, and has it optionally, which the table cannot say.
     const bool isLongBackup = words == static_cast<int32_t>(kCommandWords) && args[0] == "backup";
     if (!isLongBackup && checkTaskCmd(args[0], words - 1) != 0) {
-        return -3;
+        return COMMAND_REFUSED;
     }
     return runCommandLocked(sessionId, args);
 }
@@ -129,7 +142,7 @@ int32_t BackupSessionManager::runCommandLocked(int32_t sessionId, const std::str
     }
     if (cmd == "setweight") {
         return checkTarOption(args[1]) ? setWeightLocked(static_cast<int32_t>(parseNumber(args[2])))
-                                       : -3;
+                                       : COMMAND_REFUSED;
     }
     if (cmd == "keepalive") {
         return processKeepAlive(sessionId);
@@ -139,7 +152,7 @@ int32_t BackupSessionManager::runCommandLocked(int32_t sessionId, const std::str
     }
     const Kind* kind = findKind(cmd, args[1]);
     if (kind == nullptr) {
-        return cmd == "get_brief" ? 0 : -3;
+        return cmd == "get_brief" ? 0 : COMMAND_REFUSED;
     }
     return addTaskLocked(sessionId, kind->type, args);
 }
@@ -147,7 +160,7 @@ int32_t BackupSessionManager::runCommandLocked(int32_t sessionId, const std::str
 int32_t BackupSessionManager::addTaskLocked(int32_t sessionId, BackupTaskType type,
                                             const std::string* args) {
     if (args == nullptr) {
-        return -3;
+        return COMMAND_REFUSED;
     }
     if (type == BACKUP_SPLIT) {
         if (const int32_t running = addSplitTaskLocked(args); running != 0) {
@@ -156,15 +169,15 @@ int32_t BackupSessionManager::addTaskLocked(int32_t sessionId, BackupTaskType ty
     }
     if (isDuplicateLocked(type, args)) {
         ALOGE("failed to add task, task is existed!");
-        return -4;
+        return COMMAND_DUPLICATE;
     }
     if (startWorkerTreadLocked() == 0) {
         ALOGE("failed to add task, start workerThread error!");
-        return -1;
+        return COMMAND_FAILED;
     }
     if (args[5].empty()) {
         ALOGE("failed to add task, uid_info is null!");
-        return -3;
+        return COMMAND_REFUSED;
     }
     const int32_t taskId = mNextId.fetch_add(1, std::memory_order_release);
     mPendingTasks.add(new BackupTask(sessionId, taskId, type, mCallback, args));
@@ -206,13 +219,13 @@ int32_t BackupSessionManager::abortTaskLocked(int32_t taskId) {
         }
     }
     ALOGE("task %d is invalidated", taskId);
-    return -1;
+    return COMMAND_FAILED;
 }
 
 int32_t BackupSessionManager::setWeightLocked(int32_t weight) {
     if (static_cast<uint32_t>(weight) > kMaxWeight) {
         ALOGE("setWeight:%d exceed 0~100!!", weight);
-        return -1;
+        return COMMAND_FAILED;
     }
     mWeight = weight;
     for (size_t i = 0; i < mProcessingTasks.size(); ++i) {
@@ -241,10 +254,11 @@ int32_t BackupSessionManager::getPrioritybyWeight(int32_t weight) {
     if (static_cast<uint32_t>(weight) > kMaxWeight) {
         return PRIORITY_BACKGROUND;
     }
-    const auto ninths = static_cast<int16_t>((kMaxWeight - weight) * 9 + 50);
-    return static_cast<int16_t>(ninths / 100 + PRIORITY_BACKGROUND);
+    const auto hundredths = static_cast<int16_t>((kMaxWeight - weight) * 9 + 50);
+    return static_cast<int16_t>(hundredths / 100 + PRIORITY_BACKGROUND);
 }
 
+// NOLINTBEGIN(performance-unnecessary-value-param): as above
 bool BackupSessionManager::checkTarOption(std::string option) {
     return option == "tar" || option == "t";
 }
@@ -252,5 +266,6 @@ bool BackupSessionManager::checkTarOption(std::string option) {
 bool BackupSessionManager::checkDirOption(std::string option) {
     return option == "dir" || option == "d";
 }
+// NOLINTEND(performance-unnecessary-value-param)
 
 }  // namespace android::installd

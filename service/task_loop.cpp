@@ -1,5 +1,5 @@
-// The workers' loop: starting workers on demand, taking the oldest task, running its handler between
-// the callbacks that frame it, and ending.
+// The workers' loop: starting workers on demand, taking the oldest task, running its handler
+// between the callbacks that frame it, and ending.
 //
 // A worker, as seen under mLock:
 //
@@ -36,21 +36,9 @@ bool BackupSessionManager::loopOnce(size_t workerIndex) {
     sp<BackupTask> task;
     {
         MutexLock lock(mLock);
-        while (mPendingTasks.isEmpty() || mProcessingTasks.size() >= kWorkers) {
-            if (checkExit(workerIndex)) {
-                endPassLocked(workerIndex);
-                if (mPendingTasks.isEmpty()) {
-                    ALOGD("BackupSessionManager worker thread exit");
-                    return false;
-                }
-                ALOGD("BackupSessionManager loopOnce processing task..., "
-                      "mProcessingTasks.size()=%zu",
-                      mProcessingTasks.size());
-                return true;
-            }
-            mCond.wait(mLock);
-            ALOGD("BackupSessionManager loopOnce wait mPendingTasks.size()=%zu, checkExit=%d",
-                  mPendingTasks.size(), checkExit(workerIndex));
+        if (!waitForTaskLocked(workerIndex)) {
+            endPassLocked(workerIndex);
+            return !mPendingTasks.isEmpty();
         }
         task = mPendingTasks[0];
         mPendingTasks.removeAt(0);
@@ -72,6 +60,28 @@ bool BackupSessionManager::loopOnce(size_t workerIndex) {
     }
     processTask(task);
     finishTask(task);
+    return true;
+}
+
+// Waits until a task may be taken. Returns false when there is none to take and the worker was
+// asked to exit.
+bool BackupSessionManager::waitForTaskLocked(size_t workerIndex) {
+    while (mPendingTasks.isEmpty() || mProcessingTasks.size() >= kWorkers) {
+        if (checkExit(workerIndex)) {
+            if (mPendingTasks.isEmpty()) {
+                ALOGD("BackupSessionManager worker thread exit");
+            } else {
+                ALOGD(
+                    "BackupSessionManager loopOnce processing task..., "
+                    "mProcessingTasks.size()=%zu",
+                    mProcessingTasks.size());
+            }
+            return false;
+        }
+        mCond.wait(mLock);
+        ALOGD("BackupSessionManager loopOnce wait mPendingTasks.size()=%zu, checkExit=%d",
+              mPendingTasks.size(), checkExit(workerIndex));
+    }
     return true;
 }
 
@@ -118,7 +128,8 @@ bool BackupSessionManager::startWorkerLocked(size_t index) {
 
 // Waits until a worker that was asked to exit between two passes has either ended or come into its
 // next pass. It needs no lock of ours for either and has only a few steps to go, so this is short;
-// once it is in its pass it stays there, because it needs mLock to get any further.
+// once it is in its pass it stays there, because it needs mLock to get any further. A client that
+// waits for mLock meanwhile waits for a thread of lower priority, but for microseconds of its work.
 void BackupSessionManager::settleWorkerLocked(size_t index) {
     while (mWorkers[index]->isRunning() && mWorkers[index]->exitPending() && !mInPass[index]) {
         nanosleep(&kSettleInterval, nullptr);
@@ -126,9 +137,9 @@ void BackupSessionManager::settleWorkerLocked(size_t index) {
 }
 
 // Decides, with the queue in sight, that a worker's pass is over. A worker that was asked to exit
-// (by an abort of its task, or with its task's session) leaves what open sessions have queued to the
-// other worker, which may have left before it. What is left of closed sessions waits for the next
-// command that starts workers.
+// (by an abort of its task, or with its task's session) leaves what open sessions have queued to
+// the other worker, which may have left before it. What is left of closed sessions waits for the
+// next command that starts workers.
 void BackupSessionManager::endPassLocked(size_t workerIndex) {
     mInPass[workerIndex] = false;
     if (!checkExit(workerIndex) || !isOpenSessionWaitingLocked()) {
@@ -139,6 +150,7 @@ void BackupSessionManager::endPassLocked(size_t workerIndex) {
             continue;
         }
         settleWorkerLocked(other);
+        // Where no thread can be had, the tasks wait for the next command that starts workers.
         if (!mWorkers[other]->isRunning()) {
             startWorkerLocked(other);
         }
@@ -205,16 +217,21 @@ int32_t BackupSessionManager::processTask(sp<BackupTask>& task) {
 }
 
 int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
+    int32_t weight = 0;
     switch (task->taskType) {
         case BACKUP_FILE:
             return backupFileBase(task);
         case BACKUP_DIR:
             return backupDirBase(task);
         case BACKUP_TAR:
-            applyWeight("tarTask");
+            weight = applyWeight();
+            ALOGD("BackupSessionManager tarTask, weight:%d, pri:%d", weight,
+                  androidGetThreadPriority(0));
             return backupTarBase(task);
         case BACKUP_SPLIT:
-            applyWeight("SplitTask");
+            weight = applyWeight();
+            ALOGD("BackupSessionManager SplitTask, weight:%d, pri:%d", weight,
+                  androidGetThreadPriority(0));
             return backupSplitBase(task);
         case RESTORE_FILE:
             return restoreFileBase(task);
@@ -234,20 +251,15 @@ int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
     return -1;
 }
 
-// Gives this worker the priority of the present weight for an archive task; finishTask takes it
-// back. Under mLock, so that a weight that is set meanwhile is not overwritten by an older one.
-void BackupSessionManager::applyWeight(const char* taskName) {
-    int32_t weight = 0;
-    {
-        MutexLock lock(mLock);
-        weight = mWeight;
-        const int32_t priority = getPrioritybyWeight(weight);
-        if (androidGetThreadPriority(0) != priority) {
-            androidSetThreadPriority(0, priority);
-        }
+// Gives this worker the priority of the present weight, which it returns; finishTask takes the
+// priority back. Under mLock, so that a weight that is set meanwhile is not undone by an older one.
+int32_t BackupSessionManager::applyWeight() {
+    MutexLock lock(mLock);
+    const int32_t priority = getPrioritybyWeight(mWeight);
+    if (androidGetThreadPriority(0) != priority) {
+        androidSetThreadPriority(0, priority);
     }
-    ALOGD("BackupSessionManager %s, weight:%d, pri:%d", taskName, weight,
-          androidGetThreadPriority(0));
+    return mWeight;
 }
 
 void BackupSessionManager::finishTask(const sp<BackupTask>& task) {

@@ -14,8 +14,8 @@ namespace {
 constexpr size_t kFirstRecordSize = 1024;
 constexpr size_t kLargestRecordSize = 1048576;
 
-// Calls `get` (getpwuid_r or getgrgid_r) with a buffer as large as the record needs. Returns whether
-// there is a record, which then points into `buffer`.
+// Calls `get` (getpwuid_r or getgrgid_r) with a buffer as large as the record needs. Returns
+// whether there is a record, which then points into `buffer`.
 template <typename Record, typename Get, typename Id>
 bool getRecord(Get get, Id id, Record& record, std::vector<char>& buffer) {
     for (size_t size = kFirstRecordSize; size <= kLargestRecordSize; size *= 4) {

@@ -13,6 +13,7 @@ std::string UdtoString(unsigned int value) {
     return std::to_string(value);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): takes its texts by value, as it always has
 std::string HandleSplitInfo(std::string basePath, unsigned long long size, unsigned int index) {
     if (size == 0) {
         ALOGE("tar size is 0");

@@ -293,8 +293,8 @@ int TarFile::WriteAll(const char* buf, int len) {
     }
     int written = 0;
     while (written < len) {
-        const auto count = static_cast<int>(
-            fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
+        const auto count =
+            static_cast<int>(fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
         if (count < 1) {
             ALOGE("TarFile::PackDir, failed to write data, size: %d, real: %d, error: %s", len,
                   count, ErrorText().c_str());
@@ -329,8 +329,8 @@ bool TarFile::WriteFileContent(const char* path, long size) {
     if (!isComplete) {
         return false;
     }
-    // Narrowed on purpose: the padding of archives has always been counted in 32 bits, and who reads
-    // them relies on it.
+    // Narrowed on purpose: the padding of archives has always been counted in 32 bits, and who
+    // reads them relies on it.
     return sliceEnded || CompleteBlock(static_cast<int32_t>(size));
 }
 
@@ -383,8 +383,7 @@ int TarFile::ReadAll(int fd, char* buf, int len) {
     }
     int done = 0;
     while (done < len) {
-        const auto count =
-            static_cast<int>(read(fd, buf + done, static_cast<size_t>(len - done)));
+        const auto count = static_cast<int>(read(fd, buf + done, static_cast<size_t>(len - done)));
         if (count == 0) {
             ALOGE("TarFile::PackDir, failed to read data, size: %d, real: %d", len, done);
             return done;

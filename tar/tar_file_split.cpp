@@ -4,8 +4,8 @@
 //   slice 0          slice 1             slice 2
 //   | ... '8' part | '9' header, part | 'A' header, rest | next entries ...
 //
-// The arithmetic decides what earlier devices can read back and is kept as it is, odd cases included.
-// Tested by tests/tar/tar_split_test.cpp.
+// The arithmetic decides what earlier devices can read back and is kept as it is, odd cases
+// included. Tested by tests/tar/tar_split_test.cpp.
 #include <log/log.h>
 #include <selinux/android.h>
 #include <stdlib.h>
@@ -48,6 +48,7 @@ long wholeBlocks(long size) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): takes its texts by value, as it always has
 bool TarFile::PackSplitDir(std::string srcDir, std::string tarPath, std::string* args,
                            unsigned int uid) {
     if (!CheckDir(srcDir.c_str())) {
@@ -150,11 +151,11 @@ int TarFile::SplitWriteAll(const char* buf, int len, bool& sliceEnded) {
     }
     int written = 0;
     while (written < len) {
-        const auto count = static_cast<int>(
-            fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
+        const auto count =
+            static_cast<int>(fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
         if (count < 1) {
-            ALOGE("TarFile::PackSplitDir, failed to write data, size: %d, real: %d, error: %s",
-                  len, count, ErrorText().c_str());
+            ALOGE("TarFile::PackSplitDir, failed to write data, size: %d, real: %d, error: %s", len,
+                  count, ErrorText().c_str());
             return count;
         }
         written += count;
@@ -223,13 +224,13 @@ bool TarFile::FillSplitTailBlocks(bool isLast) {
     ALOGD("TarFile::FillSplitTailBlocks split tar [name, size, m_slice] = [%s, %jd, %jd]",
           m_curTarPath.c_str(), static_cast<intmax_t>(m_tarStat.st_size),
           static_cast<intmax_t>(m_slice));
-    ALOGD("TarFile::FillSplitTailBlocks file [name, m_fileRemainSize, m_cursorFileSize] = "
-          "[%s, %jd, %jd]\n",
-          m_curFile.c_str(), static_cast<intmax_t>(m_fileRemainSize),
-          static_cast<intmax_t>(m_cursorFileSize));
+    ALOGD(
+        "TarFile::FillSplitTailBlocks file [name, m_fileRemainSize, m_cursorFileSize] = "
+        "[%s, %jd, %jd]\n",
+        m_curFile.c_str(), static_cast<intmax_t>(m_fileRemainSize),
+        static_cast<intmax_t>(m_cursorFileSize));
     if (!FixAttrForSeLinux(m_curTarPath)) {
-        ALOGE("TarFile::FillSplitTailBlocks:restorecon_backup_dir %s error!",
-              m_curTarPath.c_str());
+        ALOGE("TarFile::FillSplitTailBlocks:restorecon_backup_dir %s error!", m_curTarPath.c_str());
         return false;
     }
     const std::string sliceInfo = isLast ? m_curTarPath + "|" + "end" : m_curTarPath;
@@ -355,6 +356,7 @@ void TarFile::ClearDirtyData() {
     m_rootPath[0] = '\0';
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): takes its texts by value, as it always has
 bool TarFile::FixAttrForSeLinux(std::string path) {
     if (fixup_permissions_dir_file(path.c_str(), m_uid, m_uid, kSliceMode) != 0) {
         ALOGE("TarFile::FixAttrForSeLinux failed to change attr_file(%s) owner, error=%s",

@@ -17,7 +17,7 @@ struct UnTarFile::Entry {
     uint64_t size = 0;         // of the data behind the header, in bytes
     int64_t dataPosition = 0;  // of that data in the archive
     char typeflag = 0;
-    std::string name;      // the long name where one came before, and so below
+    std::string name;  // the long name where one came before, and so below
     std::string linkName;
     bool hasLongName = false;
     bool hasLongLink = false;

@@ -1,6 +1,6 @@
-// UnTarFile unpacks an archive, or a set of slices by its check file, below a directory, with owners
-// mapped to the target application; or lists an archive's files. It knows its TarCallBack and
-// nothing of who is behind it.
+// UnTarFile unpacks an archive, or a set of slices by its check file, below a directory, with
+// owners mapped to the target application; or lists an archive's files. It knows its TarCallBack
+// and nothing of who is behind it.
 //
 // Archives are hostile bytes: every read of one stays inside the object's own buffers, and every
 // parse moves forward to the archive's end. What extraction does with a well-formed entry is what

@@ -87,8 +87,7 @@ bool UnTarFile::HandleCheckFile(const char* checkFilePath, Vector<std::string>& 
     return true;
 }
 
-bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir,
-                              Vector<std::string>& slices) {
+bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices) {
     if (line == nullptr) {
         ALOGE("tarInfo is NULL");
         return false;

@@ -61,8 +61,8 @@ TEST_F(PermissionRecordTest, HasAtMost2047Characters) {
     }
     makeDir(directory);
     const std::string tail = ";420;0;1;" + std::to_string(time(nullptr)) + "\n";
-    const std::string fits = directory + "/" +
-                             std::string(2047 - tail.size() - directory.size() - 1, 'f');
+    const std::string fits =
+        directory + "/" + std::string(2047 - tail.size() - directory.size() - 1, 'f');
     writeFile(fits, "x");
     EXPECT_EQ(recordOf(fits).size(), 2047u);
     writeFile(fits + "f", "x");
@@ -108,24 +108,48 @@ TEST_F(PermissionRecordTest, LinesAndWhatTheyYield) {
         {"two fields", "ab;cd", 2, 0, 0, {}, {}},
         {"first character is no separator", ";493;0;12;17", 4, 0, 0, {}, {}},
         {"no path", "493;0;12;1700000000", 4, 493, 0, {}, {}},
-        {"ends in a separator", "/a;1;0;1;5;", 0, 0, 0, {},
+        {"ends in a separator",
+         "/a;1;0;1;5;",
+         0,
+         0,
+         0,
+         {},
          {"line ends with invalid character, skip this line"}},
         {"octal and hexadecimal", dir + ";0755;1;0x10;017\r\n", 5, 0755, 1, {}, {}},
         {"largest modes", dir + ";7777;1;1;1", 5, 7777, 1, {}, {}},
         {"mode above the bits", dir + ";4096;1;1;1", 5, 4096, 1, {}, {}},
         {"mode wraps into 32 bits", dir + ";4294967296;1;1;1", 5, 0, 1, {}, {}},
-        {"mode too large", dir + ";7778;1;1;1", -1, -1, 1,
-         {"invalid mode 7778", "failed to get mod"}, skipped},
-        {"mode negative", dir + ";-1;1;1;1", -1, -1, 1, {"invalid mode -1", "failed to get mod"},
+        {"mode too large",
+         dir + ";7778;1;1;1",
+         -1,
+         -1,
+         1,
+         {"invalid mode 7778", "failed to get mod"},
          skipped},
-        {"mode empty", dir + ";;1;1;1", -1, -1, 1,
-         {"mode is NULL or length of mode is 0", "failed to get mod"}, skipped},
+        {"mode negative",
+         dir + ";-1;1;1;1",
+         -1,
+         -1,
+         1,
+         {"invalid mode -1", "failed to get mod"},
+         skipped},
+        {"mode empty",
+         dir + ";;1;1;1",
+         -1,
+         -1,
+         1,
+         {"mode is NULL or length of mode is 0", "failed to get mod"},
+         skipped},
         {"type empty", dir + ";1;;1;1", 5, 1, 0, {"type is NULL or length of type is 0"}, {}},
         {"type of more than a digit", dir + ";1;11;1;1", 5, 1, 0, {}, {}},
         {"size empty", dir + ";1;1;;1", 5, 1, 1, {}, {}},
         {"size negative", dir + ";1;1;-1;1", -1, 0, 0, {"failed to get size"}, skipped},
         {"time negative", dir + ";1;1;1;-1", -1, 0, 0, {"failed to get modified_time"}, skipped},
-        {"path of nothing", (tree / "none") + ";1;0;1;1", -1, 1, 0,
+        {"path of nothing",
+         (tree / "none") + ";1;0;1;1",
+         -1,
+         1,
+         0,
          {"if_file_type_legal " + (tree / "none") + " error is [No such file or directory]\n"},
          skipped},
         {"path of a link", (tree / "link") + ";1;0;1;1", -1, 1, 0, {}, skipped},
@@ -154,8 +178,8 @@ TEST_F(PermissionRecordTest, RestoreGivesModesBackAndRelabels) {
             return 0;
         });
     ASSERT_EQ(chown(tree.path().c_str(), 10123, 1), 0);
-    EXPECT_EQ(restore((tree / "file") + ";384;0;9;9\r\n" + (tree / "two\nlines") +
-                      ";2541;0;1;1\n" + tree.path() + ";493;1;1;1"),
+    EXPECT_EQ(restore((tree / "file") + ";384;0;9;9\r\n" + (tree / "two\nlines") + ";2541;0;1;1\n" +
+                      tree.path() + ";493;1;1;1"),
               0);
     EXPECT_EQ(modeOf(tree / "file"), 0600u);
     EXPECT_EQ(modeOf(tree / "two\nlines"), 04755u);

@@ -84,9 +84,9 @@ TEST_F(CopyHandlersTest, ARestoreNeedsItsFilesAndNotTheirRecords) {
     writeFile(tree / "backup/com.x/file", "1");
     log.clear();
     EXPECT_EQ(run(RESTORE_DIR, "backup", "com.x"), 0);
-    EXPECT_EQ(errors(), (Lines{"failed to open info_file", "restore failed, restore file info from " +
-                                                               (tree / "backup/com.x.txt") +
-                                                               " error, ignore that."}));
+    EXPECT_EQ(errors(), (Lines{"failed to open info_file",
+                               "restore failed, restore file info from " +
+                                   (tree / "backup/com.x.txt") + " error, ignore that."}));
     EXPECT_EQ(modeOf(tree / "com.x/file"), 0771u);
 }
 

@@ -44,9 +44,9 @@ TEST_F(FileOperationsTest, CreateDirMakesAndOwnsWhatIsMissingOnly) {
     EXPECT_EQ(createDir("", 10123), -1);
     writeFile(tree / "file", "x");
     EXPECT_EQ(createDir((tree / "file/x").c_str(), 10123), -1);
-    EXPECT_EQ(errors(), (Lines{"Failed to createDir:path is NULL or length of path is 0",
-                               "Failed to mkdir(" + (tree / "file/x") +
-                                   "), error=Not a directory"}));
+    EXPECT_EQ(errors(),
+              (Lines{"Failed to createDir:path is NULL or length of path is 0",
+                     "Failed to mkdir(" + (tree / "file/x") + "), error=Not a directory"}));
 }
 
 TEST_F(FileOperationsTest, CreateDirWarnsOnceOfDepth) {
@@ -82,13 +82,12 @@ TEST_F(FileOperationsTest, CopyFileSaysWhatItCouldNotOpen) {
     EXPECT_EQ(copyFile(from.c_str(), (tree / "none/to").c_str(), task()), -1);
     EXPECT_EQ(copyFile(tree.path().c_str(), (tree / "to").c_str(), task()), -1);
     EXPECT_EQ(copyFile("", from.c_str(), task()), -1);
-    EXPECT_EQ(errors(),
-              (Lines{"Failed to copyFile file: " + (tree / "none") +
-                         ", error=No such file or directory",
-                     "Failed to open file: " + (tree / "none/to") +
-                         ", error=No such file or directory",
-                     "Failed to read file: " + tree.path() + ", error=Is a directory",
-                     "Failed to copyFile file:path is NULL or length of path is 0"}));
+    EXPECT_EQ(
+        errors(),
+        (Lines{"Failed to copyFile file: " + (tree / "none") + ", error=No such file or directory",
+               "Failed to open file: " + (tree / "none/to") + ", error=No such file or directory",
+               "Failed to read file: " + tree.path() + ", error=Is a directory",
+               "Failed to copyFile file:path is NULL or length of path is 0"}));
     EXPECT_EQ(readFile(tree / "to"), "") << "the target of a failed copy stays";
 }
 
@@ -107,8 +106,7 @@ TEST_F(FileOperationsTest, ProgressIsToldAtSteps) {
     EXPECT_EQ(client->statusesOf(101), (Lines{"3 81920", "3 163840"}));
     EXPECT_EQ(copy->task_copy_len, 81920u * 2 + 100);
     EXPECT_EQ(copyFile((tree / "from").c_str(), (tree / "to").c_str(), copy), 0);
-    EXPECT_EQ(client->statusesOf(101),
-              (Lines{"3 81920", "3 163840", "3 245860", "3 327780"}))
+    EXPECT_EQ(client->statusesOf(101), (Lines{"3 81920", "3 163840", "3 245860", "3 327780"}))
         << "the total is the task's, in reads of 8192 bytes";
 }
 
@@ -122,8 +120,7 @@ TEST_F(FileOperationsTest, CopyDirTakesFilesAndDirectoriesOnly) {
     makeFifo(tree / "from/fifo");
     makeSocket(tree / "from/socket");
     EXPECT_EQ(copyTree(task()), 0);
-    EXPECT_EQ(listTree(tree / "to"),
-              (Lines{"a/", "a/file", "a/lib/", "a/lib/data", "empty/"}));
+    EXPECT_EQ(listTree(tree / "to"), (Lines{"a/", "a/file", "a/lib/", "a/lib/data", "empty/"}));
     for (const char* name : {"to", "to/a", "to/a/file", "to/empty"}) {
         EXPECT_EQ(ownerAndMode(tree / name), "10123:10123 771") << name;
     }
@@ -164,8 +161,7 @@ TEST_F(FileOperationsTest, CopyDirEndsAtATargetThatIsThereAndCannotBeFilled) {
     writeFile(tree / "from/file", "x");
     makeDir(tree / "to/file/file");
     EXPECT_EQ(copyTree(task()), -1);
-    EXPECT_EQ(errors().back(),
-              "Failed to copyDir, copyFile(" + (tree / "from/file") + ") error");
+    EXPECT_EQ(errors().back(), "Failed to copyDir, copyFile(" + (tree / "from/file") + ") error");
 }
 
 TEST_F(FileOperationsTest, AMoveRemovesAsItCopies) {
@@ -227,9 +223,9 @@ TEST_F(FileOperationsTest, RelabellingFailuresDoNotFailATask) {
     makeDir(tree / "to");
     EXPECT_EQ(prepare_data_backuped_for_task(task()), 0);
     EXPECT_EQ(calls, Lines{(tree / "to") + " default 10123 4"});
-    EXPECT_EQ(prepare_data_backuped_for_task(
-                  makeTask(BACKUP_DIR, "a", tree / "to", client, "0", "")),
-              -1);
+    EXPECT_EQ(
+        prepare_data_backuped_for_task(makeTask(BACKUP_DIR, "a", tree / "to", client, "0", "")),
+        -1);
     EXPECT_EQ(prepare_data_backuped_for_task(nullptr), -1);
     EXPECT_EQ(errors(),
               (Lines{"Failed to recursive restorecon for " + (tree / "to") +
@@ -246,9 +242,9 @@ TEST_F(FileOperationsTest, FixupSetsModeThenOwner) {
     EXPECT_EQ(ownerAndMode(tree / "file"), "10123:10124 660");
     EXPECT_EQ(fixup_permissions_dir_file((tree / "none").c_str(), 1, 1, 0660), -1);
     EXPECT_EQ(fixup_permissions_dir_file(nullptr, 1, 1, 0660), -1);
-    EXPECT_EQ(errors(), (Lines{"Failed to chmod (" + (tree / "none") +
-                                   "), error=No such file or directory",
-                               "fixup_backup_dir_file, path is NULL or length of path is 0"}));
+    EXPECT_EQ(errors(),
+              (Lines{"Failed to chmod (" + (tree / "none") + "), error=No such file or directory",
+                     "fixup_backup_dir_file, path is NULL or length of path is 0"}));
 }
 
 }  // namespace

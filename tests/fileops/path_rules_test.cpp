@@ -28,9 +28,11 @@ TEST(IsAllowAccess, ComparesPrefixesWithoutComponents) {
         {"/data/data/com.x/..", nullptr},
         {"/data/data/./x", nullptr},
         {"/data/data/a../b", "is_allow_access, illegalpath:/data/data/a../b."},
-        {"/data/data/com.x/../../system", "is_allow_access, illegalpath:/data/data/com.x/../../system."},
+        {"/data/data/com.x/../../system",
+         "is_allow_access, illegalpath:/data/data/com.x/../../system."},
         {"/data/app/x", "is_allow_access, /data/app/x don`t match dataPath."},
-        {"/data/misc/apexdata/com.android.wif", "is_allow_access, /data/misc/apexdata/com.android.wif don`t match dataPath."},
+        {"/data/misc/apexdata/com.android.wif",
+         "is_allow_access, /data/misc/apexdata/com.android.wif don`t match dataPath."},
         {"data/data", "is_allow_access, data/data don`t match dataPath."},
         {"", "is_allow_access, path is NULL or length of path is 0"},
         {nullptr, "is_allow_access, path is NULL or length of path is 0"},
@@ -51,9 +53,8 @@ TEST(IsStoragePath, KnowsBothNamesOfSharedStorage) {
     EXPECT_TRUE(manager->isStoragePath("/mnt/androidwritable"));
     EXPECT_FALSE(manager->isStoragePath("/storage/emulate"));
     EXPECT_FALSE(manager->isStoragePath("/data/storage/emulated"));
-    EXPECT_EQ(messagesOf(log, ANDROID_LOG_DEBUG),
-              (Lines{"isStoragePath:, /storage/emulated/0/x",
-                     "isStoragePath:, /mnt/androidwritable"}));
+    EXPECT_EQ(messagesOf(log, ANDROID_LOG_DEBUG), (Lines{"isStoragePath:, /storage/emulated/0/x",
+                                                         "isStoragePath:, /mnt/androidwritable"}));
 }
 
 class EntryRulesTest : public testing::Test {
@@ -99,10 +100,9 @@ TEST_F(EntryRulesTest, KindsAndFilters) {
         EXPECT_EQ(isDir(path.c_str()), row.dir);
         const android::host::LogCapture log;
         EXPECT_EQ(filterFile(path.c_str()), row.filter);
-        EXPECT_EQ(linesOf(log), row.filterMessage == nullptr
-                                    ? Lines{}
-                                    : Lines{"E BackupSessionManager: " +
-                                            (row.filterMessage + path)});
+        EXPECT_EQ(linesOf(log), row.filterMessage == nullptr ? Lines{}
+                                                             : Lines{"E BackupSessionManager: " +
+                                                                     (row.filterMessage + path)});
     }
     EXPECT_EQ(filterFile("/dev/null"), 0) << "devices are kept";
 }
@@ -142,8 +142,8 @@ TEST_F(EntryRulesTest, CheckFilePathCatchesWhatResolvesOutsideItsRoot) {
     EXPECT_EQ(CheckFilePath((root + "/out").c_str(), nullptr), 0);
     EXPECT_EQ(CheckFilePath((root + "/out").c_str(), root.c_str()), -1);
     EXPECT_EQ(messagesOf(log, ANDROID_LOG_ERROR),
-              Lines{"Failed to checkFilePath, path: " + root + "/out, realPath: " +
-                    (tree / "file") + ", realOrgPath: " + root + "."});
+              Lines{"Failed to checkFilePath, path: " + root +
+                    "/out, realPath: " + (tree / "file") + ", realOrgPath: " + root + "."});
 }
 
 TEST(GetAppName, IsTheTextAfterTheLastSlash) {

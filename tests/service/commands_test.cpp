@@ -27,13 +27,21 @@ TEST_F(CommandsTest, LinesThatQueueNothing) {
         {"tabs are part of a word", "backup\ttar", -3, {"unsupported command 'backup\ttar'\n"}},
         {"newlines are part of a word", "keepalive\n", -3, {"unsupported command 'keepalive\n'\n"}},
         {"bytes above 127", "\xff\xfe", -3, {"unsupported command '\xff\xfe'\n"}},
-        {"four arguments", "backup tar" + paths + "s", -3,
+        {"four arguments",
+         "backup tar" + paths + "s",
+         -3,
          {"backup requires 5 arguments (4 given)\n"}},
-        {"seven arguments", "backup split" + paths + "1 s 0 x", -3,
+        {"seven arguments",
+         "backup split" + paths + "1 s 0 x",
+         -3,
          {"backup requires 5 arguments (7 given)\n"}},
-        {"six arguments, for backup only", "restore tar" + paths + "s 0 x", -3,
+        {"six arguments, for backup only",
+         "restore tar" + paths + "s 0 x",
+         -3,
          {"restore requires 5 arguments (6 given)\n"}},
-        {"keepalive takes no argument", "keepalive 100", -3,
+        {"keepalive takes no argument",
+         "keepalive 100",
+         -3,
          {"keepalive requires 0 arguments (1 given)\n"}},
         {"unknown kind of backup", "backup tgz" + paths + "s 0", -3, {}},
         {"byfile is no restore", "restore byfile" + paths + "s 0", -3, {}},
@@ -105,8 +113,7 @@ TEST_F(CommandsTest, DuplicatesAreRefusedWhileQueuedOrRunningWhoeverAsks) {
     log.clear();
     EXPECT_EQ(execute(other, "backup f " + (tree / "one") + " " + (tree / "out") + " t 7 x"), -4);
     EXPECT_EQ(addCopy(other, "three"), -4);
-    EXPECT_EQ(messagesOf(log, ANDROID_LOG_ERROR),
-              Lines(2, "failed to add task, task is existed!"));
+    EXPECT_EQ(messagesOf(log, ANDROID_LOG_ERROR), Lines(2, "failed to add task, task is existed!"));
     EXPECT_GT(execute(other, "restore file " + (tree / "three") + " " + (tree / "out") + " s 0"), 0)
         << "another kind of task is another task";
     letGo("one");
@@ -164,7 +171,7 @@ TEST(PriorityByWeight, FallsFromTenToNineteenAndRoundsAtTheHalf) {
     const struct {
         int32_t weight;
         int32_t priority;
-    } rows[] = {{100, 10}, {95, 10}, {94, 11}, {50, 15}, {6, 18},
+    } rows[] = {{100, 10}, {95, 10}, {94, 11}, {50, 15},  {6, 18},
                 {5, 19},   {0, 19},  {-1, 10}, {101, 10}, {INT32_MIN, 10}};
     for (const auto& row : rows) {
         EXPECT_EQ(BackupSessionManager::getPrioritybyWeight(row.weight), row.priority)

@@ -105,11 +105,10 @@ TEST_F(TaskLoopTest, TheFinalStatusFollowsTheHandlersResult) {
     const int32_t task = addCopy(session, "file");
     EXPECT_EQ(client->waitForEnd(task), 0);
     EXPECT_EQ(client->statusesOf(task), (Lines{"1 processTask start", "0 processTask finish"}));
-    const int32_t failing = execute(
-        session, "move dir " + (tree / "out") + " " + (tree / "file/into") + " s 0");
+    const int32_t failing =
+        execute(session, "move dir " + (tree / "out") + " " + (tree / "file/into") + " s 0");
     EXPECT_EQ(client->waitForEnd(failing), -1);
-    EXPECT_EQ(client->statusesOf(failing),
-              (Lines{"1 processTask start", "-1 processTask finish"}));
+    EXPECT_EQ(client->statusesOf(failing), (Lines{"1 processTask start", "-1 processTask finish"}));
 }
 
 // Both workers end after their aborted tasks, and neither was idle when the third was queued.
@@ -122,6 +121,26 @@ TEST_F(TaskLoopTest, ATaskQueuedWhileBothWorkersAreLeavingIsServed) {
     letGo("one");
     letGo("two");
     EXPECT_EQ(client->waitForEnd(third), 0);
+}
+
+TEST_F(TaskLoopTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
+    auto doomed = android::sp<android::installd::BackupSessionManager>::make();
+    const android::wp<android::installd::BackupSessionManager> observed = doomed;
+    const int32_t id = doomed->startBackupSession(client);
+    int32_t last = 0;
+    for (const char* name : {"a", "b", "c"}) {
+        addFifo(name);
+        last = doomed->executeBackupTask(
+            id, "backup file " + (tree / name) + " " + (tree / "out") + " s 0");
+    }
+    EXPECT_EQ(client->waitFor(last - 1, 1), 1);
+    std::thread owner([&] { doomed.clear(); });
+    EXPECT_TRUE(eventually([&] { return observed.promote() == nullptr; }));
+    for (const char* name : {"a", "b", "c"}) {
+        giveUp(tree / name);
+    }
+    owner.join();
+    EXPECT_NE(client->waitForEnd(last - 1), TestClient::kNone);
 }
 
 }  // namespace

@@ -16,8 +16,8 @@ class WorkerStressTest : public ServiceTest {
   protected:
     // Small enough to be dropped by its pre-check: the pass of a task costs next to nothing.
     int32_t addDropped(int32_t session, int number) {
-        return execute(session, "move x " + tree.path() + " /none/" + std::to_string(number) +
-                                    " s 0");
+        return execute(session,
+                       "move x " + tree.path() + " /none/" + std::to_string(number) + " s 0");
     }
 };
 

@@ -34,10 +34,20 @@ class ServiceTest : public testing::Test {
     // Lets go whatever a failed test has left running: the manager waits for its workers.
     void TearDown() override {
         for (const std::string& fifo : mFifos) {
-            const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
-            unlink(fifo.c_str());
-            close(writer);
+            giveUp(fifo);
         }
+    }
+
+    void addFifo(const std::string& name) {
+        makeFifo(tree / name);
+        mFifos.push_back(tree / name);
+    }
+
+    // Ends the copy of a FIFO, whether it has been opened yet or not.
+    static void giveUp(const std::string& fifo) {
+        const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+        unlink(fifo.c_str());
+        close(writer);
     }
 
     int32_t execute(int32_t session, const std::string& line) {
@@ -52,8 +62,7 @@ class ServiceTest : public testing::Test {
 
     // Queues the copy of a FIFO: the task runs until letGo() gives the FIFO a writer.
     int32_t addBlocked(int32_t session, const std::string& name) {
-        makeFifo(tree / name);
-        mFifos.push_back(tree / name);
+        addFifo(name);
         return execute(session, "backup file " + (tree / name) + " " + (tree / "out") + " s 0");
     }
     void letGo(const std::string& name) { close(open((tree / name).c_str(), O_WRONLY)); }

@@ -75,9 +75,8 @@ inline std::vector<std::string> headersOf(const std::string& archive) {
         const size_t size = std::stoul(archive.substr(at + 124, 12), nullptr, 8);
         const char type = archive[at + 156];
         const bool isRecord = type == 'L' || type == 'K';
-        headers.push_back(std::string{type, ' '} +
-                          (isRecord ? archive.c_str() + at + kBlock
-                                    : name + " " + std::to_string(size)));
+        headers.push_back(std::string{type, ' '} + (isRecord ? archive.c_str() + at + kBlock
+                                                             : name + " " + std::to_string(size)));
         at += kBlock + (size + kBlock - 1) / kBlock * kBlock;
     }
     return headers;

@@ -1,5 +1,5 @@
-// What tests of the packer and the extractor share: a tree, the log, and a callback that writes down
-// what it is told and can be made to act.
+// What tests of the packer and the extractor share: a tree, the log, and a callback that writes
+// down what it is told and can be made to act.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -28,7 +28,8 @@ struct Fields {
 };
 
 Fields recordFields(char type, const std::string& size) {
-    return {"././@LongLink", type, size, "0000000", "0000000", "0000000", "00000000000", "", "", ""};
+    return {"././@LongLink", type,          size, "0000000", "0000000",
+            "0000000",       "00000000000", "",   "",        ""};
 }
 
 class TarFormatTest : public TarTest {
@@ -68,7 +69,9 @@ class TarFormatTest : public TarTest {
         takes("chksum", 148, sum);
         takes("typeflag", 156, {fields.type});
         takes("linkname", 157, fields.link);
-        takes("magic, version", 257, "ustar\0" "0\0"s);
+        takes("magic, version", 257,
+              "ustar\0"
+              "0\0"s);
         takes("uname", 265, fields.uname);
         takes("gname", 297, fields.gname);
         EXPECT_EQ(block, std::string(kBlock, '\0'));
@@ -79,8 +82,9 @@ TEST_F(TarFormatTest, AFile) {
     writeFile(tree / "src/file", "hello");
     mark("file", 07751, 10050, 1028);
     const std::string archive = pack();
-    expectHeader(archive, 0, {"file", '0', "00000000005", "0007751", "0023502", "0002004",
-                              "11145401322", "", "10050", "1028"});
+    expectHeader(archive, 0,
+                 {"file", '0', "00000000005", "0007751", "0023502", "0002004", "11145401322", "",
+                  "10050", "1028"});
     EXPECT_EQ(archive.substr(kBlock), padded("hello") + kEndBlocks);
 }
 
@@ -125,18 +129,9 @@ TEST_F(TarFormatTest, NamesAndTargetsOfAHundredBytesHaveRecords) {
         size_t target;
         Lines records;
     } rows[] = {
-        {'0', 98, 0, {}},
-        {'0', 99, 0, {}},
-        {'0', 100, 0, {"L"}},
-        {'0', 101, 0, {"L"}},
-        {'0', 255, 0, {"L"}},
-        {'5', 98, 0, {}},
-        {'5', 99, 0, {"L"}},
-        {'2', 1, 99, {}},
-        {'2', 1, 100, {"K"}},
-        {'2', 1, 511, {"K"}},
-        {'2', 1, 512, {"K"}},
-        {'2', 1, 2047, {"K"}},
+        {'0', 98, 0, {}},     {'0', 99, 0, {}},     {'0', 100, 0, {"L"}}, {'0', 101, 0, {"L"}},
+        {'0', 255, 0, {"L"}}, {'5', 98, 0, {}},     {'5', 99, 0, {"L"}},  {'2', 1, 99, {}},
+        {'2', 1, 100, {"K"}}, {'2', 1, 511, {"K"}}, {'2', 1, 512, {"K"}}, {'2', 1, 2047, {"K"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.type << ' ' << row.name << ' ' << row.target);
@@ -180,8 +175,9 @@ TEST_F(TarFormatTest, NumbersKeepTheirLowDigitsAndANulWhereThereIsRoom) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.idName);
         mark("file", 0644, row.id, row.id, row.mtime);
-        expectHeader(pack(), 0, {"file", '0', "00000000000", "0000644", row.idField, row.idField,
-                                 row.mtimeField, "", row.idName, row.idName});
+        expectHeader(pack(), 0,
+                     {"file", '0', "00000000000", "0000644", row.idField, row.idField,
+                      row.mtimeField, "", row.idName, row.idName});
     }
 }
 

@@ -1,0 +1,29 @@
+// Questions about a path's text and existence that the handlers and primitives share.
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+
+namespace android::installd {
+
+inline bool isEmptyPath(const char* path) {
+    return path == nullptr || path[0] == '\0';
+}
+
+inline bool exists(const char* path) {
+    return access(path, F_OK) == 0;
+}
+
+inline bool exists(const std::string& path) {
+    return exists(path.c_str());
+}
+
+// `parent` followed by the last component of `path`, the slash before it included: where a backup
+// of `path` lies in `parent`. Empty when `path` has no slash.
+inline std::string prepare_data_backup_dir(const std::string& parent, const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : parent + path.substr(slash);
+}
+
+}  // namespace android::installd
