@@ -28,15 +28,6 @@ constexpr mode_t kTargetCreationMode = 0660;
 constexpr int kWatchedDepth = 10;
 constexpr int kDeepestDepth = 2048;
 
-const char* lastComponent(const char* path) {
-    const char* slash = strrchr(path, '/');
-    return slash == nullptr ? path : slash + 1;
-}
-
-bool isDotName(const char* name) {
-    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
-}
-
 // Gives a copy its owner and mode. A target on descriptor 0 is refused: it can only mean that the
 // process lost its standard input, and whatever takes that number next would share it.
 bool fixupTarget(int fd, uint32_t uid) {

@@ -1,6 +1,7 @@
 // Questions about a path's text and existence that the handlers and primitives share.
 #pragma once
 
+#include <string.h>
 #include <unistd.h>
 
 #include <string>
@@ -13,6 +14,16 @@ inline bool isEmptyPath(const char* path) {
 
 inline bool exists(const char* path) {
     return access(path, F_OK) == 0;
+}
+
+inline bool isDotName(const char* name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// The text after the last '/', all of it without one.
+inline const char* lastComponent(const char* path) {
+    const char* slash = strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
 }
 
 inline bool exists(const std::string& path) {

@@ -75,3 +75,23 @@ run --data "$two" list "/data/data/taken/$app.tar.txt" | sed -n 1,3p
 step "... and restored on device two, for uid 10456"
 run --data "$two" restore split "/data/data/taken/$app.tar.txt" "/data/data/$app" --uid 10456
 compare "$one/data/$app" "$two/data/$app" 10456
+
+step "What a backup would hold: a brief, by a search file with CRLF line ends"
+printf '[include]/data/data/%s/files\r\n[exclude]/data/data/%s/files/perl\r\n' "$app" "$app" \
+    >"$one/data/search"
+run --data "$one" brief byfile /data/data/search /data/data/brief --uid 10123
+printf '%s lines, such as\n' "$(wc -l <"$one/data/brief")"
+sed -n 1,2p "$one/data/brief"
+
+step "... edited by hand (every third line out, one broken line in), and backed up by that list"
+awk 'NR % 3 { print } NR == 10 { print "this is no record" }' "$one/data/brief" >"$one/data/edited"
+run --data "$one" --log silent backup byfile /data/data/edited "/data/data/chosen/$app" --uid 10123
+cut -d ';' -f 1 "$one/data/edited" | grep ^/ | sed "s|^/data/data/$app/||" | sort >/tmp/listed
+(cd "$one/data/chosen/$app/$app" && find files -type f | sort) >/tmp/copied
+while read -r name; do
+    [ -d "$one/data/$app/$name" ] || printf '%s\n' "$name"
+done </tmp/listed | diff - /tmp/copied || fail "what was copied is not what was listed"
+while read -r name; do
+    cmp "$one/data/$app/$name" "$one/data/chosen/$app/$app/$name" || fail "contents differ"
+done </tmp/copied
+printf 'The same: the %s files that were listed, and no other.\n' "$(wc -l </tmp/copied)"

@@ -124,6 +124,13 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     int32_t backupSplitBase(sp<BackupTask>& task);
     int32_t restoreTarBase(sp<BackupTask>& task);
 
+    // --- Briefs and backup by file list: brief/directory_brief.cpp, brief/file_list_brief.cpp,
+    // brief/backup_by_file.cpp ---
+
+    int GetFileBriefsByDir(const sp<BackupTask>& task) const;
+    int GetFileBriefsByFile(const sp<BackupTask>& task) const;
+    int BackupByFileBase(const sp<BackupTask>& task) const;
+
     // --- Slices of split backups: service/split_hand_off.cpp ---
 
     // Continues the running split backup with these paths. Returns its id, 0 when there is none,
@@ -155,6 +162,9 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     bool isOpenSessionWaitingLocked() const PELTEX_REQUIRES(mLock);
     int32_t runHandler(sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
     int32_t applyWeight() PELTEX_EXCLUDES(mLock);
+
+    // Tells the present callback how many bytes the files of a brief have.
+    void tellBriefSize(const sp<BackupTask>& task, int64_t total) const PELTEX_EXCLUDES(mLock);
 
     // The callback to use for one call: another thread may replace mCallback meanwhile.
     sp<os::IBackupSessionCallback> currentCallback() const PELTEX_EXCLUDES(mLock);

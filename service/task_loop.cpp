@@ -243,9 +243,11 @@ int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
         case RESTORE_SPLIT:
             return restoreTarBase(task);
         case BACKUP_BY_FILE:
+            return BackupByFileBase(task);
         case GET_BRIEFS_BY_DIR:
+            return GetFileBriefsByDir(task);
         case GET_BRIEFS_BY_FILE:
-            return -1;
+            return GetFileBriefsByFile(task);
     }
     ALOGE("processTask error, task type %d is not existed", task->taskType);
     return -1;

@@ -13,6 +13,7 @@
 #include "bounded/bounded.h"
 #include "fileops/error_text.h"
 #include "fileops/file_handles.h"
+#include "fileops/paths.h"
 
 namespace android::installd {
 
@@ -35,10 +36,6 @@ bool endsWith(const char* text, const char* suffix) {
     const size_t length = strlen(text);
     const size_t suffixLength = strlen(suffix);
     return length >= suffixLength && strcmp(text + length - suffixLength, suffix) == 0;
-}
-
-bool isDotName(const char* name) {
-    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
 }  // namespace
@@ -122,12 +119,10 @@ bool TarFile::PackDir(const char* srcDir, const char* tarPath) {
     const bool isWalked = TraversalPackDir(path);
     bool result = isWalked;
     if (isWalked) {
-        constexpr int kSize = sizeof(kZeroBlocks);
-        if (WriteAll(kZeroBlocks, kSize) != kSize) {
+        if (!writeEndBlocks()) {
             ALOGE("TarFile::PackDir, failed to write endup block");
             result = false;
         }
-        fflush(m_tarFp);
     }
     closeTar();
     if (!isWalked && remove(tarPath) != 0) {
@@ -286,6 +281,13 @@ bool TarFile::writeHeader(const char* path, const tar_header& hdr, const struct 
     return true;
 }
 
+// One write of the stream. A stream that has failed once has lost bytes, though it takes more into
+// its buffer: nothing counts as written then.
+int TarFile::writeOnce(const char* buf, int len) {
+    const auto count = static_cast<int>(fwrite(buf, 1, static_cast<size_t>(len), m_tarFp));
+    return ferror(m_tarFp) != 0 ? 0 : count;
+}
+
 // Returns `len`, or less after a failed write.
 int TarFile::WriteAll(const char* buf, int len) {
     if (len < 1) {
@@ -293,8 +295,7 @@ int TarFile::WriteAll(const char* buf, int len) {
     }
     int written = 0;
     while (written < len) {
-        const auto count =
-            static_cast<int>(fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
+        const int count = writeOnce(buf + written, len - written);
         if (count < 1) {
             ALOGE("TarFile::PackDir, failed to write data, size: %d, real: %d, error: %s", len,
                   count, ErrorText().c_str());
@@ -304,6 +305,12 @@ int TarFile::WriteAll(const char* buf, int len) {
         m_tarFileSize += count;
     }
     return written;
+}
+
+// The two empty blocks that end an archive or a slice, brought to disk with all before them.
+bool TarFile::writeEndBlocks() {
+    constexpr int kSize = sizeof(kZeroBlocks);
+    return WriteAll(kZeroBlocks, kSize) == kSize && fflush(m_tarFp) == 0;
 }
 
 bool TarFile::WriteFileContent(const char* path, long size) {
@@ -350,7 +357,7 @@ bool TarFile::writeChunks(const char* path, int fd, long size, bool& sliceEnded)
             return false;
         }
         if (isAborted()) {
-            ALOGI("TarFile::PackDir, pack task aborted in file");
+            ALOGI("TarFile::PackDir, pack task aborded in file");
             ClearDirtyData();
             return false;
         }

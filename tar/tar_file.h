@@ -58,6 +58,8 @@ class TarFile {
 
     // Content: tar/tar_file.cpp
     int WriteAll(const char* buf, int len);
+    int writeOnce(const char* buf, int len);
+    bool writeEndBlocks();
     bool WriteFileContent(const char* path, long size);
     bool writeChunks(const char* path, int fd, long size, bool& sliceEnded);
     bool ReadLink(const char* path, char* buf, int len);

@@ -29,7 +29,6 @@ constexpr int kSliceSizeArgument = 4;
 constexpr int kSeInfoArgument = 5;
 constexpr long kUnit = kContentChunk;
 constexpr long kBlock = kBlockSize;
-constexpr char kZeroBlocks[kEndBlocksSize] = {};
 
 void cutTrailingSlash(std::string& path) {
     if (!path.empty() && path.back() == '/') {
@@ -151,8 +150,7 @@ int TarFile::SplitWriteAll(const char* buf, int len, bool& sliceEnded) {
     }
     int written = 0;
     while (written < len) {
-        const auto count =
-            static_cast<int>(fwrite(buf + written, 1, static_cast<size_t>(len - written), m_tarFp));
+        const int count = writeOnce(buf + written, len - written);
         if (count < 1) {
             ALOGE("TarFile::PackSplitDir, failed to write data, size: %d, real: %d, error: %s", len,
                   count, ErrorText().c_str());
@@ -187,7 +185,7 @@ bool TarFile::switchSlice(int written, bool& sliceEnded) {
     if (m_callBack != nullptr) {
         m_callBack->WaitTaskLocked();
         if (m_callBack->IsAborted()) {
-            ALOGI("TarFile::PackSplitDir, pack task aborted in file");
+            ALOGI("TarFile::PackSplitDir, pack task aborded in file");
             return false;
         }
     }
@@ -207,12 +205,10 @@ bool TarFile::FillSplitTailBlocks(bool isLast) {
     if (m_tarStat.st_size == 0 && !m_splitSizes.isEmpty() && m_tarFp != nullptr) {
         return removeEmptySlice();
     }
-    constexpr int kSize = sizeof(kZeroBlocks);
-    if (WriteAll(kZeroBlocks, kSize) != kSize) {
+    if (!writeEndBlocks()) {
         ALOGE("TarFile::PackDir, failed to write endup block\n");
         return false;
     }
-    fflush(m_tarFp);
     closeTar();
     if (!FlushCurSplitTarAttr()) {
         ALOGE("TarFile::FillSplitTailBlocks FlushCurSplitTarAttr failed\n");

@@ -108,7 +108,8 @@ bool UnTarFile::copyContent(const Entry& entry, FILE* target, bool& isAborted) {
     if (m_copyBuffer == nullptr) {
         m_copyBuffer.reset(new (std::nothrow) char[kContentChunk]);
     }
-    if (m_copyBuffer == nullptr) {
+    // A size beyond the signed range counts as below 1, too.
+    if (m_copyBuffer == nullptr || static_cast<int64_t>(entry.size) < 1) {
         return true;  // the file stays empty
     }
     for (uint64_t remaining = entry.size; remaining > 0;) {

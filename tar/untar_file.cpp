@@ -114,7 +114,7 @@ int UnTarFile::parseEntries(const char* destDir, EParseType type, char* path) {
             longLink.reset();
         }
     }
-    return next == Next::kEnd ? 0 : endOfHeaders(0);
+    return next == Next::kEnd ? 0 : endBehindArchive();
 }
 
 // The numbers of the header. Names come from it or from the records before it.
@@ -216,6 +216,13 @@ int UnTarFile::endOfHeaders(size_t got) {
     ALOGE("read short than 512 expected, got %zu, tarSize %jd\n", got,
           static_cast<intmax_t>(m_tarSize));
     return got == 0 && isWithinSlice() ? 0 : -5;
+}
+
+// The data of the last entry is said to end where no archive does.
+int UnTarFile::endBehindArchive() {
+    ALOGE("read short than 512 expected, got %zu, tarSize %jd\n", size_t{0},
+          static_cast<intmax_t>(m_tarSize));
+    return -5;
 }
 
 int UnTarFile::endAtInvalidBlock(const TarBlock& block) {

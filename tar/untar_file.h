@@ -87,6 +87,7 @@ class UnTarFile {
     int GenRealPath(const char* destDir, const std::string& name, char* path);
     Next skipData(const Entry& entry);
     int endOfHeaders(size_t got);
+    int endBehindArchive();
     int endAtInvalidBlock(const TarBlock& block);
     bool isWithinSlice();
 

@@ -91,15 +91,6 @@ TEST_F(TarHandlersTest, TrailingSlashesCountForWholeArchivesOnly) {
     EXPECT_EQ(listTree(tree / "whole"), Lines{".tar"});
 }
 
-TEST_F(TarHandlersTest, AnArchiveThatIsThereIsReplacedAndItsDirectoryKept) {
-    makeDir(tree / "com.x");
-    writeFile(tree / "out/com.x.tar", std::string(5000, 'x'), 0777);
-    EXPECT_EQ(run(BACKUP_TAR, "com.x", "out"), 0);
-    EXPECT_EQ(readFile(tree / "out/com.x.tar"), kEndBlocks);
-    EXPECT_EQ(ownerAndMode(tree / "out"), "0:0 755");
-    EXPECT_EQ(ownerAndMode(tree / "out/com.x.tar"), "10123:10123 660");
-}
-
 TEST_F(TarHandlersTest, SharedStorageKeepsItsOwnLabels) {
     writeFile(tree / "a.tar", entry('0', "file", "1") + kEndBlocks);
     for (const std::string storage : {"/storage/emulated/0", "/mnt/androidwritable/0"}) {
@@ -117,14 +108,14 @@ TEST_F(TarHandlersTest, SharedStorageKeepsItsOwnLabels) {
 TEST_F(TarHandlersTest, WhatIsRestoredIsRelabelledWhateverTheResult) {
     const struct {
         BackupTaskType type;
-        std::string content;
         int32_t result;
+        std::string content;
     } rows[] = {
-        {RESTORE_TAR, entry('0', "file") + kEndBlocks, 0},
-        {RESTORE_TAR, entry('0', "../file"), -1},
-        {RESTORE_TAR, std::string(1000, 'x'), -3},
-        {RESTORE_TAR, entry('0', "file"), -5},
-        {RESTORE_SPLIT, "none.0|1024\n", -1},
+        {RESTORE_TAR, 0, entry('0', "file") + kEndBlocks},
+        {RESTORE_TAR, -1, entry('0', "../file")},
+        {RESTORE_TAR, -3, std::string(1000, 'x')},
+        {RESTORE_TAR, -5, entry('0', "file")},
+        {RESTORE_SPLIT, -1, "none.0|1024\n"},
     };
     makeDir(tree / "to");
     for (const auto& row : rows) {
@@ -167,27 +158,27 @@ TEST_F(TarHandlersTest, FailuresHaveTheirCodesAndMessages) {
     const std::string split = "backupSplitTarBase: ";
     const struct {
         BackupTaskType type;
+        int32_t result;
         std::string from;
         std::string to;
         std::string fifthWord;
-        int32_t result;
         std::string lastError;
     } rows[] = {
-        {BACKUP_TAR, "com.x", "out", "", -13, "backupTarBase" + noInfo},
-        {BACKUP_TAR, "none", "out", "s", -13, "backupTarBase, " + none},
-        {BACKUP_TAR, "com.x", "file/out", "s", -13, "backupTarBase failed," + create},
-        {BACKUP_TAR, "file", "out", "s", -13,
+        {BACKUP_TAR, -13, "com.x", "out", "", "backupTarBase" + noInfo},
+        {BACKUP_TAR, -13, "none", "out", "s", "backupTarBase, " + none},
+        {BACKUP_TAR, -13, "com.x", "file/out", "s", "backupTarBase failed," + create},
+        {BACKUP_TAR, -13, "file", "out", "s",
          "backupTarBase failed to " + tar("file", "out/file.tar")},
-        {BACKUP_TAR, "com.x", "dir", "s", -13,
+        {BACKUP_TAR, -13, "com.x", "dir", "s",
          "backupTarBase failed to " + tar("com.x", "dir/com.x.tar")},
-        {BACKUP_SPLIT, "none", "out", "1", -14, split + none},
-        {BACKUP_SPLIT, "com.x", "file/out", "1", -14, split + create},
-        {BACKUP_SPLIT, "com.x", "dir", "1", -1,
+        {BACKUP_SPLIT, -14, "none", "out", "1", split + none},
+        {BACKUP_SPLIT, -14, "com.x", "file/out", "1", split + create},
+        {BACKUP_SPLIT, -1, "com.x", "dir", "1",
          split + "tar failed, src: " + (tree / "com.x") + ", dst: " + (tree / "dir/com.x.tar")},
-        {RESTORE_TAR, "file", "out", "", -18, "restoreTarBase" + noInfo},
-        {RESTORE_TAR, "none", "out", "s", -18, "restoreTarBase, " + none},
-        {RESTORE_SPLIT, "file", "out", "", -18, "restoreTarBase" + noInfo},
-        {RESTORE_SPLIT, "none", "out", "s", -18, "restoreTarBase, " + none},
+        {RESTORE_TAR, -18, "file", "out", "", "restoreTarBase" + noInfo},
+        {RESTORE_TAR, -18, "none", "out", "s", "restoreTarBase, " + none},
+        {RESTORE_SPLIT, -18, "file", "out", "", "restoreTarBase" + noInfo},
+        {RESTORE_SPLIT, -18, "none", "out", "s", "restoreTarBase, " + none},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lastError);

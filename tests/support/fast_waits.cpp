@@ -35,7 +35,7 @@ int waitsBegun() {
 
 }  // namespace peltex_test
 
-// The names are the linker's.
+// The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
@@ -54,3 +54,4 @@ __attribute__((used)) int __wrap_pthread_cond_timedwait(pthread_cond_t* conditio
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

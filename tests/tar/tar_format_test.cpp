@@ -15,14 +15,14 @@ using namespace std::string_literals;
 
 // As text, up to the NUL that ends each field.
 struct Fields {
-    std::string name = "";
+    std::string name = {};
     char type = '0';
     std::string size = "00000000000";
     std::string mode = "0000644";
     std::string uid = "0000000";
     std::string gid = "0000000";
     std::string mtime = "11145401322";
-    std::string link = "";
+    std::string link = {};
     std::string uname = "root";
     std::string gname = "root";
 };

@@ -122,8 +122,8 @@ TEST_F(TarSplitTest, WhereFilesAreCutAndSlicesEnd) {
         std::vector<long> files;
         std::vector<Part> parts;
         bool isLastDropped = false;
-        size_t nameLength = 1;
         long unpromised = 0;  // bytes of the last slice that no header counts
+        size_t nameLength = 1;
     } rows[] = {
         {"fits with its end", {S - 1536}, {{'0', S - 1536}}},
         {"fits by rounding", {S - 1025}, {{'0', S - 1025}}},
@@ -142,15 +142,14 @@ TEST_F(TarSplitTest, WhereFilesAreCutAndSlicesEnd) {
         {"room of 1024", {S - 1536, 1000}, {{'0', S - 1536}, {'0', 1000}}, true},
         {"room of 512", {S - 1024, S}, {{'8', S - 1024}, {'8', C}, {'A', C}}},
         {"room of 0", {S - 1024, 0, 10}, {{'8', S - 1024}, {'0', 0}, {'0', 10}}, true},
-        {"room of less",
-         {S - 1024, 0, 0, 10},
+        {"less than no room",
+         {S - 1024, 0, 0, 9},
          {{'8', S - 1024}, {'0', 0}, {'0', 0}, {'8', 0}},
          true,
-         1,
          512},
         {"the last slice holds nothing but a name", {S, 0}, {{'8', S}}, true},
-        {"path of 99 bytes", {S - 512}, {{'8', S - 512}}, true, 71},
-        {"path of 100 bytes", {S - 512}, {{'8', S}}, true, 72, -512},
+        {"path of 99 bytes", {S - 512}, {{'8', S - 512}}, true, 0, 71},
+        {"path of 100 bytes", {S - 512}, {{'8', S}}, true, -512, 72},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -193,15 +192,11 @@ TEST_F(TarSplitTest, SliceSizesAreMebibytesIn32Bits) {
     } rows[] = {
         {"1", kSlice, "1"},
         {"0x63", 99 * kSlice, "99"},
-        {"100", 100 * kSlice, ""},
-        {"0x80", 128 * kSlice, ""},
-        {"0200", 128 * kSlice, ""},
+        {"0x64", 100 * kSlice, ""},
         {"128MiB", 128 * kSlice, ""},
-        {"2047", 2047 * kSlice, ""},
         {"2048", -2048 * kSlice, ""},
         {"4095", -kSlice, ""},
         {"4096", 0, ""},
-        {"4297", 201 * kSlice, ""},
         {"-1", -kSlice, "-1"},
         {"0x80000001", kSlice, "-2147483647"},
         {"many", 0, "0"},
@@ -305,22 +300,11 @@ TEST_F(TarSplitTest, LinesOfTheCheckFile) {
 }
 
 TEST_F(TarSplitTest, WhatIsPackedInSlicesComesBack) {
-    const std::vector<long> sizes = {1,
-                                     511,
-                                     512,
-                                     513,
-                                     kChunk - 1,
-                                     kChunk,
-                                     kChunk + 1,
-                                     kSlice - 1536,
-                                     kSlice - 1025,
-                                     kSlice - 1024,
-                                     kSlice - 512,
-                                     kSlice - 511,
-                                     kSlice,
-                                     kSlice + 1,
-                                     2 * kSlice + kChunk + 1,
-                                     3 * kSlice - 1};
+    std::vector<long> sizes;
+    for (const long edge : {512l, kChunk, kSlice - 1024, kSlice - 512, kSlice, 3 * kSlice}) {
+        sizes.insert(sizes.end(), {edge - 512, edge - 1, edge, edge + 1});
+    }
+    sizes[0] = 1;  // a slice that holds only empty files is lost
     const Lines files = makeFiles(tree / "src/d", sizes, 2);
     chmod(files[0].c_str(), 0711);
     ASSERT_TRUE(pack());

@@ -154,6 +154,7 @@ constexpr Subcommand kSubcommands[] = {
     {"backup", "Back up a file or a directory", DeclareTask, RunTaskCommand},
     {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand},
     {"move", "Move a directory's content", DeclareTask, RunTaskCommand},
+    {"brief", "List what a backup would hold", DeclareTask, RunTaskCommand},
     {"list", "List the entries of an archive or a set of slices", DeclareArchive,
      RunArchiveCommand<RunList>},
     {"verify", "Tell whether an archive or a set of slices would come back whole", DeclareArchive,

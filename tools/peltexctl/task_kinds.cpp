@@ -41,6 +41,11 @@ std::string MoveCommand(const TaskKind& kind, const TaskRequest& request) {
     return Compose("dir", kind, request, request.destination);
 }
 
+std::string BriefCommand(const TaskKind& kind, const TaskRequest& request) {
+    return fmt::format("get_brief {} {} {} {} {}", kind.kind, request.source, request.destination,
+                       request.se_info, *ParseInt(request.uid));
+}
+
 std::string SplitCommand(const TaskKind& /*kind*/, const TaskRequest& request) {
     return fmt::format("backup split {} {} {} {} {}", request.source, request.destination,
                        *ParseInt(request.slice_size), request.se_info, *ParseInt(request.uid));
@@ -84,12 +89,17 @@ constexpr TaskKind kKinds[] = {
      false, false},
     {"backup", "split", "a directory into slices in DEST, with a check file", SplitCommand, Source,
      CheckFile, true, false},
+    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", PlainCommand, Nothing, Nothing,
+     false, false},
     {"restore", "file", "one file to DEST", PlainCommand, Source, Nothing, false, false},
     {"restore", "dir", "DEST from its backup in SRC", PlainCommand, NamedInSource, Nothing, false,
      false},
     {"restore", "tar", "DEST from the archive SRC", PlainCommand, Nothing, Nothing, false, true},
     {"restore", "split", "DEST from the slices that the check file SRC lists; they are removed",
      RestoreSplitCommand, Nothing, Nothing, false, true},
+    {"brief", "dir", "what the directory SRC holds", BriefCommand, Nothing, Nothing, false, false},
+    {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Nothing, Nothing, false,
+     false},
     {"move", "", "a directory's content into DEST", MoveCommand, Source, Nothing, false, false},
 };
 
