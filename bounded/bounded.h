@@ -13,25 +13,15 @@ extern "C" {
 #endif
 
 // Results of the copy and fill functions. Where the destination was usable the refusal also resets
-// it, which the bit 128 of the result tells.
-//
-// | result                 | meaning                                  | destination |
-// |------------------------|------------------------------------------|-----------------------------|
-// | BOUNDED_OK             | done                                     | written | |
-// BOUNDED_NULL_DEST      | null destination                         | untouched                   |
-// | BOUNDED_BAD_SIZE       | size 0 or above BOUNDED_MAX_SIZE         | untouched | |
-// BOUNDED_NULL_SOURCE    | null source                              | cleared                     |
-// | BOUNDED_DOES_NOT_FIT   | more data than room                      | cleared (a fill: all
-// filled)| | BOUNDED_OVERLAP        | source and destination overlap           | cleared |
-//
-// A memory copy clears all `destMax` bytes, a string copy makes the destination an empty string.
+// it, which the bit 128 of the result tells: a memory copy clears all `destMax` bytes, a string
+// copy makes the destination an empty string, a fill fills it all.
 enum BoundedResult {
     BOUNDED_OK = 0,
-    BOUNDED_NULL_DEST = 22,
-    BOUNDED_BAD_SIZE = 34,
-    BOUNDED_NULL_SOURCE = 22 | 128,
-    BOUNDED_DOES_NOT_FIT = 34 | 128,
-    BOUNDED_OVERLAP = 54 | 128,
+    BOUNDED_NULL_DEST = 22,           // nothing written
+    BOUNDED_BAD_SIZE = 34,            // size 0 or above BOUNDED_MAX_SIZE; nothing written
+    BOUNDED_NULL_SOURCE = 22 | 128,   // reset
+    BOUNDED_DOES_NOT_FIT = 34 | 128,  // more data than room; reset
+    BOUNDED_OVERLAP = 54 | 128,       // source and destination overlap; reset
 };
 
 // The largest destination, in bytes, that any of the functions takes.

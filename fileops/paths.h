@@ -30,6 +30,13 @@ inline bool exists(const std::string& path) {
     return exists(path.c_str());
 }
 
+// Takes one '/' off the end where there is one.
+inline void cutTrailingSlash(std::string& path) {
+    if (!path.empty() && path.back() == '/') {
+        path.pop_back();
+    }
+}
+
 // `parent` followed by the last component of `path`, the slash before it included: where a backup
 // of `path` lies in `parent`. Empty when `path` has no slash.
 inline std::string prepare_data_backup_dir(const std::string& parent, const std::string& path) {

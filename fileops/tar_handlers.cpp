@@ -27,12 +27,6 @@ constexpr int32_t kBackupSplitFailed = -14;
 constexpr int32_t kRestoreTarFailed = -18;
 constexpr uint32_t kArchiveMode = 0660;
 
-void cutTrailingSlash(std::string& path) {
-    if (!path.empty() && path.back() == '/') {
-        path.pop_back();
-    }
-}
-
 // Works out the base of the slices' names in `archivePath` and makes the directory for them. Cuts a
 // trailing slash off `dest` and `src`.
 int32_t backupSplitPre(uint32_t uid, std::string& dest, std::string& src,

@@ -1,3 +1,4 @@
+// Tested by tests/service/commands_test.cpp and tests/fileops/file_operations_test.cpp.
 #include "service/backup_task.h"
 
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// Tested by tests/tar/tar_format_test.cpp.
 #include "tar/owner_names.h"
 
 #include <errno.h>
@@ -10,7 +11,7 @@ namespace android::installd {
 
 namespace {
 
-// Large enough for a group with tens of thousands of members.
+// The largest holds a group with tens of thousands of members.
 constexpr size_t kFirstRecordSize = 1024;
 constexpr size_t kLargestRecordSize = 1048576;
 

@@ -94,16 +94,36 @@ bool TarFile::PackDir(const char* srcDir, const char* tarPath) {
         return false;
     }
     if (!CheckDir(srcDir)) {
-        ALOGE("TarFile::PackDir, failed check dir: %s", srcDir);
+        ALOGE("TarFile::PackDir, failed check dir: %s", srcDir == nullptr ? "(null)" : srcDir);
         m_rootPath[0] = '\0';
         return false;
     }
     ALOGD("TarFile::PackDir, [%s], begin...", m_rootPath);
+    if (!openTar(tarPath)) {
+        m_rootPath[0] = '\0';
+        return false;
+    }
+    const bool isWalked = packTree();
+    bool result = isWalked;
+    if (isWalked && !writeEndBlocks()) {
+        ALOGE("TarFile::PackDir, failed to write endup block");
+        result = false;
+    }
+    closeTar();
+    if (!isWalked && remove(tarPath) != 0) {
+        ALOGE("TarFile::PackDir, failed to remove file: %s, error: %s", tarPath,
+              ErrorText().c_str());
+    }
+    m_rootPath[0] = '\0';
+    ALOGD("TarFile::PackDir, [%s], finished, result: %d", srcDir, result);
+    return result;
+}
+
+bool TarFile::openTar(const char* tarPath) {
     m_tarFp = fopen(tarPath, "wb+e");
     if (m_tarFp == nullptr) {
         ALOGE("TarFile::PackDir, failed to open tar file: %s, error: %s", tarPath,
               ErrorText().c_str());
-        m_rootPath[0] = '\0';
         return false;
     }
     if (stat(tarPath, &m_tarStat) != 0) {
@@ -111,27 +131,15 @@ bool TarFile::PackDir(const char* srcDir, const char* tarPath) {
         closeTar();
         ALOGE("TarFile::PackDir, failed to get stat of tar file: %s, error: %s", tarPath,
               error.c_str());
-        m_rootPath[0] = '\0';
         return false;
     }
+    return true;
+}
+
+bool TarFile::packTree() {
     char path[kTarPathSize] = {};
     strncpy_s(path, sizeof(path), m_rootPath, sizeof(path) - 1);
-    const bool isWalked = TraversalPackDir(path);
-    bool result = isWalked;
-    if (isWalked) {
-        if (!writeEndBlocks()) {
-            ALOGE("TarFile::PackDir, failed to write endup block");
-            result = false;
-        }
-    }
-    closeTar();
-    if (!isWalked && remove(tarPath) != 0) {
-        ALOGE("TarFile::PackDir, failed to remove file: %s, error: %s", tarPath,
-              ErrorText().c_str());
-    }
-    ALOGD("TarFile::PackDir, [%s], finished, result: %d", m_rootPath, result);
-    m_rootPath[0] = '\0';
-    return result;
+    return TraversalPackDir(path);
 }
 
 // Packs everything under `path`, a buffer of kTarPathSize that is extended by each entry's name and
@@ -214,55 +222,71 @@ bool TarFile::Filter(const char* path, const struct stat* st) {
     return false;
 }
 
+// Writes the entry: its records and header and, unless it is the continuation of a cut file, its
+// content. What cannot be stored is left out without an error.
 bool TarFile::AddFile(const char* path, const struct stat* st, bool isContinuation) {
     m_curFile = path;
+    if (!S_ISDIR(st->st_mode) && !S_ISLNK(st->st_mode) && !S_ISREG(st->st_mode)) {
+        ALOGI("TarFile::PackDir, skip not supported file: %s, mode: %o", path,
+              st->st_mode & S_IFMT);
+        return true;
+    }
     tar_header hdr = {};
     I2Ocs(hdr.mode, sizeof(hdr.mode), st->st_mode & kModeBits);
     I2Ocs(hdr.uid, sizeof(hdr.uid), st->st_uid);
     I2Ocs(hdr.gid, sizeof(hdr.gid), st->st_gid);
     I2Ocs(hdr.size, sizeof(hdr.size), 0);
     I2Ocs(hdr.mtime, sizeof(hdr.mtime), st->st_mtime);
-    if (S_ISDIR(st->st_mode)) {
-        hdr.typeflag = TYPE_DIRECTORY;
-    } else if (S_ISLNK(st->st_mode)) {
-        hdr.typeflag = TYPE_SYMLINK;
-        if (!FillLinkName(hdr.linkname, sizeof(hdr.linkname), path,
-                          static_cast<int>(st->st_size) + 1)) {
-            ALOGE("TarFile::PackDir, failed to fill long name");
-            return false;
-        }
-    } else if (S_ISREG(st->st_mode)) {
-        hdr.typeflag = TYPE_REGULAR;
-        long size = st->st_size;
-        FlushTarSizeAndFlag(isContinuation, st->st_size, size, hdr.typeflag);
-        if (st->st_size > kLargestFile) {
-            ALOGE("TarFile::PackDir, can't store file '%s' of size: %lld", path,
-                  static_cast<long long>(st->st_size));
-            return false;
-        }
-        I2Ocs(hdr.size, sizeof(hdr.size), size);
-    } else {
-        ALOGI("TarFile::PackDir, skip not supported file: %s, mode: %o", path,
-              st->st_mode & S_IFMT);
-        return true;
-    }
-    if (!FillEntryName(hdr, path, S_ISDIR(st->st_mode))) {
+    if (!fillTypeAndSize(path, st, isContinuation, hdr) ||
+        !FillEntryName(hdr, path, S_ISDIR(st->st_mode))) {
         return false;
     }
     fillMagic(hdr);
     FillOwnerName(hdr, st);
     FillSum(hdr);
-    return writeHeader(path, hdr, st);
+    return writeHeader(path, hdr, st, isContinuation);
+}
+
+bool TarFile::fillTypeAndSize(const char* path, const struct stat* st, bool isContinuation,
+                              tar_header& hdr) {
+    if (S_ISDIR(st->st_mode)) {
+        hdr.typeflag = TYPE_DIRECTORY;
+        return true;
+    }
+    if (S_ISLNK(st->st_mode)) {
+        hdr.typeflag = TYPE_SYMLINK;
+        // In 32 bits and wrapping: a size that does not fit is refused as one below 1.
+        const auto linkSize = static_cast<int>(static_cast<uint32_t>(st->st_size) + 1);
+        if (!FillLinkName(hdr.linkname, sizeof(hdr.linkname), path, linkSize)) {
+            ALOGE("TarFile::PackDir, failed to fill long name");
+            return false;
+        }
+        return true;
+    }
+    hdr.typeflag = TYPE_REGULAR;
+    long size = st->st_size;
+    FlushTarSizeAndFlag(isContinuation, st->st_size, size, hdr.typeflag);
+    if (st->st_size > kLargestFile) {
+        ALOGE("TarFile::PackDir, can't store file '%s' of size: %lld", path,
+              static_cast<long long>(st->st_size));
+        return false;
+    }
+    I2Ocs(hdr.size, sizeof(hdr.size), size);
+    return true;
 }
 
 // Writes the header and, for a file that begins here, its content. What has no content may end a
-// slice; the header of a file never does, since its content would be cut off from it.
-bool TarFile::writeHeader(const char* path, const tar_header& hdr, const struct stat* st) {
+// slice; the header of a file never does, since its content would be cut off from it, and whether
+// the header of a continuation has filled the new slice is seen to by who asked for it.
+bool TarFile::writeHeader(const char* path, const tar_header& hdr, const struct stat* st,
+                          bool isContinuation) {
     const auto* bytes = reinterpret_cast<const char*>(&hdr);
     constexpr int kSize = sizeof(hdr);
     if (hdr.typeflag != TYPE_REGULAR && hdr.typeflag != TYPE_FIRST_PART) {
         bool sliceEnded = false;
-        if (SplitWriteAll(bytes, kSize, sliceEnded) != kSize) {
+        const int written =
+            isContinuation ? splitWriteOnce(bytes, kSize) : SplitWriteAll(bytes, kSize, sliceEnded);
+        if (written != kSize) {
             ALOGE("TarFile::PackDir, failed to write head of dir(slink): %s", path);
             return false;
         }

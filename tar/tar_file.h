@@ -23,7 +23,7 @@ class TarFile {
     // For one whole archive. `callBack` may be null and must outlive the object.
     explicit TarFile(TarCallBack* callBack);
 
-    // For slices. `callBack` must not be null; `workerIndex` is kept for the log of others.
+    // For slices. `callBack` must not be null; `workerIndex` is stored, not read.
     TarFile(TarCallBack* callBack, unsigned long workerIndex);
 
     virtual ~TarFile();
@@ -48,12 +48,17 @@ class TarFile {
   private:
     // The walk: tar/tar_file.cpp
     bool CheckDir(const char* dir);
+    bool openTar(const char* tarPath);
+    bool packTree();
     bool TraversalPackDir(char* path);
     bool packEntry(char* path);
     int DoPack(const char* path);
     bool Filter(const char* path, const struct stat* st);
     bool AddFile(const char* path, const struct stat* st, bool isContinuation);
-    bool writeHeader(const char* path, const tar_header& hdr, const struct stat* st);
+    bool fillTypeAndSize(const char* path, const struct stat* st, bool isContinuation,
+                         tar_header& hdr);
+    bool writeHeader(const char* path, const tar_header& hdr, const struct stat* st,
+                     bool isContinuation);
     bool isAborted() const { return m_callBack != nullptr && m_callBack->IsAborted(); }
 
     // Content: tar/tar_file.cpp
@@ -82,6 +87,9 @@ class TarFile {
     bool packSlices();
     bool CreateSplitFile();
     int SplitWriteAll(const char* buf, int len, bool& sliceEnded);
+    int splitWriteOnce(const char* buf, int len);
+    bool isSliceFull() const;
+    bool switchSlices(int written, bool& sliceEnded);
     bool switchSlice(int written, bool& sliceEnded);
     bool FillSplitTailBlocks(bool isLast);
     bool removeEmptySlice();

@@ -14,8 +14,8 @@
 
 #include <utility>
 
-#include "bounded/bounded.h"
 #include "fileops/error_text.h"
+#include "fileops/paths.h"
 #include "fileops/permissions.h"
 #include "tar/tar_file.h"
 
@@ -29,12 +29,6 @@ constexpr int kSliceSizeArgument = 4;
 constexpr int kSeInfoArgument = 5;
 constexpr long kUnit = kContentChunk;
 constexpr long kBlock = kBlockSize;
-
-void cutTrailingSlash(std::string& path) {
-    if (!path.empty() && path.back() == '/') {
-        path.pop_back();
-    }
-}
 
 // A slice size of 2048 MiB or more leaves the 32 bits that it is counted in.
 long sliceBytes(int32_t mib) {
@@ -58,26 +52,28 @@ bool TarFile::PackSplitDir(std::string srcDir, std::string tarPath, std::string*
     m_basePath = std::move(tarPath);
     if (!PackSplitPre(args, uid)) {
         ALOGE("TarFile::PackSplitDir pre process error!");
+        m_rootPath[0] = '\0';
         return false;
     }
     if (!CreateSplitFile()) {
         ALOGD("TarFile::PackSplitDir, fail to create new File\n");
         return false;
     }
-    if (!packSlices()) {
+    const bool isPacked = packSlices();
+    if (!isPacked) {
         ClearDirtyData();
-        return false;
     }
     closeTar();
     m_rootPath[0] = '\0';
+    if (!isPacked) {
+        return false;
+    }
     ALOGD("TarFile::PackSplitDir, [%s], finished", srcDir.c_str());
     return true;
 }
 
 bool TarFile::packSlices() {
-    char path[kTarPathSize] = {};
-    strncpy_s(path, sizeof(path), m_rootPath, sizeof(path) - 1);
-    if (!TraversalPackDir(path)) {
+    if (!packTree()) {
         ALOGD("TarFile::PackSplitDir, TraversalPackDir failed");
         return false;
     }
@@ -139,6 +135,23 @@ bool TarFile::FlushCurSplitTarAttr() {
     return true;
 }
 
+// Writes to the current slice and looks at its size. Returns the bytes written, less than 1 on
+// failure.
+int TarFile::splitWriteOnce(const char* buf, int len) {
+    const int count = writeOnce(buf, len);
+    if (count < 1) {
+        ALOGE("TarFile::PackSplitDir, failed to write data, size: %d, real: %d, error: %s", len,
+              count, ErrorText().c_str());
+        return count;
+    }
+    m_tarFileSize += count;
+    if (!FlushCurSplitTarAttr()) {
+        ALOGE("TarFile::PackSplitDir FlushCurSplitTarAttr failed!");
+        return 0;
+    }
+    return count;
+}
+
 // Writes, and switches slices when the write has filled the current one: a slice exceeds its size
 // by what was written last. Returns `len`, or 0 (or the short count) on failure and abort.
 int TarFile::SplitWriteAll(const char* buf, int len, bool& sliceEnded) {
@@ -150,23 +163,36 @@ int TarFile::SplitWriteAll(const char* buf, int len, bool& sliceEnded) {
     }
     int written = 0;
     while (written < len) {
-        const int count = writeOnce(buf + written, len - written);
+        const int count = splitWriteOnce(buf + written, len - written);
         if (count < 1) {
-            ALOGE("TarFile::PackSplitDir, failed to write data, size: %d, real: %d, error: %s", len,
-                  count, ErrorText().c_str());
             return count;
         }
         written += count;
-        m_tarFileSize += count;
-        if (!FlushCurSplitTarAttr()) {
-            ALOGE("TarFile::PackSplitDir FlushCurSplitTarAttr failed!");
-            return 0;
-        }
-        if (m_tarStat.st_size >= m_slice && !switchSlice(written, sliceEnded)) {
+        if (isSliceFull() && !switchSlices(written, sliceEnded)) {
             return 0;
         }
     }
     return written;
+}
+
+bool TarFile::isSliceFull() const {
+    return m_tarStat.st_size >= m_slice;
+}
+
+// Goes on to a slice that has room. With a slice size that no header fits into, each new slice is
+// full with its header: a client that asked for that gets one slice per continuation, without end.
+bool TarFile::switchSlices(int written, bool& sliceEnded) {
+    if (!switchSlice(written, sliceEnded)) {
+        return false;
+    }
+    while (m_tarStat.st_size > 0 && isSliceFull()) {
+        bool isHeaderEnd = false;
+        if (!switchSlice(static_cast<int>(sizeof(tar_header)), isHeaderEnd)) {
+            ALOGE("TarFile::PackSplitDir head blocks failed!\n");
+            return false;
+        }
+    }
+    return true;
 }
 
 // Closes the full slice, waits until packing may go on, and opens the next one. `written` are the

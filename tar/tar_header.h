@@ -2,7 +2,7 @@
 //
 //   archive = { ['K' record] ['L' record] header data padding } 1024 zero bytes
 //
-// Writer and reader share this page; docs/FORMATS.md shows a header byte by byte.
+// Writer and reader share this page.
 #pragma once
 
 #include <stddef.h>

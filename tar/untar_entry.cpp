@@ -138,9 +138,9 @@ bool UnTarFile::copyContent(const Entry& entry, FILE* target, bool& isAborted) {
     return true;
 }
 
-UnTarFile::Next UnTarFile::listEntry(const Entry& entry, const char* path) {
+UnTarFile::Next UnTarFile::listEntry(const Entry& entry, EParseType type, const char* path) {
     Next next = Next::kHeader;
-    if (isRegular(entry.typeflag)) {
+    if (type == PARSE_LIST && isRegular(entry.typeflag)) {
         m_fileNames.add(entry.name);
         m_fileSizes.add(static_cast<int64_t>(entry.size));
         m_dataOffsets.add(entry.dataPosition);

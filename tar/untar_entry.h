@@ -3,7 +3,6 @@
 
 #include <stdint.h>
 
-#include <optional>
 #include <string>
 
 #include "tar/untar_file.h"

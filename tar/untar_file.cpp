@@ -23,7 +23,7 @@ constexpr int64_t kSliceSlack = kContentChunk;
 }  // namespace
 
 UnTarFile::UnTarFile(const char* archivePath, TarCallBack* callback) : m_callBack(callback) {
-    ALOGD("untarfile begin..[%s]", archivePath);
+    ALOGD("untarfile begin..[%s]", archivePath == nullptr ? "(null)" : archivePath);
     if (archivePath != nullptr) {
         m_tarPath = archivePath;
         m_tarFp.reset(fopen(archivePath, "rbe"));
@@ -91,7 +91,9 @@ int UnTarFile::parseEntries(const char* destDir, EParseType type, char* path) {
                 ALOGD("untarfile is end.Success!");
                 return 0;
             }
-            // One empty block alone is no end: it is taken for the header that it cannot be.
+            // One empty block alone is no end, and no header either.
+            ALOGE("Invalid tar format.\n");
+            return endAtInvalidBlock(block);
         }
         if (!IsValidTarBlock(&block.header)) {
             return endAtInvalidBlock(block);
@@ -109,7 +111,7 @@ int UnTarFile::parseEntries(const char* destDir, EParseType type, char* path) {
         } else if (entry.typeflag == TYPE_LONG_NAME) {
             next = readLongString(entry, longName);
         } else {
-            next = type == PARSE_UNPACK ? unpackEntry(entry, path) : listEntry(entry, path);
+            next = type == PARSE_UNPACK ? unpackEntry(entry, path) : listEntry(entry, type, path);
             longName.reset();
             longLink.reset();
         }
@@ -208,7 +210,7 @@ UnTarFile::Next UnTarFile::skipData(const Entry& entry) {
 }
 
 bool UnTarFile::isWithinSlice() {
-    return m_isSplit && ftello(m_tarFp.get()) <= m_tarSize + kSliceSlack;
+    return m_isSplit && ftello(m_tarFp.get()) - kSliceSlack <= m_tarSize;
 }
 
 // The archive has no more headers. A whole one should have said so with its two empty blocks.

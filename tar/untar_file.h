@@ -97,7 +97,7 @@ class UnTarFile {
     bool copyContent(const Entry& entry, FILE* target, bool& isAborted);
     void unpackLink(const Entry& entry, const char* path);
     void unpackDirectory(const Entry& entry, char* path);
-    Next listEntry(const Entry& entry, const char* path);
+    Next listEntry(const Entry& entry, EParseType type, const char* path);
 
     // Slices: tar/untar_split.cpp
     int unpackSlice(const char* slicePath, const char* destDir);

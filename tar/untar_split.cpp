@@ -26,6 +26,9 @@ std::string parentOf(const char* path) {
 }  // namespace
 
 int UnTarFile::UnSplitPack(const char* destDir, uint32_t uid) {
+    if (destDir == nullptr) {
+        return -2;
+    }
     m_uid = uid;
     m_isSplit = true;
     Vector<std::string> slices;

@@ -12,8 +12,8 @@ inline android::sp<android::installd::BackupTask> makeTask(
     android::installd::BackupTaskType type, const std::string& source,
     const std::string& destination, const android::sp<TestClient>& client = nullptr,
     const std::string& uid = "10123", const std::string& seInfo = "default") {
-    const std::string words[android::installd::kCommandWords] = {"cmd",  "option", source,
-                                                                 destination, seInfo, uid, ""};
+    const std::string words[android::installd::kCommandWords] = {
+        "cmd", "option", source, destination, seInfo, uid, ""};
     return new android::installd::BackupTask(100, 101, type, client, words);
 }
 
