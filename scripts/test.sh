@@ -2,6 +2,9 @@
 # Builds one preset and runs its tests in a throw-away root.
 #
 #   scripts/test.sh [PRESET] [CTEST ARGUMENT...]      PRESET: release (default), debug, asan, tsan
+#
+# Without ctest arguments the everyday tests run. Two labels are asked for by name: "realtime" waits
+# as long as a client may, "large" writes gigabytes (-L 'realtime|large').
 . "$(dirname "$0")/lib.sh"
 
 preset=release
@@ -13,6 +16,7 @@ packages=$packages_build
 case "$preset" in
     asan | tsan) packages="$packages $packages_clang" ;;
 esac
+[ $# -gt 0 ] || set -- -LE 'realtime|large'
 # Unquoted: the lists are words.
 need_packages $packages
 

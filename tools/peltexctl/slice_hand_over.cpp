@@ -141,7 +141,7 @@ std::string SliceHandOver::TakeRest(const std::string& check_file) {
         return error;
     }
     for (std::optional<Slice> slice = NextSlice(); error.empty() && slice; slice = NextSlice()) {
-        if (!slice->path.empty()) {
+        if (!slice->path.empty() && !(aborted_ && !fs::exists(slice->path))) {
             error = Move(slice->path, TakenPath(slice->path));
         }
     }

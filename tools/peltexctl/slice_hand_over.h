@@ -38,9 +38,13 @@ class SliceHandOver {
     // backup is then to be aborted.
     std::string Step();
 
-    // After the backup's end: takes what is still there, and the check file where `check_file`
-    // names one. Returns what went wrong.
+    // Takes what was handed over and is still there, waiting for it; after the backup's end also
+    // the check file, where `check_file` names one. Returns what went wrong.
     std::string TakeRest(const std::string& check_file);
+
+    // The backup is about to be aborted: the library removes the slice that it works on, which can
+    // be one that has just been handed over. What is gone is no fault from here on.
+    void ExpectAbort() { aborted_ = true; }
 
     // Where a file of the backup is after it was taken.
     std::string TakenPath(const std::string& path) const;
@@ -66,7 +70,8 @@ class SliceHandOver {
     // Of the thread that steps.
     std::optional<Slice> current_;     // handed over and not yet continued
     std::future<std::string> taking_;  // valid while current_ is being taken
-    Clock::time_point last_sent_{};    // of a continuation or keep-alive
+    bool aborted_ = false;
+    Clock::time_point last_sent_{};  // of a continuation or keep-alive
 
     mutable std::mutex mutex_;
     // Protected by mutex_.

@@ -131,6 +131,7 @@ class TaskRun {
     int FollowTask(int task, const std::string& archive);
     int Send(const std::string& command);
     void Abort(int task);
+    void SaveSlices();
     bool TookSlices(const std::string& error);
 
     EndSignals signals_;
@@ -187,6 +188,7 @@ int TaskRun::FollowTask(int task, const std::string& archive) {
     while (!(code = client_.tasks().WaitEnded(task, TaskTracker::Clock::now() + kTick))) {
         if (signals_.Take() && !interrupted) {
             interrupted = true;
+            SaveSlices();
             Abort(task);
         }
         if (slices_ && !interrupted && !untaken && !TookSlices(slices_->Step())) {
@@ -205,6 +207,14 @@ int TaskRun::FollowTask(int task, const std::string& archive) {
         return kInterrupted;
     }
     return succeeded && !untaken ? kDone : kTaskFailed;
+}
+
+// What was handed over is the client's: it is taken before an abort, which would remove it.
+void TaskRun::SaveSlices() {
+    if (slices_) {
+        TookSlices(slices_->TakeRest(""));
+        slices_->ExpectAbort();
+    }
 }
 
 bool TaskRun::TookSlices(const std::string& error) {
