@@ -1,5 +1,5 @@
-// The handler of a backup by file list: copies what a brief names, no more and no less, into a
-// folder of the application's own, with a record of each entry beside it.
+// The handler of a backup by file list: copies what a brief names into a folder of the
+// application's own, with a record of each entry beside it.
 //
 //   TDEST/APP/APP/        the copies, by what follows APP in their paths
 //   TDEST/APP/APP.txt     the attribute file        (for a destination TDEST/APP)
@@ -9,6 +9,7 @@
 
 #include <log/log.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "brief/permission_record.h"
 #include "fileops/error_text.h"
@@ -92,7 +93,8 @@ int BackupDir(const char* source, const std::string& target, FILE* attrFp,
 int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
     ALOGD("Begin GetBackupFileAndProcess");
     const UniqueFile brief(fopen(task->taskSrcPath.c_str(), "re"));
-    if (brief == nullptr || attrFp == nullptr) {
+    struct stat status = {};
+    if (brief == nullptr || fstat(fileno(brief.get()), &status) != 0) {
         ALOGE("srcBriefFp or attrFp is nullptr");
         return -1;
     }
@@ -103,7 +105,12 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
 
     char line[kLineSize];
     int result = 0;
-    while (result == 0 && fgets(line, sizeof(line), brief.get()) != nullptr) {
+    // A brief that names itself, or what is copied over it, grows while it is read: what it had
+    // when it was opened is all that is followed.
+    const auto isAtEnd = [&] {
+        return S_ISREG(status.st_mode) && ftello(brief.get()) >= status.st_size;
+    };
+    while (result == 0 && !isAtEnd() && fgets(line, sizeof(line), brief.get()) != nullptr) {
         File_info info;
         if (parse_line_info(line, info) < kFields) {
             ALOGE("miss info from this line(%s), skip it", line);

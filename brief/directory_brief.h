@@ -1,7 +1,8 @@
 // Briefs: files that list what a directory holds, one permission record per line
 // (brief/permission_record.h), so that a client sees what a backup would hold and how large it is.
 //
-// The functions return 0, or -1 after logging why. What was written before a failure stays.
+// Functions that return a result return 0, or -1 after logging why. What was written before a
+// failure stays.
 #pragma once
 
 #include <stdint.h>

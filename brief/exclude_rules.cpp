@@ -4,9 +4,9 @@
 #include "brief/exclude_rules.h"
 
 #include <log/log.h>
+#include <stdint.h>
 
 #include <algorithm>
-#include <map>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
@@ -28,36 +28,97 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-// Entries that contain no other, found so far, by their length. A client may send any number of
-// entries: looking up the pieces of an entry keeps the work in proportion to the file's size, where
-// comparing each with each would keep a worker busy for hours.
-class ShortestPaths {
+// Whether `folder`, with a '/' behind it, occurs in `path`.
+bool containsFolder(const std::string& path, const std::string& folder) {
+    for (size_t at = path.find(folder); at != std::string::npos; at = path.find(folder, at + 1)) {
+        if (path[at + folder.size()] == '/') {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Finds, for each of many entries, whether another one occurs in it, in time proportional to their
+// length: comparing each with each would let a client's list keep a worker busy. The entries form a
+// tree of their bytes; each node is linked to the node of the longest other beginning of an entry
+// that its own text ends in (Aho and Corasick).
+class EntryTree {
   public:
-    // REQUIRES: paths are added in order of their length.
-    void addUnlessContainer(std::string_view path) {
-        if (!containsAny(path)) {
-            mByLength[path.size()].insert(path);
+    void add(std::string_view entry) {
+        uint32_t node = kRoot;
+        for (const char byte : entry) {
+            uint32_t child = childOf(node, byte);
+            if (child == kNone) {
+                child = static_cast<uint32_t>(mNodes.size());
+                mNodes.push_back({byte, false, false, kNone, mNodes[node].firstChild, kRoot});
+                mNodes[node].firstChild = child;
+            }
+            node = child;
+        }
+        mNodes[node].isEntry = true;
+    }
+
+    // To be called once, after the last entry was added.
+    void link() {
+        mNodes[kRoot].endsInEntry = mNodes[kRoot].isEntry;
+        std::vector<uint32_t> order = {kRoot};  // by distance from the root
+        for (size_t i = 0; i < order.size(); ++i) {
+            const uint32_t parent = order[i];
+            for (uint32_t child = mNodes[parent].firstChild; child != kNone;
+                 child = mNodes[child].nextSibling) {
+                Node& node = mNodes[child];
+                node.suffix = parent == kRoot ? kRoot : suffixOf(parent, node.byte);
+                node.endsInEntry = node.isEntry || mNodes[node.suffix].endsInEntry;
+                order.push_back(child);
+            }
         }
     }
 
-    bool has(const std::string& path) const {
-        const auto group = mByLength.find(path.size());
-        return group != mByLength.end() && group->second.count(path) != 0;
+    // REQUIRES: `entry` was added.
+    bool containsAnother(std::string_view entry) const {
+        uint32_t node = kRoot;
+        for (const char byte : entry) {
+            if (mNodes[node].endsInEntry) {
+                return true;
+            }
+            node = childOf(node, byte);
+        }
+        return node != kRoot && mNodes[mNodes[node].suffix].endsInEntry;
     }
 
   private:
-    bool containsAny(std::string_view path) const {
-        for (const auto& [length, group] : mByLength) {
-            for (size_t begin = 0; begin + length <= path.size(); ++begin) {
-                if (group.count(path.substr(begin, length)) != 0) {
-                    return true;
-                }
-            }
+    static constexpr uint32_t kRoot = 0;
+    static constexpr uint32_t kNone = 0;  // of children: the root is nobody's
+
+    struct Node {
+        char byte;
+        bool isEntry;
+        bool endsInEntry;  // some entry is the node's text or its end
+        uint32_t firstChild;
+        uint32_t nextSibling;
+        uint32_t suffix;
+    };
+
+    uint32_t childOf(uint32_t node, char byte) const {
+        uint32_t child = mNodes[node].firstChild;
+        while (child != kNone && mNodes[child].byte != byte) {
+            child = mNodes[child].nextSibling;
         }
-        return false;
+        return child;
     }
 
-    std::map<size_t, std::unordered_set<std::string_view>> mByLength;
+    uint32_t suffixOf(uint32_t parent, char byte) const {
+        uint32_t node = parent;
+        while (node != kRoot) {
+            node = mNodes[node].suffix;
+            if (const uint32_t child = childOf(node, byte); child != kNone) {
+                return child;
+            }
+        }
+        return kRoot;
+    }
+
+    std::vector<Node> mNodes = {{'\0', false, false, kNone, kNone, kRoot}};
 };
 
 void appendLine(std::string line, Vector<std::string>& includes, Vector<std::string>& excludes) {
@@ -102,16 +163,14 @@ void cutLastCharacters(Vector<std::string>& paths) {
 }  // namespace
 
 void FilterPath(const Vector<std::string>& paths, Vector<std::string>& result) {
-    std::vector<std::string_view> byLength(paths.begin(), paths.end());
-    std::stable_sort(byLength.begin(), byLength.end(),
-                     [](std::string_view a, std::string_view b) { return a.size() < b.size(); });
-    ShortestPaths shortest;
-    for (const std::string_view path : byLength) {
-        shortest.addUnlessContainer(path);
+    EntryTree tree;
+    for (const std::string& path : paths) {
+        tree.add(path);
     }
+    tree.link();
     std::unordered_set<std::string> taken(result.begin(), result.end());
     for (const std::string& path : paths) {
-        if (shortest.has(path) && taken.insert(path).second) {
+        if (!tree.containsAnother(path) && taken.insert(path).second) {
             result.add(path);
         }
     }
@@ -126,12 +185,12 @@ bool NeedFilterWithExclude(const char* path, const Vector<std::string>& excludes
         directory += '/';
     }
     return std::any_of(excludes.begin(), excludes.end(), [&directory](const std::string& exclude) {
-        return contains(directory, exclude + "/");
+        return containsFolder(directory, exclude);
     });
 }
 
 bool GetIncludeAndExcludeFolder(const char* searchFile, SearchRules& rules) {
-    if (searchFile == nullptr) {
+    if (isEmptyPath(searchFile)) {
         ALOGE("GetIncludeAndExcludeFolder failed,path is null");
         return false;
     }

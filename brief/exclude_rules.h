@@ -23,8 +23,8 @@ struct SearchRules {
 };
 
 // Reads a search file: lines "[include]PATH" and "[exclude]PATH". Reduces includes and excludes by
-// FilterPath, and drops excludes that every include contains: what is asked for by name is listed.
-// The rules' paths have no trailing '/'. Returns false, after logging why, when the file cannot be
+// FilterPath, and drops excludes that every include contains: they would leave nothing to list.
+// One '/' is cut off the rules' paths. Returns false, after logging why, when the file cannot be
 // read or includes nothing.
 bool GetIncludeAndExcludeFolder(const char* searchFile, SearchRules& rules);
 

@@ -163,7 +163,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     int32_t runHandler(sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
     int32_t applyWeight() PELTEX_EXCLUDES(mLock);
 
-    // Tells the present callback how many bytes the files of a brief have.
+    // Tells the present callback how many bytes the files have that a brief has found.
     void tellBriefSize(const sp<BackupTask>& task, int64_t total) const PELTEX_EXCLUDES(mLock);
 
     // The callback to use for one call: another thread may replace mCallback meanwhile.

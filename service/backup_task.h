@@ -42,7 +42,7 @@ enum BackupTaskType : int32_t {
 // | TASK_STATUS_PROGRESS       | bytes done so far, decimal                                       |
 // | TASK_STATUS_SLICE_PACKAGED | path of the slice; "|end" behind the last one, or "end" alone    |
 // | TASK_STATUS_TIMEOUT        | "timout caused"                                                  |
-// | TASK_STATUS_BRIEF_SIZE     | bytes of the listed files, decimal                               |
+// | TASK_STATUS_BRIEF_SIZE     | bytes of the files found, decimal                                |
 enum TaskStatus : int32_t {
     TASK_STATUS_FAILED = -1,
     TASK_STATUS_SUCCESS = 0,

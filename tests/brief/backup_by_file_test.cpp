@@ -62,7 +62,7 @@ TEST_F(BackupByFileTest, LinesThatCannotBeTakenAreSkipped) {
         EXPECT_EQ(backup(line + good), 0);
         EXPECT_EQ(records(), good);
     }
-    backup("ab;cd\n");
+    EXPECT_EQ(backup("ab;cd\n"), 0);
     EXPECT_EQ(errors(), Lines{"miss info from this line(ab), skip it"});
 }
 
@@ -72,6 +72,18 @@ TEST_F(BackupByFileTest, APathWithoutTheNameMapsToTheFolderItself) {
     EXPECT_EQ(records(), recordOf("other"));
     EXPECT_EQ(backup(recordOf("other/file")), 0);
     EXPECT_EQ(listTree(folder()), Lines{"file"}) << "a copy to a directory goes into it";
+}
+
+// Each line records the attribute file in itself, and the last copies it over the brief.
+TEST_F(BackupByFileTest, ABriefThatFeedsItselfEnds) {
+    std::string lines;
+    for (int i = 0; i < 4000; ++i) {
+        lines += folder() + ".txt;0;1;;\n";
+    }
+    lines += folder() + ".txt;0;;;\n";
+    writeFile(folder() + "/com.a.txt", lines);
+    EXPECT_EQ(run(BACKUP_BY_FILE, "bk/com.a/com.a/com.a.txt", "bk/com.a"), 0);
+    EXPECT_LT(records().size(), 4 * lines.size());
 }
 
 TEST_F(BackupByFileTest, FailuresHaveTheirCodesAndMessages) {

@@ -195,6 +195,9 @@ TEST_F(FileListBriefTest, ManyRulesDoNotHoldTheWorkerUp) {
         rules += "[include]/data/none/" + std::to_string(i) + "x\n[exclude]/data/none/" +
                  std::to_string(i) + "y\n";
     }
+    for (size_t length = 1; length < 2000; ++length) {
+        rules += "[include]/" + std::string(length, 'x') + std::to_string(length) + "\n";
+    }
     writeFile(tree / "ab/i", "1");
     EXPECT_EQ(briefOf(rules), Lines{"ab/i"});
 }
