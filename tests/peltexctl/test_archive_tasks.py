@@ -100,6 +100,24 @@ class ArchiveTasksTest(ClientTest):
         self.assertEqual([entry["entry"] for entry in of_event(told(done), "fault")], [name])
         self.assertEqual(self.run_program(*SPLIT, "--no-verify").returncode, 0)
 
+    def test_empty_files_lost_behind_a_full_slice_are_told(self):
+        """Of both orders of the two entries, which the file system chooses, one loses the file."""
+        statuses = []
+        for names in ("full", "empty"), ("empty", "full"):
+            os.makedirs(self.path(f"data/{names[0]}"))
+            for name in names:
+                self.write(f"data/{names[0]}/{name}", b"x" * 1048064 if name == "full" else b"")
+            done = self.run_program("backup", "split", f"/data/data/{names[0]}", BACKUP,
+                                    "--slice-size", "1")
+            self.assertEqual(b"empty: is not in the set\n" in done.stdout, done.returncode == 1)
+            statuses.append(done.returncode)
+        self.assertEqual(sorted(statuses), [0, 1])
+
+    def test_refused_restore_leaves_no_directories(self):
+        self.assertEqual(self.run_program("restore", "tar", "/data/data/none.tar",
+                                          "/data/data/a/b").returncode, 1)
+        self.assertEqual(os.listdir(self.path("data")), [])
+
     def test_wrong_slice_sizes(self):
         for size in ("0", "-1", "2048", "99999999999", "x", "1.5", "0x10", ""):
             with self.subTest(size):

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "archive_export.h"
@@ -144,8 +145,14 @@ int RunVerify(const ArchiveRequest& request, bool json) {
     return ShowVerified(set, counts, report, json);
 }
 
+int64_t FileSystemNow() {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
 int RunVerifyBackup(const std::string& file, const std::string& source_directory,
-                    time_t packing_began, bool json) {
+                    int64_t packing_began, bool json) {
     Report report(json, stdout);
     ArchiveSet set;
     std::string error;

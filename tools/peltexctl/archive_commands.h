@@ -1,7 +1,7 @@
 // The subcommands that look at archives: no session, no library, no root.
 #pragma once
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 namespace peltexctl {
@@ -16,9 +16,13 @@ int RunList(const ArchiveRequest& request, bool json);
 int RunVerify(const ArchiveRequest& request, bool json);
 int RunExport(const ArchiveRequest& request, bool json);
 
+// Nanoseconds since the epoch, as a file system would note a change that is made now.
+int64_t FileSystemNow();
+
 // Verifies what a backup has just written against its source directory, and prints what it finds as
-// RunVerify() does. `packing_began` is when the backup was started.
+// RunVerify() does. `packing_began` is when the backup was started, in
+// nanoseconds since the epoch by the clock of the file systems (FileSystemNow()).
 int RunVerifyBackup(const std::string& file, const std::string& source_directory,
-                    time_t packing_began, bool json);
+                    int64_t packing_began, bool json);
 
 }  // namespace peltexctl

@@ -178,27 +178,4 @@ std::string EntryAsJson(const ArchiveEntry& entry) {
     return object.dump(-1, ' ', true);
 }
 
-std::string EscapeBytes(const std::string& bytes) {
-    std::string escaped;
-    const std::string text = BytesToUtf8(bytes);
-    for (size_t i = 0; i < text.size(); i++) {
-        auto code = static_cast<unsigned char>(text[i]);
-        // The control characters above ASCII: terminals obey them too.
-        const bool high_control = code == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0;
-        if (high_control) {
-            code = static_cast<unsigned char>(text[++i]);
-        }
-        if (code == '\n') {
-            escaped += "\\n";
-        } else if (code == '\\') {
-            escaped += "\\\\";
-        } else if (code < 0x20 || code == 0x7f || high_control) {
-            escaped += fmt::format("\\{:03o}", code);
-        } else {
-            escaped += text[i];
-        }
-    }
-    return escaped;
-}
-
 }  // namespace peltexctl

@@ -23,7 +23,4 @@ void ListSet(const ArchiveSet& set, const FindingSink& sink,
 std::string EntryAsText(const ArchiveEntry& entry);
 std::string EntryAsJson(const ArchiveEntry& entry);
 
-// `bytes` for a terminal: control characters, backslashes and what is no UTF-8 as escapes.
-std::string EscapeBytes(const std::string& bytes);
-
 }  // namespace peltexctl

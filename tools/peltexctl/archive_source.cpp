@@ -29,7 +29,7 @@ struct Source {
     char type;
     uint64_t size;
     time_t modified;
-    time_t changed;
+    int64_t changed;  // nanoseconds since the epoch
     bool found = false;
     int64_t packed_modified = 0;  // as the header has it
     uint64_t restored_size = 0;
@@ -38,7 +38,7 @@ struct Source {
 
 class SourceComparison {
   public:
-    SourceComparison(const ArchiveSet& set, const std::string& directory, time_t packing_began,
+    SourceComparison(const ArchiveSet& set, const std::string& directory, int64_t packing_began,
                      const FindingSink& sink)
         : set_(set), packing_began_(packing_began), sink_(sink), root_(directory) {
         if (!root_.empty() && root_.back() == '/') {
@@ -115,7 +115,7 @@ class SourceComparison {
             source.type = type;
             source.size = bytes;
             source.modified = info.st_mtime;
-            source.changed = info.st_ctime;
+            source.changed = int64_t{info.st_ctim.tv_sec} * 1000000000 + info.st_ctim.tv_nsec;
             sources_.emplace(stored, std::move(source));
         };
         if (S_ISREG(info.st_mode)) {
@@ -144,9 +144,9 @@ class SourceComparison {
 
     void Compare(const std::string& name, const Source& source) {
         if (!source.found) {
-            const bool later = packing_began_ != 0 && source.changed >= packing_began_;
+            const bool later = packing_began_ != 0 && source.changed > packing_began_;
             Tell(later ? Severity::kWarning : Severity::kFault, name,
-                 later ? "is not in the set: it changed while that was packed"
+                 later ? "is not in the set: it was made or changed while that was packed"
                        : "is not in the set");
             return;
         }
@@ -168,7 +168,7 @@ class SourceComparison {
     }
 
     const ArchiveSet& set_;
-    const time_t packing_began_;
+    const int64_t packing_began_;
     const FindingSink& sink_;
     std::string root_;
     std::set<std::pair<dev_t, ino_t>> own_files_;
@@ -178,7 +178,7 @@ class SourceComparison {
 }  // namespace
 
 VerifyCounts VerifyAgainstSource(const ArchiveSet& set, const std::string& source_directory,
-                                 time_t packing_began, const FindingSink& sink) {
+                                 int64_t packing_began, const FindingSink& sink) {
     return SourceComparison(set, source_directory, packing_began, sink).Run();
 }
 

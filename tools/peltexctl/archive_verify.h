@@ -32,6 +32,6 @@ VerifyCounts VerifySet(
 // entry that is not in the set counts as changed when its inode changed after `packing_began` (0:
 // never). Settles every suspicion. Memory grows with the number of entries in the directory.
 VerifyCounts VerifyAgainstSource(const ArchiveSet& set, const std::string& source_directory,
-                                 time_t packing_began, const FindingSink& sink);
+                                 int64_t packing_began, const FindingSink& sink);
 
 }  // namespace peltexctl

@@ -51,14 +51,14 @@ void EventWriter::Session(int session) {
 }
 
 void EventWriter::Result(const std::string& command, int result) {
-    const std::string text = BytesToUtf8(command);
-    WriteLine(json() ? Line({{"event", "result"}, {"command", text}, {"result", result}})
-                     : fmt::format("{} -> {}", text, result));
+    WriteLine(
+        json() ? Line({{"event", "result"}, {"command", BytesToUtf8(command)}, {"result", result}})
+               : fmt::format("{} -> {}", EscapeBytes(command), result));
 }
 
 void EventWriter::Status(const StatusEvent& event) {
     if (!json()) {
-        WriteLine(fmt::format("task {}: {}", event.task, BytesToUtf8(DescribeStatus(event))));
+        WriteLine(fmt::format("task {}: {}", event.task, EscapeBytes(DescribeStatus(event))));
         return;
     }
     Json object = {{"event", "status"},
@@ -99,12 +99,11 @@ void EventWriter::Threads(const std::vector<ThreadInfo>& threads) {
 }
 
 void EventWriter::Error(const std::string& message) {
-    const std::string text = BytesToUtf8(message);
     if (!json()) {
-        fmt::print(stderr, "peltexctl: {}\n", text);
+        fmt::print(stderr, "peltexctl: {}\n", EscapeBytes(message));
         return;
     }
-    WriteLine(Line({{"event", "error"}, {"message", text}}));
+    WriteLine(Line({{"event", "error"}, {"message", BytesToUtf8(message)}}));
 }
 
 void EventWriter::WriteLine(std::string_view line) {

@@ -14,10 +14,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kLibraryName = "libpeltexinstalld.so";
 
-std::string FindLibrary(const std::string& path) {
-    if (!path.empty()) {
+std::string FindLibrary(const std::optional<std::string>& path) {
+    if (path) {
         // The loader takes a name without a slash for one to search for.
-        return path.find('/') == std::string::npos ? "./" + path : path;
+        return path->find('/') == std::string::npos ? "./" + *path : *path;
     }
     std::error_code error;
     const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / kLibraryName;
@@ -44,7 +44,7 @@ bool Resolve(void* handle, const std::string& path, const char* name, Function**
 
 }  // namespace
 
-std::optional<Library> LoadLibrary(const std::string& path, std::string* error) {
+std::optional<Library> LoadLibrary(const std::optional<std::string>& path, std::string* error) {
     const std::string file = FindLibrary(path);
     void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle == nullptr) {

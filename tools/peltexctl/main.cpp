@@ -25,7 +25,7 @@ namespace peltexctl {
 namespace {
 
 struct Options {
-    std::string library;
+    std::optional<std::string> library;
     std::optional<std::string> data;
     std::string log = "error";
     bool json = false;
@@ -116,7 +116,11 @@ void DeclareTask(CLI::App* command, Options* options) {
         command->footer("Kinds:\n" + footer);
     }
     command->add_option("SRC", task.source, "Source path")->required();
-    command->add_option("DEST", task.destination, "Destination path")->required();
+    const bool is_brief = command->get_name() == "brief";
+    command
+        ->add_option(is_brief ? "BRIEF" : "DEST", task.destination,
+                     is_brief ? "The brief file to write" : "Destination path")
+        ->required();
     command->add_option("--uid", task.uid, "Owner of what is written")->capture_default_str();
     command->add_option("--seinfo", task.se_info, "SELinux information for its labels")
         ->capture_default_str();
@@ -215,7 +219,10 @@ int main(int argc, char** argv) {
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "peltexctl: %s\n", failure.what());
     }
-    std::fflush(nullptr);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fprintf(stderr, "peltexctl: standard output could not be written\n");
+        status = status == peltexctl::kDone ? peltexctl::kTaskFailed : status;
+    }
     // Without the destructors of static objects: the library's would take its state from under
     // worker threads that are still on their way out.
     _exit(status);

@@ -35,7 +35,7 @@ void ProgressView::OnStatus(const StatusEvent& event) {
     if (event.code == kStatusStarted) {
         running_ = true;
     }
-    std::string line = fmt::format("task {}: {}", event.task, BytesToUtf8(DescribeStatus(event)));
+    std::string line = fmt::format("task {}: {}", event.task, EscapeBytes(DescribeStatus(event)));
     if (event.code == kStatusSuccess || event.code == kStatusFailed) {
         running_ = false;
         const std::chrono::duration<double> elapsed = Clock::now() - start_;
@@ -46,7 +46,7 @@ void ProgressView::OnStatus(const StatusEvent& event) {
 
 void ProgressView::Note(const std::string& text) {
     const std::lock_guard lock(mutex_);
-    PrintLine(BytesToUtf8(text));
+    PrintLine(EscapeBytes(text));
 }
 
 void ProgressView::Tick() {

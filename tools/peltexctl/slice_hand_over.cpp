@@ -1,6 +1,7 @@
 // Tested by tests/peltexctl/test_archive_tasks.py.
 #include "slice_hand_over.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "text.h"
 
@@ -28,16 +30,60 @@ bool EndsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
+class File {
+  public:
+    explicit File(int fd) : fd_(fd) {}
+    ~File() { Close(); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    int fd() const { return fd_; }
+    int Close() { return fd_ < 0 ? 0 : close(std::exchange(fd_, -1)); }
+
+  private:
+    int fd_;
+};
+
+std::error_code LastError() {
+    return {errno, std::generic_category()};
+}
+
+// Copies the content, with the reason of a failure, which the standard library's copy keeps to
+// itself.
+std::error_code CopyContent(const fs::path& from, const fs::path& to, mode_t mode) {
+    const File source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    File target(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    if (source.fd() < 0 || target.fd() < 0) {
+        return LastError();
+    }
+    std::vector<char> buffer(size_t{1} << 20);
+    ssize_t length = 0;
+    while ((length = read(source.fd(), buffer.data(), buffer.size())) > 0) {
+        for (ssize_t done = 0; done < length;) {
+            const ssize_t count =
+                write(target.fd(), buffer.data() + done, static_cast<size_t>(length - done));
+            if (count < 0) {
+                return LastError();
+            }
+            done += count;
+        }
+    }
+    if (length < 0 || fsync(target.fd()) != 0 || target.Close() != 0) {
+        return LastError();
+    }
+    return {};
+}
+
 // Copies a file to another file system, with its owner and mode.
 std::error_code CopyAway(const fs::path& from, const fs::path& to) {
     std::error_code error;
     struct stat info = {};
     if (stat(from.c_str(), &info) != 0) {
-        return {errno, std::generic_category()};
+        return LastError();
     }
-    fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
+    error = CopyContent(from, to, info.st_mode & 0777);
     if (!error && chown(to.c_str(), info.st_uid, info.st_gid) != 0 && geteuid() == 0) {
-        error = {errno, std::generic_category()};
+        error = LastError();
     }
     if (error) {
         std::error_code ignored;
@@ -67,6 +113,10 @@ SliceHandOver::SliceHandOver(Send send, std::string command, std::string take)
     : send_(std::move(send)), command_(std::move(command)), take_(std::move(take)) {}
 
 void SliceHandOver::Heard(const StatusEvent& event) {
+    std::unique_lock<std::mutex> settled(end_mutex_, std::defer_lock);
+    if (event.code == kStatusSlicePackaged || event.message == "processTask finish") {
+        settled.lock();
+    }
     {
         const std::lock_guard lock(mutex_);
         ++heard_;
@@ -77,7 +127,6 @@ void SliceHandOver::Heard(const StatusEvent& event) {
         }
     }
     if (event.message == "processTask finish") {
-        const std::lock_guard lock(end_mutex_);
         ended_ = true;
     }
 }
@@ -170,7 +219,7 @@ bool SliceHandOver::HasMoved() const {
 void SliceHandOver::Continue() {
     last_sent_ = Clock::now();
     const std::lock_guard lock(end_mutex_);
-    if (!ended_) {
+    if (!ended_ && !HasMoved()) {
         send_(command_);
     }
 }

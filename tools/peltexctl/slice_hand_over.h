@@ -3,8 +3,9 @@
 //
 // The library forgets a continuation that comes before its worker waits, so it is sent again until
 // a status shows that the backup has moved. A continuation for a backup that has ended would begin
-// a second one; that cannot happen, because the backup's last status and a continuation exclude one
-// another, and until that status has been received the backup still counts as running.
+// a second one, and one that comes late would release a slice that was not taken yet. Neither can
+// happen: a continuation excludes the statuses that hand over a slice or end the backup, and until
+// the last of them has been received the backup still counts as running.
 #pragma once
 
 #include <chrono>

@@ -9,10 +9,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <memory>
 #include <system_error>
+#include <vector>
 
 #include "archive_commands.h"
 #include "events.h"
@@ -70,16 +72,34 @@ uint64_t TotalSize(const std::string& path) {
     return total;
 }
 
-// Entries are unpacked into a directory that is there; the library makes none. A path that cannot
-// be made is left to the library to refuse.
-void MakeDirectory(const std::string& path, int uid) {
-    std::error_code error;
-    if (!fs::create_directories(path, error) || error || uid == 0) {
-        return;
+// Entries are unpacked into a directory that is there; the library makes none.
+class MadeDirectory {
+  public:
+    // Makes `path` for `uid`, with all above it. What cannot be made is left to the library to
+    // refuse.
+    void Make(const std::string& path, int uid) {
+        std::error_code error;
+        for (fs::path part = path; !part.empty() && !fs::exists(part, error);
+             part = part.parent_path()) {
+            made_.push_back(part);
+        }
+        fs::create_directories(path, error);
+        const auto owner = static_cast<uid_t>(uid);
+        [[maybe_unused]] const int result =
+            made_.empty() || uid == 0 ? 0 : chown(path.c_str(), owner, owner);
     }
-    const auto owner = static_cast<uid_t>(uid);
-    [[maybe_unused]] const int result = chown(path.c_str(), owner, owner);
-}
+
+    // Takes back what was made and is still empty.
+    void Remove() {
+        std::error_code error;
+        for (const fs::path& part : made_) {
+            fs::remove(part, error);
+        }
+    }
+
+  private:
+    std::vector<fs::path> made_;  // the deepest first
+};
 
 // Holds back the signals that ask the program to end, so that they can be asked for. Threads made
 // later inherit that.
@@ -89,8 +109,11 @@ class EndSignals {
         sigemptyset(&set_);
         sigaddset(&set_, SIGINT);
         sigaddset(&set_, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+        pthread_sigmask(SIG_BLOCK, &set_, &before_);
     }
+
+    // From here on the signals end the program as they always do.
+    void Release() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
     // Takes a signal that has arrived.
     bool Take() {
@@ -100,6 +123,7 @@ class EndSignals {
 
   private:
     sigset_t set_{};
+    sigset_t before_{};
 };
 
 // One run of a task subcommand. It may go when the task has ended: no callback comes after that.
@@ -119,6 +143,14 @@ class TaskRun {
 
     // `archive` is what the task writes, empty where it writes none.
     int Run(const std::string& command, const std::string& archive);
+
+    // Whether the program was asked to end when the task had ended already. It ends by itself from
+    // then on when it is asked to.
+    bool WasInterrupted() {
+        const bool interrupted = signals_.Take();
+        signals_.Release();
+        return interrupted;
+    }
 
     // Where the archive is after the run.
     std::string ArchivePath(const std::string& archive) const {
@@ -186,7 +218,12 @@ int TaskRun::FollowTask(int task, const std::string& archive) {
     bool untaken = false;
     std::optional<int> code;
     while (!(code = client_.tasks().WaitEnded(task, TaskTracker::Clock::now() + kTick))) {
-        if (signals_.Take() && !interrupted) {
+        if (signals_.Take()) {
+            if (interrupted) {
+                // Asked twice: some tasks never end, such as the copy of a FIFO.
+                std::fprintf(stderr, "peltexctl: task %d is left unfinished\n", task);
+                _exit(kInterrupted);
+            }
             interrupted = true;
             SaveSlices();
             Abort(task);
@@ -235,18 +272,25 @@ void TaskRun::Abort(int task) {
 }  // namespace
 
 int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request, bool json) {
+    MadeDirectory made;
     if (kind.needs_directory) {
-        MakeDirectory(request.destination, *ParseInt(request.uid));
+        made.Make(request.destination, *ParseInt(request.uid));
     }
-    const time_t began = time(nullptr);
+    const int64_t began = FileSystemNow();
     const std::string archive = kind.archive(request);
     TaskRun run(library, json, TotalSize(kind.content(request)));
     if (kind.has_slices) {
         run.TakeSlices(kind.compose(kind, request), request.take);
     }
     const int status = run.Run(kind.compose(kind, request), archive);
+    if (status != kDone) {
+        made.Remove();
+    }
     if (status != kDone || archive.empty() || request.no_verify) {
         return status;
+    }
+    if (run.WasInterrupted()) {
+        return kInterrupted;
     }
     return RunVerifyBackup(run.ArchivePath(archive), request.source, began, json);
 }

@@ -109,6 +109,29 @@ std::string BytesToUtf8(std::string_view bytes) {
     return text;
 }
 
+std::string EscapeBytes(const std::string& bytes) {
+    std::string escaped;
+    const std::string text = BytesToUtf8(bytes);
+    for (size_t i = 0; i < text.size(); i++) {
+        auto code = static_cast<unsigned char>(text[i]);
+        // The control characters above ASCII: terminals obey them too.
+        const bool high_control = code == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0;
+        if (high_control) {
+            code = static_cast<unsigned char>(text[++i]);
+        }
+        if (code == '\n') {
+            escaped += "\\n";
+        } else if (code == '\\') {
+            escaped += "\\\\";
+        } else if (code < 0x20 || code == 0x7f || high_control) {
+            escaped += fmt::format("\\{:03o}", code);
+        } else {
+            escaped += text[i];
+        }
+    }
+    return escaped;
+}
+
 std::string HumanSize(uint64_t bytes) {
     constexpr std::array kUnits = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     if (bytes < 1024) {

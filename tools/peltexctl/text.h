@@ -23,6 +23,9 @@ std::vector<std::string> SplitWords(std::string_view line, std::string_view sepa
 // value, so that a reader sees which byte it was. Overlong forms and surrogates are not valid.
 std::string BytesToUtf8(std::string_view bytes);
 
+// `bytes` for a terminal: control characters, backslashes and what is no UTF-8 as escapes.
+std::string EscapeBytes(const std::string& bytes);
+
 // "512 B", "1.5 MiB": binary units, one decimal from KiB on.
 std::string HumanSize(uint64_t bytes);
 
