@@ -140,7 +140,7 @@ class SetVerifier {
     }
 
     void CheckEntry(const ArchiveFile& file, const ArchiveEntry& entry) {
-        counts_.entries++;
+        counts_.entries += entry.Continues() ? 0 : 1;
         counts_.bytes += entry.IsFile() ? entry.size : 0;
         CheckType(entry);
         CheckName(entry);

@@ -17,7 +17,7 @@ namespace peltexctl {
 using EntryVisitor = std::function<void(const ArchiveEntry&)>;
 
 struct VerifyCounts {
-    uint64_t entries = 0;  // headers, so the parts of a cut file one by one
+    uint64_t entries = 0;  // a cut file once
     uint64_t bytes = 0;    // of content
 };
 
