@@ -31,6 +31,9 @@ inline bool eventually(const std::function<bool()>& condition) {
 
 class ServiceTest : public testing::Test {
   protected:
+    // Two workers that make one directory at the same time fail one of their tasks, so it is there.
+    void SetUp() override { makeDir(tree / "out"); }
+
     // Lets go whatever a failed test has left running: the manager waits for its workers.
     void TearDown() override {
         for (const std::string& fifo : mFifos) {
