@@ -16,6 +16,10 @@ inline bool exists(const char* path) {
     return access(path, F_OK) == 0;
 }
 
+inline bool exists(const std::string& path) {
+    return exists(path.c_str());
+}
+
 inline bool isDotName(const char* name) {
     return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
@@ -24,10 +28,6 @@ inline bool isDotName(const char* name) {
 inline const char* lastComponent(const char* path) {
     const char* slash = strrchr(path, '/');
     return slash == nullptr ? path : slash + 1;
-}
-
-inline bool exists(const std::string& path) {
-    return exists(path.c_str());
 }
 
 // Takes one '/' off the end where there is one.

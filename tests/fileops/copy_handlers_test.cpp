@@ -1,11 +1,7 @@
 #include <gtest/gtest.h>
-#include <host/relabel_observer.h>
 #include <unistd.h>
 
-#include "service/backup_session_manager.h"
-#include "tests/support/log_lines.h"
-#include "tests/support/task_maker.h"
-#include "tests/support/test_files.h"
+#include "tests/support/handler_test.h"
 
 namespace peltex_test {
 namespace {
@@ -14,28 +10,14 @@ using namespace android::installd;
 using android::sp;
 using Lines = std::vector<std::string>;
 
-class CopyHandlersTest : public testing::Test {
+class CopyHandlersTest : public HandlerTest {
   protected:
     // Runs the handler of the type as the task loop does, between two names under the tree.
     int32_t run(BackupTaskType type, const std::string& from, const std::string& to,
                 const std::string& seInfo = "default") {
-        const std::string source = from[0] == '/' ? from : tree / from;
-        const std::string destination = to[0] == '/' ? to : tree / to;
-        sp<BackupTask> task = makeTask(type, source, destination, client, "10123", seInfo);
+        sp<BackupTask> task = makeTask(type, pathOf(from), pathOf(to), client, "10123", seInfo);
         return manager->processTask(task);
     }
-    Lines errors() const { return messagesOf(log, ANDROID_LOG_ERROR); }
-
-    TempTree tree;
-    const sp<TestClient> client = new TestClient();
-    const sp<BackupSessionManager> manager = new BackupSessionManager();
-    android::host::LogCapture log;
-    Lines relabelled;
-    const android::host::ScopedRelabelObserver observer{
-        [this](const char* path, const char*, uid_t, unsigned int) {
-            relabelled.push_back(path);
-            return 0;
-        }};
 };
 
 TEST_F(CopyHandlersTest, AFileGoesIntoItsDestinationDirectory) {
@@ -44,7 +26,7 @@ TEST_F(CopyHandlersTest, AFileGoesIntoItsDestinationDirectory) {
     EXPECT_EQ(readFile(tree / "a/b/file"), "content");
     EXPECT_EQ(ownerAndMode(tree / "a/b"), "10123:10123 771");
     EXPECT_EQ(listTree(tree / "a"), (Lines{"b/", "b/file"})) << "no record of a single file";
-    EXPECT_EQ(relabelled, Lines{tree / "a/b"});
+    EXPECT_EQ(relabelled, Lines{(tree / "a/b") + " default 10123"});
     EXPECT_EQ(run(RESTORE_FILE, "a/b/file", "c"), 0);
     EXPECT_EQ(ownerAndMode(tree / "c/file"), "10123:10123 771");
     EXPECT_EQ(relabelled.size(), 1u) << "a restored file is not relabelled";
@@ -69,7 +51,7 @@ TEST_F(CopyHandlersTest, ADirectoryComesBackWithItsModes) {
     EXPECT_EQ(ownerAndMode(tree / "com.x/files/a;b"), "10123:10123 640");
     EXPECT_EQ(modeOf(tree / "com.x/two\nlines"), 04755u);
     EXPECT_EQ(modeOf(tree / "com.x/private"), 0700u);
-    EXPECT_EQ(relabelled, Lines{tree / "com.x"});
+    EXPECT_EQ(relabelled, Lines{(tree / "com.x") + " default 0"}) << "for the owner it has";
     EXPECT_EQ(errors(), Lines{});
 }
 
@@ -108,7 +90,7 @@ TEST_F(CopyHandlersTest, AMoveLeavesNothingBehind) {
     EXPECT_EQ(run(MOVE_DIR, "com.x", "moved/here"), 0);
     EXPECT_EQ(listTree(tree / "moved/here"), (Lines{"a/", "a/file", "lib/", "lib/native.so"}));
     EXPECT_FALSE(exists(tree / "com.x"));
-    EXPECT_EQ(relabelled, Lines{tree / "moved/here"});
+    EXPECT_EQ(relabelled, Lines{(tree / "moved/here") + " default 10123"});
 }
 
 TEST_F(CopyHandlersTest, AMoveWithALinkFailsAtTheEnd) {

@@ -1,12 +1,8 @@
 #include <gtest/gtest.h>
-#include <host/relabel_observer.h>
 #include <unistd.h>
 
-#include "service/backup_session_manager.h"
-#include "tests/support/log_lines.h"
+#include "tests/support/handler_test.h"
 #include "tests/support/tar_builder.h"
-#include "tests/support/task_maker.h"
-#include "tests/support/test_files.h"
 
 namespace peltex_test {
 namespace {
@@ -15,38 +11,23 @@ using namespace android::installd;
 using android::sp;
 using Lines = std::vector<std::string>;
 
-class TarHandlersTest : public testing::Test {
+class TarHandlersTest : public HandlerTest {
   protected:
     // Runs the handler of the type as the task loop does, between two names under the tree. What is
     // the SELinux information of the other types is the slice size of a split backup, in MiB.
     int32_t run(BackupTaskType type, const std::string& from, const std::string& to,
                 const std::string& fifthWord = "1") {
-        const std::string source = from[0] == '/' ? from : tree / from;
-        const std::string destination = to[0] == '/' ? to : tree / to;
         const bool isSplit = type == BACKUP_SPLIT;
         const std::string words[kCommandWords] = {"cmd",
                                                   "option",
-                                                  source,
-                                                  destination,
+                                                  pathOf(from),
+                                                  pathOf(to),
                                                   fifthWord,
                                                   isSplit ? "seinfo" : "10123",
                                                   isSplit ? "10123" : ""};
         sp<BackupTask> task = new BackupTask(100, 101, type, client, words);
         return manager->processTask(task);
     }
-    Lines errors() const { return messagesOf(log, ANDROID_LOG_ERROR); }
-
-    TempTree tree;
-    const sp<TestClient> client = new TestClient();
-    const sp<BackupSessionManager> manager = new BackupSessionManager();
-    android::host::LogCapture log;
-    Lines relabelled;
-    int refusal = 0;
-    const android::host::ScopedRelabelObserver observer{
-        [this](const char* path, const char* seInfo, uid_t uid, unsigned int) {
-            relabelled.push_back(std::string(path) + " " + seInfo + " " + std::to_string(uid));
-            return refusal;
-        }};
 };
 
 TEST_F(TarHandlersTest, AnArchiveLiesInItsDestinationUnderItsSourcesName) {

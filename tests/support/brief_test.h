@@ -1,20 +1,16 @@
 // Brief tasks as the task loop runs them, and what they leave.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
-#include "service/backup_session_manager.h"
-#include "tests/support/log_lines.h"
-#include "tests/support/task_maker.h"
-#include "tests/support/test_files.h"
+#include "tests/support/handler_test.h"
 
 namespace peltex_test {
 
-class BriefTest : public testing::Test {
+class BriefTest : public HandlerTest {
   protected:
     BriefTest() { manager->startBackupSession(client); }
 
@@ -57,14 +53,6 @@ class BriefTest : public testing::Test {
         }
         return texts;
     }
-
-    std::vector<std::string> errors() const { return messagesOf(log, ANDROID_LOG_ERROR); }
-
-    TempTree tree;
-    const android::sp<TestClient> client = new TestClient();
-    const android::sp<android::installd::BackupSessionManager> manager =
-        new android::installd::BackupSessionManager();
-    android::host::LogCapture log;
 };
 
 }  // namespace peltex_test
