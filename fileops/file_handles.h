@@ -2,6 +2,8 @@
 #pragma once
 
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -41,6 +43,19 @@ struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 using UniqueDir = std::unique_ptr<DIR, DirCloser>;
+
+// Opens the directory `name` of the directory that `dirFd` stands for (AT_FDCWD: `name` is a path).
+// Returns null on failure; errno tells why.
+inline UniqueDir openDirectory(int dirFd, const char* name) {
+    const int fd = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    UniqueDir dir(fd < 0 ? nullptr : fdopendir(fd));
+    if (dir == nullptr && fd >= 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+    }
+    return dir;
+}
 
 // The next entry of the stream, in the order of the file system, or null after the last one. It is
 // valid until the next call for the same stream.

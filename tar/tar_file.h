@@ -5,6 +5,7 @@
 // what a member returns then is false or a short count.
 #pragma once
 
+#include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 
 #include <string>
 
+#include "fileops/file_handles.h"
 #include "tar/owner_names.h"
 #include "tar/tar_callback.h"
 #include "tar/tar_header.h"
@@ -49,8 +51,10 @@ class TarFile {
     // The walk: tar/tar_file.cpp
     bool CheckDir(const char* dir);
     bool openTar(const char* tarPath);
+    FILE* openStream(const char* path);
     bool packTree();
     bool TraversalPackDir(char* path);
+    bool packEntries(const UniqueDir& dir, char* path);
     bool packEntry(char* path);
     int DoPack(const char* path);
     bool Filter(const char* path, const struct stat* st);
@@ -111,6 +115,8 @@ class TarFile {
 
     TarCallBack* const m_callBack;
     char* m_ioBuf = nullptr;        // kContentChunk bytes, from the first content on
+    char* m_tarBuf = nullptr;       // the stream's, from the first archive on; outlives the stream
+    int m_dirFd = AT_FDCWD;         // the directory that the walk is in
     char m_rootPath[kTarPathSize];  // what is packed, without a trailing '/'; empty between packs
     struct stat m_tarStat;          // of the archive or the current slice, when last looked at
     FILE* m_tarFp = nullptr;        // open during a pack only

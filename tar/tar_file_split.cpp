@@ -109,7 +109,7 @@ bool TarFile::PackSplitPre(std::string* args, unsigned int uid) {
 bool TarFile::CreateSplitFile() {
     m_curTarPath = m_basePath + "." + UdtoString(static_cast<unsigned int>(m_number));
     closeTar();
-    m_tarFp = fopen(m_curTarPath.c_str(), "wb+e");
+    m_tarFp = openStream(m_curTarPath.c_str());
     if (m_tarFp == nullptr) {
         ALOGE("TarFile::CreateSplitFile, failed to open tar file: %s, error: %s",
               m_curTarPath.c_str(), ErrorText().c_str());
