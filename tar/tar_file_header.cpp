@@ -25,24 +25,29 @@ bool fillWithZeros(char (&field)[size]) {
     return snprintf_s(field, size, size - 1, "%0*d", static_cast<int>(size - 1), 0) >= 0;
 }
 
+// One that does not fit with a NUL leaves the field empty.
+template <size_t size>
+bool fillName(char (&field)[size], const std::string& name) {
+    return memcpy_s(field, size - 1, name.data(), name.size()) == 0;
+}
+
 }  // namespace
 
 // Octal digits over the whole width; where the first would be a 0, a NUL takes the last place
 // instead. More digits than that lose their high-order ones.
 void TarFile::I2Ocs(char* field, int width, long value) {
-    char scratch[kScratchSize] = {};
-    const int length = sprintf_s(scratch, sizeof(scratch), "%0*llo", width,
-                                 static_cast<unsigned long long>(value));
-    if (length < width) {
+    char digits[kScratchSize] = {};
+    if (width < 1 || width >= static_cast<int>(sizeof(digits))) {
         ALOGE("TarFile::I2Ocs failed");
         return;
     }
-    const char* digits = scratch + (length - width);
-    if (*digits == '0') {
-        ++digits;
+    // By hand: formatting five numbers took as long as all else that a header needs.
+    auto rest = static_cast<unsigned long>(value);
+    for (int i = width - 1; i >= 0; --i, rest >>= 3) {
+        digits[i] = static_cast<char>('0' + (rest & 7));
     }
     const auto count = static_cast<size_t>(width);
-    if (memcpy_s(field, count, digits, count) != 0) {
+    if (memcpy_s(field, count, digits + (digits[0] == '0' ? 1 : 0), count) != 0) {
         ALOGE("I2Ocs failed to get str");
     }
 }
@@ -53,12 +58,10 @@ void TarFile::FillSum(tar_header& hdr) {
 }
 
 void TarFile::FillOwnerName(tar_header& hdr, const struct stat* st) {
-    if (snprintf_s(hdr.uname, sizeof(hdr.uname), sizeof(hdr.uname) - 1, "%s",
-                   m_ownerNames.userName(st->st_uid).c_str()) < 0) {
+    if (!fillName(hdr.uname, m_ownerNames.userName(st->st_uid))) {
         ALOGE("TarFile::FillOwnerName, hdr.uname failed.");
     }
-    if (snprintf_s(hdr.gname, sizeof(hdr.gname), sizeof(hdr.gname) - 1, "%s",
-                   m_ownerNames.groupName(st->st_gid).c_str()) < 0) {
+    if (!fillName(hdr.gname, m_ownerNames.groupName(st->st_gid))) {
         ALOGE("TarFile::FillOwnerName, hdr.gname failed.");
     }
 }
@@ -95,11 +98,9 @@ bool TarFile::FillLinkName(char* field, int fieldSize, const char* path, int lin
 
 // An entry is named by its path below the packed directory, a directory with a '/' behind it.
 bool TarFile::FillEntryName(tar_header& hdr, const char* path, bool isDirectory) {
-    std::string name = path + strlen(m_rootPath) + 1;
-    if (isDirectory) {
-        name += '/';
-    }
-    if (!FillLongString(hdr.name, sizeof(hdr.name), name.c_str(), TYPE_LONG_NAME)) {
+    const char* name = path + strlen(m_rootPath) + 1;
+    if (!FillLongString(hdr.name, sizeof(hdr.name),
+                        isDirectory ? (std::string(name) + '/').c_str() : name, TYPE_LONG_NAME)) {
         ALOGE("TarFile::PackDir, failed to fill name: %s", path);
         return false;
     }

@@ -1,6 +1,8 @@
 // Tested by tests/tar/tar_header_test.cpp.
 #include "tar/tar_header.h"
 
+#include <numeric>
+
 namespace android::installd {
 
 namespace {
@@ -25,14 +27,13 @@ uint64_t ParseOctalStr(const char* text, unsigned long length) {
 }
 
 uint32_t checksumOf(const tar_header& header) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&header);
-    constexpr size_t kFieldBegin = offsetof(tar_header, chksum);
-    constexpr size_t kFieldEnd = kFieldBegin + sizeof(tar_header::chksum);
-    uint32_t sum = 0;
-    for (size_t i = 0; i < sizeof(header); ++i) {
-        sum += i >= kFieldBegin && i < kFieldEnd ? ' ' : bytes[i];
-    }
-    return sum;
+    const auto sumOf = [](const void* data, size_t size) {
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        return std::accumulate(bytes, bytes + size, uint32_t{0});
+    };
+    // Without a branch in it, the loop over the header is one that a compiler vectorizes.
+    return sumOf(&header, sizeof(header)) - sumOf(header.chksum, sizeof(header.chksum)) +
+           sizeof(header.chksum) * ' ';
 }
 
 }  // namespace android::installd
