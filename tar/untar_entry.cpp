@@ -37,6 +37,12 @@ void applyOwnerAndMode(const char* path, uint32_t mode, unsigned int owner, unsi
     [[maybe_unused]] const int result = chown(path, owner, group);
 }
 
+// The same for a file that is still open.
+void applyOwnerAndMode(int fd, uint32_t mode, unsigned int owner, unsigned int group) {
+    fchmod(fd, mode);
+    [[maybe_unused]] const int result = fchown(fd, owner, group);
+}
+
 }  // namespace
 
 bool UnTarFile::FilterDir(const char* path) {
@@ -65,7 +71,7 @@ UnTarFile::Next UnTarFile::unpackEntry(const Entry& entry, char* path) {
 
 void UnTarFile::unpackLink(const Entry& entry, const char* path) {
     unlink(path);
-    [[maybe_unused]] int result = symlink(entry.linkName.c_str(), path);
+    [[maybe_unused]] int result = symlink(entry.linkName, path);
     result = lchown(path, entry.owner, entry.group);
 }
 
@@ -95,16 +101,16 @@ UnTarFile::Next UnTarFile::unpackFile(const Entry& entry, char* path) {
         unlink(path);
         return isAborted ? Next::kEnd : skipData(entry);
     }
-    fflush(target.get());
+    applyOwnerAndMode(fileno(target.get()), entry.mode, entry.owner, entry.group);
     target.reset();
-    const Next next = skipData(entry);
-    applyOwnerAndMode(path, entry.mode, entry.owner, entry.group);
-    return next;
+    return skipData(entry);
 }
 
+// Its stream has no buffer: whole chunks go to it, and what is written is with the file system.
 // Returns false when the content is to be thrown away again: it came up short, or the task was
 // aborted.
 bool UnTarFile::copyContent(const Entry& entry, FILE* target, bool& isAborted) {
+    setvbuf(target, nullptr, _IONBF, 0);
     if (m_copyBuffer == nullptr) {
         m_copyBuffer.reset(new (std::nothrow) char[kContentChunk]);
     }

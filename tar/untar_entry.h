@@ -3,8 +3,6 @@
 
 #include <stdint.h>
 
-#include <string>
-
 #include "tar/untar_file.h"
 
 namespace android::installd {
@@ -16,8 +14,8 @@ struct UnTarFile::Entry {
     uint64_t size = 0;         // of the data behind the header, in bytes
     int64_t dataPosition = 0;  // of that data in the archive
     char typeflag = 0;
-    std::string name;  // the long name where one came before, and so below
-    std::string linkName;
+    const char* name = "";  // the long name where one came before, and so below
+    const char* linkName = "";
     bool hasLongName = false;
     bool hasLongLink = false;
 };

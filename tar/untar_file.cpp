@@ -15,6 +15,7 @@ namespace android::installd {
 
 namespace {
 
+constexpr size_t kStreamBuffer = 0x10000;
 constexpr size_t kMagicLength = 5;
 constexpr uint64_t kLongestLongName = kTarPathSize - 1;
 // A slice may claim more than it holds: reading may end this far behind its end.
@@ -26,7 +27,7 @@ UnTarFile::UnTarFile(const char* archivePath, TarCallBack* callback) : m_callBac
     ALOGD("untarfile begin..[%s]", archivePath == nullptr ? "(null)" : archivePath);
     if (archivePath != nullptr) {
         m_tarPath = archivePath;
-        m_tarFp.reset(fopen(archivePath, "rbe"));
+        openStream(archivePath);
     }
 }
 
@@ -66,6 +67,17 @@ int UnTarFile::ParseTarFile(const char* destDir, EParseType type) {
     return parseEntries(destDir, type, path.get());
 }
 
+// A buffer larger than a stream's own brings several small files with one read.
+void UnTarFile::openStream(const char* path) {
+    m_tarFp.reset(fopen(path, "rbe"));
+    if (m_tarBuf == nullptr) {
+        m_tarBuf.reset(new (std::nothrow) char[kStreamBuffer]);
+    }
+    if (m_tarFp != nullptr && m_tarBuf != nullptr) {
+        setvbuf(m_tarFp.get(), m_tarBuf.get(), _IOFBF, kStreamBuffer);
+    }
+}
+
 void UnTarFile::measure() {
     fseeko(m_tarFp.get(), 0, SEEK_END);
     m_tarSize = ftello(m_tarFp.get());
@@ -101,8 +113,8 @@ int UnTarFile::parseEntries(const char* destDir, EParseType type, char* path) {
         Entry entry = readEntry(block);
         entry.hasLongName = longName.has_value();
         entry.hasLongLink = longLink.has_value();
-        entry.name = longName.value_or(block.header.name);
-        entry.linkName = longLink.value_or(block.header.linkname);
+        entry.name = longName ? longName->c_str() : block.bytes();
+        entry.linkName = longLink ? longLink->c_str() : block.header.linkname;
         if (const int refused = GenRealPath(destDir, entry.name, path); refused != 0) {
             return refused;
         }
@@ -169,15 +181,16 @@ UnTarFile::Next UnTarFile::readLongString(const Entry& entry, std::optional<std:
 
 // Builds the path of an entry below `destDir` in `path`, of kTarPathSize bytes. Returns 0, or -1
 // for a path that climbs or is too long.
-int UnTarFile::GenRealPath(const char* destDir, const std::string& name, char* path) {
-    if (name.find("../") != std::string::npos) {
+int UnTarFile::GenRealPath(const char* destDir, const char* name, char* path) {
+    if (strstr(name, "../") != nullptr) {
         ALOGE("GenRealPath invalid pathName.");
         return -1;
     }
     const size_t dirLength = strlen(destDir);
     const bool needsSlash = dirLength == 0 || destDir[dirLength - 1] != '/';
     const size_t prefixLength = dirLength + (needsSlash ? 1 : 0);
-    const size_t length = prefixLength + name.size();
+    const size_t nameLength = strlen(name);
+    const size_t length = prefixLength + nameLength;
     if (length < 1 || length > kTarPathSize - 1) {
         return -1;
     }
@@ -188,8 +201,7 @@ int UnTarFile::GenRealPath(const char* destDir, const std::string& name, char* p
     if (needsSlash) {
         path[dirLength] = '/';
     }
-    if (strncpy_s(path + prefixLength, kTarPathSize - prefixLength, name.c_str(), name.size()) !=
-        0) {
+    if (strncpy_s(path + prefixLength, kTarPathSize - prefixLength, name, nameLength) != 0) {
         ALOGE("GenRealPath get realPath by curLen error");
         return -1;
     }

@@ -76,6 +76,7 @@ class UnTarFile {
     enum class Next { kHeader, kEnd, kTruncated };
 
     // Reading: tar/untar_file.cpp
+    void openStream(const char* path);
     void measure();
     size_t readBlock(TarBlock& block);
     int parseEntries(const char* destDir, EParseType type, char* path);
@@ -84,7 +85,7 @@ class UnTarFile {
     bool IsEmptyBlock(const char* block);
     Entry readEntry(const TarBlock& block);
     Next readLongString(const Entry& entry, std::optional<std::string>& text);
-    int GenRealPath(const char* destDir, const std::string& name, char* path);
+    int GenRealPath(const char* destDir, const char* name, char* path);
     Next skipData(const Entry& entry);
     int endOfHeaders(size_t got);
     int endBehindArchive();
@@ -104,6 +105,7 @@ class UnTarFile {
     bool HandleCheckFile(const char* checkFilePath, Vector<std::string>& slices, int& count);
     bool CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices);
 
+    std::unique_ptr<char[]> m_tarBuf;  // the stream's, from the first archive on; outlives it
     UniqueFile m_tarFp;
     int64_t m_tarSize = 0;
     uint32_t m_uid = 0;

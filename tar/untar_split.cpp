@@ -53,7 +53,7 @@ int UnTarFile::UnSplitPack(const char* destDir, uint32_t uid) {
 
 // A slice that cannot be opened is passed over: it was there when the set was checked.
 int UnTarFile::unpackSlice(const char* slicePath, const char* destDir) {
-    m_tarFp.reset(fopen(slicePath, "rbe"));
+    openStream(slicePath);
     if (m_tarFp == nullptr) {
         return 0;
     }
