@@ -6,7 +6,8 @@
 #include <errno.h>
 #include <log/log.h>
 #include <string.h>
-#include <sys/stat.h>
+
+#include <utility>
 
 #include "bounded/bounded.h"
 #include "brief/exclude_rules.h"
@@ -37,11 +38,13 @@ class BriefWalk {
     int write(const char* dir, const Vector<std::string>& excludes);
 
   private:
+    int writeEntries(const UniqueDir& dir, const Vector<std::string>& excludes);
     int writeEntry(const Vector<std::string>& excludes);
-    int writeDirectory();
-    int writeFile();
+    int writeDirectory(const struct stat& status);
+    int writeFile(const struct stat& status);
 
     PathBuffer mPath;
+    int mDirFd = AT_FDCWD;  // the directory that the walk is in
     FILE* const mAttrFp;
     const BackupTaskType mType;
     int64_t& mTotal;
@@ -52,7 +55,8 @@ int BriefWalk::write(const char* dir, const Vector<std::string>& excludes) {
         ALOGE("Failed to PreCheckForWriteBrief,path is NULL or length of path is 0");
         return -1;
     }
-    if (!exists(dir)) {
+    const UniqueDir stream = openDirectory(mDirFd, mDirFd == AT_FDCWD ? dir : lastComponent(dir));
+    if (stream == nullptr && !exists(dir)) {
         ALOGE("Failed to PreCheckForWriteBrief,%s not exists", dir);
         return -1;
     }
@@ -60,14 +64,20 @@ int BriefWalk::write(const char* dir, const Vector<std::string>& excludes) {
         ALOGE("attrFp is null");
         return -1;
     }
-    const UniqueDir stream(opendir(dir));
     if (stream == nullptr) {
         ALOGE("Failed to WriteBriefUnderDir, opendir(%s) error", dir);
         return -1;
     }
+    const int parentFd = std::exchange(mDirFd, dirfd(stream.get()));
+    const int result = writeEntries(stream, excludes);
+    mDirFd = parentFd;
+    return result;
+}
+
+int BriefWalk::writeEntries(const UniqueDir& dir, const Vector<std::string>& excludes) {
     const size_t length = mPath.length();
     int result = 0;
-    while (const dirent* entry = result == 0 ? nextEntry(stream) : nullptr) {
+    while (const dirent* entry = result == 0 ? nextEntry(dir) : nullptr) {
         if (!isDotName(entry->d_name) && mPath.appendEntry(entry->d_name)) {
             result = writeEntry(excludes);
             mPath.cut(length);
@@ -80,22 +90,23 @@ int BriefWalk::writeEntry(const Vector<std::string>& excludes) {
     if (mType == GET_BRIEFS_BY_FILE && NeedFilterWithExclude(mPath.c_str(), excludes)) {
         return 0;
     }
-    switch (isDir(mPath.c_str())) {
+    struct stat status = {};
+    switch (isDirAt(mDirFd, mPath.c_str(), status)) {
         case 0:
-            return writeFile();
+            return writeFile(status);
         case 1:
-            return writeDirectory();
+            return writeDirectory(status);
         default:
             return 0;
     }
 }
 
-int BriefWalk::writeDirectory() {
+int BriefWalk::writeDirectory(const struct stat& status) {
     // A name that was cut to fit can have become one of these.
     if (isDotName(lastComponent(mPath.c_str()))) {
         return 0;
     }
-    if (do_backup_perm(mPath.c_str(), mAttrFp) != 0) {
+    if (do_backup_perm(mPath.c_str(), status, mAttrFp) != 0) {
         return -1;
     }
     if (write(mPath.c_str(), Vector<std::string>()) != 0) {
@@ -105,11 +116,12 @@ int BriefWalk::writeDirectory() {
     return 0;
 }
 
-int BriefWalk::writeFile() {
-    if (filterFile(mPath.c_str()) == 0 && do_backup_perm(mPath.c_str(), mAttrFp) != 0) {
+int BriefWalk::writeFile(const struct stat& status) {
+    if (filterFile(mPath.c_str(), status) == 0 &&
+        do_backup_perm(mPath.c_str(), status, mAttrFp) != 0) {
         return -1;
     }
-    addSizeOf(mPath.c_str(), mTotal);
+    addSize(status, mTotal);
     return 0;
 }
 
@@ -149,15 +161,19 @@ int WriteBriefUnderDir(const char* dir, FILE* attrFp, const sp<BackupTask>& task
     return BriefWalk(dir == nullptr ? "" : dir, attrFp, task->taskType, total).write(dir, excludes);
 }
 
+void addSize(const struct stat& status, int64_t& total) {
+    // Sparse files can state any size: the total wraps rather than overflows.
+    total =
+        static_cast<int64_t>(static_cast<uint64_t>(total) + static_cast<uint64_t>(status.st_size));
+}
+
 void addSizeOf(const char* path, int64_t& total) {
     struct stat status = {};
     if (stat(path, &status) != 0) {
         ALOGE("stat [%s] error [%d]\n", path, errno);
         return;
     }
-    // Sparse files can state any size: the total wraps rather than overflows.
-    total =
-        static_cast<int64_t>(static_cast<uint64_t>(total) + static_cast<uint64_t>(status.st_size));
+    addSize(status, total);
 }
 
 void BackupSessionManager::tellBriefSize(const sp<BackupTask>& task, int64_t total) const {

@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <utils/StrongPointer.h>
 #include <utils/Vector.h>
 
@@ -27,6 +28,9 @@ int CreateAndFixupBriefFile(const sp<BackupTask>& task);
 // entries of `dir` itself; below them nothing is.
 int WriteBriefUnderDir(const char* dir, FILE* attrFp, const sp<BackupTask>& task, int64_t& total,
                        const Vector<std::string>& excludes);
+
+// Adds a file's bytes to `total`.
+void addSize(const struct stat& status, int64_t& total);
 
 // Adds the size of what `path` leads to, following links; nothing when it cannot be looked at.
 void addSizeOf(const char* path, int64_t& total);

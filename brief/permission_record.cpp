@@ -8,7 +8,6 @@
 #include <selinux/android.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include "bounded/bounded.h"
 #include "fileops/error_text.h"
@@ -196,6 +195,10 @@ int do_backup_perm(const char* path, FILE* stream) {
         ALOGE("stat [%s] error [%d]\n", path, errno);
         return -1;
     }
+    return do_backup_perm(path, status, stream);
+}
+
+int do_backup_perm(const char* path, const struct stat& status, FILE* stream) {
     char record[kLineSize] = {};
     const int length = snprintf_s(
         record, sizeof(record), sizeof(record) - 1, "%s;%d;%d;%ld;%ld%s", path,

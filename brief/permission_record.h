@@ -19,6 +19,7 @@
 
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 namespace android::installd {
 
@@ -34,6 +35,9 @@ struct File_info {
 // Writes the record of `path`, following links, to `stream`, which stays the caller's to flush.
 // Returns 0 also when the stream took less than the record, which is logged.
 int do_backup_perm(const char* path, FILE* stream);
+
+// The same for an entry that the caller has looked at already.
+int do_backup_perm(const char* path, const struct stat& status, FILE* stream);
 
 // Parses a line from its end towards its start, so that the path may hold ";". Returns how many
 // fields it has filled, 5 for a whole record; 0 for a line that ends in ";"; -1 for a line of fewer

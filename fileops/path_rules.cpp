@@ -3,19 +3,25 @@
 
 #include "fileops/path_rules.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <log/log.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
+#include "bounded/bounded.h"
 #include "fileops/error_text.h"
+#include "fileops/file_handles.h"
 #include "fileops/paths.h"
 #include "service/backup_session_manager.h"
 
 namespace android::installd {
 
 namespace {
+
+constexpr size_t kProcLinkSize = 32;
 
 enum class Match { kPrefix, kWhole };
 
@@ -40,6 +46,37 @@ constexpr const char* kSharedStorage[] = {"/storage/emulated", "/mnt/androidwrit
 
 bool beginsWith(const char* path, const char* prefix) {
     return strncmp(path, prefix, strlen(prefix)) == 0;
+}
+
+// Resolves `path` as realpath does, which looks at every component by itself: here the kernel walks
+// it once and tells where it came to. Where it cannot (no descriptor is left, no /proc is mounted),
+// realpath does it. False for what is not there.
+bool resolve(const char* path, char (&realPath)[PATH_MAX]) {
+    const UniqueFd fd(open(path, O_PATH | O_CLOEXEC));
+    if (!fd.isOpen() && errno == ENOENT) {
+        return false;
+    }
+    char link[kProcLinkSize] = {};
+    snprintf_s(link, sizeof(link), sizeof(link) - 1, "/proc/self/fd/%d", fd.get());
+    const ssize_t length = readlink(link, realPath, sizeof(realPath));
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(realPath)) {
+        return realpath(path, realPath) != nullptr;
+    }
+    realPath[length] = '\0';
+    return true;
+}
+
+// `result` is that of the call that filled `status`.
+int kindOf(const char* path, int result, const struct stat& status) {
+    if (result != 0) {
+        ALOGE("Failed to isDir, lstat(%s), error=%s", path, ErrorText().c_str());
+        return -1;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        ALOGE("Failed to isDir S_ISLNK:%s", path);
+        return -1;
+    }
+    return S_ISDIR(status.st_mode) ? 1 : 0;
 }
 
 bool matches(const Area& area, const char* path) {
@@ -78,7 +115,7 @@ bool BackupSessionManager::isStoragePath(const char* path) const {
 
 int CheckFilePath(const char* path, const char* realOrgPath) {
     char realPath[PATH_MAX] = {};
-    if (realOrgPath == nullptr || realpath(path, realPath) == nullptr) {
+    if (realOrgPath == nullptr || !resolve(path, realPath)) {
         return 0;
     }
     if (beginsWith(realPath, realOrgPath)) {
@@ -95,15 +132,11 @@ int isDir(const char* path) {
         return -1;
     }
     struct stat status = {};
-    if (lstat(path, &status) != 0) {
-        ALOGE("Failed to isDir, lstat(%s), error=%s", path, ErrorText().c_str());
-        return -1;
-    }
-    if (S_ISLNK(status.st_mode)) {
-        ALOGE("Failed to isDir S_ISLNK:%s", path);
-        return -1;
-    }
-    return S_ISDIR(status.st_mode) ? 1 : 0;
+    return kindOf(path, lstat(path, &status), status);
+}
+
+int isDirAt(int dirFd, const char* path, struct stat& status) {
+    return kindOf(path, fstatat(dirFd, lastComponent(path), &status, AT_SYMLINK_NOFOLLOW), status);
 }
 
 int filterDir(const char* dirName) {
@@ -124,6 +157,10 @@ int filterFile(const char* filePath) {
         ALOGE("Failed to filterFile, lstat(%s), error=%s", filePath, ErrorText().c_str());
         return -1;
     }
+    return filterFile(filePath, status);
+}
+
+int filterFile(const char* filePath, const struct stat& status) {
     if (S_ISSOCK(status.st_mode)) {
         ALOGE("Failed to filterFile S_ISSOCK:%s", filePath);
         return -1;

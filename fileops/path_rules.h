@@ -3,6 +3,8 @@
 // resolve into. None changes anything on disk; each reports by its result and a log line.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 
 namespace android::installd {
@@ -19,6 +21,10 @@ int CheckFilePath(const char* path, const char* realOrgPath);
 // Links are never followed.
 int isDir(const char* path);
 
+// The same for an entry of the directory that `dirFd` stands for: the last component of `path`.
+// Leaves what was found in `status`, for the functions below that take one.
+int isDirAt(int dirFd, const char* path, struct stat& status);
+
 // Whether a directory of this name (not a path) directly under an application's root is left out:
 // 1 for its native libraries in "lib", 0 otherwise, -1 for a null or empty name.
 int filterDir(const char* dirName);
@@ -26,6 +32,7 @@ int filterDir(const char* dirName);
 // Returns 0 for a file to keep, -1 for one to skip: sockets, links, FIFOs, compiled code (".dex"),
 // and what cannot be examined.
 int filterFile(const char* filePath);
+int filterFile(const char* filePath, const struct stat& status);
 
 // The text after the last '/', empty where there is none.
 std::string GetAppNameByFullPath(const char* path);

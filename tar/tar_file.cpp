@@ -34,7 +34,6 @@ constexpr int kPackedLink = 1;
 constexpr int kPackedDirectory = 2;
 
 constexpr size_t kPageSize = 4096;
-constexpr size_t kStreamBuffer = 0x10000;
 
 // Whole pages: the kernel copies from and to them faster. Returns null when there is no memory.
 char* allocatePages(size_t size) {

@@ -16,6 +16,9 @@ constexpr size_t kEndBlocksSize = 2 * kBlockSize;
 // Contents move in chunks of this size, which is also the unit of the split arithmetic.
 constexpr size_t kContentChunk = 0x80000;
 
+// The buffer of an archive's stream.
+constexpr size_t kStreamBuffer = 0x10000;
+
 // The longest path, with its NUL, that is packed or unpacked.
 constexpr size_t kTarPathSize = 2048;
 

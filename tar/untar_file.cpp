@@ -15,7 +15,6 @@ namespace android::installd {
 
 namespace {
 
-constexpr size_t kStreamBuffer = 0x10000;
 constexpr size_t kMagicLength = 5;
 constexpr uint64_t kLongestLongName = kTarPathSize - 1;
 // A slice may claim more than it holds: reading may end this far behind its end.
