@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "brief/permission_record.h"
 #include "fileops/error_text.h"
 #include "fileops/file_handles.h"
@@ -47,8 +49,6 @@ bool fixupTarget(int fd, uint32_t uid) {
 }
 
 int copyContent(int source, int target, const char* from, const sp<BackupTask>& task) {
-    // A source that cannot seek (a FIFO, a device) is read from where it stands.
-    lseek(source, 0, SEEK_SET);
     char buffer[kCopyBufferSize];
     while (true) {
         const ssize_t length = read(source, buffer, sizeof(buffer));
@@ -78,15 +78,17 @@ class TreeCopier {
     int copyTree(const char* from, const char* to);
 
   private:
+    int copyEntries(const UniqueDir& dir, bool filterLibrary);
     int copyEntry(const char* name, bool filterLibrary);
     int copyDirectory(const char* name, bool filterLibrary);
-    int copyRegular();
+    int copyRegular(const struct stat& status);
     int handleFailedCopy();
     int writeRecord();
     bool isMove() const { return mTask->taskType == MOVE_DIR; }
 
     PathBuffer mFrom;
     PathBuffer mTo;
+    int mDirFd = AT_FDCWD;  // the directory of the source that the walk is in
     FILE* const mPermFile;
     sp<BackupTask>& mTask;
 };
@@ -101,11 +103,18 @@ int TreeCopier::copyTree(const char* from, const char* to) {
         return -1;
     }
     const bool filterLibrary = mTask->taskType == BACKUP_DIR && mTask->taskSrcPath == from;
-    const UniqueDir dir(opendir(from));
+    const UniqueDir dir = openDirectory(mDirFd, mDirFd == AT_FDCWD ? from : lastComponent(from));
     if (dir == nullptr) {
         ALOGE("Failed to copyDir, opendir(%s) error", from);
         return -1;
     }
+    const int parentFd = std::exchange(mDirFd, dirfd(dir.get()));
+    const int result = copyEntries(dir, filterLibrary);
+    mDirFd = parentFd;
+    return result;
+}
+
+int TreeCopier::copyEntries(const UniqueDir& dir, bool filterLibrary) {
     const size_t fromLength = mFrom.length();
     const size_t toLength = mTo.length();
     int result = 0;
@@ -123,9 +132,10 @@ int TreeCopier::copyTree(const char* from, const char* to) {
 }
 
 int TreeCopier::copyEntry(const char* name, bool filterLibrary) {
-    switch (isDir(mFrom.c_str())) {
+    struct stat status = {};
+    switch (isDirAt(mDirFd, mFrom.c_str(), status)) {
         case 0:
-            return copyRegular();
+            return copyRegular(status);
         case 1:
             return copyDirectory(name, filterLibrary);
         default:
@@ -154,8 +164,8 @@ int TreeCopier::copyDirectory(const char* name, bool filterLibrary) {
     return 0;
 }
 
-int TreeCopier::copyRegular() {
-    if (filterFile(mFrom.c_str()) != 0) {
+int TreeCopier::copyRegular(const struct stat& status) {
+    if (filterFile(mFrom.c_str(), status) != 0) {
         return 0;
     }
     if (CheckFilePath(mFrom.c_str(), mTask->realSrcPath) != 0 ||
@@ -197,6 +207,23 @@ int TreeCopier::writeRecord() {
     }
     ALOGE("Failed to copyDir, write file attr: %s, error=%s", mFrom.c_str(), ErrorText().c_str());
     return -1;
+}
+
+// The slash behind the deepest directory of `path` that is there: in a tree, all but the last one.
+// The path's begin when none is. `path` ends in a slash and is left as it was.
+const char* deepestExisting(PathBuffer& path) {
+    for (char* slash = path.data() + path.length() - 1; slash > path.data(); --slash) {
+        if (*slash != '/') {
+            continue;
+        }
+        *slash = '\0';
+        const bool isThere = exists(path.c_str());
+        *slash = '/';
+        if (isThere) {
+            return slash;
+        }
+    }
+    return path.data();
 }
 
 int deleteTree(const char* directory, PathBuffer& path);
@@ -256,6 +283,7 @@ int createDir(const char* path, uint32_t uid) {
     if (prefix.length() < 2) {
         return 0;
     }
+    const char* existing = deepestExisting(prefix);
     int depth = 0;
     int watchedDepth = kWatchedDepth;
     for (char* slash = strchr(prefix.data() + 1, '/'); slash != nullptr;
@@ -265,7 +293,7 @@ int createDir(const char* path, uint32_t uid) {
             watchedDepth = kDeepestDepth;
         }
         *slash = '\0';
-        if (!exists(prefix.c_str())) {
+        if (slash > existing && !exists(prefix.c_str())) {
             if (mkdir(prefix.c_str(), kCreatedMode) != 0) {
                 ALOGE("Failed to mkdir(%s), error=%s", prefix.c_str(), ErrorText().c_str());
                 return -1;
