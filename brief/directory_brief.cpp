@@ -55,7 +55,7 @@ int BriefWalk::write(const char* dir, const Vector<std::string>& excludes) {
         ALOGE("Failed to PreCheckForWriteBrief,path is NULL or length of path is 0");
         return -1;
     }
-    const UniqueDir stream = openDirectory(mDirFd, mDirFd == AT_FDCWD ? dir : lastComponent(dir));
+    const UniqueDir stream = openDirectory(mDirFd, dir);
     if (stream == nullptr && !exists(dir)) {
         ALOGE("Failed to PreCheckForWriteBrief,%s not exists", dir);
         return -1;

@@ -10,6 +10,8 @@
 #include <memory>
 #include <utility>
 
+#include "fileops/paths.h"
+
 namespace android::installd {
 
 class UniqueFd {
@@ -44,10 +46,12 @@ struct DirCloser {
 };
 using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 
-// Opens the directory `name` of the directory that `dirFd` stands for (AT_FDCWD: `name` is a path).
-// Returns null on failure; errno tells why.
-inline UniqueDir openDirectory(int dirFd, const char* name) {
-    const int fd = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+// Opens the directory that a walk goes down to: the last component of `path` in the directory that
+// `parentFd` stands for, so that one name is looked up and not a whole path; `path` itself when
+// that is AT_FDCWD. `flags` are added to those of open. Returns null on failure; errno tells why.
+inline UniqueDir openDirectory(int parentFd, const char* path, int flags = 0) {
+    const char* name = parentFd == AT_FDCWD ? path : lastComponent(path);
+    const int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
     UniqueDir dir(fd < 0 ? nullptr : fdopendir(fd));
     if (dir == nullptr && fd >= 0) {
         const int error = errno;

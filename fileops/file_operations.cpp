@@ -103,7 +103,7 @@ int TreeCopier::copyTree(const char* from, const char* to) {
         return -1;
     }
     const bool filterLibrary = mTask->taskType == BACKUP_DIR && mTask->taskSrcPath == from;
-    const UniqueDir dir = openDirectory(mDirFd, mDirFd == AT_FDCWD ? from : lastComponent(from));
+    const UniqueDir dir = openDirectory(mDirFd, from);
     if (dir == nullptr) {
         ALOGE("Failed to copyDir, opendir(%s) error", from);
         return -1;

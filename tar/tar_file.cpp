@@ -169,9 +169,9 @@ bool TarFile::packTree() {
 // Packs everything under `path`, a buffer of kTarPathSize that is extended by each entry's name and
 // cut back again, in the order of the file system.
 bool TarFile::TraversalPackDir(char* path) {
-    // Opened from the directory it lies in, as its entries are: the file system then looks up one
-    // name for each, and not a whole path.
-    const UniqueDir dir = openDirectory(m_dirFd, m_dirFd == AT_FDCWD ? path : lastComponent(path));
+    // What was a directory when it was looked at may be a link by now: the application goes on
+    // running, and root must not follow it out of its tree. The packed directory itself may be one.
+    const UniqueDir dir = openDirectory(m_dirFd, path, m_dirFd == AT_FDCWD ? 0 : O_NOFOLLOW);
     if (dir == nullptr) {
         ALOGE("TarFile::PackDir, failed to open dir: %s, err: %s", path, ErrorText().c_str());
         return false;
@@ -379,7 +379,10 @@ bool TarFile::WriteFileContent(const char* path, long size) {
               static_cast<int>(kContentChunk));
         return false;
     }
-    const UniqueFd fd(openat(m_dirFd, lastComponent(path), O_RDONLY | O_CLOEXEC));
+    // As with directories: neither a link that took the file's place is followed, nor a FIFO waited
+    // for.
+    const UniqueFd fd(
+        openat(m_dirFd, lastComponent(path), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!fd.isOpen()) {
         ALOGE("TarFile::PackDir, failed to open src file: %s", path);
         return false;

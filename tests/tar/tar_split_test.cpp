@@ -99,6 +99,20 @@ class TarSplitTest : public TarTest {
         }};
 };
 
+// The header of a directory fills a slice of no size: what it holds is packed after the pause.
+TEST_F(TarSplitTest, ADirectoryThatBecomesALinkMeanwhileIsNotFollowed) {
+    writeFile(tree / "outside/secret", "secret");
+    makeDir(tree / "src/d");
+    callBack.onWait = [this] {
+        ASSERT_EQ(rename((tree / "src/d").c_str(), (tree / "moved").c_str()), 0);
+        makeLink(tree / "outside", tree / "src/d");
+    };
+    EXPECT_FALSE(pack("0"));
+    EXPECT_EQ(errors()[0], "TarFile::PackDir, failed to open dir: " + (tree / "src/d") +
+                               ", err: Not a directory");
+    EXPECT_EQ(packed(), Lines{"0: 5 0"});
+}
+
 TEST_F(TarSplitTest, ATreeSmallerThanASliceIsOneSlice) {
     writeFile(tree / "src/d/file", "1", 0600);
     base += "/";
