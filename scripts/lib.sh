@@ -8,6 +8,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 packages_build="g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev python3
     libarchive-tools tar"
 packages_clang="clang-14 clang libclang-rt-14-dev llvm-14"
+packages_bench="libbenchmark-dev libarchive-tools toybox busybox rsync"
 packages_lint="git clang-format-14 clang-format clang-tidy-14 clang-tidy"
 
 fail() {
