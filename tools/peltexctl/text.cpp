@@ -5,6 +5,7 @@
 
 #include <array>
 #include <charconv>
+#include <sstream>
 #include <system_error>
 
 namespace peltexctl {
@@ -12,17 +13,6 @@ namespace peltexctl {
 namespace {
 
 constexpr double kMaxSeconds = 1e6;
-
-template <typename Number>
-std::optional<Number> ParseWhole(std::string_view word) {
-    Number value{};
-    const char* end = word.data() + word.size();
-    const auto [stop, error] = std::from_chars(word.data(), end, value);
-    if (error != std::errc() || stop != end) {
-        return std::nullopt;
-    }
-    return value;
-}
 
 // The first bytes of the characters of one length, and the bounds of the byte that follows, which
 // rule out overlong forms, surrogates and values above U+10FFFF.
@@ -68,13 +58,22 @@ size_t CharacterLength(std::string_view rest) {
 }  // namespace
 
 std::optional<int> ParseInt(std::string_view word) {
-    return ParseWhole<int>(word);
+    int value = 0;
+    const char* end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, value);
+    if (error != std::errc() || stop != end) {
+        return std::nullopt;
+    }
+    return value;
 }
 
 std::optional<double> ParseSeconds(std::string_view word) {
-    const std::optional<double> seconds = ParseWhole<double>(word);
-    // Written so that "nan", which from_chars knows, is refused too.
-    if (!seconds || !(*seconds >= 0 && *seconds <= kMaxSeconds)) {
+    // Not from_chars: the platform's C++ library has it for whole numbers only.
+    std::istringstream stream{std::string(word)};
+    double seconds = 0;
+    stream >> std::noskipws >> seconds;
+    // Written so that "nan" is refused by whoever reads it.
+    if (!stream || !stream.eof() || !(seconds >= 0 && seconds <= kMaxSeconds)) {
         return std::nullopt;
     }
     return seconds;
