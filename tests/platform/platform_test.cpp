@@ -235,7 +235,7 @@ TEST(Thread, AnObjectThatOnlyItsThreadHoldsIsDeletedBetweenTwoPasses) {
 
 TEST(Thread, AThreadThatCannotBeHadIsNotRunning) {
     const sp<Worker> worker(new Worker([](Worker&) { return false; }));
-    EXPECT_EQ(UNKNOWN_ERROR, worker->run("worker", 0, size_t{1} << 46));
+    EXPECT_EQ(UNKNOWN_ERROR, worker->run("worker", 0, size_t{1} << 60));
     EXPECT_FALSE(worker->isRunning());
     EXPECT_EQ(1, worker->getStrongCount());
     EXPECT_EQ(OK, worker->run("worker"));
