@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds one preset and runs its tests in a throw-away root.
 #
-#   scripts/test.sh [PRESET] [CTEST ARGUMENT...]      PRESET: release (default), debug, asan, tsan
+#   scripts/test.sh [PRESET] [CTEST ARGUMENT...]      PRESET: release (default), debug, asan, tsan,
+#                                                     clang-libcxx, aarch64
 #
 # Without ctest arguments the everyday tests run. Two labels are asked for by name: "realtime" waits
 # as long as a client may, "large" writes gigabytes (-L 'realtime|large').
@@ -9,12 +10,14 @@
 
 preset=release
 case "${1:-}" in
-    release | debug | asan | tsan) preset=$1 && shift ;;
+    release | debug | asan | tsan | clang-libcxx | aarch64) preset=$1 && shift ;;
 esac
 
 packages=$packages_build
 case "$preset" in
     asan | tsan) packages="$packages $packages_clang" ;;
+    clang-libcxx) packages="$packages $packages_clang $packages_libcxx" ;;
+    aarch64) packages="$packages $packages_aarch64" ;;
 esac
 [ $# -gt 0 ] || set -- -LE 'realtime|large'
 # Unquoted: the lists are words.
