@@ -79,7 +79,7 @@ compare "$one/data/$app" "$two/data/$app" 10456
 step "What a backup would hold: a brief, by a search file with CRLF line ends"
 printf '[include]/data/data/%s/files\r\n[exclude]/data/data/%s/files/perl\r\n' "$app" "$app" \
     >"$one/data/search"
-run --data "$one" brief byfile /data/data/search /data/data/brief --uid 10123
+run --data "$one" --log silent brief byfile /data/data/search /data/data/brief --uid 10123
 printf '%s lines, such as\n' "$(wc -l <"$one/data/brief")"
 sed -n 1,2p "$one/data/brief"
 

@@ -1,0 +1,126 @@
+// The restore of a set of slices. Input: the uid is mapped or not, the question at which to abort,
+// the check file's text up to a NUL, then slices: a byte with the number of their blocks, the
+// blocks. "$0" to "$9" in the text stand for the size of a slice, which few inputs would hit.
+//
+// A check file with "../" names slices elsewhere, which are removed once unpacked; a link that an
+// archive makes leads anywhere; and an entry named ".." sets owner and mode of the directory above.
+#include <algorithm>
+#include <vector>
+
+#include "fuzz/support/archive_input.h"
+#include "fuzz/support/files.h"
+#include "fuzz/support/jail.h"
+#include "fuzz/support/sentinel.h"
+#include "fuzz/support/target.h"
+#include "tar/tar_header.h"
+#include "tar/untar_file.h"
+
+namespace peltex_fuzz {
+
+using namespace android::installd;
+
+namespace {
+
+constexpr char kSetDir[] = "/data/in";
+constexpr char kDestination[] = "/data/out/app";  // what is unpacked goes into /data/out
+constexpr size_t kOptionBytes = 2;
+constexpr size_t kMostSlices = 10;
+
+Sentinel* gSentinel;
+
+void makeRoot() {
+    emptyDir("/");
+    makeDir("/data");
+    makeDir("/data/in");
+    makeDir("/data/out");
+    writeFile("/data/keep", "");  // nothing in it, which a restore takes for a slice
+    writeFile("/keep", "keep");
+    delete gSentinel;
+    gSentinel = new Sentinel({"/", "/data", "/data/keep", "/keep"});
+}
+
+std::vector<std::string> slicesOf(const std::string& input, size_t at) {
+    std::vector<std::string> slices;
+    while (at < input.size() && slices.size() < kMostSlices) {
+        const size_t blocks = static_cast<unsigned char>(input[at]);
+        slices.push_back(input.substr(at + 1, blocks * kBlockSize));
+        at += 1 + slices.back().size();
+    }
+    return slices;
+}
+
+std::string withSizes(const std::string& text, const std::vector<std::string>& slices) {
+    std::string result;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto number =
+            i + 1 < text.size() ? static_cast<size_t>(text[i + 1] - '0') : slices.size();
+        if (text[i] == '$' && number < slices.size()) {
+            result += std::to_string(slices[number].size());
+            ++i;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+bool contains(const std::string& text, const char* part) {
+    return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+void prepare() {
+    makeRoot();
+}
+
+void runInput(const std::string& input) {
+    if (input.size() < kOptionBytes) {
+        return;
+    }
+    const size_t textEnd = std::min(input.find('\0', kOptionBytes), input.size());
+    const std::vector<std::string> slices = slicesOf(input, textEnd + 1);
+    const std::string text = withSizes(input.substr(kOptionBytes, textEnd - kOptionBytes), slices);
+    const std::string base = std::string(kSetDir) + "/s";
+    writeFile(base + ".txt", text);
+    for (size_t i = 0; i < slices.size(); ++i) {
+        writeFile(base + "." + std::to_string(i), slices[i]);
+    }
+
+    AbortingCallBack callBack(static_cast<unsigned char>(input[1]));
+    const int links = linksMade();
+    {
+        UnTarFile set((base + ".txt").c_str(), &callBack);
+        const int result = set.UnSplitPack(kDestination, (input[0] & 1) != 0 ? 10123 : 0);
+        if (result > 0 || result < -5) {
+            fail("unknown result %d", result);
+        }
+    }
+    if (links != linksMade() || contains(text, "../")) {
+        makeRoot();
+        return;
+    }
+    gSentinel->check(contains(input, "..") ? Sentinel::kOwnerAndMode : Sentinel::kNothing);
+    gSentinel->repair();
+    emptyDir(kSetDir);
+    emptyDir("/data/out");
+}
+
+}  // namespace peltex_fuzz
+
+// The name is libFuzzer's. NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize,
+                                          unsigned int seed) {
+    using namespace peltex_fuzz;
+    const size_t newSize = LLVMFuzzerMutate(data, size, maxSize);
+    if (keepsWrongSums(seed)) {
+        return newSize;
+    }
+    const std::string input(reinterpret_cast<char*>(data), newSize);
+    size_t at = std::min(input.find('\0', std::min(kOptionBytes, newSize)), newSize) + 1;
+    for (const std::string& slice : slicesOf(input, at)) {
+        sealHeaders(data + at + 1, slice.size());
+        at += 1 + slice.size();
+    }
+    return newSize;
+}
