@@ -62,6 +62,11 @@ void seedCrafted() {
     const std::string names = longRecord('K', std::string(200, 't')) +
                               longRecord('L', std::string(200, 'n')) + Header('2', "n").bytes() +
                               entry('5', "..") + entry('0', "d/one/two", "content");
+    for (const size_t length : {kTarPathSize - 2, kTarPathSize - 1}) {
+        seed("extract/name" + std::to_string(length),
+             std::string(2, '\0') + longRecord('L', std::string(length, 'n')) +
+                 entry('0', "short") + kEndBlocks);
+    }
     seed("extract/link", std::string(2, '\0') + through + kEndBlocks);
     seed("extract/names", std::string(2, '\0') + names + kEndBlocks);
     const std::string first = entry('8', "file", std::string(kBlock, '1')) + kEndBlocks;

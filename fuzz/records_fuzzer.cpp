@@ -1,5 +1,6 @@
 // Permission records. Input: an attribute file. It is applied, each of its lines is parsed by
-// itself, and its first bytes are the name of a file whose record is written and applied again.
+// itself, and its first bytes are the name of a file whose record is written, with others, and
+// applied.
 //
 // A record gives a mode to any file or directory that it names: what is named "keep" may get
 // another mode when the input holds that name, and nothing else ever changes.
@@ -26,6 +27,8 @@ namespace {
 constexpr char kAttributes[] = "/in.txt";
 constexpr char kPackage[] = "/data/app";
 constexpr char kNamed[] = "/data/named";  // holds the file with the input's name
+constexpr char kDirectory[] = "/data/app/d";
+constexpr char kOdd[] = "/data/app/line\nfeed;1";
 constexpr size_t kLongestName = 255;
 constexpr size_t kLongestLine = 2047;
 
@@ -77,7 +80,12 @@ void parseLines(const std::string& text) {
     }
 }
 
-// A record brings back the mode of any file that it can name.
+mode_t modeOf(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+// Records bring back the modes of any files that they can name, among others.
 void writeAndApply(std::string name) {
     name.resize(std::min({name.find('\0'), name.find('/'), name.size(), kLongestName}));
     if (name.empty() || name == "." || name == "..") {
@@ -86,17 +94,22 @@ void writeAndApply(std::string name) {
     const std::string path = std::string(kNamed) + "/" + name;
     const mode_t mode = static_cast<unsigned char>(name[0]) * 16 + 15;
     writeFile(path, name, mode);
+    std::string expected;
     FILE* stream = fopen(kAttributes, "w");
-    const int written = do_backup_perm(path.c_str(), stream);
-    fclose(stream);
-    if (written != 0 || readFile(kAttributes) != path + describe(path.c_str())) {
-        fail("the record of \"%s\" is \"%s\"", path.c_str(), readFile(kAttributes).c_str());
+    for (const std::string& each : {std::string(kDirectory), path, std::string(kOdd)}) {
+        do_backup_perm(each.c_str(), stream);
+        expected += each + describe(each.c_str());
     }
-    chmod(path.c_str(), 0);
-    struct stat status = {};
+    fclose(stream);
+    if (readFile(kAttributes) != expected) {
+        fail("not as expected: \"%s\"", readFile(kAttributes).c_str());
+    }
+    for (const char* each : {kDirectory, path.c_str(), kOdd}) {
+        chmod(each, 0);
+    }
     if (restore_application_from_infofile(kPackage, kAttributes, "default") != 0 ||
-        stat(path.c_str(), &status) != 0 || (status.st_mode & 07777) != mode) {
-        fail("the record of \"%s\" does not bring it back", path.c_str());
+        modeOf(kDirectory) != 0755 || modeOf(path) != mode || modeOf(kOdd) != 0644) {
+        fail("the records of \"%s\" and others do not bring them back", path.c_str());
     }
     unlink(path.c_str());
 }
@@ -107,15 +120,15 @@ void prepare() {
     makeDir("/data");
     makeDir(kPackage);
     makeDir(kNamed);
-    makeDir("/data/app/d");
+    makeDir(kDirectory);
     writeFile("/data/app/f;1", "12345");
-    writeFile("/data/app/line\nfeed", "");
+    writeFile(kOdd, "");
     makeLink("f;1", "/data/app/link");
     writeFile("/data/keep", "keep");
     writeFile(kAttributes, "");
     gKept = new Sentinel({"/data/keep"});
-    gRepaired = new Sentinel({"/", "/data", kPackage, "/data/app/d", "/data/app/f;1",
-                              "/data/app/line\nfeed", kAttributes, "/data/keep"});
+    gRepaired = new Sentinel(
+        {"/", "/data", kPackage, kDirectory, "/data/app/f;1", kOdd, kAttributes, "/data/keep"});
 }
 
 void runInput(const std::string& input) {
