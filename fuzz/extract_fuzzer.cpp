@@ -4,6 +4,8 @@
 // An archive may lead outside its destination by a link that it makes, so what is around the
 // destination has to stay as it was unless a link was made; and by an entry named "..", which sets
 // owner and mode of the directory above.
+#include <algorithm>
+
 #include "fuzz/support/archive_input.h"
 #include "fuzz/support/files.h"
 #include "fuzz/support/jail.h"
@@ -60,6 +62,11 @@ void unpack(UnTarFile& archive, uint32_t uid, bool namesParent) {
     }
 }
 
+std::vector<ArchivePart> archiveOf(const std::string& input) {
+    const size_t at = std::min(kOptionBytes, input.size());
+    return {{at, input.size() - at}};
+}
+
 }  // namespace
 
 void prepare() {
@@ -100,10 +107,5 @@ void runInput(const std::string& input) {
 // The name is libFuzzer's. NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize,
                                           unsigned int seed) {
-    using namespace peltex_fuzz;
-    const size_t newSize = LLVMFuzzerMutate(data, size, maxSize);
-    if (!keepsWrongSums(seed) && newSize > kOptionBytes) {
-        sealHeaders(data + kOptionBytes, newSize - kOptionBytes);
-    }
-    return newSize;
+    return peltex_fuzz::mutateArchives(data, size, maxSize, seed, peltex_fuzz::archiveOf);
 }

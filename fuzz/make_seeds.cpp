@@ -67,6 +67,8 @@ void seedCrafted() {
              std::string(2, '\0') + longRecord('L', std::string(length, 'n')) +
                  entry('0', "short") + kEndBlocks);
     }
+    seed("extract/climbing",
+         std::string(2, '\0') + entry('5', "d/") + entry('0', "d/../../keep", "2") + kEndBlocks);
     seed("extract/link", std::string(2, '\0') + through + kEndBlocks);
     seed("extract/names", std::string(2, '\0') + names + kEndBlocks);
     const std::string first = entry('8', "file", std::string(kBlock, '1')) + kEndBlocks;

@@ -39,23 +39,27 @@ void makeRoot() {
     gSentinel = new Sentinel({"/", "/data", "/data/keep", "/keep"});
 }
 
-std::vector<std::string> slicesOf(const std::string& input, size_t at) {
-    std::vector<std::string> slices;
-    while (at < input.size() && slices.size() < kMostSlices) {
+size_t endOfText(const std::string& input) {
+    return std::min(input.find('\0', std::min(kOptionBytes, input.size())), input.size());
+}
+
+std::vector<ArchivePart> slicesOf(const std::string& input) {
+    std::vector<ArchivePart> slices;
+    for (size_t at = endOfText(input) + 1; at < input.size() && slices.size() < kMostSlices;) {
         const size_t blocks = static_cast<unsigned char>(input[at]);
-        slices.push_back(input.substr(at + 1, blocks * kBlockSize));
-        at += 1 + slices.back().size();
+        slices.push_back({at + 1, std::min(blocks * kBlockSize, input.size() - at - 1)});
+        at += 1 + slices.back().size;
     }
     return slices;
 }
 
-std::string withSizes(const std::string& text, const std::vector<std::string>& slices) {
+std::string withSizes(const std::string& text, const std::vector<ArchivePart>& slices) {
     std::string result;
     for (size_t i = 0; i < text.size(); ++i) {
         const auto number =
             i + 1 < text.size() ? static_cast<size_t>(text[i + 1] - '0') : slices.size();
         if (text[i] == '$' && number < slices.size()) {
-            result += std::to_string(slices[number].size());
+            result += std::to_string(slices[number].size);
             ++i;
         } else {
             result += text[i];
@@ -78,13 +82,13 @@ void runInput(const std::string& input) {
     if (input.size() < kOptionBytes) {
         return;
     }
-    const size_t textEnd = std::min(input.find('\0', kOptionBytes), input.size());
-    const std::vector<std::string> slices = slicesOf(input, textEnd + 1);
-    const std::string text = withSizes(input.substr(kOptionBytes, textEnd - kOptionBytes), slices);
+    const std::vector<ArchivePart> slices = slicesOf(input);
+    const std::string text =
+        withSizes(input.substr(kOptionBytes, endOfText(input) - kOptionBytes), slices);
     const std::string base = std::string(kSetDir) + "/s";
     writeFile(base + ".txt", text);
     for (size_t i = 0; i < slices.size(); ++i) {
-        writeFile(base + "." + std::to_string(i), slices[i]);
+        writeFile(base + "." + std::to_string(i), input.substr(slices[i].at, slices[i].size));
     }
 
     AbortingCallBack callBack(static_cast<unsigned char>(input[1]));
@@ -111,16 +115,5 @@ void runInput(const std::string& input) {
 // The name is libFuzzer's. NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize,
                                           unsigned int seed) {
-    using namespace peltex_fuzz;
-    const size_t newSize = LLVMFuzzerMutate(data, size, maxSize);
-    if (keepsWrongSums(seed)) {
-        return newSize;
-    }
-    const std::string input(reinterpret_cast<char*>(data), newSize);
-    size_t at = std::min(input.find('\0', std::min(kOptionBytes, newSize)), newSize) + 1;
-    for (const std::string& slice : slicesOf(input, at)) {
-        sealHeaders(data + at + 1, slice.size());
-        at += 1 + slice.size();
-    }
-    return newSize;
+    return peltex_fuzz::mutateArchives(data, size, maxSize, seed, peltex_fuzz::slicesOf);
 }

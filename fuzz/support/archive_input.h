@@ -1,24 +1,27 @@
-// Archives as inputs: headers that mutations leave valid, and a callback that aborts.
+// Archives as inputs: their mutations, and a callback that aborts.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
-#include "tar/tar_callback.h"
+#include <string>
+#include <vector>
 
-// libFuzzer's own mutations of `data`; returns the new size.
-extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maxSize);
+#include "tar/tar_callback.h"
 
 namespace peltex_fuzz {
 
-// Of the mutations of an archive, which of libFuzzer's seeds keep their wrong checksums: with them,
-// few headers are read any further.
-inline bool keepsWrongSums(unsigned int seed) {
-    return seed % 8 == 0;
-}
+// Part of an input that is an archive.
+struct ArchivePart {
+    size_t at;
+    size_t size;
+};
 
-// Gives the headers of an archive, as far as they follow one another, magic and checksum.
-void sealHeaders(uint8_t* archive, size_t size);
+// Mutates as libFuzzer does or, every other time, one field of one header of the archives; then
+// gives the headers magic and checksum, without which few would be read any further (of some
+// inputs the wrong ones are kept). `partsOf` finds the archives in an input. Returns the new size.
+size_t mutateArchives(uint8_t* data, size_t size, size_t maxSize, unsigned int seed,
+                      std::vector<ArchivePart> (*partsOf)(const std::string& input));
 
 // Aborts at the n-th question, at none for 0.
 class AbortingCallBack : public android::installd::TarCallBack {
