@@ -12,7 +12,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kLibraryName = "libpeltexinstalld.so";
+// With the version of its interface: the name without one is there for those who link.
+constexpr const char* kLibraryName = PELTEXCTL_LIBRARY;
 
 std::string FindLibrary(const std::optional<std::string>& path) {
     if (path) {
