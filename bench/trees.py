@@ -5,6 +5,8 @@ import random
 
 OWNER = 10123
 KIB, MIB = 1 << 10, 1 << 20
+PAGE = 4096
+ENTRY = 2 * KIB  # what a name and an inode take in memory, about
 
 
 class Tree:
@@ -12,6 +14,7 @@ class Tree:
 
     def __init__(self, path):
         self.path = path
+        self.memory = 0
         self.files = self.directories = self.links = self.bytes = 0
         os.mkdir(path, 0o771)
         os.chown(path, OWNER, OWNER)
@@ -25,6 +28,7 @@ class Tree:
         os.mkdir(path, 0o771)
         os.chown(path, OWNER, OWNER)
         self.directories += 1
+        self.memory += ENTRY
 
     def file(self, name, content):
         fd = os.open(os.path.join(self.path, name), os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o660)
@@ -33,6 +37,7 @@ class Tree:
         os.fchown(fd, OWNER, OWNER)
         os.close(fd)
         self.files += 1
+        self.memory += ENTRY + -(-len(content) // PAGE) * PAGE
         self.bytes += len(content)
 
     def link(self, name, target):
@@ -40,6 +45,7 @@ class Tree:
         os.symlink(target, path)
         os.chown(path, OWNER, OWNER, follow_symlinks=False)
         self.links += 1
+        self.memory += ENTRY
 
 
 class Names:
