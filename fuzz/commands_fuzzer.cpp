@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <map>
+#include <set>
 #include <vector>
 
 #include "fuzz/support/archive_input.h"
@@ -105,18 +106,21 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 class Run {
   public:
+    Run() { line("+"); }
+
     void answers(const std::string& answers) { mAnswers = answers; }
 
     void line(const std::string& line) {
         const bool isOne = line.size() == 1;
         if (isOne && line[0] == '+') {
-            open(new TestClient());
+            mClients.push_back(new TestClient());
+            open();
         } else if (isOne && line[0] == '=') {
-            open(mClients.empty() ? nullptr : mClients.back());
+            open();
         } else if (isOne && line[0] == '-') {
             finish();
         } else if (isOne && line[0] == '!') {
-            die();
+            mClients.back()->binder()->notifyDeath();
         } else if (isOne && line[0] == '.') {
             answerAll();
         } else if (!line.empty() && line[0] == '&') {
@@ -146,13 +150,7 @@ class Run {
 
     int32_t present() const { return mSessions.empty() ? 0 : mSessions.back(); }
 
-    void open(const sp<TestClient>& client) {
-        if (client == nullptr) {
-            return;
-        }
-        mClients.push_back(client);
-        mSessions.push_back(mManager->startBackupSession(client));
-    }
+    void open() { mSessions.push_back(mManager->startBackupSession(mClients.back())); }
 
     void finish() {
         mManager->finishBackupSession(present());
@@ -161,15 +159,8 @@ class Run {
         }
     }
 
-    void die() {
-        if (!mClients.empty()) {
-            mClients.back()->binder()->notifyDeath();
-        }
-    }
-
     void execute(int32_t session, const std::string& line) {
-        // A copy of its own: the words of the line are separated in place.
-        const std::string words(line.data(), line.size());
+        const std::string words = line;  // which are separated in place
         const int32_t result = mManager->executeBackupTask(session, words);
         if (result >= 100) {
             mTasks.insert({result, {session, line}});
@@ -180,14 +171,14 @@ class Run {
     void answer() {
         const char answer = mAnswers.empty() ? '\0' : mAnswers[0];
         mAnswers.erase(0, 1);
-        const auto task = mTasks.find(waitingTask());
-        const Sent sent = task == mTasks.end() ? Sent{0, ""} : task->second;
+        const int32_t task = waitingTask();
+        const Sent& sent = mTasks.at(task);
         if (answer == 'c') {
             execute(sent.session, sent.line);
         } else if (answer == 'k') {
             execute(sent.session, "keepalive");
         } else if (answer == 'a') {
-            execute(sent.session, "abort " + std::to_string(task->first));
+            execute(sent.session, "abort " + std::to_string(task));
         } else if (answer == 'f') {
             mManager->finishBackupSession(sent.session);
         } else {
@@ -195,20 +186,26 @@ class Run {
         }
     }
 
-    // The first task whose last word is a slice.
+    // The first task that has told of a slice and not of its end. Of one task several clients may
+    // hear, so what they were told has no order among them.
     int32_t waitingTask() const {
-        std::map<int32_t, bool> isWaiting;
+        std::set<int32_t> packing;
+        std::set<int32_t> ended;
         for (const sp<TestClient>& client : mClients) {
             for (const Status& status : client->statuses()) {
-                isWaiting[status.task] = status.code == TASK_STATUS_SLICE_PACKAGED;
+                if (status.code == TASK_STATUS_SLICE_PACKAGED) {
+                    packing.insert(status.task);
+                } else if (status.isFinal()) {
+                    ended.insert(status.task);
+                }
             }
         }
-        for (const auto& task : isWaiting) {
-            if (task.second) {
-                return task.first;
+        for (const int32_t task : packing) {
+            if (ended.count(task) == 0) {
+                return task;
             }
         }
-        return 0;
+        fail("a worker waits that has told nobody of a slice");
     }
 
     // Until every worker waits or has ended. Who waits is woken by this thread alone, so the order
@@ -241,7 +238,6 @@ void runInput(const std::string& input) {
     bool hasRun = false;
     {
         Run run;
-        run.line("+");
         const std::vector<std::string> lines = linesOf(input);
         for (size_t i = 0; i < lines.size(); ++i) {
             if (i == 0) {

@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "fuzz/support/files.h"
 #include "fuzz/support/jail.h"
 
@@ -48,13 +46,6 @@ void Sentinel::check(Allowance allowance) const {
             fail("%s got another owner or mode", entry.path.c_str());
         }
     }
-}
-
-bool Sentinel::isUntouched() const {
-    return std::all_of(mEntries.begin(), mEntries.end(), [](const Entry& entry) {
-        const Entry now = lookAt(entry.path);
-        return isSameOtherwise(entry, now) && hasSameOwnerAndMode(entry, now);
-    });
 }
 
 void Sentinel::repair() const {

@@ -21,9 +21,6 @@ class Sentinel {
     // A finding when an entry is not as it was.
     void check(Allowance allowance = kNothing) const;
 
-    // Whether all of it is as it was.
-    bool isUntouched() const;
-
     // Gives back owner and mode.
     void repair() const;
 

@@ -33,7 +33,7 @@ int lowestDescriptor() {
 
 void* jailedThread(void* /*unused*/) {
     enterJail(gJail);
-    prctl(PR_SET_TIMERSLACK, 1UL);
+    prctl(PR_SET_TIMERSLACK, 1UL);  // for targets that poll
     prepare();
     while (true) {
         sem_post(&gInputDone);
@@ -86,7 +86,6 @@ void runOnJailedThread(const uint8_t* data, size_t size) {
 }
 
 }  // namespace
-
 }  // namespace peltex_fuzz
 
 // The names are libFuzzer's and the sanitizer's. NOLINTBEGIN(bugprone-reserved-identifier)
