@@ -226,13 +226,15 @@ class RoundTrip {
     }
 
     std::string makeName(char first) {
-        static constexpr const char* kEnds[] = {"", "", "", "", "..", ".dex", "\n", " "};
+        static constexpr const char* kEnds[] = {"", "", "", "", "",   "",     "",   "",
+                                                "", "", "", "", "..", ".dex", "\n", " "};
         std::string name(mInput.ConsumeIntegralInRange<size_t>(1, 240), first);
         return name + mInput.PickValueInArray(kEnds);
     }
 
     std::string makeTarget() {
-        static constexpr size_t kLengths[] = {1, 98, 99, 100, 101, 2045, 2046, 2047, 2048, 4095};
+        static constexpr size_t kLengths[] = {1,   1,   98,  99,   100,  101,
+                                              150, 511, 512, 2045, 2046, 2047};
         return std::string(mInput.PickValueInArray(kLengths), 't');
     }
 
