@@ -226,15 +226,14 @@ class RoundTrip {
     }
 
     std::string makeName(char first) {
-        static constexpr const char* kEnds[] = {"", "", "", "", "",   "",     "",   "",
-                                                "", "", "", "", "..", ".dex", "\n", " "};
+        static constexpr const char* kOddEnds[] = {"..", ".dex", "\n", " "};
         std::string name(mInput.ConsumeIntegralInRange<size_t>(1, 240), first);
-        return name + mInput.PickValueInArray(kEnds);
+        const bool isOdd = mInput.ConsumeIntegralInRange(0, 3) == 0;
+        return name + (isOdd ? mInput.PickValueInArray(kOddEnds) : "");
     }
 
     std::string makeTarget() {
-        static constexpr size_t kLengths[] = {1,   1,   98,  99,   100,  101,
-                                              150, 511, 512, 2045, 2046, 2047};
+        static constexpr size_t kLengths[] = {1, 98, 99, 100, 101, 150, 511, 512, 2045, 2046, 2047};
         return std::string(mInput.PickValueInArray(kLengths), 't');
     }
 
