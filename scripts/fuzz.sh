@@ -46,7 +46,7 @@ run() {
         target=$1 dir=$2 && shift 2
         mkdir -p "/tmp/seeds/$target"
         [ ! -d "fuzz/seeds/$target" ] || cp "fuzz/seeds/$target"/* "/tmp/seeds/$target"
-        exec "build/fuzz/${target}_fuzzer" -artifact_prefix="$dir/finding-" -timeout=20 \
+        exec "build/fuzz/${target}_fuzzer" -artifact_prefix="$dir/finding-" -timeout=120 \
             -print_final_stats=1 "$@" "$dir/corpus" "/tmp/seeds/$target"
         ' fuzz "$target" "$dir" "$limit" $(options "$target") >"$dir/log" 2>&1; then
         printf '%-12s %s runs, %s a second\n' "$target" $(sed -n \

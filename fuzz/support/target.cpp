@@ -1,13 +1,16 @@
 #include "fuzz/support/target.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "fuzz/support/files.h"
@@ -19,6 +22,10 @@ namespace {
 
 constexpr char kOutside[] = "/tmp/outside";
 
+// For one input; a busy machine may leave us waiting long.
+constexpr time_t kMostSeconds = 60;
+
+pthread_t gThread;
 sem_t gInputReady;
 sem_t gInputDone;
 std::string gInput;
@@ -47,6 +54,18 @@ void* jailedThread(void* /*unused*/) {
     }
 }
 
+void waitForThread() {
+    timespec deadline = {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += kMostSeconds;
+    while (sem_timedwait(&gInputDone, &deadline) != 0) {
+        if (errno == ETIMEDOUT) {
+            pthread_kill(gThread, SIGUSR1);
+            pause();
+        }
+    }
+}
+
 void raiseDescriptorLimit() {
     struct rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -71,17 +90,17 @@ void start() {
 
     sem_init(&gInputReady, 0, 0);
     sem_init(&gInputDone, 0, 0);
-    pthread_t thread;
-    pthread_create(&thread, nullptr, jailedThread, nullptr);
-    sem_wait(&gInputDone);
+    // The trace is to show the thread that does not come to an end.
+    signal(SIGUSR1, [](int /*unused*/) { fail("no end after a minute"); });
+    pthread_create(&gThread, nullptr, jailedThread, nullptr);
+    waitForThread();
 }
 
 void runOnJailedThread(const uint8_t* data, size_t size) {
     static Sentinel outside({kOutside, "/tmp", "/"});
     gInput.assign(reinterpret_cast<const char*>(data), size);
     sem_post(&gInputReady);
-    while (sem_wait(&gInputDone) != 0) {
-    }
+    waitForThread();
     outside.check();
 }
 
