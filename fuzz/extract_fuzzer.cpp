@@ -32,7 +32,6 @@ enum Option {
 };
 
 Sentinel* gSentinel;
-Sentinel* gRepaired;  // what owners and modes may have been set of
 
 void makeRoot() {
     emptyDir("/");
@@ -42,9 +41,7 @@ void makeRoot() {
     writeFile("/keep", "keep");
     writeFile(kArchive, "");
     delete gSentinel;
-    delete gRepaired;
     gSentinel = new Sentinel({"/", "/data", "/data/keep", "/keep"});
-    gRepaired = new Sentinel({"/", "/data", "/data/keep", "/keep", kDestination, kArchive});
 }
 
 void listTwice(UnTarFile& archive) {
@@ -101,7 +98,7 @@ void runInput(const std::string& input) {
         makeRoot();
         return;
     }
-    gRepaired->repair();
+    gSentinel->repair();
     emptyDir(kDestination);
 }
 

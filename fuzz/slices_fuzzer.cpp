@@ -27,7 +27,6 @@ constexpr size_t kOptionBytes = 2;
 constexpr size_t kMostSlices = 10;
 
 Sentinel* gSentinel;
-Sentinel* gRepaired;  // what owners and modes may have been set of
 
 void makeRoot() {
     emptyDir("/");
@@ -37,9 +36,7 @@ void makeRoot() {
     writeFile("/data/keep", "");  // nothing in it, which a restore takes for a slice
     writeFile("/keep", "keep");
     delete gSentinel;
-    delete gRepaired;
     gSentinel = new Sentinel({"/", "/data", "/data/keep", "/keep"});
-    gRepaired = new Sentinel({"/data", "/data/out"});
 }
 
 size_t endOfText(const std::string& input) {
@@ -108,7 +105,7 @@ void runInput(const std::string& input) {
         return;
     }
     gSentinel->check(contains(input, "..") ? Sentinel::kOwnerAndMode : Sentinel::kNothing);
-    gRepaired->repair();
+    gSentinel->repair();
     emptyDir(kSetDir);
     emptyDir("/data/out");
 }
