@@ -32,6 +32,7 @@ enum Option {
 };
 
 Sentinel* gSentinel;
+Sentinel* gRepaired;  // what owners and modes may have been set of
 
 void makeRoot() {
     emptyDir("/");
@@ -41,7 +42,9 @@ void makeRoot() {
     writeFile("/keep", "keep");
     writeFile(kArchive, "");
     delete gSentinel;
+    delete gRepaired;
     gSentinel = new Sentinel({"/", "/data", "/data/keep", "/keep"});
+    gRepaired = new Sentinel({"/", "/data", "/data/keep", "/keep", kDestination, kArchive});
 }
 
 void listTwice(UnTarFile& archive) {
@@ -98,7 +101,7 @@ void runInput(const std::string& input) {
         makeRoot();
         return;
     }
-    gSentinel->repair();
+    gRepaired->repair();
     emptyDir(kDestination);
 }
 

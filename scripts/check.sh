@@ -33,15 +33,22 @@ check_exports() {
         fail "the library exports: $exported"
 }
 
+# compare_sources FILE TREE: the sources that FILE names, on standard input, with those there are.
+compare_sources() {
+    local difference
+    difference=$(sort | diff - <(printf '%s\n' "$2")) ||
+        fail "$1 names other sources than there are:"$'\n'"$difference"
+}
+
 check_sources() {
-    local cmake bp tree
-    cmake=$(sed -n '/^add_library(peltex_core/,/)/p; /^add_library(peltex_bounded/p; /^add_library(peltexinstalld /p' \
-        CMakeLists.txt | grep -oE '[a-z]+/[a-z0-9_]+\.cpp' | sort)
-    bp=$(grep -oE '"(service|fileops|brief|tar|bounded)/[a-z0-9_]+\.cpp"' Android.bp | tr -d '"' | sort)
+    local tree
     tree=$(git ls-files -co --exclude-standard -- service fileops brief tar bounded |
         grep '\.cpp$' | sort)
-    [ "$cmake" = "$tree" ] || fail "CMakeLists.txt names other sources than there are"
-    [ "$bp" = "$tree" ] || fail "Android.bp names other sources than there are"
+    sed 's/#.*//' CMakeLists.txt |
+        sed -n '/^add_library(peltex_core/,/)/p; /^add_library(peltex_bounded/p; /^add_library(peltexinstalld /p' |
+        grep -oE '[a-z]+/[a-z0-9_]+\.cpp' | compare_sources CMakeLists.txt "$tree"
+    sed 's,//.*,,' Android.bp | grep -oE '"(service|fileops|brief|tar|bounded)/[a-z0-9_]+\.cpp"' |
+        tr -d '"' | compare_sources Android.bp "$tree"
 }
 
 [ $# -gt 0 ] || set -- format sources exports tidy
