@@ -15,6 +15,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -131,7 +132,7 @@ int main(int argc, char** argv) {
     const android::sp<Client> client = new Client();
     const int32_t session = startBackupSession(client);
     const long idle = statusValue("VmRSS:");
-    if (executeBackupTask(session, std::string(command.c_str())) < 100) {
+    if (executeBackupTask(session, std::string(command)) < 100) {
         fprintf(stderr, "bench_driver: the command is refused\n");
         return 2;
     }

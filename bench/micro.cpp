@@ -7,7 +7,7 @@
 // | ParseOctal       | one field of 12 bytes                                                     |
 // | Record           | one permission record, formatted and written to a sink                    |
 // | ParseRecord      | one permission record, taken apart; looks at its path, which is there     |
-// | FilterPath       | the reduction of a list of this many paths                                |
+// | FilterPaths      | the reduction of a list of this many paths                                |
 // | Excluded         | one path against this many rules, none of which covers it                 |
 // | Command          | one command that acts at once, on an open session                         |
 // | TaskStart        | from the call that queues a task until the client hears of its start;     |
