@@ -11,7 +11,7 @@
 
 if [ "${PELTEX_SANDBOX_STAGE:-}" != inside ]; then
     root=$(mktemp -d)
-    trap 'rmdir "$root"' EXIT
+    trap 'rmdir "$root" 2>/dev/null || true' EXIT  # the command's status is what counts
     as_root env PELTEX_SANDBOX_STAGE=inside PELTEX_SANDBOX_ROOT="$root" \
         unshare --mount --propagation private -- bash "$project/scripts/sandbox.sh" "$@"
     exit
