@@ -148,7 +148,42 @@ class ArchiveTest(unittest.TestCase):
         for name, data, pattern in rows:
             with self.subTest(name):
                 self.check_faults(self.write("a.tar", data), pattern)
-        self.assertEqual(self.verify(self.write("a.tar", header(b"x/..", b"2") + END))[1], 0)
+
+    def test_warnings_of_what_an_archive_would_reach(self):
+        link = header(b"l", b"2", link=b"/etc")
+        through = ["goes to /etc, through the link l of the archive"]
+        rows = [
+            ("own links", header(b"d/", b"5") + header(b"d/l", b"2", link=b"..") +
+             file_entry(b"d/ll", b"x"), []),
+            ("a link again", link + link, []),
+            ("absolute", file_entry(b"/etc/passwd", b"x"), []),
+            ("a link upwards", header(b"x/..", b"2"), ["leaves the directory to be restored"]),
+            ("the directory above", header(b"..", b"5"), ["leaves the directory to be restored"]),
+            ("below a link", link + file_entry(b"l/d/f", b"x"), through),
+            ("below a link, spelt otherwise", link + header(b"./l//d/", b"5"), through),
+            ("a link below a link", link + header(b"l/m", b"2"), through),
+            ("in place of a link", link + file_entry(b"l", b"x"), through),
+            ("mode and owner of a link's target", link + header(b"l/", b"5"), through),
+            ("set-user-id of root", header(b"f", b"0", mode=0o4755, uid=0),
+             ["is a set-user-id file of uid 0"]),
+            ("set-user-id of an application", header(b"f", b"0", mode=0o4755, uid=10123), []),
+            ("set-group-id directory", header(b"d/", b"5", mode=0o2755, uid=0), []),
+        ]
+        for name, data, warnings in rows:
+            with self.subTest(name):
+                path = self.write("a.tar", data + END)
+                told, status = self.objects("verify", path)
+                self.assertEqual(([(each["event"], each["message"]) for each in told[:-1]], status),
+                                 ([("warning", each) for each in warnings], 0))
+                self.assertEqual(told[-1]["warnings"], len(warnings))
+        told, _ = self.verify(self.write_set([link + END, file_entry(b"l/f", b"x") + END]))
+        self.assertRegex("\n".join(told), r"s.tar.1\|l/f\|goes to /etc")
+        self.write("other.tar.0", END)
+        os.mkdir(self.path("set"))
+        told, status = self.objects(
+            "verify", self.write("set/s.tar.txt", b"../other.tar.0|1024\n"))
+        self.assertEqual(([each["event"] for each in told], status), (["warning", "verified"], 0))
+        self.assertRegex(told[0]["message"], "outside the set's directory")
 
     def test_faults_of_cut_files(self):
         first = header(b"f", b"8", UNIT) + content(UNIT) + END

@@ -13,12 +13,12 @@ def padding(size):
     return bytes(-size % 512)
 
 
-def header(name, typeflag, size=0, link=b"", mode=0o644):
+def header(name, typeflag, size=0, link=b"", mode=0o644, uid=0):
     """One header block; a size is written as its last twelve octal digits."""
     digits = b"%012o" % (size % (1 << 64))
     block = bytearray(512)
     block[0:99] = name[:99].ljust(99, b"\0")
-    block[100:124] = b"%07o\0" % mode + b"0000000\0" * 2
+    block[100:124] = b"%07o\0%07o\0" % (mode, uid) + b"0000000\0"
     block[124:136] = (digits[-12:] if digits[-12:-11] != b"0" else digits[-11:]).ljust(12, b"\0")
     block[136:156] = b"00000000000\0" + b" " * 8
     block[156:157] = typeflag

@@ -2,10 +2,12 @@
 #include "archive_verify.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <unordered_map>
 
 namespace peltexctl {
 
@@ -16,6 +18,7 @@ using Severity = Finding::Severity;
 
 constexpr uint64_t kMiB = 1 << 20;
 constexpr size_t kMaxTail = kMiB;
+constexpr uint64_t kFirstApplicationUid = 10000;
 
 // What a restore does with entries of types that are not its own.
 struct ForeignType {
@@ -60,6 +63,58 @@ bool LacksPadding(const ArchiveFile& file, const ArchiveEntry& entry) {
         std::memcmp(magic, "ustar", sizeof(magic)) == 0;
     return header_follows || file.size() - end == kEndBlocksSize;
 }
+
+// The symbolic links that an archive makes. A restore follows them, and so writes wherever they
+// lead.
+class LinksMade {
+  public:
+    struct Link {
+        std::string path;
+        std::string target;
+    };
+
+    // The first of them on the way to where a restore would put the entry. A link itself replaces
+    // one of its name.
+    std::optional<Link> OnTheWayTo(const ArchiveEntry& entry) const {
+        if (links_.empty()) {
+            return std::nullopt;
+        }
+        const std::string path = Normal(entry.name);
+        size_t end = 0;
+        while (end != std::string::npos) {
+            end = path.find('/', end + 1);
+            const auto link = links_.find(path.substr(0, end));
+            const bool is_own = end == std::string::npos && entry.type == TYPE_SYMLINK;
+            if (link != links_.end() && !is_own) {
+                return Link{link->first, link->second};
+            }
+        }
+        return std::nullopt;
+    }
+
+    void Take(const ArchiveEntry& entry) {
+        if (entry.type == TYPE_SYMLINK) {
+            links_[Normal(entry.name)] = entry.link;
+        }
+    }
+
+  private:
+    // Without what does not change where a path leads: empty components and single dots.
+    static std::string Normal(const std::string& name) {
+        std::string path;
+        for (size_t begin = 0; begin < name.size();) {
+            const size_t end = std::min(name.find('/', begin), name.size());
+            const std::string component = name.substr(begin, end - begin);
+            if (!component.empty() && component != ".") {
+                path += (path.empty() ? "" : "/") + component;
+            }
+            begin = end + 1;
+        }
+        return path;
+    }
+
+    std::unordered_map<std::string, std::string> links_;
+};
 
 class SetVerifier {
   public:
@@ -144,6 +199,7 @@ class SetVerifier {
         counts_.bytes += entry.IsFile() ? entry.size : 0;
         CheckType(entry);
         CheckName(entry);
+        CheckReach(entry);
         CheckPart(file, entry);
         if (LacksPadding(file, entry)) {
             Fault(entry.name, "nothing fills its last block, so what lies behind cannot be read");
@@ -191,8 +247,26 @@ class SetVerifier {
         if (("/" + entry.name).find("/com.tencent.mm/tinker/") != std::string::npos) {
             Fault(entry.name, "lies in a directory that a restore passes over");
         }
+    }
+
+    // What comes back as it was, and is no restorer's wish unless the archive is one of their own.
+    void CheckReach(const ArchiveEntry& entry) {
         if (EndsWith("/" + entry.name, "/..")) {
             Tell(Severity::kWarning, entry.name, "leaves the directory to be restored");
+        }
+        if (entry.Continues()) {
+            return;
+        }
+        if (const auto link = links_.OnTheWayTo(entry)) {
+            Tell(Severity::kWarning, entry.name,
+                 fmt::format("goes to {}, through the link {} of the archive", link->target,
+                             link->path));
+        }
+        links_.Take(entry);
+        // Owners from the first application's on become the one that a restore is for.
+        if (entry.IsFile() && (entry.mode & S_ISUID) != 0 && entry.uid < kFirstApplicationUid) {
+            Tell(Severity::kWarning, entry.name,
+                 fmt::format("is a set-user-id file of uid {}", entry.uid));
         }
     }
 
@@ -326,6 +400,7 @@ class SetVerifier {
     bool first_ = true;  // the next entry is its slice's first
     bool begin_known_;   // the slice before this one was read to its end
     std::optional<OpenPart> open_part_;
+    LinksMade links_;
     VerifyCounts counts_;
 };
 

@@ -1,7 +1,8 @@
 // Whether an archive or a set of slices would come back whole, found by reading it as a restore
-// does: sizes, header chain, end blocks, and the parts of each cut file.
+// does: sizes, header chain, end blocks, and the parts of each cut file. And whether it would reach
+// what it should not: entries that lead out of the directory or through a link, set-user-id files.
 //
-// Not thread-safe. Memory does not grow with the archive, but for VerifyAgainstSource().
+// Not thread-safe. Memory grows with the number of links, and for VerifyAgainstSource() of entries.
 #pragma once
 
 #include <cstdint>
