@@ -2,12 +2,15 @@
 
 import json
 import os
+import signal
 import subprocess
 import tempfile
 import threading
 import unittest
 
 PROGRAM = os.environ["PELTEXCTL"]
+# A program that is started with this signal ignored leaves it so, as a job in the background does.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 class ClientTest(unittest.TestCase):
@@ -29,10 +32,10 @@ class ClientTest(unittest.TestCase):
         """Ends the task that reads this FIFO: until then it has been running."""
         os.close(os.open(self.path(name), os.O_WRONLY))
 
-    def start(self, *arguments):
+    def start(self, *arguments, **options):
+        streams = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, **options}
         process = self.enterContext(subprocess.Popen(
-            [PROGRAM, "--data", self.data, *arguments],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE))
+            [PROGRAM, "--data", self.data, *arguments], **streams))
         self.addCleanup(process.kill)
         deadline = threading.Timer(100, process.kill)
         deadline.start()

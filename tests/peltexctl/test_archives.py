@@ -89,7 +89,7 @@ class ArchiveTest(unittest.TestCase):
                                        "name": shown})
         self.assertEqual([len(entry["link"]) for entry in told[len(NAMES):]], [5, 99, 101, 150])
         text = self.run_program("list", path).stdout.decode().splitlines()
-        self.assertRegex(text[4], r"^-rwsr-x--x +10123/0 +1200 1970-01-05 \d\d:\d\d line\\nfeed$")
+        self.assertRegex(text[4], r"^-rwsr-x--x +10123/0 +1\.2 KiB 1970-01-05 \d\d:\d\d line\\nfeed$")
         self.assertTrue(text[5].endswith(" \u00ff\\233\\\\"), text[5])
         self.assertTrue(text[6].endswith(" link5 -> ttttt"))
 

@@ -28,10 +28,11 @@ class CommandLineTest(ClientTest):
         self.write("file")
         cases = [
             (2, "subcommand", []),
-            (2, "nosuch", ["nosuch"]),
+            (2, '"nosuch" is no subcommand: shell, backup', ["nosuch"]),
+            (2, "see peltexctl list --help", ["list", "a", "b"]),
             (2, "loud", ["--log", "loud", "shell"]),
             (2, "DEST", ["backup", "dir", "/data/data/a"]),
-            (2, '"zip"', ["backup", "zip", "/data/data/a", "/data/data/b"]),
+            (2, "zip not in", ["backup", "zip", "/data/data/a", "/data/data/b"]),
             (2, '"a b"', ["backup", "dir", "a b", "/data/data/b"]),
             (2, '""', ["backup", "dir", "/data/data/a", ""]),
             (2, '"u:r "', [*TASK, "--seinfo", "u:r "]),
@@ -60,7 +61,8 @@ class CommandLineTest(ClientTest):
                                   capture_output=True, timeout=60)
         except PermissionError:
             self.skipTest("the program lies where others may not look")
-        self.assertEqual((done.returncode, done.stderr), (3, b"peltexctl: --data needs root\n"))
+        self.assertEqual(done.returncode, 3)
+        self.assertRegex(done.stderr, rb"\Apeltexctl: --data needs root.*\n\Z")
 
     def test_output_that_cannot_be_written_is_a_failure(self):
         with open("/dev/full", "wb") as full:
@@ -84,9 +86,10 @@ class CommandLineTest(ClientTest):
 
     def test_data_is_made_where_missing_and_seen_by_nobody_else(self):
         os.mkdir(self.path("root"))
-        for name, wrapper in [("with /data", []),
-                              ("without", ["unshare", "--mount", "sh", "-ec", WITHOUT_DATA, "sh",
-                                           self.path("root")])]:
+        hide = ["unshare", "--mount", "sh", "-ec", WITHOUT_DATA, "sh", self.path("root")]
+        dangle = ["sh", "-ec", 'ln -s /nowhere /data; exec "$@"', "sh"]
+        for name, wrapper in [("with /data", []), ("without", hide),
+                              ("with a link to nowhere", hide + dangle)]:
             with self.subTest(name):
                 os.makedirs(self.path(name, "data"))
                 self.write(name + "/data/source", name.encode())
@@ -106,18 +109,50 @@ class CommandLineTest(ClientTest):
         self.assertEqual(of_event(objects, "result")[0]["command"],
                          "backup file /data/data/source /data/data/copies u:r:x 10123")
         self.assertEqual([entry["code"] for entry in of_event(objects, "status")], [1, 3, 3, 3, 0])
-        self.assertEqual((objects[0]["event"], objects[-1]["event"]), ("session", "closed"))
+        self.assertEqual((objects[0]["event"], objects[-1]["event"]), ("session", "summary"))
         self.assertEqual(os.stat(self.path("data/copies/source")).st_uid, 10123)
         done = self.run_program(*TASK)
         self.assertRegex(done.stdout.decode(),
-                         r"\Atask 101: started\n(task 101: \S+ KiB of 293.0 KiB .*\n)*"
-                         r"task 101: done after \S+ s\n\Z")
-        for words, arguments in [(b"does not exist", ["move", "/data/data/no", "/data/data/x"]),
-                                 (b"failed: a path", ["restore", "file", "/etc/passwd", "/data/x"])]:
+                         r"\Atask 101: started\ntask 101: done\n"
+                         r"summary: 1 entry, 293\.0 KiB, [\d.]+ s, [\d.]+ .iB/s\n\Z")
+
+    def test_refused_tasks_name_path_and_reason(self):
+        self.write("data/noarchive")
+        no_area = r"/etc/passwd: is not in an area .*; use --data DIR"
+        cases = [
+            (r"/data/data/no: does not exist$", ["move", "/data/data/no", "/data/data/x"]),
+            (r"/data/data/no: does not exist$", ["backup", "tar", "/data/data/no", "/data/data/x"]),
+            (no_area, ["restore", "file", "/etc/passwd", "/data/data/x"]),
+            (no_area, ["backup", "dir", "/data/data", "/etc/passwd"]),
+            (r'/data/data/\.\./x: has "\.\./" in it', ["brief", "dir", "/data/data/../x", "/data/data/y"]),
+            (r"failed: the library's log above .*peltexctl verify /data/data/noarchive",
+             ["restore", "tar", "/data/data/noarchive", "/data/data/x"]),
+            (r"failed: --log error shows", ["--log", "silent", "restore", "tar", "/data/data/noarchive",
+                                            "/data/data/x"]),
+        ]
+        for pattern, arguments in cases:
             with self.subTest(arguments):
                 done = self.run_program(*arguments)
                 self.assertEqual(done.returncode, 1)
-                self.assertIn(words, done.stdout + done.stderr)
+                self.assertRegex(done.stderr.decode(), "(?m)^peltexctl: .*" + pattern)
+                told = [json.loads(line) for line in self.run_program("--json", *arguments)
+                        .stdout.splitlines()]
+                self.assertRegex(of_event(told, "error")[-1]["message"], pattern)
+
+    def test_areas_that_an_error_names_are_those_of_the_library(self):
+        error = self.run_program("move", "/", "/data/data/x").stderr.decode()
+        areas = error[error.rindex("(") + 1:error.rindex(")")].split(", ")
+        self.assertGreater(len(areas), 3)
+        for area in areas:
+            error = self.run_program(*TASK[:2], area + "/none", area + "/x").stderr.decode()
+            self.assertNotIn("match dataPath", error)
+            self.assertIn("/none: does not exist", error)
+
+    def test_slash_at_the_end_of_a_path_is_not_sent(self):
+        os.mkdir(self.path("data/app"))
+        for path, sent in [("/data/data/app/", "/data/data/app"), ("/data/data/app//", "/data/data/app")]:
+            done = self.run_program("--json", "backup", "tar", path, "/data/data/bk/")
+            self.assertIn(f'"backup tar {sent} /data/data/bk default 0"', done.stdout.decode())
 
     def test_signal_aborts_and_waits_for_the_end(self):
         for number in (signal.SIGINT, signal.SIGTERM):

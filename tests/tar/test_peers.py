@@ -112,7 +112,8 @@ def unpack(reader, archive, directory):
 
 class PeersTest(ClientTest):
     def backup(self, kind, *options):
-        done = self.run_program("backup", kind, SOURCE, "/data/data/backup", *options)
+        # As objects: in words, progress goes to standard error.
+        done = self.run_program("--json", "backup", kind, SOURCE, "/data/data/backup", *options)
         self.assertEqual((done.returncode, done.stderr), (0, b""), done.stdout)
 
     def restore(self, archive, name):

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -18,6 +19,7 @@
 #include "archive_verify.h"
 #include "events.h"
 #include "exit_code.h"
+#include "terminal.h"
 #include "text.h"
 
 namespace peltexctl {
@@ -57,7 +59,9 @@ class Report {
         faults_ += finding.severity == Severity::kFault ? 1 : 0;
         suspicions_ += finding.severity == Severity::kSuspicion ? 1 : 0;
         if (!json_) {
-            PrintLine(stream_, fmt::format("{}: {}", is_warning ? "warning" : "fault",
+            PrintLine(stream_, fmt::format("{} {}",
+                                           is_warning ? Paint(stream_, Colour::kYellow, "warning:")
+                                                      : Paint(stream_, Colour::kRed, "fault:"),
                                            FindingAsText(finding)));
             return;
         }
@@ -84,7 +88,7 @@ int Fail(bool json, FILE* stream, const std::string& message) {
     if (json && stream == stdout) {
         EventWriter(EventWriter::Format::kJson).Error(message);
     } else {
-        PrintLine(stderr, "peltexctl: " + EscapeBytes(message));
+        PrintError(message);
     }
     return kTaskFailed;
 }
@@ -94,7 +98,7 @@ int Written(int status) {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return status;
     }
-    PrintLine(stderr, "peltexctl: cannot write to standard output");
+    PrintError(fmt::format("standard output cannot be written: {}", ErrorText(errno)));
     return kTaskFailed;
 }
 
@@ -116,8 +120,9 @@ int ShowVerified(const ArchiveSet& set, const VerifyCounts& counts, const Report
                                                      set.slices.size() == 1 ? "" : "s")
                                        : "";
         PrintLine(stdout, fmt::format("{}: {}, {} entries{}, {} of content", EscapeBytes(set.path),
-                                      faults == 0 ? "whole" : "not whole", counts.entries, slices,
-                                      HumanSize(counts.bytes)));
+                                      faults == 0 ? Paint(stdout, Colour::kGreen, "whole")
+                                                  : Paint(stdout, Colour::kRed, "not whole"),
+                                      counts.entries, slices, HumanSize(counts.bytes)));
     }
     return Written(faults == 0 ? kDone : kTaskFailed);
 }
@@ -163,16 +168,48 @@ int64_t FileSystemNow() {
 }
 
 int RunVerifyBackup(const std::string& file, const std::string& source_directory,
-                    int64_t packing_began, bool json) {
+                    int64_t packing_began, bool json, std::optional<TreeCounts>* counts) {
     Report report(json, stdout);
     ArchiveSet set;
     std::string error;
     if (!OpenArchiveSet(file, report.sink(), &set, &error)) {
         return Fail(json, stdout, error);
     }
-    const VerifyCounts counts =
+    const VerifyCounts found =
         VerifyAgainstSource(set, source_directory, packing_began, report.sink());
-    return ShowVerified(set, counts, report, json);
+    const int status = ShowVerified(set, found, report, json);
+    if (status == kDone) {
+        *counts = {found.entries, found.bytes};
+    }
+    return status;
+}
+
+std::vector<std::string> ListSlices(const std::string& check_file) {
+    ArchiveSet set;
+    std::string error;
+    std::vector<std::string> paths;
+    if (OpenArchiveSet(
+            check_file, [](const Finding&) {}, &set, &error) &&
+        set.kind == ArchiveSet::Kind::kCheckFile) {
+        for (const ArchiveSet::Slice& slice : set.slices) {
+            paths.push_back(slice.path);
+        }
+    }
+    return paths;
+}
+
+std::optional<TreeCounts> CountArchive(const std::string& file) {
+    uint64_t faults = 0;
+    const FindingSink sink = [&faults](const Finding& finding) {
+        faults += finding.severity == Severity::kFault ? 1 : 0;
+    };
+    ArchiveSet set;
+    std::string error;
+    if (!OpenArchiveSet(file, sink, &set, &error)) {
+        return std::nullopt;
+    }
+    const VerifyCounts counts = VerifySet(set, sink);
+    return faults == 0 ? std::optional(TreeCounts{counts.entries, counts.bytes}) : std::nullopt;
 }
 
 int RunExport(const ArchiveRequest& request, bool json) {

@@ -2,7 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
+
+#include "tree_counts.h"
 
 namespace peltexctl {
 
@@ -20,9 +24,16 @@ int RunExport(const ArchiveRequest& request, bool json);
 int64_t FileSystemNow();
 
 // Verifies what a backup has just written against its source directory, and prints what it finds as
-// RunVerify() does. `packing_began` is when the backup was started, in
-// nanoseconds since the epoch by the clock of the file systems (FileSystemNow()).
+// RunVerify() does. `packing_began` is when the backup was started, in nanoseconds since the epoch
+// by the clock of the file systems (FileSystemNow()). `counts` gets what an archive holds that is
+// whole.
 int RunVerifyBackup(const std::string& file, const std::string& source_directory,
-                    int64_t packing_began, bool json);
+                    int64_t packing_began, bool json, std::optional<TreeCounts>* counts);
+
+// What the archive or set of slices `file` holds; nothing when there is something wrong with it.
+std::optional<TreeCounts> CountArchive(const std::string& file);
+
+// The paths of the slices that a check file lists; none for another file.
+std::vector<std::string> ListSlices(const std::string& check_file);
 
 }  // namespace peltexctl

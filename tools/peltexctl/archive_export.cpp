@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +17,9 @@
 
 #include "archive_listing.h"
 #include "archive_reader.h"
+#include "exit_code.h"
+#include "signals.h"
+#include "terminal.h"
 #include "text.h"
 
 namespace peltexctl {
@@ -34,9 +38,7 @@ class Output {
         if (owned_ && fd_ != -1) {
             close(fd_);
         }
-        if (!temporary_.empty()) {
-            unlink(temporary_.c_str());
-        }
+        Discard();
     }
 
     bool Open(const std::string& path) {
@@ -96,6 +98,14 @@ class Output {
         return true;
     }
 
+    // Leaves nothing of a file that is not yet there under its name.
+    void Discard() {
+        if (!temporary_.empty()) {
+            unlink(temporary_.c_str());
+        }
+    }
+
+    bool is_file() const { return !temporary_.empty(); }
     uint64_t written() const { return written_; }
 
   private:
@@ -103,7 +113,7 @@ class Output {
     std::string temporary_;
     int fd_ = -1;
     bool owned_ = true;
-    uint64_t written_ = 0;
+    std::atomic<uint64_t> written_{0};  // the signals' thread looks at it
 };
 
 // Octal digits and a NUL; without the NUL when they need its place, and as a binary number, as
@@ -267,6 +277,14 @@ class Exporter {
     uint64_t left_ = 0;  // content of the file at hand that further parts bring
 };
 
+[[noreturn]] void Interrupt(const std::string& out, Output* output) {
+    output->Discard();
+    PrintError(fmt::format(output->is_file() ? "interrupted: nothing is left of {}"
+                                             : "interrupted: {} is not complete",
+                           out));
+    _exit(kInterrupted);
+}
+
 // Whether the output would take the place of what it is made from.
 bool IsInput(const ArchiveSet& set, const std::string& out) {
     struct stat target = {};
@@ -296,8 +314,16 @@ bool ExportSet(const ArchiveSet& set, const std::string& out, ExportCounts* coun
         *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
         return false;
     }
-    if (!Exporter(set, &output, error).Run(&counts->entries)) {
-        return false;
+    {
+        const SignalScope signals(
+            [&] {
+                fmt::print(stderr, "{}: {} written\n", EscapeBytes(out),
+                           HumanSize(output.written()));
+            },
+            [&] { Interrupt(out, &output); });
+        if (!Exporter(set, &output, error).Run(&counts->entries)) {
+            return false;
+        }
     }
     if (!output.Finish()) {
         *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));

@@ -158,8 +158,8 @@ void ListSet(const ArchiveSet& set, const FindingSink& sink,
 std::string EntryAsText(const ArchiveEntry& entry) {
     const TypeWords& words = WordsOf(entry.type);
     const std::string link = HasLink(entry) ? " -> " + EscapeBytes(entry.link) : "";
-    return fmt::format("{} {:>11} {:>11} {} {}{}{}", ModeAsText(entry.mode, words.letter),
-                       fmt::format("{}/{}", entry.uid, entry.gid), entry.size,
+    return fmt::format("{} {:>11} {:>10} {} {}{}{}", ModeAsText(entry.mode, words.letter),
+                       fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size),
                        TimeAsText(entry.mtime), EscapeBytes(entry.name), link, words.note);
 }
 

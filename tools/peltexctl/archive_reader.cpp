@@ -87,7 +87,8 @@ std::optional<ArchiveFile> ArchiveFile::Open(const std::string& path, std::strin
     ArchiveFile file(fd, 0);
     struct stat info = {};
     if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        *error = fmt::format("{} is no regular file", path);
+        *error = fmt::format("{} is no regular file: an archive, a slice or a check file is wanted",
+                             path);
         return std::nullopt;
     }
     file.size_ = static_cast<uint64_t>(info.st_size);

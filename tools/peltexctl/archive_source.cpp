@@ -13,6 +13,7 @@
 
 #include "archive_verify.h"
 #include "text.h"
+#include "tree_counts.h"
 
 namespace peltexctl {
 
@@ -21,8 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace android::installd;
 using Severity = Finding::Severity;
-
-constexpr char kTinkerDirectory[] = "/com.tencent.mm/tinker";
 
 // An entry that the packer stores, and what came of it.
 struct Source {
@@ -96,16 +95,8 @@ class SourceComparison {
         }
     }
 
-    // What the packer leaves out on purpose.
     bool IsFiltered(const std::string& path, const struct stat& info) const {
-        const std::string tinker = kTinkerDirectory;
-        const size_t found = path.find(tinker);
-        return (!S_ISDIR(info.st_mode) && info.st_nlink >= 2) ||
-               own_files_.count({info.st_dev, info.st_ino}) != 0 ||
-               (S_ISDIR(info.st_mode) && found != std::string::npos &&
-                found + tinker.size() == path.size()) ||
-               (S_ISREG(info.st_mode) && path.size() >= 5 &&
-                path.compare(path.size() - 4, 4, ".dex") == 0);
+        return IsLeftOutOfArchives(path, info) || own_files_.count({info.st_dev, info.st_ino}) != 0;
     }
 
     void AddSource(const std::string& name, const struct stat& info) {

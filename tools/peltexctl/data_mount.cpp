@@ -66,12 +66,16 @@ bool Bind(const Descriptor& source, const std::string& name, const std::string& 
     return true;
 }
 
-// Everything in / is opened before the new root is mounted, since that may cover some of it.
+// Everything in / is opened before the new root is mounted, since that may cover some of it. What
+// is called /data there, such as a link that leads nowhere, makes room for the new root's own.
 bool OpenRootEntries(std::vector<RootEntry>* entries, std::string* error) {
     std::error_code failure;
     for (fs::directory_iterator it("/", failure), end; !failure && it != end;
          it.increment(failure)) {
         const fs::path& path = it->path();
+        if (path == kData) {
+            continue;
+        }
         Descriptor opened(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat info = {};
         if (!opened.valid() || lstat(path.c_str(), &info) != 0) {
@@ -151,7 +155,7 @@ bool EnterRoot(const std::string& root, std::string* error) {
 
 bool EnterNamespace(std::string* error) {
     if (geteuid() != 0) {
-        *error = "--data needs root";
+        *error = "--data needs root, to make a mount for this process; use sudo";
         return false;
     }
     if (unshare(CLONE_NEWNS) != 0) {
@@ -172,7 +176,8 @@ bool ResolveDirectory(const std::string& directory, std::string* resolved, std::
         failure = std::make_error_code(std::errc::not_a_directory);
     }
     if (failure) {
-        *error = fmt::format("--data \"{}\": {}", directory, failure.message());
+        *error =
+            fmt::format("--data \"{}\": {}; a directory is wanted", directory, failure.message());
         return false;
     }
     if (real == "/") {
@@ -195,7 +200,7 @@ bool MountData(const std::string& directory, std::string* error) {
         return Fail(error, "open", resolved);
     }
     std::error_code ignored;
-    if (fs::exists(kData, ignored)) {
+    if (fs::is_directory(kData, ignored)) {
         return Bind(source, resolved, kData, error);
     }
     return BuildRoot(resolved, error) && Bind(source, resolved, resolved + kData, error) &&

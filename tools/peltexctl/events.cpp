@@ -3,9 +3,12 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "terminal.h"
 #include "text.h"
 
 namespace peltexctl {
@@ -14,18 +17,49 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// The library's figures are decimal numbers.
+std::string HumanBytes(const std::string& figure) {
+    return HumanSize(std::strtoull(figure.c_str(), nullptr, 10));
+}
+
+std::string SummaryAsText(const TaskSummary& summary) {
+    std::string text = "summary: ";
+    if (summary.entries) {
+        text +=
+            fmt::format("{} {}, ", *summary.entries, *summary.entries == 1 ? "entry" : "entries");
+    }
+    if (summary.bytes) {
+        text += HumanSize(*summary.bytes) + ", ";
+    }
+    text += fmt::format("{:.{}f} s", summary.seconds, summary.seconds < 10 ? 2 : 1);
+    if (summary.bytes.value_or(0) > 0 && summary.has_rate) {
+        text += ", " + HumanRate(*summary.bytes, summary.seconds);
+    }
+    if (summary.slices) {
+        text += fmt::format(", {} slice{}", *summary.slices, *summary.slices == 1 ? "" : "s");
+    }
+    return text;
+}
+
 std::string Line(const Json& object) {
     return object.dump(-1, ' ', true);
 }
 
 }  // namespace
 
+bool EndsTask(const StatusEvent& event) {
+    return event.message == "processTask finish" || RefusesPath(event);
+}
+
+bool RefusesPath(const StatusEvent& event) {
+    return event.message == "prepareTask error";
+}
+
 std::string DescribeStatus(const StatusEvent& event) {
     switch (event.code) {
         case kStatusFailed:
-            return event.message == "prepareTask error"
-                       ? "failed: a path is not allowed or the source does not exist"
-                       : "failed";
+            return RefusesPath(event) ? "failed: a path is not allowed or the source does not exist"
+                                      : "failed";
         case kStatusSuccess:
             return "done";
         case kStatusStarted:
@@ -33,13 +67,13 @@ std::string DescribeStatus(const StatusEvent& event) {
         case kStatusAborted:
             return "aborted";
         case kStatusProgress:
-            return event.message + " bytes";
+            return HumanBytes(event.message);
         case kStatusSlicePackaged:
             return "slice " + event.message;
         case kStatusTimeout:
-            return "timed out";
+            return "timed out: nobody took the slice";
         case kStatusBriefSize:
-            return "listed " + event.message + " bytes";
+            return HumanBytes(event.message) + " listed";
         default:
             return fmt::format("status {} {}", event.code, event.message);
     }
@@ -82,6 +116,29 @@ void EventWriter::Waited(int task, int code) {
                      : fmt::format("waited for task {}: code {}", task, code));
 }
 
+void EventWriter::Summary(const TaskSummary& summary) {
+    if (!json()) {
+        WriteLine(SummaryAsText(summary));
+        return;
+    }
+    Json object = {{"event", "summary"}, {"task", summary.task}};
+    if (summary.entries) {
+        object["entries"] = *summary.entries;
+    }
+    if (summary.bytes) {
+        object["bytes"] = *summary.bytes;
+    }
+    object["seconds"] = std::round(summary.seconds * 1000) / 1000;
+    if (summary.bytes.value_or(0) > 0 && summary.has_rate && summary.seconds > 0) {
+        object["bytes_per_second"] =
+            static_cast<uint64_t>(static_cast<double>(*summary.bytes) / summary.seconds);
+    }
+    if (summary.slices) {
+        object["slices"] = *summary.slices;
+    }
+    WriteLine(Line(object));
+}
+
 void EventWriter::Threads(const std::vector<ThreadInfo>& threads) {
     if (!json()) {
         for (const ThreadInfo& thread : threads) {
@@ -100,7 +157,7 @@ void EventWriter::Threads(const std::vector<ThreadInfo>& threads) {
 
 void EventWriter::Error(const std::string& message) {
     if (!json()) {
-        fmt::print(stderr, "peltexctl: {}\n", EscapeBytes(message));
+        PrintError(message);
         return;
     }
     WriteLine(Line({{"event", "error"}, {"message", BytesToUtf8(message)}}));

@@ -4,7 +4,9 @@
 // Thread-safe: the library's threads and the program's own write through one object.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +36,22 @@ struct StatusEvent {
     int callback;  // the callback object's number, from 1
 };
 
+// Whether a task is over with this status.
+bool EndsTask(const StatusEvent& event);
+
+// Whether a task never began, because of one of its paths.
+bool RefusesPath(const StatusEvent& event);
+
+// What a task has done, as far as it is known.
+struct TaskSummary {
+    int task = 0;
+    double seconds = 0;
+    std::optional<uint64_t> entries;
+    std::optional<uint64_t> bytes;  // of content
+    std::optional<uint64_t> slices;
+    bool has_rate = false;  // whether the bytes were moved in these seconds
+};
+
 // A status in words, such as "started".
 std::string DescribeStatus(const StatusEvent& event);
 
@@ -46,17 +64,19 @@ class EventWriter {
     EventWriter(const EventWriter&) = delete;
     EventWriter& operator=(const EventWriter&) = delete;
 
+    bool json() const { return format_ == Format::kJson; }
+
     void Session(int session);
     void Result(const std::string& command, int result);
     void Status(const StatusEvent& event);
     void Closed(int session, int result);
     void Waited(int task, int code);
+    void Summary(const TaskSummary& summary);
     void Threads(const std::vector<ThreadInfo>& threads);
     // In words it goes to standard error.
     void Error(const std::string& message);
 
   private:
-    bool json() const { return format_ == Format::kJson; }
     void WriteLine(std::string_view line);
 
     const Format format_;

@@ -36,7 +36,7 @@ bool Resolve(void* handle, const std::string& path, const char* name, Function**
              std::string* error) {
     void* symbol = dlsym(handle, name);
     if (symbol == nullptr) {
-        *error = fmt::format("{} has no function {}", path, name);
+        *error = fmt::format("{}: has no function {}, so it is not the library", path, name);
         return false;
     }
     *function = reinterpret_cast<Function*>(symbol);
@@ -49,7 +49,8 @@ std::optional<Library> LoadLibrary(const std::optional<std::string>& path, std::
     const std::string file = FindLibrary(path);
     void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle == nullptr) {
-        *error = fmt::format("cannot load the library: {}", LoaderError());
+        *error =
+            fmt::format("cannot load the library: {}; --library FILE names another", LoaderError());
         return std::nullopt;
     }
     Library library{};

@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <fmt/ranges.h>
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <iterator>
@@ -18,7 +20,10 @@
 #include "exit_code.h"
 #include "library.h"
 #include "shell.h"
+#include "signals.h"
 #include "task_command.h"
+#include "terminal.h"
+#include "text.h"
 
 namespace peltexctl {
 
@@ -44,9 +49,7 @@ constexpr LogLevel kLogLevels[] = {
 };
 
 int Fail(ExitCode code, const std::string& message) {
-    std::string line = message;
-    std::replace(line.begin(), line.end(), '\n', ' ');
-    fmt::print(stderr, "peltexctl: {}\n", line);
+    PrintError(message);
     return code;
 }
 
@@ -64,6 +67,7 @@ std::optional<Library> SetUp(const Options& options) {
         Fail(kNoLibraryOrData, error);
         return std::nullopt;
     }
+    TakeSignals();
     return library;
 }
 
@@ -81,12 +85,17 @@ int RunShellCommand(const Options& options) {
 
 int RunTaskCommand(const Options& options) {
     std::string error;
-    const TaskKind* kind = CheckRequest(options.task, &error);
+    TaskRequest request = options.task;
+    for (std::string* path : {&request.source, &request.destination}) {
+        // Which completion adds, and by which the library would lose the name before it.
+        path->erase(std::max<size_t>(path->find_last_not_of('/') + 1, path->empty() ? 0 : 1));
+    }
+    const TaskKind* kind = CheckRequest(request, &error);
     if (kind == nullptr) {
         return Fail(kUsage, error);
     }
     const std::optional<Library> library = SetUp(options);
-    return library ? RunTask(*library, *kind, options.task, options.json) : kNoLibraryOrData;
+    return library ? RunTask(*library, *kind, request, options.json) : kNoLibraryOrData;
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
@@ -96,6 +105,7 @@ int RunArchiveCommand(const Options& options) {
     if (options.data && !MountData(*options.data, &error)) {
         return Fail(kNoLibraryOrData, error);
     }
+    TakeSignals();
     return kRun(options.archive, options.json);
 }
 
@@ -105,30 +115,39 @@ void DeclareShell(CLI::App* command, Options* /*options*/) {
 
 void DeclareTask(CLI::App* command, Options* options) {
     TaskRequest& task = options->task;
+    std::vector<std::string> kinds;
     std::string footer;
     for (const TaskKind* kind : KindsOf(command->get_name())) {
-        if (*kind->kind != '\0') {
-            footer += fmt::format("  {:<8}{}\n", kind->kind, kind->help);
-        }
+        kinds.emplace_back(kind->kind);
+        footer += fmt::format("  {:<8}{}\n", kind->kind, kind->help);
     }
-    if (!footer.empty()) {
-        command->add_option("KIND", task.kind, "What is taken, see below")->required();
+    if (kinds.size() > 1) {
+        command->add_option("KIND", task.kind, "What is taken, see below")
+            ->check(CLI::IsMember(kinds))
+            ->required();
         command->footer("Kinds:\n" + footer);
     }
-    command->add_option("SRC", task.source, "Source path")->required();
     const bool is_brief = command->get_name() == "brief";
+    command->add_option("SRC", task.source, "Source path")->type_name("PATH")->required();
     command
         ->add_option(is_brief ? "BRIEF" : "DEST", task.destination,
                      is_brief ? "The brief file to write" : "Destination path")
+        ->type_name("PATH")
         ->required();
-    command->add_option("--uid", task.uid, "Owner of what is written")->capture_default_str();
+    command->add_option("--uid", task.uid, "Owner and group of what is written")
+        ->type_name("UID")
+        ->capture_default_str();
     command->add_option("--seinfo", task.se_info, "SELinux information for its labels")
+        ->type_name("INFO")
         ->capture_default_str();
     if (command->get_name() == "backup") {
-        command->add_option("--slice-size", task.slice_size, "Of a split backup, in MiB")
+        command->add_option("--slice-size", task.slice_size, "Of a split backup, 1 to 2047 MiB")
+            ->type_name("MIB")
             ->capture_default_str();
-        command->add_option("--take", task.take,
-                            "Move the slices of a split backup there as they are handed over");
+        command
+            ->add_option("--take", task.take,
+                         "Move the slices of a split backup there as they are handed over")
+            ->type_name("DIR");
         command->add_flag("--no-verify", task.no_verify,
                           "Do not verify the archive that was written");
     }
@@ -136,13 +155,16 @@ void DeclareTask(CLI::App* command, Options* options) {
 
 void DeclareArchive(CLI::App* command, Options* options) {
     command->add_option("FILE", options->archive.file, "An archive, one slice, or a check file")
+        ->type_name("FILE")
         ->required();
 }
 
 void DeclareExport(CLI::App* command, Options* options) {
     command->add_option("CHECKFILE", options->archive.file, "The check file of a set of slices")
+        ->type_name("FILE")
         ->required();
     command->add_option("OUT", options->archive.out, "The new archive, - for standard output")
+        ->type_name("FILE")
         ->required();
 }
 
@@ -172,40 +194,78 @@ void DeclareOptions(CLI::App* app, Options* options) {
     for (const LogLevel& level : kLogLevels) {
         levels.emplace_back(level.name);
     }
-    app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION);
+    app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
+                          "Print the version and exit");
     app->add_option("--library", options->library,
-                    "The library to load (default: the one beside this program, else the "
-                    "installed one)");
+                    "The library to load instead of the installed one")
+        ->type_name("FILE");
     app->add_option("--data", options->data,
-                    "Mount this directory on /data, for this process only (needs root)");
+                    "Show this directory as /data, to this process only (needs root)")
+        ->type_name("DIR");
     app->add_option("--log", options->log, "Lowest priority of the library's log to show")
+        ->type_name("LEVEL")
         ->check(CLI::IsMember(levels))
         ->capture_default_str();
     app->add_flag("--json", options->json, "Print JSON objects, one per line");
     app->require_subcommand(0, 1);
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
+        command->fallthrough();
         row.declare(command, options);
     }
 }
 
+// What is wrong with a command line, and which help tells more.
+int FailUsage(const CLI::App& app, const std::string& reason) {
+    const std::vector<CLI::App*> commands = app.get_subcommands();
+    return Fail(kUsage, fmt::format("{}; see peltexctl {}--help", reason,
+                                    commands.empty() ? "" : commands[0]->get_name() + " "));
+}
+
+// The first word that is no option, where no subcommand was found.
+std::string NoSubcommand(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const Subcommand& row : kSubcommands) {
+        names.emplace_back(row.name);
+    }
+    const std::vector<std::string> words = app.remaining();
+    return fmt::format("{}: {}",
+                       words.empty() ? "a subcommand is missing"
+                                     : fmt::format("\"{}\" is no subcommand", words[0]),
+                       fmt::join(names, ", "));
+}
+
 int Main(int argc, char** argv) {
-    CLI::App app("Opens sessions in libpeltexinstalld.so and sends commands to it.", "peltexctl");
+    CLI::App app("Back up and restore application data, and read such archives", "peltexctl");
     Options options;
     DeclareOptions(&app, &options);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ExtrasError& extra) {
+        return FailUsage(app, app.get_subcommands().empty() ? NoSubcommand(app) : extra.what());
     } catch (const CLI::ParseError& end) {
         // Help and version arrive here too, with the exit code 0.
-        return end.get_exit_code() == 0 ? app.exit(end) : Fail(kUsage, end.what());
+        return end.get_exit_code() == 0 ? app.exit(end) : FailUsage(app, end.what());
     }
     for (const Subcommand& row : kSubcommands) {
         if (app.got_subcommand(row.name)) {
             options.task.subcommand = row.name;
+            HoldSignals();
+            const auto start = std::chrono::steady_clock::now();
+            const SignalScope signals(
+                [&row, start] {
+                    const std::chrono::duration<double> run =
+                        std::chrono::steady_clock::now() - start;
+                    fmt::print(stderr, "{}: running for {}\n", row.name, HumanTime(run.count()));
+                },
+                [] {
+                    PrintError("interrupted");
+                    _exit(kInterrupted);
+                });
             return row.run(options);
         }
     }
-    return Fail(kUsage, "a subcommand is missing, see --help");
+    return FailUsage(app, NoSubcommand(app));
 }
 
 }  // namespace
@@ -223,6 +283,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "peltexctl: standard output could not be written\n");
         status = status == peltexctl::kDone ? peltexctl::kTaskFailed : status;
     }
+    peltexctl::LeaveSignals();
     // Without the destructors of static objects: the library's would take its state from under
     // worker threads that are still on their way out.
     _exit(status);

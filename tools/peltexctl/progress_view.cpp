@@ -1,13 +1,16 @@
+// Tested by tests/peltexctl/test_terminal.py.
 #include "progress_view.h"
 
+#include <android/log.h>
 #include <fmt/format.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
+#include <utility>
 
+#include "terminal.h"
 #include "text.h"
 
 namespace peltexctl {
@@ -16,101 +19,132 @@ namespace {
 
 constexpr std::chrono::milliseconds kBarInterval{100};
 constexpr std::chrono::seconds kLineInterval{1};
+constexpr size_t kMaxBar = 40;
+constexpr size_t kMinBar = 10;
 
-size_t TerminalColumns() {
-    winsize size = {};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+std::mutex g_log_mutex;
+ProgressView* g_log_view = nullptr;  // protected by g_log_mutex
+
+// Logged as an error for each further part of a cut file, which is none.
+bool IsNoError(const __android_log_message& message) {
+    return __android_log_get_minimum_priority() == ANDROID_LOG_ERROR &&
+           std::string_view(message.message) == "CreateFile:appending this file\n";
+}
+
+void LogPastBar(const __android_log_message* message) {
+    if (IsNoError(*message)) {
+        return;
+    }
+    const std::lock_guard lock(g_log_mutex);
+    if (g_log_view == nullptr) {
+        __android_log_stderr_logger(message);
+    } else {
+        g_log_view->Aside([message] { __android_log_stderr_logger(message); });
+    }
+}
+
+void SetLogView(ProgressView* view) {
+    const std::lock_guard lock(g_log_mutex);
+    g_log_view = view;
 }
 
 }  // namespace
 
-ProgressView::ProgressView(bool terminal, uint64_t total) : terminal_(terminal), total_(total) {}
-
-void ProgressView::OnStatus(const StatusEvent& event) {
-    const std::lock_guard lock(mutex_);
-    if (event.code == kStatusProgress) {
-        OnProgress(event);
-        return;
-    }
-    if (event.code == kStatusStarted) {
-        running_ = true;
-    }
-    std::string line = fmt::format("task {}: {}", event.task, EscapeBytes(DescribeStatus(event)));
-    if (event.code == kStatusSuccess || event.code == kStatusFailed) {
-        running_ = false;
-        const std::chrono::duration<double> elapsed = Clock::now() - start_;
-        line += fmt::format(" after {:.1f} s", elapsed.count());
-    }
-    PrintLine(line);
+ProgressView::ProgressView(Scale scale, std::function<std::string()> slices)
+    : scale_(scale), slices_(std::move(slices)), redraws_(CanRedraw(stderr)) {
+    SetLogView(this);
+    __android_log_set_logger(LogPastBar);
 }
 
-void ProgressView::Note(const std::string& text) {
+ProgressView::~ProgressView() {
+    SetLogView(nullptr);
+    EraseBar();
+}
+
+void ProgressView::Heard(const StatusEvent& event) {
     const std::lock_guard lock(mutex_);
-    PrintLine(EscapeBytes(text));
+    if (event.code == kStatusProgress) {
+        done_ = std::strtoull(event.message.c_str(), nullptr, 10);
+    }
+    task_ = event.task;
+    running_ = event.code == kStatusStarted || (running_ && !EndsTask(event));
+}
+
+void ProgressView::Aside(const std::function<void()>& print) {
+    const std::lock_guard lock(mutex_);
+    EraseBar();
+    print();
 }
 
 void ProgressView::Tick() {
     const std::lock_guard lock(mutex_);
-    if (terminal_ && running_ && Clock::now() - last_drawn_ >= kBarInterval) {
+    const Clock::time_point now = Clock::now();
+    if (!running_ || now - std::max(last_shown_, start_) <
+                         (redraws_ ? Clock::duration(kBarInterval) : kLineInterval)) {
+        return;
+    }
+    last_shown_ = now;
+    if (redraws_) {
         DrawBar();
+    } else {
+        PrintLine();
     }
 }
 
-void ProgressView::OnProgress(const StatusEvent& event) {
-    done_ = std::strtoull(event.message.c_str(), nullptr, 10);
-    const Clock::time_point now = Clock::now();
-    if (terminal_) {
-        if (now - last_drawn_ >= kBarInterval) {
-            DrawBar();
-        }
-        return;
-    }
-    if (now - last_drawn_ >= kLineInterval) {
-        last_drawn_ = now;
-        PrintLine(fmt::format("task {}: {}", event.task, Figures()));
+void ProgressView::Report() {
+    const std::lock_guard lock(mutex_);
+    EraseBar();
+    PrintLine();
+}
+
+void ProgressView::PrintLine() const {
+    if (running_) {
+        fmt::print(stderr, "task {}: {}\n", task_, Standing());
+    } else {
+        fmt::print(stderr, "no task is running\n");
     }
 }
 
 void ProgressView::DrawBar() {
-    last_drawn_ = Clock::now();
-    const std::string figures = Figures();
-    const size_t columns = TerminalColumns();
-    std::string bar;
-    if (total_ > 0 && columns > figures.size() + 13) {
-        const size_t width = std::min<size_t>(columns - figures.size() - 3, 40);
+    std::string line = Standing();
+    const size_t columns = Columns(stderr) - 1;
+    if (scale_.total > 0 && columns > line.size() + kMinBar + 3) {
+        const size_t width = std::min(columns - line.size() - 3, kMaxBar);
         const auto filled = static_cast<size_t>(Share() * static_cast<double>(width));
-        bar = fmt::format("[{}{}] ", std::string(filled, '#'), std::string(width - filled, '.'));
+        line = fmt::format("[{}{}] {}", Paint(stderr, Colour::kGreen, std::string(filled, '#')),
+                           std::string(width - filled, '.'), line);
+    } else {
+        line.resize(std::min(line.size(), columns));
     }
-    fmt::print("\r{}{}\x1b[K", bar, figures);
-    std::fflush(stdout);
+    fmt::print(stderr, "\r{}\x1b[K", line);
     bar_shown_ = true;
 }
 
-void ProgressView::PrintLine(const std::string& line) {
-    if (bar_shown_) {
-        DrawBar();
-        bar_shown_ = false;
-        fmt::print("\n");
+void ProgressView::EraseBar() {
+    if (std::exchange(bar_shown_, false)) {
+        fmt::print(stderr, "\r\x1b[K");
     }
-    fmt::print("{}\n", line);
-    std::fflush(stdout);
 }
 
-// Files may have grown since the total was taken.
 double ProgressView::Share() const {
-    return static_cast<double>(std::min(done_, total_)) / static_cast<double>(total_);
+    return static_cast<double>(std::min(done_, scale_.total)) / static_cast<double>(scale_.total);
 }
 
-std::string ProgressView::Figures() const {
+std::string ProgressView::Standing() const {
     const std::chrono::duration<double> elapsed = Clock::now() - start_;
-    const auto seconds = static_cast<int64_t>(elapsed.count());
-    std::string text = HumanSize(done_);
-    if (total_ > 0) {
-        text += fmt::format(" of {} ({} %)", HumanSize(total_), static_cast<int>(100 * Share()));
+    std::string text;
+    if (scale_.total > 0) {
+        text = fmt::format("{:2} %, {} of {}, ", static_cast<int>(100 * Share()), HumanSize(done_),
+                           HumanSize(scale_.total));
+    } else if (scale_.counts_bytes) {
+        text = HumanSize(done_) + ", ";
     }
-    const double rate = static_cast<double>(done_) / std::max(elapsed.count(), 0.001);
-    return text + fmt::format(", {}/s, {}:{:02}", HumanSize(static_cast<uint64_t>(rate)),
-                              seconds / 60, seconds % 60);
+    if (scale_.counts_bytes) {
+        text += HumanRate(done_, elapsed.count()) + ", ";
+    }
+    text += HumanTime(elapsed.count());
+    const std::string slices = slices_();
+    return slices.empty() ? text : text + ", " + slices;
 }
 
 }  // namespace peltexctl

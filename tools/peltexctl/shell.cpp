@@ -2,16 +2,21 @@
 #include "shell.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "exit_code.h"
 #include "session_client.h"
+#include "signals.h"
+#include "terminal.h"
 #include "text.h"
 #include "thread_list.h"
 
@@ -43,12 +48,14 @@ class Shell {
     static const DotLine kDotLines[];
 
     Shell(const Library& library, EventWriter* events)
-        : events_(*events),
-          client_(library, [events](const StatusEvent& event) { events->Status(event); }) {}
+        : events_(*events), client_(library, [this](const StatusEvent& event) { Heard(event); }) {}
 
     int Run();
 
   private:
+    void Heard(const StatusEvent& event);
+    void Report();
+    void Interrupt();
     void OpenSession();
     void HandleLine(const std::string& line);
     void HandleDotLine(const std::string& line);
@@ -68,6 +75,10 @@ class Shell {
     SessionClient client_;
     int session_ = kNoSession;
     bool quit_ = false;
+
+    std::mutex mutex_;
+    // Protected by mutex_.
+    std::map<int, TaskTracker::Clock::time_point> progress_shown_;  // when, by task
 };
 
 const Shell::DotLine Shell::kDotLines[] = {
@@ -77,18 +88,52 @@ const Shell::DotLine Shell::kDotLines[] = {
     {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended", &Shell::Wait},
     {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK", &Shell::WaitFor},
     {".sleep", 1, 1, "MS", "do nothing for MS milliseconds", &Shell::Sleep},
-    {".die", 0, 0, "", "let the current callback's process die", &Shell::Die},
+    {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
+     &Shell::Die},
     {".threads", 0, 0, "", "list the threads of this process", &Shell::Threads},
     {".quit", 0, 0, "", "end as at the end of input", &Shell::Quit},
 };
 
 int Shell::Run() {
+    const SignalScope signals([this] { Report(); }, [this] { Interrupt(); });
     OpenSession();
     std::string line;
     while (!quit_ && std::getline(std::cin, line)) {
         HandleLine(line);
     }
     return End();
+}
+
+// People are told of a task's progress once a second.
+void Shell::Heard(const StatusEvent& event) {
+    if (!events_.json() && event.code == kStatusProgress) {
+        constexpr std::chrono::seconds kInterval{1};
+        const TaskTracker::Clock::time_point now = TaskTracker::Clock::now();
+        const std::lock_guard lock(mutex_);
+        const auto [shown, is_first] = progress_shown_.emplace(event.task, now);
+        if (is_first || now - shown->second < kInterval) {
+            return;
+        }
+        shown->second = now;
+    }
+    events_.Status(event);
+}
+
+void Shell::Report() {
+    const std::vector<std::string> lines = client_.tasks().DescribeUnfinished();
+    for (const std::string& line : lines) {
+        fmt::print(stderr, "{}\n", EscapeBytes(line));
+    }
+    if (lines.empty()) {
+        fmt::print(stderr, "no task is running\n");
+    }
+}
+
+void Shell::Interrupt() {
+    for (const std::string& line : client_.tasks().DescribeUnfinished()) {
+        PrintError("interrupted: left unfinished: " + line);
+    }
+    _exit(kInterrupted);
 }
 
 void Shell::OpenSession() {
@@ -109,7 +154,8 @@ void Shell::HandleDotLine(const std::string& line) {
     const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
                                     [&words](const DotLine& row) { return row.name == words[0]; });
     if (known == std::end(kDotLines)) {
-        events_.Error(fmt::format("no dot line is called {}", words[0]));
+        events_.Error(
+            fmt::format("no dot line is called {}; see peltexctl shell --help", words[0]));
         return;
     }
     words.erase(words.begin());

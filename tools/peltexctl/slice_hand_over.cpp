@@ -68,7 +68,9 @@ std::error_code CopyContent(const fs::path& from, const fs::path& to, mode_t mod
             done += count;
         }
     }
-    if (length < 0 || fsync(target.fd()) != 0 || target.Close() != 0) {
+    // The mode again: that of a new file lacks what the umask takes.
+    if (length < 0 || fchmod(target.fd(), mode) != 0 || fsync(target.fd()) != 0 ||
+        target.Close() != 0) {
         return LastError();
     }
     return {};
@@ -104,7 +106,7 @@ std::string Move(const std::string& from, const std::string& to) {
             error = CopyAway(from, to);
         }
     }
-    return error ? fmt::format("{} could not be taken to {}: {}", from, to, error.message()) : "";
+    return error ? fmt::format("{}: could not be taken to {}: {}", from, to, error.message()) : "";
 }
 
 }  // namespace
@@ -114,7 +116,7 @@ SliceHandOver::SliceHandOver(Send send, std::string command, std::string take)
 
 void SliceHandOver::Heard(const StatusEvent& event) {
     std::unique_lock<std::mutex> settled(end_mutex_, std::defer_lock);
-    if (event.code == kStatusSlicePackaged || event.message == "processTask finish") {
+    if (event.code == kStatusSlicePackaged || EndsTask(event)) {
         settled.lock();
     }
     {
@@ -123,10 +125,16 @@ void SliceHandOver::Heard(const StatusEvent& event) {
         if (event.code == kStatusSlicePackaged) {
             Slice slice = Parse(event.message);
             slice.heard = heard_;
+            if (!slice.path.empty()) {
+                slices_.push_back(slice.path);
+                if (aborting_) {
+                    kept_.KeepOrRename(slice.path);
+                }
+            }
             handed_.push_back(std::move(slice));
         }
     }
-    if (event.message == "processTask finish") {
+    if (EndsTask(event)) {
         ended_ = true;
     }
 }
@@ -167,6 +175,7 @@ std::string SliceHandOver::Step() {
         }
         std::string error = taking_.get();
         if (!error.empty()) {
+            failed_ = true;
             return error;
         }
         if (!current_->last) {
@@ -181,20 +190,69 @@ std::string SliceHandOver::Step() {
     return "";
 }
 
-std::string SliceHandOver::TakeRest(const std::string& check_file) {
+std::string SliceHandOver::PrepareAbort() {
+    std::string error = TakeHanded();
+    // From here on each slice is kept as it is handed over.
+    const std::lock_guard lock(mutex_);
+    aborting_ = true;
+    if (!slices_.empty()) {
+        kept_.KeepOrRename(slices_.back());
+    }
+    return error;
+}
+
+std::string SliceHandOver::Finish(const std::string& check_file) {
+    kept_.PutBack();
+    std::string error = TakeHanded();
+    if (take_.empty() || failed_ || check_file.empty()) {
+        return error;
+    }
+    return Move(check_file, TakenPath(check_file));
+}
+
+std::string SliceHandOver::TakeHanded() {
     std::string error;
     if (taking_.valid()) {
         error = taking_.get();
+        failed_ = !error.empty();
     }
-    if (take_.empty()) {
+    if (take_.empty() || failed_) {
         return error;
     }
-    for (std::optional<Slice> slice = NextSlice(); error.empty() && slice; slice = NextSlice()) {
-        if (!slice->path.empty() && !(aborted_ && !fs::exists(slice->path))) {
-            error = Move(slice->path, TakenPath(slice->path));
-        }
+    for (std::optional<Slice> slice = NextSlice(); slice && !failed_; slice = NextSlice()) {
+        error = slice->path.empty() ? "" : Move(slice->path, TakenPath(slice->path));
+        failed_ = !error.empty();
     }
-    return error.empty() && !check_file.empty() ? Move(check_file, TakenPath(check_file)) : error;
+    return error;
+}
+
+uint64_t SliceHandOver::Count() const {
+    const std::lock_guard lock(mutex_);
+    return slices_.size();
+}
+
+std::string SliceHandOver::DescribeLeft() const {
+    const std::lock_guard lock(mutex_);
+    uint64_t taken = 0;
+    uint64_t here = 0;
+    std::error_code error;
+    for (const std::string& path : slices_) {
+        const bool is_here = fs::exists(path, error);
+        here += is_here ? 1 : 0;
+        taken += !is_here && fs::exists(TakenPath(path), error) ? 1 : 0;
+    }
+    const auto count = [](uint64_t number) {
+        return fmt::format("{} slice{}", number, number == 1 ? "" : "s");
+    };
+    if (taken + here == 0) {
+        return "no slice is left";
+    }
+    std::string left = taken > 0 ? fmt::format("{} in {}", count(taken), take_) : "";
+    if (here > 0) {
+        left += fmt::format("{}{} in {}", taken > 0 ? " and " : "", count(here),
+                            fs::path(slices_.back()).parent_path().string());
+    }
+    return left + (taken + here == 1 ? " is left" : " are left");
 }
 
 std::string SliceHandOver::TakenPath(const std::string& path) const {

@@ -16,8 +16,10 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "events.h"
+#include "kept_files.h"
 
 namespace peltexctl {
 
@@ -39,16 +41,23 @@ class SliceHandOver {
     // backup is then to be aborted.
     std::string Step();
 
-    // Takes what was handed over and is still there, waiting for it; after the backup's end also
-    // the check file, where `check_file` names one. Returns what went wrong.
-    std::string TakeRest(const std::string& check_file);
+    // The backup is about to be aborted, with which the library removes the slice that it works on,
+    // be it handed over or not. Takes what was handed over, waiting for it, and keeps what cannot
+    // be taken where it is. Returns what went wrong.
+    std::string PrepareAbort();
 
-    // The backup is about to be aborted: the library removes the slice that it works on, which can
-    // be one that has just been handed over. What is gone is no fault from here on.
-    void ExpectAbort() { aborted_ = true; }
+    // The backup has ended: takes the rest and, where `check_file` names one, the check file.
+    // Returns what went wrong.
+    std::string Finish(const std::string& check_file);
 
     // Where a file of the backup is after it was taken.
     std::string TakenPath(const std::string& path) const;
+
+    // How many slices were handed over.
+    uint64_t Count() const;
+
+    // Where how many of them are.
+    std::string DescribeLeft() const;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -60,6 +69,7 @@ class SliceHandOver {
     };
 
     static Slice Parse(const std::string& message);
+    std::string TakeHanded();
     std::optional<Slice> NextSlice();
     bool HasMoved() const;
     void Continue();
@@ -71,13 +81,16 @@ class SliceHandOver {
     // Of the thread that steps.
     std::optional<Slice> current_;     // handed over and not yet continued
     std::future<std::string> taking_;  // valid while current_ is being taken
-    bool aborted_ = false;
-    Clock::time_point last_sent_{};  // of a continuation or keep-alive
+    bool failed_ = false;              // a slice could not be taken
+    Clock::time_point last_sent_{};    // of a continuation or keep-alive
 
     mutable std::mutex mutex_;
     // Protected by mutex_.
-    std::deque<Slice> handed_;
+    std::deque<Slice> handed_;         // those that nobody has looked at yet
+    std::vector<std::string> slices_;  // all that were handed over
     uint64_t heard_ = 0;
+    bool aborting_ = false;
+    KeptFiles kept_;
 
     std::mutex end_mutex_;  // held over a continuation; never waited for with the library's locks
     // Protected by end_mutex_.

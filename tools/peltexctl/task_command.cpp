@@ -1,27 +1,22 @@
-// Tested by tests/peltexctl/test_command_line.py.
+// Tested by tests/peltexctl/test_command_line.py and test_summaries.py.
 #include "task_command.h"
 
 #include <fmt/format.h>
-#include <pthread.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <csignal>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
 #include <filesystem>
-#include <memory>
+#include <optional>
 #include <system_error>
 #include <vector>
 
 #include "archive_commands.h"
 #include "events.h"
 #include "exit_code.h"
-#include "progress_view.h"
-#include "session_client.h"
-#include "slice_hand_over.h"
+#include "restored_slices.h"
+#include "signals.h"
+#include "task_run.h"
+#include "task_words.h"
 #include "text.h"
 
 namespace peltexctl {
@@ -29,48 +24,6 @@ namespace peltexctl {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::chrono::milliseconds kTick{20};
-
-// What the library means by an answer that is no task's id.
-const char* DescribeRefusal(int result) {
-    switch (result) {
-        case -1:
-            return "no such session, or no worker could be started";
-        case -3:
-            return "it does not know the command in this form";
-        case -4:
-            return "an equal task is waiting or running";
-        case -5:
-            return "no worker could be woken";
-        case 0:
-            return "there is nothing to do, the source does not exist";
-        default:
-            return "it gives no reason";
-    }
-}
-
-uint64_t SizeOfFile(const fs::path& path) {
-    struct stat info = {};
-    return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)
-               ? static_cast<uint64_t>(info.st_size)
-               : 0;
-}
-
-// Bytes of all regular files under `path`; what cannot be read counts nothing.
-uint64_t TotalSize(const std::string& path) {
-    if (path.empty()) {
-        return 0;
-    }
-    uint64_t total = SizeOfFile(path);
-    std::error_code error;
-    const auto options = fs::directory_options::skip_permission_denied;
-    for (fs::recursive_directory_iterator entry(path, options, error), end; !error && entry != end;
-         entry.increment(error)) {
-        total += SizeOfFile(entry->path());
-    }
-    return total;
-}
 
 // Entries are unpacked into a directory that is there; the library makes none.
 class MadeDirectory {
@@ -101,198 +54,102 @@ class MadeDirectory {
     std::vector<fs::path> made_;  // the deepest first
 };
 
-// Holds back the signals that ask the program to end, so that they can be asked for. Threads made
-// later inherit that.
-class EndSignals {
-  public:
-    EndSignals() {
-        sigemptyset(&set_);
-        sigaddset(&set_, SIGINT);
-        sigaddset(&set_, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &set_, &before_);
-    }
-
-    // From here on the signals end the program as they always do.
-    void Release() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-    // Takes a signal that has arrived.
-    bool Take() {
-        const timespec now = {};
-        return sigtimedwait(&set_, nullptr, &now) > 0;
-    }
-
-  private:
-    sigset_t set_{};
-    sigset_t before_{};
+// What is known of a task before it begins.
+struct Known {
+    std::optional<TreeCounts> counts;
+    std::vector<std::string> slices;  // of a set that is to be restored
 };
 
-// One run of a task subcommand. It may go when the task has ended: no callback comes after that.
-class TaskRun {
-  public:
-    TaskRun(const Library& library, bool json, uint64_t total)
-        : json_(json),
-          events_(json ? EventWriter::Format::kJson : EventWriter::Format::kText),
-          view_(isatty(STDOUT_FILENO) == 1, total),
-          client_(library, [this](const StatusEvent& event) { Report(event); }) {}
-
-    // Makes the run take slices and continue the backup with `command` after each.
-    void TakeSlices(const std::string& command, const std::string& take) {
-        slices_ = std::make_unique<SliceHandOver>(
-            [this](const std::string& line) { return Send(line); }, command, take);
-    }
-
-    // `archive` is what the task writes, empty where it writes none.
-    int Run(const std::string& command, const std::string& archive);
-
-    // Whether the program was asked to end when the task had ended already. It ends by itself from
-    // then on when it is asked to.
-    bool WasInterrupted() {
-        const bool interrupted = signals_.Take();
-        signals_.Release();
-        return interrupted;
-    }
-
-    // Where the archive is after the run.
-    std::string ArchivePath(const std::string& archive) const {
-        return slices_ ? slices_->TakenPath(archive) : archive;
-    }
-
-  private:
-    void Report(const StatusEvent& event);
-    int Refused(int result);
-    int FollowTask(int task, const std::string& archive);
-    int Send(const std::string& command);
-    void Abort(int task);
-    void SaveSlices();
-    bool TookSlices(const std::string& error);
-
-    EndSignals signals_;
-    const bool json_;
-    EventWriter events_;
-    ProgressView view_;
-    SessionClient client_;
-    int session_ = 0;
-    std::unique_ptr<SliceHandOver> slices_;  // of a split backup
-};
-
-int TaskRun::Run(const std::string& command, const std::string& archive) {
-    session_ = client_.Open();
-    if (json_) {
-        events_.Session(session_);
-    }
-    const int result = Send(command);
-    const int status = result > 0 ? FollowTask(result, archive) : Refused(result);
-    const int closed = client_.Finish(session_);
-    if (json_) {
-        events_.Closed(session_, closed);
-    }
-    return status;
-}
-
-int TaskRun::Send(const std::string& command) {
-    const int result = client_.Execute(session_, command);
-    if (json_) {
-        events_.Result(command, result);
-    }
-    return result;
-}
-
-void TaskRun::Report(const StatusEvent& event) {
-    if (slices_) {
-        slices_->Heard(event);
-    }
-    if (json_) {
-        events_.Status(event);
-        return;
-    }
-    view_.OnStatus(event);
-}
-
-int TaskRun::Refused(int result) {
-    events_.Error(fmt::format("the library answers {}: {}", result, DescribeRefusal(result)));
-    return kTaskFailed;
-}
-
-int TaskRun::FollowTask(int task, const std::string& archive) {
-    bool interrupted = false;
-    bool untaken = false;
-    std::optional<int> code;
-    while (!(code = client_.tasks().WaitEnded(task, TaskTracker::Clock::now() + kTick))) {
-        if (signals_.Take()) {
-            if (interrupted) {
-                // Asked twice: some tasks never end, such as the copy of a FIFO.
-                std::fprintf(stderr, "peltexctl: task %d is left unfinished\n", task);
-                _exit(kInterrupted);
-            }
-            interrupted = true;
-            SaveSlices();
-            Abort(task);
+Known LookAt(const TaskKind& kind, const TaskRequest& request, EventWriter* events) {
+    const SignalScope signals([] { fmt::print(stderr, "counting what there is to do\n"); },
+                              [events] {
+                                  events->Error("interrupted: nothing was begun");
+                                  _exit(kInterrupted);
+                              });
+    Known known;
+    const std::string content = kind.content(request);
+    if (LibraryTakes(content)) {
+        known.counts = CountTree(content, kind.Rules());
+    } else if (kind.Unpacks() && LibraryTakes(request.source)) {
+        if (kind.form == TaskKind::Form::kSlices) {
+            known.slices = ListSlices(request.source);
+            RestoredSlices::Recover(known.slices);
         }
-        if (slices_ && !interrupted && !untaken && !TookSlices(slices_->Step())) {
-            untaken = true;
-            Abort(task);
-        }
-        if (!json_) {
-            view_.Tick();
+        known.counts = CountArchive(request.source);
+    }
+    return known;
+}
+
+// Sooner than after the first slice. Returns what is wrong, empty when nothing is.
+std::string MakeTakeDirectory(const std::string& take) {
+    std::error_code error;
+    if (!take.empty()) {
+        fs::create_directories(take, error);
+        if (!error && !fs::is_directory(take)) {
+            error = std::make_error_code(std::errc::not_a_directory);
         }
     }
-    const bool succeeded = *code == kStatusSuccess;
-    if (slices_ && !untaken && !TookSlices(slices_->TakeRest(succeeded ? archive : ""))) {
-        untaken = true;
-    }
-    if (interrupted) {
-        return kInterrupted;
-    }
-    return succeeded && !untaken ? kDone : kTaskFailed;
+    return error ? fmt::format("{}: slices cannot be taken there: {}; give another --take DIR",
+                               take, error.message())
+                 : "";
 }
 
-// What was handed over is the client's: it is taken before an abort, which would remove it.
-void TaskRun::SaveSlices() {
-    if (slices_) {
-        TookSlices(slices_->TakeRest(""));
-        slices_->ExpectAbort();
-    }
-}
-
-bool TaskRun::TookSlices(const std::string& error) {
-    if (error.empty()) {
-        return true;
-    }
-    events_.Error(error);
-    return false;
-}
-
-void TaskRun::Abort(int task) {
-    if (!json_) {
-        view_.Note(fmt::format("task {}: stopping it", task));
-    }
-    Send(fmt::format("abort {}", task));
+int Verify(const std::string& archive, const std::string& source, int64_t began,
+           EventWriter* events, std::optional<TreeCounts>* counts) {
+    const SignalScope signals(
+        [&archive] { fmt::print(stderr, "verifying {}\n", EscapeBytes(archive)); },
+        [&archive, events] {
+            events->Error(fmt::format("interrupted: {} is written but not verified", archive));
+            _exit(kInterrupted);
+        });
+    return RunVerifyBackup(archive, source, began, events->json(), counts);
 }
 
 }  // namespace
 
 int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request, bool json) {
+    // Never destroyed: the library's threads may report to it until the process is gone.
+    static EventWriter* const events =
+        new EventWriter(json ? EventWriter::Format::kJson : EventWriter::Format::kText);
+    if (const std::string error = MakeTakeDirectory(request.take); !error.empty()) {
+        events->Error(error);
+        return kTaskFailed;
+    }
+    const Known known = LookAt(kind, request, events);
     MadeDirectory made;
-    if (kind.needs_directory) {
+    if (kind.Unpacks()) {
         made.Make(request.destination, *ParseInt(request.uid));
     }
     const int64_t began = FileSystemNow();
-    const std::string archive = kind.archive(request);
-    TaskRun run(library, json, TotalSize(kind.content(request)));
-    if (kind.has_slices) {
-        run.TakeSlices(kind.compose(kind, request), request.take);
-    }
-    const int status = run.Run(kind.compose(kind, request), archive);
-    if (status != kDone) {
+    TaskRun run(library, kind, request, events, known.counts ? known.counts->bytes : 0,
+                known.slices);
+    TaskRun::Result result = run.Run();
+    if (result.status != kDone) {
         made.Remove();
+        return result.status;
     }
-    if (status != kDone || archive.empty() || request.no_verify) {
-        return status;
+    std::optional<TreeCounts> counts = known.counts;
+    if (kind.form == TaskKind::Form::kList) {
+        counts = CountRecords(kind.file(request));
+    } else if (kind.IsBackup() && kind.HasArchive()) {
+        const std::string archive = run.TakenPath(kind.file(request));
+        counts = std::nullopt;
+        result.status =
+            request.no_verify ? kDone : Verify(archive, request.source, began, events, &counts);
     }
-    if (run.WasInterrupted()) {
-        return kInterrupted;
+    TaskSummary summary;
+    summary.task = result.task;
+    summary.seconds = result.seconds;
+    summary.has_rate = !kind.IsBrief();
+    if (counts) {
+        summary.entries = counts->entries;
+        summary.bytes = result.listed ? result.listed : counts->bytes;
     }
-    return RunVerifyBackup(run.ArchivePath(archive), request.source, began, json);
+    if (kind.form == TaskKind::Form::kSlices) {
+        summary.slices = kind.IsBackup() ? run.CountSlices() : known.slices.size();
+    }
+    events->Summary(summary);
+    return result.status;
 }
 
 }  // namespace peltexctl

@@ -2,7 +2,6 @@
 #include "task_kinds.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <optional>
@@ -80,27 +79,41 @@ std::string CheckFile(const TaskRequest& request) {
            LastComponent(WithoutTrailingSlash(request.source)) + ".tar.txt";
 }
 
+// A backup by list writes its copies beside their permission records.
+std::string ListOfCopies(const TaskRequest& request) {
+    return request.destination + LastComponent(request.destination) + ".txt";
+}
+
+std::string Destination(const TaskRequest& request) {
+    return request.destination;
+}
+
+using Form = TaskKind::Form;
+
 constexpr TaskKind kKinds[] = {
-    {"backup", "file", "one file into the directory DEST", PlainCommand, Source, Nothing, false,
-     false},
-    {"backup", "dir", "a directory into DEST, with its permission record", PlainCommand, Source,
-     Nothing, false, false},
-    {"backup", "tar", "a directory into one archive in DEST", PlainCommand, Source, WholeArchive,
-     false, false},
-    {"backup", "split", "a directory into slices in DEST, with a check file", SplitCommand, Source,
-     CheckFile, true, false},
-    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", PlainCommand, Nothing, Nothing,
-     false, false},
-    {"restore", "file", "one file to DEST", PlainCommand, Source, Nothing, false, false},
-    {"restore", "dir", "DEST from its backup in SRC", PlainCommand, NamedInSource, Nothing, false,
-     false},
-    {"restore", "tar", "DEST from the archive SRC", PlainCommand, Nothing, Nothing, false, true},
-    {"restore", "split", "DEST from the slices that the check file SRC lists; they are removed",
-     RestoreSplitCommand, Nothing, Nothing, false, true},
-    {"brief", "dir", "what the directory SRC holds", BriefCommand, Nothing, Nothing, false, false},
-    {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Nothing, Nothing, false,
-     false},
-    {"move", "", "a directory's content into DEST", MoveCommand, Source, Nothing, false, false},
+    {"backup", "file", "one file into the directory DEST", Form::kCopy, PlainCommand, Source,
+     Nothing},
+    {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
+     Form::kCopy, PlainCommand, Source, Nothing},
+    {"backup", "tar", "a directory into the archive DEST/NAME.tar", Form::kArchive, PlainCommand,
+     Source, WholeArchive},
+    {"backup", "split",
+     "a directory into the slices DEST/NAME.tar.0, .1, ... and the check file DEST/NAME.tar.txt",
+     Form::kSlices, SplitCommand, Source, CheckFile},
+    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", Form::kList, PlainCommand,
+     Nothing, ListOfCopies},
+    {"restore", "file", "the file SRC to DEST", Form::kCopy, PlainCommand, Source, Nothing},
+    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt", Form::kCopy,
+     PlainCommand, NamedInSource, Nothing},
+    {"restore", "tar", "DEST from the archive SRC", Form::kArchive, PlainCommand, Nothing, Source},
+    {"restore", "split",
+     "DEST from the slices that the check file SRC lists; they are removed when all is unpacked",
+     Form::kSlices, RestoreSplitCommand, Nothing, Source},
+    {"brief", "dir", "what the directory SRC holds", Form::kList, BriefCommand, Nothing,
+     Destination},
+    {"brief", "byfile", "what the search file SRC asks for", Form::kList, BriefCommand, Nothing,
+     Destination},
+    {"move", "", "a directory's content into DEST", Form::kCopy, MoveCommand, Source, Nothing},
 };
 
 bool IsOneWord(const std::string& text) {
@@ -119,6 +132,13 @@ bool IsUid(const std::string& text) {
 
 }  // namespace
 
+TreeRules TaskKind::Rules() const {
+    if (HasArchive()) {
+        return TreeRules::kPack;
+    }
+    return IsBackup() && std::string(kind) == "dir" ? TreeRules::kCopyOfPackage : TreeRules::kCopy;
+}
+
 std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
     std::vector<const TaskKind*> kinds;
     for (const TaskKind& row : kKinds) {
@@ -134,20 +154,13 @@ const TaskKind* CheckRequest(const TaskRequest& request, std::string* error) {
     const auto row = std::find_if(kinds.begin(), kinds.end(), [&request](const TaskKind* kind) {
         return kind->kind == request.kind;
     });
-    if (row == kinds.end()) {
-        std::vector<std::string> names;
-        names.reserve(kinds.size());
-        for (const TaskKind* kind : kinds) {
-            names.emplace_back(kind->kind);
-        }
-        *error = fmt::format("{} knows no kind \"{}\": {}", request.subcommand, request.kind,
-                             fmt::join(names, ", "));
-        return nullptr;
-    }
     for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
         if (!IsOneWord(*word)) {
             *error = fmt::format(
-                "\"{}\" cannot be sent: words of a command are not empty and hold no blank", *word);
+                "\"{}\" cannot be sent: a word of a command is not empty and holds no blank; "
+                "rename "
+                "it or reach it through a link",
+                *word);
             return nullptr;
         }
     }

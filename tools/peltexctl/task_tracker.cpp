@@ -1,6 +1,8 @@
 // Tested by tests/peltexctl/test_shell.py.
 #include "task_tracker.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -13,18 +15,15 @@ namespace {
 // announcement is the first thing that it does, so this is ample.
 constexpr std::chrono::milliseconds kAnnouncement{200};
 
-bool IsLast(const StatusEvent& event) {
-    return event.message == "processTask finish" || event.message == "prepareTask error";
-}
-
 }  // namespace
 
 void TaskTracker::Heard(const StatusEvent& event) {
     const std::lock_guard lock(mutex_);
     Task& task = tasks_[event.task];
     task.heard = true;
+    task.last_words = DescribeStatus(event);
     task.seen[event.code]++;
-    if (IsLast(event)) {
+    if (EndsTask(event)) {
         task.ended = true;
         task.last_code = event.code;
     }
@@ -141,6 +140,18 @@ std::vector<int> TaskTracker::WaitAllEnded(Clock::time_point deadline) {
         return unfinished.empty();
     });
     return unfinished;
+}
+
+std::vector<std::string> TaskTracker::DescribeUnfinished() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> lines;
+    for (const auto& [id, task] : tasks_) {
+        if (task.given && !HasEnded(id, task)) {
+            lines.push_back(
+                fmt::format("task {}: {}", id, task.heard ? task.last_words : "waiting"));
+        }
+    }
+    return lines;
 }
 
 bool TaskTracker::AnyFailed() const {

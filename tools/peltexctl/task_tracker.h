@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "events.h"
@@ -49,6 +50,9 @@ class TaskTracker {
     // Waits until every given task has ended. Returns those that have not at the deadline.
     std::vector<int> WaitAllEnded(Clock::time_point deadline);
 
+    // A line for each given task that has not ended: its id, and what was last heard of it.
+    std::vector<std::string> DescribeUnfinished() const;
+
     // True if a given task ended with -1.
     bool AnyFailed() const;
 
@@ -59,6 +63,7 @@ class TaskTracker {
         bool heard = false;
         bool ended = false;
         int last_code = 0;         // of an ended task
+        std::string last_words;    // its last status, as people read it
         std::map<int, int> seen;   // statuses by code
         std::map<int, int> taken;  // of those, the ones that WaitStatus() has answered with
     };

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <sstream>
@@ -143,6 +144,19 @@ std::string HumanSize(uint64_t bytes) {
         unit++;
     }
     return fmt::format("{:.1f} {}", value, kUnits.at(unit));
+}
+
+std::string HumanRate(uint64_t bytes, double seconds) {
+    constexpr double kShortest = 0.001;
+    const double rate = static_cast<double>(bytes) / std::max(seconds, kShortest);
+    return HumanSize(static_cast<uint64_t>(rate)) + "/s";
+}
+
+std::string HumanTime(double seconds) {
+    const auto whole = static_cast<int64_t>(seconds);
+    const std::string tail = fmt::format("{:02}", whole % 60);
+    return whole < 3600 ? fmt::format("{}:{}", whole / 60, tail)
+                        : fmt::format("{}:{:02}:{}", whole / 3600, whole / 60 % 60, tail);
 }
 
 std::string ErrorText(int error) {

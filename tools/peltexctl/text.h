@@ -29,6 +29,12 @@ std::string EscapeBytes(const std::string& bytes);
 // "512 B", "1.5 MiB": binary units, one decimal from KiB on.
 std::string HumanSize(uint64_t bytes);
 
+// "1.5 MiB/s": what that many bytes in that many seconds make.
+std::string HumanRate(uint64_t bytes, double seconds);
+
+// "0:07", "1:02:03": whole seconds.
+std::string HumanTime(double seconds);
+
 // The system's words for an errno value.
 std::string ErrorText(int error);
 
