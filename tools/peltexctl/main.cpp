@@ -19,6 +19,7 @@
 #include "events.h"
 #include "exit_code.h"
 #include "library.h"
+#include "manual.h"
 #include "shell.h"
 #include "signals.h"
 #include "task_command.h"
@@ -33,6 +34,7 @@ struct Options {
     std::optional<std::string> library;
     std::optional<std::string> data;
     std::string log = "error";
+    std::string generate;
     bool json = false;
     TaskRequest task;
     ArchiveRequest archive;
@@ -109,23 +111,18 @@ int RunArchiveCommand(const Options& options) {
     return kRun(options.archive, options.json);
 }
 
-void DeclareShell(CLI::App* command, Options* /*options*/) {
-    command->footer(ShellHelp());
-}
+void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
 
 void DeclareTask(CLI::App* command, Options* options) {
     TaskRequest& task = options->task;
     std::vector<std::string> kinds;
-    std::string footer;
     for (const TaskKind* kind : KindsOf(command->get_name())) {
         kinds.emplace_back(kind->kind);
-        footer += fmt::format("  {:<8}{}\n", kind->kind, kind->help);
     }
     if (kinds.size() > 1) {
         command->add_option("KIND", task.kind, "What is taken, see below")
             ->check(CLI::IsMember(kinds))
             ->required();
-        command->footer("Kinds:\n" + footer);
     }
     const bool is_brief = command->get_name() == "brief";
     command->add_option("SRC", task.source, "Source path")->type_name("PATH")->required();
@@ -194,6 +191,10 @@ void DeclareOptions(CLI::App* app, Options* options) {
     for (const LogLevel& level : kLogLevels) {
         levels.emplace_back(level.name);
     }
+    app->formatter_fn([](const CLI::App* asked, const std::string&, CLI::AppFormatMode) {
+        return HelpPage(*asked);
+    });
+    app->set_help_flag("-h,--help", "Print help and exit");
     app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
                           "Print the version and exit");
     app->add_option("--library", options->library,
@@ -207,12 +208,20 @@ void DeclareOptions(CLI::App* app, Options* options) {
         ->check(CLI::IsMember(levels))
         ->capture_default_str();
     app->add_flag("--json", options->json, "Print JSON objects, one per line");
+    app->add_option("--generate", options->generate, "What the build makes of this program")
+        ->check(CLI::IsMember({"1", "bash"}))
+        ->group("");
     app->require_subcommand(0, 1);
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
         command->fallthrough();
         row.declare(command, options);
     }
+}
+
+int Generate(const CLI::App& app, const std::string& form) {
+    fmt::print("{}", form == "1" ? ManPage(app) : BashCompletion(app));
+    return kDone;
 }
 
 // What is wrong with a command line, and which help tells more.
@@ -246,6 +255,9 @@ int Main(int argc, char** argv) {
     } catch (const CLI::ParseError& end) {
         // Help and version arrive here too, with the exit code 0.
         return end.get_exit_code() == 0 ? app.exit(end) : FailUsage(app, end.what());
+    }
+    if (!options.generate.empty()) {
+        return Generate(app, options.generate);
     }
     for (const Subcommand& row : kSubcommands) {
         if (app.got_subcommand(row.name)) {

@@ -270,13 +270,14 @@ int RunShell(const Library& library, EventWriter* events) {
     return Shell(library, events).Run();
 }
 
-std::string ShellHelp() {
-    std::string help = "Lines that begin with a dot are the shell's own:\n";
+std::vector<Definition> ShellLines() {
+    std::vector<Definition> lines;
     for (const Shell::DotLine& row : Shell::kDotLines) {
-        help +=
-            fmt::format("  {:<30}{}\n", fmt::format("{} {}", row.name, row.arguments), row.help);
+        lines.push_back(
+            {std::string(row.name) + (*row.arguments != '\0' ? " " : "") + row.arguments,
+             row.help});
     }
-    return help;
+    return lines;
 }
 
 }  // namespace peltexctl

@@ -1,17 +1,18 @@
 // The shell: commands from standard input to the library, events to standard output.
 #pragma once
 
-#include <string>
+#include <vector>
 
 #include "events.h"
 #include "library.h"
+#include "manual_text.h"
 
 namespace peltexctl {
 
 // Runs to the end of standard input and returns the program's exit status.
 int RunShell(const Library& library, EventWriter* events);
 
-// The dot lines with what they do, one per line.
-std::string ShellHelp();
+// The lines of the shell itself, with what they do.
+std::vector<Definition> ShellLines();
 
 }  // namespace peltexctl
