@@ -32,9 +32,13 @@ install(FILES ${CMAKE_BINARY_DIR}/peltexinstalld.pc
 file(RELATIVE_PATH bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(peltexctl PROPERTIES INSTALL_RPATH $ORIGIN/${bin_to_lib})
 install(TARGETS peltexctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
+install(FILES ${CMAKE_BINARY_DIR}/peltexctl.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+install(FILES ${CMAKE_BINARY_DIR}/peltexctl.bash RENAME peltexctl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
 
 # Laid out as here, so that they find each other.
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(FILES tests/embed/embed.cpp
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/tests/embed COMPONENT development)

@@ -12,6 +12,7 @@ packages_bench="libbenchmark-dev libarchive-tools toybox busybox rsync"
 packages_libcxx="libc++-14-dev libc++abi-14-dev googletest"
 packages_aarch64="g++-aarch64-linux-gnu qemu-user googletest"
 packages_plots="python3-matplotlib"
+packages_package="git dpkg-dev lintian debootstrap"
 packages_lint="git clang-format-14 clang-format clang-tidy-14 clang-tidy"
 
 fail() {
