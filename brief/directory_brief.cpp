@@ -55,7 +55,9 @@ int BriefWalk::write(const char* dir, const Vector<std::string>& excludes) {
         ALOGE("Failed to PreCheckForWriteBrief,path is NULL or length of path is 0");
         return -1;
     }
-    const UniqueDir stream = openDirectory(mDirFd, dir);
+    // Of the included directory's own path alone a link is followed: the application goes on
+    // running, and what was a directory when it was looked at may be one by now.
+    const UniqueDir stream = openDirectory(mDirFd, dir, mDirFd == AT_FDCWD ? 0 : O_NOFOLLOW);
     if (stream == nullptr && !exists(dir)) {
         ALOGE("Failed to PreCheckForWriteBrief,%s not exists", dir);
         return -1;

@@ -68,6 +68,24 @@ int copyContent(int source, int target, const char* from, const sp<BackupTask>& 
     }
 }
 
+// The application goes on running: what was a directory when it was looked at may be a link by now,
+// and root must not follow it out of the tree. The tree's own path may be one.
+int noFollowBelowTop(int parentFd) {
+    return parentFd == AT_FDCWD ? 0 : O_NOFOLLOW;
+}
+
+int removeDirectory(int parentFd, const char* path) {
+    return parentFd == AT_FDCWD ? remove(path)
+                                : unlinkat(parentFd, lastComponent(path), AT_REMOVEDIR);
+}
+
+int copyFileAt(int dirFd, const char* from, mode_t mode, const char* to,
+               const sp<BackupTask>& task);
+
+// `directory` is the tree's own name, in the directory `parentFd`; `path` is the buffer that holds
+// it and that the walk extends.
+int deleteTree(int parentFd, const char* directory, PathBuffer& path);
+
 // One copy of a tree: the two paths, extended and cut back together as the walk goes down and up.
 class TreeCopier {
   public:
@@ -103,7 +121,7 @@ int TreeCopier::copyTree(const char* from, const char* to) {
         return -1;
     }
     const bool filterLibrary = mTask->taskType == BACKUP_DIR && mTask->taskSrcPath == from;
-    const UniqueDir dir = openDirectory(mDirFd, from);
+    const UniqueDir dir = openDirectory(mDirFd, from, noFollowBelowTop(mDirFd));
     if (dir == nullptr) {
         ALOGE("Failed to copyDir, opendir(%s) error", from);
         return -1;
@@ -158,7 +176,7 @@ int TreeCopier::copyDirectory(const char* name, bool filterLibrary) {
     if (writeRecord() != 0) {
         return -1;
     }
-    if (isMove() && deleteDir(mFrom.c_str()) != 0) {
+    if (isMove() && deleteTree(mDirFd, mFrom.c_str(), mFrom) != 0) {
         ALOGD("Failed to delete the Dir after copydir, deleteDir(%s)", mFrom.c_str());
     }
     return 0;
@@ -174,13 +192,13 @@ int TreeCopier::copyRegular(const struct stat& status) {
               mTo.c_str());
         return 0;
     }
-    if (copyFile(mFrom.c_str(), mTo.c_str(), mTask) != 0) {
+    if (copyFileAt(mDirFd, mFrom.c_str(), status.st_mode, mTo.c_str(), mTask) != 0) {
         return handleFailedCopy();
     }
     if (writeRecord() != 0) {
         return -1;
     }
-    if (isMove() && remove(mFrom.c_str()) != 0) {
+    if (isMove() && unlinkat(mDirFd, lastComponent(mFrom.c_str()), 0) != 0) {
         ALOGD("Failed to removefile after copyFile, remove(%s)", mFrom.c_str());
     }
     return 0;
@@ -226,30 +244,28 @@ const char* deepestExisting(PathBuffer& path) {
     return path.data();
 }
 
-int deleteTree(const char* directory, PathBuffer& path);
-
 // Returns 0 for an entry that is gone or is left alone, -1 for one that could not be removed.
-int deleteEntry(PathBuffer& path) {
-    const int kind = isDir(path.c_str());
-    if (kind == 0 && remove(path.c_str()) != 0) {
+int deleteEntry(int dirFd, PathBuffer& path) {
+    struct stat status = {};
+    const int kind = isDirAt(dirFd, path.c_str(), status);
+    if (kind == 0 && unlinkat(dirFd, lastComponent(path.c_str()), 0) != 0) {
         ALOGE("Failed to deleteDir, remove(%s) error", path.c_str());
         return -1;
     }
     if (kind == 1 && !isDotName(lastComponent(path.c_str())) &&
-        deleteTree(path.c_str(), path) != 0) {
+        deleteTree(dirFd, path.c_str(), path) != 0) {
         ALOGE("Failed to deleteDir, deleteDir(%s) error", path.c_str());
         return -1;
     }
     return 0;
 }
 
-// `directory` is the tree's own name, `path` the buffer that holds it and that the walk extends.
-int deleteTree(const char* directory, PathBuffer& path) {
+int deleteTree(int parentFd, const char* directory, PathBuffer& path) {
     if (!exists(directory)) {
         ALOGD("BackupSessionManager deleteDir, %s not exists", directory);
         return 0;
     }
-    const UniqueDir dir(opendir(directory));
+    const UniqueDir dir = openDirectory(parentFd, directory, noFollowBelowTop(parentFd));
     if (dir == nullptr) {
         return -1;
     }
@@ -257,16 +273,60 @@ int deleteTree(const char* directory, PathBuffer& path) {
     int result = 0;
     while (const dirent* entry = result == 0 ? nextEntry(dir) : nullptr) {
         if (path.appendEntry(entry->d_name)) {
-            result = deleteEntry(path);
+            result = deleteEntry(dirfd(dir.get()), path);
             path.cut(length);
         }
     }
     // Tried after a failure too: with what was left alone in it, it fails and says so.
-    if (remove(directory) != 0) {
+    if (removeDirectory(parentFd, directory) != 0) {
         ALOGE("Failed to deleteDir, remove(%s) error", directory);
         return -1;
     }
     return result;
+}
+
+// The steps of copyFile() and of a tree's copy, which opens a file in its directory `dirFd`
+// (AT_FDCWD: by its path), and as what it has been found to be: no link that took its place is
+// followed, and no FIFO waited for. `mode` is 0 when nobody has looked.
+int copyFileAt(int dirFd, const char* from, mode_t mode, const char* to,
+               const sp<BackupTask>& task) {
+    if (access(from, R_OK) != 0) {
+        ALOGE("Failed to copyFile file: %s, error=%s", from, ErrorText().c_str());
+        return -1;
+    }
+    PathBuffer target(to);
+    if (exists(to) && isDir(to) == 1) {
+        target.append("/");
+        target.append(lastComponent(from));
+        // A file under a shortened name could replace another one.
+        if (target.length() != strlen(to) + 1 + strlen(lastComponent(from))) {
+            ALOGE("Failed to open file: %s, error=%s", target.c_str(),
+                  ErrorText(ENAMETOOLONG).c_str());
+            return -1;
+        }
+    }
+    const int flags = (mode == 0 ? 0 : O_NOFOLLOW) | (S_ISREG(mode) ? O_NONBLOCK : 0);
+    const UniqueFd sourceFd(openat(dirFd, dirFd == AT_FDCWD ? from : lastComponent(from),
+                                   O_RDONLY | O_CLOEXEC | flags));
+    if (!sourceFd.isOpen()) {
+        ALOGE("Failed to open file: %s, error=%s", from, ErrorText().c_str());
+        return -1;
+    }
+    const UniqueFd targetFd(
+        open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kTargetCreationMode));
+    if (!targetFd.isOpen()) {
+        ALOGE("Failed to open file: %s, error=%s", target.c_str(), ErrorText().c_str());
+        return -1;
+    }
+    if (!fixupTarget(targetFd.get(), static_cast<uint32_t>(task->uid))) {
+        ALOGE("Failed to copy file(%s): fixup permissions error!", target.c_str());
+        return -1;
+    }
+    if (copyContent(sourceFd.get(), targetFd.get(), from, task) != 0) {
+        return -1;
+    }
+    fsync(targetFd.get());
+    return 0;
 }
 
 }  // namespace
@@ -313,41 +373,7 @@ int copyFile(const char* from, const char* to, const sp<BackupTask>& task) {
         ALOGE("Failed to copyFile file:path is NULL or length of path is 0");
         return -1;
     }
-    if (access(from, R_OK) != 0) {
-        ALOGE("Failed to copyFile file: %s, error=%s", from, ErrorText().c_str());
-        return -1;
-    }
-    PathBuffer target(to);
-    if (exists(to) && isDir(to) == 1) {
-        target.append("/");
-        target.append(lastComponent(from));
-        // A file under a shortened name could replace another one.
-        if (target.length() != strlen(to) + 1 + strlen(lastComponent(from))) {
-            ALOGE("Failed to open file: %s, error=%s", target.c_str(),
-                  ErrorText(ENAMETOOLONG).c_str());
-            return -1;
-        }
-    }
-    const UniqueFd sourceFd(open(from, O_RDONLY | O_CLOEXEC));
-    if (!sourceFd.isOpen()) {
-        ALOGE("Failed to open file: %s, error=%s", from, ErrorText().c_str());
-        return -1;
-    }
-    const UniqueFd targetFd(
-        open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kTargetCreationMode));
-    if (!targetFd.isOpen()) {
-        ALOGE("Failed to open file: %s, error=%s", target.c_str(), ErrorText().c_str());
-        return -1;
-    }
-    if (!fixupTarget(targetFd.get(), static_cast<uint32_t>(task->uid))) {
-        ALOGE("Failed to copy file(%s): fixup permissions error!", target.c_str());
-        return -1;
-    }
-    if (copyContent(sourceFd.get(), targetFd.get(), from, task) != 0) {
-        return -1;
-    }
-    fsync(targetFd.get());
-    return 0;
+    return copyFileAt(AT_FDCWD, from, 0, to, task);
 }
 
 int copyDir(const char* from, const char* to, FILE* permFile, sp<BackupTask>& task) {
@@ -364,7 +390,7 @@ int deleteDir(const char* path) {
         return 0;
     }
     PathBuffer buffer(path);
-    return deleteTree(path, buffer);
+    return deleteTree(AT_FDCWD, path, buffer);
 }
 
 int restorecon_backup_dir(const char* path, const char* seInfo, uint32_t uid) {
