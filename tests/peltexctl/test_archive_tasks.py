@@ -3,9 +3,10 @@
 import json
 import os
 import signal
+import subprocess
 import unittest
 
-from client import ClientTest, of_event, read_until
+from client import PROGRAM, ClientTest, of_event, read_until
 from test_round_trip import describe
 
 MIB = 1 << 20
@@ -88,6 +89,23 @@ class ArchiveTasksTest(ClientTest):
                 self.assertEqual(self.listing(directory), ["src.tar.txt"])
                 os.remove(self.path("data", directory, "src.tar.txt"))
                 self.assertEqual(self.listing("backup"), [])
+
+    def test_restore_onto_a_full_disk_is_told_and_keeps_the_slices(self):
+        self.make_source([100, 3 * MIB])
+        for kind in ("tar", "split"):
+            self.assertEqual(self.run_program("backup", kind, SOURCE, BACKUP, *SPLIT[-2:]).returncode, 0)
+        slices = self.listing("backup")
+        os.mkdir(self.path("data/full"))
+        for archive in ("tar src.tar", "split src.tar.txt"):
+            kind, name = archive.split()
+            done = subprocess.run(
+                ["unshare", "--mount", "sh", "-ec",
+                 'mount -t tmpfs -o size=1m none "$1/data/full"; shift; exec "$@"', "sh", self.data,
+                 PROGRAM, "--data", self.data, "--log", "silent", "restore", kind,
+                 f"{BACKUP}/{name}", "/data/data/full"], capture_output=True, timeout=60)
+            self.assertEqual(done.returncode, 1, done)
+            self.assertRegex(done.stderr, rb"/data/data/full/\d: is not there as ")
+            self.assertEqual(self.listing("backup"), slices)
 
     def test_set_that_would_not_come_back_is_told(self):
         os.mkdir(self.path("data/src"))

@@ -62,14 +62,6 @@ void KeptFiles::PutBack() {
     paths_.clear();
 }
 
-void KeptFiles::Drop() {
-    const std::lock_guard lock(mutex_);
-    for (const std::string& path : paths_) {
-        unlink(SecondName(path).c_str());
-    }
-    paths_.clear();
-}
-
 size_t KeptFiles::CountRemoved() const {
     const std::lock_guard lock(mutex_);
     return static_cast<size_t>(std::count_if(

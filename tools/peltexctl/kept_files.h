@@ -28,9 +28,6 @@ class KeptFiles {
     // Takes the second names away; files that have lost their first get it back.
     void PutBack();
 
-    // Takes the second names away, and with them the files that have lost their first.
-    void Drop();
-
     // How many of the kept files have lost their first name.
     size_t CountRemoved() const;
 

@@ -53,10 +53,13 @@ const std::vector<CommandText>& CommandTexts() {
         {"restore",
          {"What is written belongs to --uid, but for what a permission record says. Nothing of "
           "DEST is removed before.",
-          "The slices of a set are removed when all of them have been unpacked: until then each "
-          "has a second name, NAME.kept, where the file system has hard links. A restore that "
-          "fails or is interrupted leaves the set as it was. Where there are no hard links each "
-          "slice is removed as soon as it has been unpacked.",
+          "What an archive holds is looked for in DEST afterwards, by names, types and sizes: a "
+          "full "
+          "disk cuts files without an error. Only then the slices of a set are removed; until then "
+          "each has a second name, NAME.kept. A restore that fails or is interrupted leaves the "
+          "set "
+          "as it was. Where the file system has no hard links each slice is gone as soon as it has "
+          "been unpacked.",
           "How many bytes of an archive have been unpacked the library does not tell."},
          {{"An archive, into the directory of the application itself:",
            "peltexctl restore tar /data/data/bk/com.app.tar /data/data/com.app"},

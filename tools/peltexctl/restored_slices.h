@@ -1,6 +1,6 @@
 // The slices of a set that is being restored. The library removes each when it is done with it, and
-// an abort makes it remove those that it has not unpacked, too; here they are kept until all have
-// been unpacked, where the file system has hard links.
+// an abort makes it remove those that it has not unpacked, too; here they are kept, where the file
+// system has hard links, until what has been unpacked is known to be all there.
 //
 // Thread-safe.
 #pragma once
@@ -26,8 +26,6 @@ class RestoredSlices {
     void Keep(const std::vector<std::string>& paths);
     // Gives back those that were removed.
     void PutBack() { kept_.PutBack(); }
-    // Lets go of those that were removed.
-    void Drop() { kept_.Drop(); }
 
     // Whether an abort loses nothing.
     bool are_kept() const { return count_ > 0; }

@@ -13,6 +13,7 @@
 #include "archive_commands.h"
 #include "events.h"
 #include "exit_code.h"
+#include "restore_check.h"
 #include "restored_slices.h"
 #include "signals.h"
 #include "task_run.h"
@@ -94,16 +95,97 @@ std::string MakeTakeDirectory(const std::string& take) {
                  : "";
 }
 
-int Verify(const std::string& archive, const std::string& source, int64_t began,
-           EventWriter* events, std::optional<TreeCounts>* counts) {
-    const SignalScope signals(
-        [&archive] { fmt::print(stderr, "verifying {}\n", EscapeBytes(archive)); },
-        [&archive, events] {
-            events->Error(fmt::format("interrupted: {} is written but not verified", archive));
-            _exit(kInterrupted);
-        });
-    return RunVerifyBackup(archive, source, began, events->json(), counts);
-}
+// What is done about a task that the library has brought to its end.
+class Aftermath {
+  public:
+    Aftermath(const TaskKind& kind, const TaskRequest& request, const Known& known,
+              EventWriter* events)
+        : kind_(kind), request_(request), known_(known), events_(*events) {}
+
+    // Returns the program's exit status. `began` is FileSystemNow() before the task.
+    int Run(const TaskRun& run, const TaskRun::Result& result, int64_t began) {
+        counts_ = known_.counts;
+        int status = kDone;
+        if (kind_.form == TaskKind::Form::kList) {
+            counts_ = CountRecords(kind_.file(request_));
+        } else if (kind_.Unpacks()) {
+            status = CompareRestore();
+        } else if (kind_.HasArchive()) {
+            counts_ = std::nullopt;
+            status =
+                request_.no_verify ? kDone : Verify(run.TakenPath(kind_.file(request_)), began);
+        }
+        Summarize(run, result);
+        return status;
+    }
+
+  private:
+    int Fail(const std::string& error) {
+        events_.Error(error);
+        counts_ = std::nullopt;
+        return kTaskFailed;
+    }
+
+    int Verify(const std::string& archive, int64_t began) {
+        const SignalScope signals(
+            [&archive] { fmt::print(stderr, "verifying {}\n", EscapeBytes(archive)); },
+            [this, &archive] {
+                events_.Error(fmt::format("interrupted: {} is written but not verified", archive));
+                _exit(kInterrupted);
+            });
+        return RunVerifyBackup(archive, request_.source, began, events_.json(), &counts_);
+    }
+
+    int CompareRestore() {
+        const std::string& archive = request_.source;
+        const SignalScope signals(
+            [this] { fmt::print(stderr, "comparing {}\n", EscapeBytes(request_.destination)); },
+            [this] {
+                events_.Error(fmt::format("interrupted: {} is unpacked but not compared with {}",
+                                          request_.destination, request_.source));
+                _exit(kInterrupted);
+            });
+        const bool has_slices = !known_.slices.empty();
+        if (has_slices && access(known_.slices[0].c_str(), F_OK) != 0) {
+            return kDone;  // they could not be kept
+        }
+        if (!known_.counts) {
+            return has_slices ? Fail(fmt::format("{}: the set is not whole, so its slices stay; "
+                                                 "\"peltexctl verify\" tells what is wrong with it",
+                                                 archive))
+                              : kDone;
+        }
+        if (const std::string error = CompareRestored(archive, request_.destination);
+            !error.empty()) {
+            return Fail(fmt::format("{}; make room, and restore it again", error));
+        }
+        for (const std::string& slice : known_.slices) {
+            unlink(slice.c_str());
+        }
+        return kDone;
+    }
+
+    void Summarize(const TaskRun& run, const TaskRun::Result& result) {
+        TaskSummary summary;
+        summary.task = result.task;
+        summary.seconds = result.seconds;
+        summary.has_rate = !kind_.IsBrief();
+        if (counts_) {
+            summary.entries = counts_->entries;
+            summary.bytes = result.listed ? result.listed : counts_->bytes;
+        }
+        if (kind_.form == TaskKind::Form::kSlices) {
+            summary.slices = kind_.IsBackup() ? run.CountSlices() : known_.slices.size();
+        }
+        events_.Summary(summary);
+    }
+
+    const TaskKind& kind_;
+    const TaskRequest& request_;
+    const Known& known_;
+    EventWriter& events_;
+    std::optional<TreeCounts> counts_;
+};
 
 }  // namespace
 
@@ -123,33 +205,12 @@ int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& req
     const int64_t began = FileSystemNow();
     TaskRun run(library, kind, request, events, known.counts ? known.counts->bytes : 0,
                 known.slices);
-    TaskRun::Result result = run.Run();
+    const TaskRun::Result result = run.Run();
     if (result.status != kDone) {
         made.Remove();
         return result.status;
     }
-    std::optional<TreeCounts> counts = known.counts;
-    if (kind.form == TaskKind::Form::kList) {
-        counts = CountRecords(kind.file(request));
-    } else if (kind.IsBackup() && kind.HasArchive()) {
-        const std::string archive = run.TakenPath(kind.file(request));
-        counts = std::nullopt;
-        result.status =
-            request.no_verify ? kDone : Verify(archive, request.source, began, events, &counts);
-    }
-    TaskSummary summary;
-    summary.task = result.task;
-    summary.seconds = result.seconds;
-    summary.has_rate = !kind.IsBrief();
-    if (counts) {
-        summary.entries = counts->entries;
-        summary.bytes = result.listed ? result.listed : counts->bytes;
-    }
-    if (kind.form == TaskKind::Form::kSlices) {
-        summary.slices = kind.IsBackup() ? run.CountSlices() : known.slices.size();
-    }
-    events->Summary(summary);
-    return result.status;
+    return Aftermath(kind, request, known, events).Run(run, result, began);
 }
 
 }  // namespace peltexctl

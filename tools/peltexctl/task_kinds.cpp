@@ -107,7 +107,7 @@ constexpr TaskKind kKinds[] = {
      PlainCommand, NamedInSource, Nothing},
     {"restore", "tar", "DEST from the archive SRC", Form::kArchive, PlainCommand, Nothing, Source},
     {"restore", "split",
-     "DEST from the slices that the check file SRC lists; they are removed when all is unpacked",
+     "DEST from the slices that the check file SRC lists; they are removed when all is there",
      Form::kSlices, RestoreSplitCommand, Nothing, Source},
     {"brief", "dir", "what the directory SRC holds", Form::kList, BriefCommand, Nothing,
      Destination},

@@ -147,7 +147,7 @@ int TaskRun::End(int task, bool succeeded) {
     if (slices_) {
         Took(slices_->Finish(whole ? kind_.file(request_) : ""));
     }
-    whole ? restored_.Drop() : restored_.PutBack();
+    restored_.PutBack();
     if (interrupts_ > 0) {
         TellLeft(succeeded ? Ending::kSucceeded : Ending::kFailed);
         return kInterrupted;
