@@ -128,7 +128,7 @@ class TarFile {
     long m_cursorFileSize = 0;  // its bytes already read
     std::string m_basePath;     // of the slices' names
     int m_number = 0;           // slices finished
-    std::string m_curTarPath;   // of the slice being written
+    std::string m_curTarPath;   // of the slice opened last; empty when all are finished
     long m_slice = 0;           // bytes that make a slice full
     long m_tarFileSize = 0;     // bytes written by this object, over all slices
     Vector<long> m_splitSizes;  // of each finished slice, in bytes

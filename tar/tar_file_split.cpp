@@ -81,6 +81,8 @@ bool TarFile::packSlices() {
         ALOGD("TarFile::PackSplitDir, FillSplitTailBlocks failed");
         return false;
     }
+    // No slice is unfinished any more: what fails from here on costs none.
+    m_curTarPath.clear();
     if (!CreateCheckFile()) {
         ALOGD("TarFile::PackSplitDir, CreateCheckFile failed");
         return false;
@@ -365,6 +367,9 @@ void TarFile::ClearDirtyData() {
         return;
     }
     ALOGD(" TarFile::clearDirtyData Clear the dirty data\n");
+    if (m_curTarPath.empty()) {
+        return;
+    }
     if (access(m_curTarPath.c_str(), F_OK) != 0) {
         ALOGE("TarFile::clearDirtyData, failed to access file: %s, error: %s\n",
               m_curTarPath.c_str(), ErrorText().c_str());

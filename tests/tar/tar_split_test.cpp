@@ -242,7 +242,8 @@ TEST_F(TarSplitTest, ANegativeSliceSizeGoesOnUntilItIsAborted) {
     EXPECT_EQ(left(), (Lines{"app.tar.0", "app.tar.1", "app.tar.2"}));
 }
 
-// The slice that is removed is the last one opened, also when it has been handed over.
+// The slice that is removed is the last one opened, also when it has been handed over, until all
+// are finished.
 TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
     const std::string file = tree / "src/file";
     const auto abort = [this] { callBack.isAborted = true; };
@@ -267,7 +268,13 @@ TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
         {"file gone", "", none, lose, {".0"}, {"app.tar.0"}, lost},
         {"first label", ".0", none, none, {}, {}, label + ".0 error!"},
         {"last label", ".1", none, none, {".0"}, {"app.tar.0"}, label + ".1 error!"},
-        {"check file", ".txt", none, none, {".0", ".1|end"}, {"app.tar.0", "app.tar.txt"}, label},
+        {"check file",
+         ".txt",
+         none,
+         none,
+         {".0", ".1|end"},
+         {"app.tar.0", "app.tar.1", "app.tar.txt"},
+         label},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
