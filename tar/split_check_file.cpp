@@ -35,13 +35,14 @@ bool TarFile::CreateCheckFile() {
         const std::string line =
             HandleSplitInfo(m_basePath, static_cast<unsigned long long>(m_splitSizes[i]),
                             static_cast<unsigned int>(i));
-        if (fwrite(line.data(), 1, line.size(), file.get()) < line.size()) {
+        // Each line is brought to the file system: one that stays in a buffer is not written.
+        if (fwrite(line.data(), 1, line.size(), file.get()) < line.size() ||
+            fflush(file.get()) != 0) {
             ALOGE("TarFile::createCheckFile:write split tar info error ,error: %s",
                   ErrorText().c_str());
             return false;
         }
     }
-    fflush(file.get());
     file.reset();
     return FixAttrForSeLinux(path);
 }
