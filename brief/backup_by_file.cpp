@@ -123,7 +123,7 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
         result = info.type == kDirectoryType ? BackupDir(info.path, base + relative, attrFp, task)
                                              : BackupFile(info.path, base + relative, attrFp, task);
     }
-    return result;
+    return ferror(brief.get()) == 0 ? result : -1;
 }
 
 }  // namespace

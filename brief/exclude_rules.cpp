@@ -205,6 +205,9 @@ bool GetIncludeAndExcludeFolder(const char* searchFile, SearchRules& rules) {
     while (fgets(line, sizeof(line), file.get()) != nullptr) {
         appendLine(line, rawIncludes, rawExcludes);
     }
+    if (ferror(file.get()) != 0) {
+        return false;
+    }
     if (rawIncludes.isEmpty()) {
         ALOGE("No include path!");
         return false;

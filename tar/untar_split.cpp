@@ -87,7 +87,7 @@ bool UnTarFile::HandleCheckFile(const char* checkFilePath, Vector<std::string>& 
         ++count;
         memset_s(line, sizeof(line), 0, sizeof(line));
     }
-    return true;
+    return ferror(file.get()) == 0;
 }
 
 bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices) {
