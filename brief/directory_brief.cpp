@@ -85,6 +85,10 @@ int BriefWalk::writeEntries(const UniqueDir& dir, const Vector<std::string>& exc
             mPath.cut(length);
         }
     }
+    if (result == 0 && isReadBroken()) {
+        ALOGE("Failed to WriteBriefUnderDir, readdir(%s) error", mPath.c_str());
+        return -1;
+    }
     return result;
 }
 

@@ -64,7 +64,14 @@ inline UniqueDir openDirectory(int parentFd, const char* path, int flags = 0) {
 // The next entry of the stream, in the order of the file system, or null after the last one. It is
 // valid until the next call for the same stream.
 inline const dirent* nextEntry(const UniqueDir& dir) {
+    errno = 0;
     return readdir(dir.get());  // NOLINT(concurrency-mt-unsafe): no two threads share a stream
+}
+
+// Whether the null that nextEntry() has just returned was an error; errno tells which. A directory
+// that was removed meanwhile has ended.
+inline bool isReadBroken() {
+    return errno != 0 && errno != ENOENT;
 }
 
 }  // namespace android::installd

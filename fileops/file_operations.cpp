@@ -146,6 +146,10 @@ int TreeCopier::copyEntries(const UniqueDir& dir, bool filterLibrary) {
         mFrom.cut(fromLength);
         mTo.cut(toLength);
     }
+    if (result == 0 && isReadBroken()) {
+        ALOGE("Failed to copyDir, readdir(%s) error", mFrom.c_str());
+        return -1;
+    }
     return result;
 }
 

@@ -207,6 +207,10 @@ bool TarFile::packEntries(const UniqueDir& dir, char* path) {
         }
         path[length] = '\0';
     }
+    if (isReadBroken()) {
+        ALOGE("TarFile::PackDir, failed to read dir: %s, err: %s", path, ErrorText().c_str());
+        return false;
+    }
     return true;
 }
 
