@@ -52,7 +52,12 @@ class BoundaryTest : public ServiceTest {
     // Runs a task to its end. Returns 0 or -1.
     int32_t run(const std::string& command, const std::string& source,
                 const std::string& destination) {
-        const int32_t task = start(command, source, destination);
+        int32_t task = 0;
+        // The last status of an equal task precedes the moment in which it is gone.
+        EXPECT_TRUE(eventually([&] {
+            task = start(command, source, destination);
+            return task != android::installd::COMMAND_DUPLICATE;
+        }));
         return client->waitForEnd(task);
     }
 
@@ -63,6 +68,8 @@ class BoundaryTest : public ServiceTest {
         EXPECT_EQ(start("backup split", source, destination), task);
         return client->waitForEnd(task);
     }
+
+    int32_t abort(int32_t task) { return execute(mSession, "abort " + std::to_string(task)); }
 
     std::string write(const std::string& name, const std::string& content) const {
         writeFile(hostile + "/" + name, content);
