@@ -4,6 +4,7 @@
 #   scripts/test.sh [PRESET] [CTEST ARGUMENT...]      PRESET: release (default), debug, asan, tsan,
 #                                                     clang-libcxx, aarch64
 #
+# PELTEX_TARGETS names what to build, all by default; then ask for tests that need no more.
 # Without ctest arguments the everyday tests run. Two labels are asked for by name: "realtime" waits
 # as long as a client may, "large" writes gigabytes (-L 'realtime|large').
 . "$(dirname "$0")/lib.sh"
@@ -23,6 +24,6 @@ esac
 # Unquoted: the lists are words.
 need_packages $packages
 
-build "$preset"
+build "$preset" ${PELTEX_TARGETS:-}
 exec "$project/scripts/sandbox.sh" --write "$project/build/$preset" -- \
     ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)" "$@"
