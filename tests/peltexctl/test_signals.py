@@ -116,6 +116,17 @@ class SignalsTest(ClientTest):
         done = self.run_program(*self.restore())
         self.assertEqual((done.returncode, self.slices()), (0, []), done.stderr)
 
+    def test_interrupted_export_leaves_nothing(self):
+        self.write_set("file", "endless")
+        before = self.slices()
+        export = self.start("export", "/data/data/s.tar.txt", "/data/data/out",
+                            stderr=subprocess.PIPE)
+        while self.slices() == before:
+            pass
+        export.send_signal(signal.SIGINT)
+        self.assertIn(b"interrupted: nothing of /data/data/out is left", export.communicate()[1])
+        self.assertEqual((export.returncode, self.slices()), (130, before))
+
     def test_usr1_tells_where_tasks_stand(self):
         os.mkfifo(self.path("data/fifo"))
         paths = ["/data/data/fifo", "/data/data/bk"]

@@ -23,6 +23,7 @@ class TerminalTest(ClientTest):
         """What is written up to the first progress, before which the task does not end."""
         text = b""
         while b" of 8.0 GiB" not in text or text[-1:] not in b"\nK":
+            self.assertIsNone(process.poll(), text)
             text += os.read(end, 1)
         process.send_signal(signal.SIGINT)
         return text

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "archive_listing.h"
@@ -53,6 +54,7 @@ class Output {
             fd_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
             return fd_ != -1;
         }
+        const std::lock_guard lock(mutex_);
         std::string name = path + ".XXXXXX";
         fd_ = mkostemp(name.data(), O_CLOEXEC);
         if (fd_ == -1) {
@@ -86,6 +88,7 @@ class Output {
 
     // Makes it be there under its name.
     bool Finish() {
+        const std::lock_guard lock(mutex_);
         if (temporary_.empty()) {
             return true;
         }
@@ -98,19 +101,18 @@ class Output {
         return true;
     }
 
-    // Leaves nothing of a file that is not yet there under its name.
-    void Discard() {
-        if (!temporary_.empty()) {
-            unlink(temporary_.c_str());
-        }
+    // Leaves nothing of a file that is not yet there under its name. Returns whether it was one.
+    bool Discard() {
+        const std::lock_guard lock(mutex_);
+        return !temporary_.empty() && unlink(temporary_.c_str()) == 0;
     }
 
-    bool is_file() const { return !temporary_.empty(); }
     uint64_t written() const { return written_; }
 
   private:
     std::string path_;
-    std::string temporary_;
+    std::mutex mutex_;
+    std::string temporary_;  // protected by mutex_: a signal can ask for its removal
     int fd_ = -1;
     bool owned_ = true;
     std::atomic<uint64_t> written_{0};  // the signals' thread looks at it
@@ -278,9 +280,8 @@ class Exporter {
 };
 
 [[noreturn]] void Interrupt(const std::string& out, Output* output) {
-    output->Discard();
-    PrintError(fmt::format(output->is_file() ? "interrupted: nothing is left of {}"
-                                             : "interrupted: {} is not complete",
+    PrintError(fmt::format(output->Discard() ? "interrupted: nothing of {} is left"
+                                             : "interrupted: {} is left as far as it was written",
                            out));
     _exit(kInterrupted);
 }
@@ -310,20 +311,17 @@ bool ExportSet(const ArchiveSet& set, const std::string& out, ExportCounts* coun
         return false;
     }
     Output output;
+    const SignalScope signals(
+        [&] {
+            fmt::print(stderr, "{}: {} written\n", EscapeBytes(out), HumanSize(output.written()));
+        },
+        [&] { Interrupt(out, &output); });
     if (!output.Open(out)) {
         *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
         return false;
     }
-    {
-        const SignalScope signals(
-            [&] {
-                fmt::print(stderr, "{}: {} written\n", EscapeBytes(out),
-                           HumanSize(output.written()));
-            },
-            [&] { Interrupt(out, &output); });
-        if (!Exporter(set, &output, error).Run(&counts->entries)) {
-            return false;
-        }
+    if (!Exporter(set, &output, error).Run(&counts->entries)) {
+        return false;
     }
     if (!output.Finish()) {
         *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));

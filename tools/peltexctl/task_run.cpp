@@ -186,7 +186,7 @@ std::string TaskRun::DescribeProgress() const {
 
 std::string TaskRun::DescribeSlices(Ending ending) const {
     if (slices_) {
-        return slices_->DescribeLeft() + ", of a set that is not complete";
+        return slices_->DescribeLeft() + (stopping_ ? ", of a set that is not complete" : "");
     }
     if (to_restore_.empty()) {
         return "";

@@ -119,7 +119,7 @@ std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Endin
         left = slices;
     } else {
         const std::string archive = kind.file(request);
-        left = Exists(archive) ? fmt::format("{} lacks entries, remove it", archive)
+        left = Exists(archive) ? fmt::format("{} may lack entries, remove it", archive)
                                : fmt::format("nothing is left of {}", archive);
     }
     return left;
