@@ -6,6 +6,10 @@
 #include <host/log_tap.h>
 #include <sys/sysmacros.h>
 
+#include <fstream>
+
+#include "tar/untar_file.h"
+
 namespace peltex_test {
 namespace {
 
@@ -145,6 +149,31 @@ TEST_F(BoundaryTest, ASourceThatIsSwappedInALoop) {
         application.join();
         ASSERT_EQ(reached(), Lines{}) << command << ", round " << round;
     }
+}
+
+// Nothing fills the last block of a file of 2 GiB and a bit, so a reader goes on in the middle of
+// the next file's header: at its magic, which becomes a name, with the fields behind it in the
+// content.
+TEST_F(BoundaryTest, ContentBehindAFileOf2GiB) {
+    constexpr size_t kMagic = 257;
+    constexpr size_t kSum = 3000;  // also the size and whatever else is read from the same digits
+    const std::string next = Header('0', "b", 8192).bytes();
+    std::string content = "\r\rustar\r" + octal(kSum, 6);
+    content.resize(kMagic, '\0');
+    const size_t missing = kSum - sumOf(next.substr(kMagic) + content);
+    for (size_t i = 0; i <= missing / 255; ++i) {
+        content[100 + i] = static_cast<char>(i < missing / 255 ? 255 : missing % 255);
+    }
+    content.resize(kMagic + (kSum + kBlock - 1) / kBlock * kBlock);
+    content += Header('2', "l").link(outside).bytes() + entry('0', "l/new", "x") + kEndBlocks;
+
+    constexpr uint64_t kSize = (uint64_t{1} << 31) + kBlock - kMagic;
+    const std::string archive = write("a.tar", Header('0', "a", kSize).bytes());
+    fs::resize_file(archive, kBlock + kSize);
+    std::ofstream(archive, std::ios::app | std::ios::binary) << next + content;
+    fs::resize_file(archive, (fs::file_size(archive) + kBlock - 1) / kBlock * kBlock);
+    EXPECT_EQ(android::installd::UnTarFile(archive.c_str(), nullptr).GetFileNames(),
+              (Lines{"a", "ustar", "l/new"}));
 }
 
 const Row kArchiveRows[] = {
