@@ -6,6 +6,7 @@
 #include <host/relabel_observer.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stddef.h>
 #include <string.h>
@@ -269,6 +270,9 @@ int errorOf(Op op) {
 
 void installCallTrap(const std::string& root) {
     gRoot = root;
+    // The handler allocates. Arenas beside the main one open a file, with their lock held, when
+    // they shrink: the handler of that call would wait for the lock for ever.
+    mallopt(M_ARENA_MAX, 1);
     struct sigaction action = {};
     action.sa_sigaction = onTrap;
     action.sa_flags = SA_SIGINFO | SA_NODEFER;
