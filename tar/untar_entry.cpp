@@ -43,6 +43,20 @@ void applyOwnerAndMode(int fd, uint32_t mode, unsigned int owner, unsigned int g
     [[maybe_unused]] const int result = fchown(fd, owner, group);
 }
 
+// Returns how much there is, `size` at most.
+size_t readAt(int fd, char* buffer, size_t size, int64_t position) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t count =
+            pread(fd, buffer + done, size - done, position + static_cast<int64_t>(done));
+        if (count <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(count);
+    }
+    return done;
+}
+
 }  // namespace
 
 bool UnTarFile::FilterDir(const char* path) {
@@ -118,10 +132,16 @@ bool UnTarFile::copyContent(const Entry& entry, FILE* target, bool& isAborted) {
     if (m_copyBuffer == nullptr || static_cast<int64_t>(entry.size) < 1) {
         return true;  // the file stays empty
     }
+    // The stream would copy the beginning and the end of a large content through its buffer.
+    const bool isPastBuffer = entry.size >= kStreamBuffer;
     for (uint64_t remaining = entry.size; remaining > 0;) {
         const auto chunk =
             static_cast<size_t>(std::min(remaining, static_cast<uint64_t>(kContentChunk)));
-        if (fread(m_copyBuffer.get(), 1, chunk, m_tarFp.get()) != chunk) {
+        const auto position = entry.dataPosition + static_cast<int64_t>(entry.size - remaining);
+        const size_t got = isPastBuffer
+                               ? readAt(fileno(m_tarFp.get()), m_copyBuffer.get(), chunk, position)
+                               : fread(m_copyBuffer.get(), 1, chunk, m_tarFp.get());
+        if (got != chunk) {
             ALOGE("read file content shorter than expect!\n");
             return false;
         }
