@@ -4,6 +4,7 @@
 #include "brief/permission_record.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <log/log.h>
 #include <selinux/android.h>
 #include <stdlib.h>
@@ -12,6 +13,7 @@
 #include "bounded/bounded.h"
 #include "fileops/error_text.h"
 #include "fileops/file_handles.h"
+#include "fileops/paths.h"
 
 namespace android::installd {
 
@@ -190,8 +192,12 @@ int do_se_restorecon_pkgdir(const char* pkgdir, const char* se_info) {
 }  // namespace
 
 int do_backup_perm(const char* path, FILE* stream) {
+    return do_backup_perm(AT_FDCWD, path, stream);
+}
+
+int do_backup_perm(int dirFd, const char* path, FILE* stream) {
     struct stat status = {};
-    if (stat(path, &status) != 0) {
+    if (fstatat(dirFd, dirFd == AT_FDCWD ? path : lastComponent(path), &status, 0) != 0) {
         ALOGE("stat [%s] error [%d]\n", path, errno);
         return -1;
     }

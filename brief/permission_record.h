@@ -36,6 +36,9 @@ struct File_info {
 // Returns 0 also when the stream took less than the record, which is logged.
 int do_backup_perm(const char* path, FILE* stream);
 
+// The same for the entry that `path` ends in, of the directory `dirFd`.
+int do_backup_perm(int dirFd, const char* path, FILE* stream);
+
 // The same for an entry that the caller has looked at already.
 int do_backup_perm(const char* path, const struct stat& status, FILE* stream);
 

@@ -224,7 +224,7 @@ int TreeCopier::handleFailedCopy() {
 }
 
 int TreeCopier::writeRecord() {
-    if (mPermFile == nullptr || do_backup_perm(mFrom.c_str(), mPermFile) == 0) {
+    if (mPermFile == nullptr || do_backup_perm(mDirFd, mFrom.c_str(), mPermFile) == 0) {
         return 0;
     }
     ALOGE("Failed to copyDir, write file attr: %s, error=%s", mFrom.c_str(), ErrorText().c_str());
@@ -294,7 +294,8 @@ int deleteTree(int parentFd, const char* directory, PathBuffer& path) {
 // followed, and no FIFO waited for. `mode` is 0 when nobody has looked.
 int copyFileAt(int dirFd, const char* from, mode_t mode, const char* to,
                const sp<BackupTask>& task) {
-    if (access(from, R_OK) != 0) {
+    const char* name = dirFd == AT_FDCWD ? from : lastComponent(from);
+    if (faccessat(dirFd, name, R_OK, 0) != 0) {
         ALOGE("Failed to copyFile file: %s, error=%s", from, ErrorText().c_str());
         return -1;
     }
@@ -310,8 +311,7 @@ int copyFileAt(int dirFd, const char* from, mode_t mode, const char* to,
         }
     }
     const int flags = (mode == 0 ? 0 : O_NOFOLLOW) | (S_ISREG(mode) ? O_NONBLOCK : 0);
-    const UniqueFd sourceFd(openat(dirFd, dirFd == AT_FDCWD ? from : lastComponent(from),
-                                   O_RDONLY | O_CLOEXEC | flags));
+    const UniqueFd sourceFd(openat(dirFd, name, O_RDONLY | O_CLOEXEC | flags));
     if (!sourceFd.isOpen()) {
         ALOGE("Failed to open file: %s, error=%s", from, ErrorText().c_str());
         return -1;
