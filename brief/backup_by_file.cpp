@@ -123,7 +123,11 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
         result = info.type == kDirectoryType ? BackupDir(info.path, base + relative, attrFp, task)
                                              : BackupFile(info.path, base + relative, attrFp, task);
     }
-    return ferror(brief.get()) == 0 ? result : -1;
+    if (ferror(brief.get()) != 0) {
+        ALOGE("Failed to read brief: %s, error=%s", task->taskSrcPath.c_str(), ErrorText().c_str());
+        return -1;
+    }
+    return result;
 }
 
 }  // namespace

@@ -80,10 +80,15 @@ int BriefWalk::writeEntries(const UniqueDir& dir, const Vector<std::string>& exc
     const size_t length = mPath.length();
     int result = 0;
     while (const dirent* entry = result == 0 ? nextEntry(dir) : nullptr) {
-        if (!isDotName(entry->d_name) && mPath.appendEntry(entry->d_name)) {
-            result = writeEntry(excludes);
-            mPath.cut(length);
+        if (isDotName(entry->d_name)) {
+            continue;
         }
+        if (!mPath.appendEntry(entry->d_name)) {
+            ALOGE("Failed to WriteBriefUnderDir, opendir(%s) error", mPath.c_str());
+            return -1;
+        }
+        result = writeEntry(excludes);
+        mPath.cut(length);
     }
     if (result == 0 && isReadBroken()) {
         ALOGE("Failed to WriteBriefUnderDir, readdir(%s) error", mPath.c_str());

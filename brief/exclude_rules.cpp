@@ -11,6 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "fileops/error_text.h"
 #include "fileops/file_handles.h"
 #include "fileops/paths.h"
 
@@ -205,8 +206,9 @@ bool GetIncludeAndExcludeFolder(const char* searchFile, SearchRules& rules) {
     while (fgets(line, sizeof(line), file.get()) != nullptr) {
         appendLine(line, rawIncludes, rawExcludes);
     }
-    if (ferror(file.get()) != 0) {
-        return false;
+    const bool isRead = ferror(file.get()) == 0;
+    if (!isRead) {
+        ALOGE("failed to read searchFile, error=%s", ErrorText().c_str());
     }
     if (rawIncludes.isEmpty()) {
         ALOGE("No include path!");
@@ -218,7 +220,7 @@ bool GetIncludeAndExcludeFolder(const char* searchFile, SearchRules& rules) {
     keepUsefulExcludes(rules.includes, reducedExcludes, rules.excludes);
     cutLastCharacters(rules.includes);
     cutLastCharacters(rules.excludes);
-    return true;
+    return isRead;
 }
 
 }  // namespace android::installd

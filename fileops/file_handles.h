@@ -10,8 +10,6 @@
 #include <memory>
 #include <utility>
 
-#include "fileops/paths.h"
-
 namespace android::installd {
 
 class UniqueFd {
@@ -49,17 +47,16 @@ using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 // Opens the directory that a walk goes down to: the last component of `path` in the directory that
 // `parentFd` stands for, so that one name is looked up and not a whole path; `path` itself when
 // that is AT_FDCWD. `flags` are added to those of open. Returns null on failure; errno tells why.
-inline UniqueDir openDirectory(int parentFd, const char* path, int flags = 0) {
-    const char* name = parentFd == AT_FDCWD ? path : lastComponent(path);
-    const int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
-    UniqueDir dir(fd < 0 ? nullptr : fdopendir(fd));
-    if (dir == nullptr && fd >= 0) {
-        const int error = errno;
-        close(fd);
-        errno = error;
-    }
-    return dir;
-}
+UniqueDir openDirectory(int parentFd, const char* path, int flags = 0);
+
+// Opens for reading what has been found to be a regular file `name` of the directory `dirFd`. A
+// link that took its place is not followed, and a FIFO not waited for. Where an application holds a
+// lease on the file, this waits until it gives that up or the kernel takes it (45 s by default).
+UniqueFd openRegular(int dirFd, const char* name);
+
+// Writes the name under which the kernel tells and opens what a descriptor is of. Returns `link`.
+constexpr size_t kDescriptorLinkSize = 32;
+const char* descriptorLink(const UniqueFd& fd, char (&link)[kDescriptorLinkSize]);
 
 // The next entry of the stream, in the order of the file system, or null after the last one. It is
 // valid until the next call for the same stream.

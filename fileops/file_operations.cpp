@@ -137,8 +137,12 @@ int TreeCopier::copyEntries(const UniqueDir& dir, bool filterLibrary) {
     const size_t toLength = mTo.length();
     int result = 0;
     while (const dirent* entry = result == 0 ? nextEntry(dir) : nullptr) {
-        if (isDotName(entry->d_name) || !mFrom.appendEntry(entry->d_name)) {
+        if (isDotName(entry->d_name)) {
             continue;
+        }
+        if (!mFrom.appendEntry(entry->d_name)) {
+            ALOGE("Failed to copyDir, opendir(%s) error", mFrom.c_str());
+            return -1;
         }
         // Where the copy's path is full, what is below goes where the path was cut.
         [[maybe_unused]] const bool fits = mTo.appendEntry(entry->d_name);
@@ -291,7 +295,7 @@ int deleteTree(int parentFd, const char* directory, PathBuffer& path) {
 
 // The steps of copyFile() and of a tree's copy, which opens a file in its directory `dirFd`
 // (AT_FDCWD: by its path), and as what it has been found to be: no link that took its place is
-// followed, and no FIFO waited for. `mode` is 0 when nobody has looked.
+// followed. `mode` is 0 when nobody has looked.
 int copyFileAt(int dirFd, const char* from, mode_t mode, const char* to,
                const sp<BackupTask>& task) {
     const char* name = dirFd == AT_FDCWD ? from : lastComponent(from);
@@ -310,8 +314,9 @@ int copyFileAt(int dirFd, const char* from, mode_t mode, const char* to,
             return -1;
         }
     }
-    const int flags = (mode == 0 ? 0 : O_NOFOLLOW) | (S_ISREG(mode) ? O_NONBLOCK : 0);
-    const UniqueFd sourceFd(openat(dirFd, name, O_RDONLY | O_CLOEXEC | flags));
+    const int flags = O_RDONLY | O_CLOEXEC | (mode == 0 ? 0 : O_NOFOLLOW);
+    const UniqueFd sourceFd =
+        S_ISREG(mode) ? openRegular(dirFd, name) : UniqueFd(openat(dirFd, name, flags));
     if (!sourceFd.isOpen()) {
         ALOGE("Failed to open file: %s, error=%s", from, ErrorText().c_str());
         return -1;

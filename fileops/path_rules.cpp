@@ -21,8 +21,6 @@ namespace android::installd {
 
 namespace {
 
-constexpr size_t kProcLinkSize = 32;
-
 enum class Match { kPrefix, kWhole };
 
 struct Area {
@@ -56,9 +54,8 @@ bool resolve(const char* path, char (&realPath)[PATH_MAX]) {
     if (!fd.isOpen() && errno == ENOENT) {
         return false;
     }
-    char link[kProcLinkSize] = {};
-    snprintf_s(link, sizeof(link), sizeof(link) - 1, "/proc/self/fd/%d", fd.get());
-    const ssize_t length = readlink(link, realPath, sizeof(realPath));
+    char link[kDescriptorLinkSize] = {};
+    const ssize_t length = readlink(descriptorLink(fd, link), realPath, sizeof(realPath));
     if (length < 0 || static_cast<size_t>(length) >= sizeof(realPath)) {
         return realpath(path, realPath) != nullptr;
     }

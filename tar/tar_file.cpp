@@ -383,10 +383,7 @@ bool TarFile::WriteFileContent(const char* path, long size) {
               static_cast<int>(kContentChunk));
         return false;
     }
-    // As with directories: neither a link that took the file's place is followed, nor a FIFO waited
-    // for.
-    const UniqueFd fd(
-        openat(m_dirFd, lastComponent(path), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const UniqueFd fd = openRegular(m_dirFd, lastComponent(path));
     if (!fd.isOpen()) {
         ALOGE("TarFile::PackDir, failed to open src file: %s", path);
         return false;

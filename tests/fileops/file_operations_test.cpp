@@ -1,7 +1,10 @@
 #include "fileops/file_operations.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <host/relabel_observer.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
@@ -187,9 +190,35 @@ TEST_F(FileOperationsTest, WalksEndWherePathsNoLongerFit) {
         ASSERT_EQ(chdir(name.c_str()), 0);
     }
     ASSERT_EQ(chdir("/"), 0);
-    EXPECT_EQ(copyTree(task()), 0);
+    EXPECT_EQ(copyTree(task()), -1);
     EXPECT_TRUE(exists(tree / "to"));
     EXPECT_EQ(deleteDir((tree / "from").c_str()), -1) << "what cannot be named stays";
+}
+
+// An application that takes a lease on its file must not get it left out, let alone moved away.
+TEST_F(FileOperationsTest, WaitsForALeaseToBeGivenUp) {
+    writeFile(tree / "from/leased", "content");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        const int fd = open((tree / "from/leased").c_str(), O_RDWR);
+        const char told = fcntl(fd, F_SETLEASE, F_WRLCK) == 0 ? 'y' : 'n';
+        if (write(ready[1], &told, 1) == 1 && told == 'y') {
+            pause();
+        }
+        _exit(0);
+    }
+    char told = '\0';
+    ASSERT_EQ(read(ready[0], &told, 1), 1);
+    EXPECT_EQ(told, 'y');
+    EXPECT_EQ(copyTree(task(MOVE_DIR)), 0);
+    EXPECT_EQ(readFile(tree / "to/leased"), "content");
+    int status = 0;
+    EXPECT_EQ(waitpid(holder, &status, 0), holder);
+    EXPECT_EQ(WTERMSIG(status), SIGIO) << "the kernel asks its holder to give it up, which ends it";
+    close(ready[0]);
+    close(ready[1]);
 }
 
 TEST_F(FileOperationsTest, DeleteDirLeavesLinksAndWhatIsAboveThem) {
