@@ -41,7 +41,7 @@ void TarFile::I2Ocs(char* field, int width, long value) {
         ALOGE("TarFile::I2Ocs failed");
         return;
     }
-    // By hand: formatting five numbers took as long as all else that a header needs.
+    // What "%0*llo" prints, by hand: formatting five numbers took as long as the rest of a header.
     auto rest = static_cast<unsigned long>(value);
     for (int i = width - 1; i >= 0; --i, rest >>= 3) {
         digits[i] = static_cast<char>('0' + (rest & 7));
