@@ -1,30 +1,20 @@
 // The platform layer, called as the library and its client call it.
 
 #include <android/log.h>
-#include <android/os/IBackupSessionCallback.h>
 #include <binder/IBinder.h>
 #include <gtest/gtest.h>
-#include <selinux/android.h>
-#include <stdlib.h>
 #include <unistd.h>
 #include <utils/RefBase.h>
 #include <utils/Thread.h>
-#include <utils/Vector.h>
 
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "host/local_binder.h"
-#include "host/log_capture.h"
-#include "host/relabel_observer.h"
 
 namespace android {
 namespace host {
@@ -76,19 +66,6 @@ TEST(RefBase, LastStrongReferenceDeletesAndWeakOnesDoNotKeepAlive) {
     EXPECT_TRUE(weak != sp<Counted>::make(&alive));
 }
 
-TEST(RefBase, NobodyCanHoldAnObjectThatDiedUnheld) {
-    std::atomic<int> alive{0};
-    wp<Counted> weak;
-    {
-        Counted onStack(&alive);
-        weak = &onStack;
-    }
-    EXPECT_TRUE(weak.promote() == nullptr);
-    weak = new Counted(&alive);
-    EXPECT_TRUE(weak.promote() != nullptr);
-    EXPECT_EQ(0, alive);
-}
-
 // Each holder writes a field of its own, plainly; the destructor reads them all.
 class Shared : public virtual RefBase {
   public:
@@ -130,23 +107,6 @@ TEST(RefBase, PromotionRacesWithTheLastRelease) {
         ASSERT_TRUE(weak.promote() == nullptr);
         ASSERT_EQ(expected, counted);
     }
-}
-
-TEST(Vector, IndexesAndResults) {
-    Vector<std::string> list;
-    EXPECT_TRUE(list.isEmpty());
-    EXPECT_EQ(0, list.add("a"));
-    EXPECT_EQ(1, list.add("c"));
-    EXPECT_EQ(1, list.insertAt("b", 1));
-    list.push_back("d");
-    list.editItemAt(3) += "!";
-    EXPECT_EQ("d!", list.top());
-    EXPECT_EQ(BAD_INDEX, list.insertAt("z", 5));
-    EXPECT_EQ(BAD_VALUE, list.removeAt(4));
-    EXPECT_EQ(BAD_VALUE, list.removeItemsAt(1, SIZE_MAX));
-    EXPECT_EQ(1, list.removeItemsAt(1, 2));
-    EXPECT_EQ((std::vector<std::string>{"a", "d!"}),
-              std::vector<std::string>(list.begin(), list.end()));
 }
 
 class Worker : public Thread {
@@ -233,38 +193,6 @@ TEST(Thread, AnObjectThatOnlyItsThreadHoldsIsDeletedBetweenTwoPasses) {
     }
 }
 
-TEST(Thread, AThreadThatCannotBeHadIsNotRunning) {
-    const sp<Worker> worker(new Worker([](Worker&) { return false; }));
-    EXPECT_EQ(UNKNOWN_ERROR, worker->run("worker", 0, size_t{1} << 60));
-    EXPECT_FALSE(worker->isRunning());
-    EXPECT_EQ(1, worker->getStrongCount());
-    EXPECT_EQ(OK, worker->run("worker"));
-    EXPECT_EQ(OK, worker->join());
-}
-
-class Callback : public os::IBackupSessionCallback {
-  public:
-    binder::Status onTaskStatusChanged(int32_t, int32_t, int32_t code,
-                                       const std::string&) override {
-        return binder::Status::fromStatusT(code);
-    }
-    const sp<LocalBinder> binder{new LocalBinder};
-
-  protected:
-    IBinder* onAsBinder() override { return binder.get(); }
-};
-
-TEST(Binder, AnInterfaceHasItsBinderAndItsCallsAStatus) {
-    const sp<Callback> callback(new Callback);
-    const sp<os::IBackupSessionCallback> iface = callback;
-    EXPECT_TRUE(IInterface::asBinder(iface) == callback->binder);
-    EXPECT_TRUE(IInterface::asBinder(nullptr) == nullptr);
-    EXPECT_TRUE(iface->onTaskStatusChanged(1, 2, 0, "").isOk());
-    const auto failed = iface->onTaskStatusChanged(1, 2, DEAD_OBJECT, "");
-    EXPECT_EQ(DEAD_OBJECT, failed.transactionError());
-    EXPECT_FALSE(failed.isOk());
-}
-
 TEST(Binder, DeathIsToldOnceToWhomIsLinkedAndAlive) {
     std::atomic<int> alive{0};
     const sp<LocalBinder> binder(new LocalBinder);
@@ -347,64 +275,6 @@ TEST(Log, LongLinesOfSeveralThreadsArriveWholeAndUnmixed) {
         const std::string expected = head + std::string(50000, text[at + head.size()]) + "\n";
         ASSERT_TRUE(text.compare(at, lineSize, expected) == 0) << "line at " << at;
     }
-}
-
-TEST(Log, ALoggerOrACaptureTakesTheLinesInstead) {
-    static std::vector<std::string> seen;
-    seen.clear();
-    const std::string text = writtenBy([] {
-        __android_log_set_logger([](const __android_log_message* message) {
-            errno = EIO;
-            seen.push_back(std::to_string(message->priority) + message->tag + message->message);
-        });
-        errno = ENOENT;
-        __android_log_print(ANDROID_LOG_ERROR, "Tag", "to the logger");
-        EXPECT_EQ(ENOENT, errno);
-        {
-            LogCapture capture;
-            __android_log_print(ANDROID_LOG_DEBUG, nullptr, "to the capture\n");
-            ASSERT_EQ(1U, capture.lines().size());
-            const auto line = capture.lines()[0];
-            EXPECT_EQ(ANDROID_LOG_DEBUG, line.priority);
-            EXPECT_TRUE(!line.hasTag && line.tag.empty());
-            EXPECT_EQ("to the capture\n", line.message);
-            capture.clear();
-            EXPECT_TRUE(capture.lines().empty());
-        }
-        __android_log_print(ANDROID_LOG_DEBUG, "Tag", "hidden");
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "again");
-        __android_log_set_logger(__android_log_stderr_logger);
-    });
-    EXPECT_EQ("", text);
-    EXPECT_EQ((std::vector<std::string>{
-                  "6Tagto the logger", std::string("6") + program_invocation_short_name + "again"}),
-              seen);
-}
-
-TEST(Selinux, TheObserverSeesEachCallAndCanRefuse) {
-    char root[] = "/tmp/platform_test.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(root));
-    const std::string gone = std::string(root) + "/gone";
-    std::vector<std::tuple<std::string, std::string, uid_t, unsigned>> calls;
-    int refusal = 0;
-    {
-        const ScopedRelabelObserver scoped(
-            [&](const char* path, const char* seinfo, uid_t uid, unsigned flags) {
-                calls.emplace_back(path, seinfo, uid, flags);
-                return refusal;
-            });
-        EXPECT_EQ(0, selinux_android_restorecon_pkgdir(root, "default", 10001,
-                                                       SELINUX_ANDROID_RESTORECON_RECURSE));
-        EXPECT_EQ(-1, selinux_android_restorecon_pkgdir(gone.c_str(), "x", 0, 0));
-        EXPECT_EQ(ENOENT, errno);
-        refusal = EACCES;
-        EXPECT_EQ(-1, selinux_android_restorecon_pkgdir(root, "y", 1, 0));
-        EXPECT_EQ(EACCES, errno);
-    }
-    EXPECT_EQ(0, selinux_android_restorecon_pkgdir(root, "unseen", 1, 0));
-    EXPECT_EQ((decltype(calls){{root, "default", 10001, 4}, {gone, "x", 0, 0}, {root, "y", 1, 0}}),
-              calls);
-    rmdir(root);
 }
 
 }  // namespace
