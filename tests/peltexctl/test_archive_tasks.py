@@ -194,16 +194,6 @@ class ArchiveTasksTest(ClientTest):
         self.assertEqual(handed_over(objects[:alive]), ["src.tar.0"])
         self.assertEqual(handed_over(objects[alive:]), ["src.tar.1|end"])
 
-    def test_abort_of_a_paused_backup(self):
-        self.make_source([3 * MIB])
-        objects, status = self.shell(
-            "keepalive", COMMAND % 1, ".waitfor 101 4", ".sleep 200", "keepalive", "abort 101",
-            ".wait 101")
-        self.assertEqual((results(objects), status), ([-2, 101, 0, 0], 1))
-        self.assertEqual([entry["code"] for entry in of_event(objects, "status")
-                          if entry["code"] != 3], [1, 4, 2, -1])
-        self.assertEqual(self.listing("backup"), [])
-
 
 if __name__ == "__main__":
     unittest.main()

@@ -70,15 +70,6 @@ class CommandLineTest(ClientTest):
                                   stdout=full, stderr=subprocess.PIPE, timeout=60)
         self.assertEqual(done.returncode, 1)
 
-    def test_second_signal_ends_what_never_ends(self):
-        os.mkfifo(self.path("data/fifo"))
-        process = self.start("--json", "backup", "file", "/data/data/fifo", "/data/data/out")
-        read_until(process, "status", code=1)
-        process.send_signal(signal.SIGINT)
-        read_until(process, "status", code=2)
-        process.send_signal(signal.SIGTERM)
-        self.assertEqual(process.wait(60), 130)
-
     def test_log_level(self):
         for level, priorities in [("debug", {b"D", b"E"}), ("error", {b"E"}), ("silent", set())]:
             done = self.run_program("--log", level, "shell", stdin=b"x\n")

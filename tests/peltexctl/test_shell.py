@@ -6,8 +6,6 @@ import unittest
 
 from client import ClientTest, of_event, read_until
 
-COPY = "backup file /data/data/source /data/data/copies default 0"
-
 
 def session(number):
     return {"event": "session", "session": number}
@@ -22,20 +20,6 @@ def closed(number, answer=0):
 
 
 class ShellTest(ClientTest):
-    def test_task_is_told_in_exact_lines(self):
-        self.write("data/source")
-        done = self.run_program("shell", stdin=f"{COPY}\n.wait 101\n".encode())
-        lines = done.stdout.decode().splitlines()
-        # The task may start before its command is answered.
-        lines.remove(f'{{"event":"result","command":"{COPY}","result":101}}')
-        self.assertEqual(lines, [
-            '{"event":"session","session":100}',
-            '{"event":"status","session":100,"task":101,"code":1,"message":"processTask start"}',
-            '{"event":"status","session":100,"task":101,"code":0,"message":"processTask finish"}',
-            '{"event":"waited","task":101,"code":0}',
-            '{"event":"closed","session":100,"result":0}'])
-        self.assertEqual(done.returncode, 0)
-
     def test_lines_without_tasks(self):
         cases = {
             "last line without newline": (["", "  ", "abort 7"],
@@ -93,16 +77,6 @@ class ShellTest(ClientTest):
         self.assertEqual([entry["code"] for entry in of_event(objects, "waited")], [-1] * 3)
         self.assertEqual(len(of_event(objects, "error")), 1)
         self.assertEqual(status, 1)
-
-    def test_worker_tells_the_second_callback_of_the_first_session(self):
-        self.write("data/source")
-        objects, _ = self.shell(".open new", ".use 100", ".threads", COPY, ".wait 102", ".threads")
-        for entry in of_event(objects, "status"):
-            self.assertEqual((entry["session"], list(entry)[-1], entry["callback"]),
-                             (100, "callback", 2))
-        before, after = (entry["threads"] for entry in of_event(objects, "threads"))
-        new = [list(thread.items())[::2] for thread in after if thread not in before]
-        self.assertIn([("name", "BackupWorkerThr"), ("nice", 10)], new)
 
     def test_tasks_that_leave_the_queue_have_ended(self):
         """Two tasks keep the workers busy while others are queued, dropped and aborted."""
