@@ -114,14 +114,13 @@ bool TarFile::PackDir(const char* srcDir, const char* tarPath) {
         m_rootPath[0] = '\0';
         return false;
     }
-    const bool isWalked = packTree();
-    bool result = isWalked;
-    if (isWalked && !writeEndBlocks()) {
+    bool result = packTree();
+    if (result && !writeEndBlocks()) {
         ALOGE("TarFile::PackDir, failed to write endup block");
         result = false;
     }
     closeTar();
-    if (!isWalked && remove(tarPath) != 0) {
+    if (!result && remove(tarPath) != 0) {
         ALOGE("TarFile::PackDir, failed to remove file: %s, error: %s", tarPath,
               ErrorText().c_str());
     }
@@ -150,10 +149,10 @@ bool TarFile::openTar(const char* tarPath) {
 // A larger buffer than a stream's own makes fewer writes of headers and small files; a still larger
 // one only adds a copy of what is written whole anyway.
 FILE* TarFile::openStream(const char* path) {
-    FILE* stream = fopen(path, "wb+e");
     if (m_tarBuf == nullptr) {
         m_tarBuf = allocatePages(kStreamBuffer);
     }
+    FILE* stream = fopen(path, "wb+e");
     if (stream != nullptr && m_tarBuf != nullptr) {
         setvbuf(stream, m_tarBuf, _IOFBF, kStreamBuffer);
     }

@@ -6,6 +6,7 @@
 //
 // The arithmetic decides what earlier devices can read back and is kept as it is, odd cases
 // included. Tested by tests/tar/tar_split_test.cpp.
+#include <fcntl.h>
 #include <log/log.h>
 #include <selinux/android.h>
 #include <stdlib.h>
@@ -286,8 +287,14 @@ bool TarFile::FillSplitHeaderBlocks() {
     }
     const std::string path = m_curFile;
     struct stat status = {};
-    if (lstat(path.c_str(), &status) != 0) {
+    if (fstatat(m_dirFd, lastComponent(path.c_str()), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         ALOGE("TarFile::FillSplitHeaderBlocks lstat %s error!", path.c_str());
+        return false;
+    }
+    // An application has the whole pause to put something else there. No other entry has content:
+    // what is left of the file would be read as headers.
+    if (!S_ISREG(status.st_mode)) {
+        ALOGE("TarFile::FillSplitHeaderBlocks %s is no file any more!", path.c_str());
         return false;
     }
     return AddFile(path.c_str(), &status, true);

@@ -87,7 +87,11 @@ bool UnTarFile::HandleCheckFile(const char* checkFilePath, Vector<std::string>& 
         ++count;
         memset_s(line, sizeof(line), 0, sizeof(line));
     }
-    return ferror(file.get()) == 0;
+    if (ferror(file.get()) != 0) {
+        ALOGE("read check file %s error ,error:%s", checkFilePath, ErrorText().c_str());
+        return false;
+    }
+    return true;
 }
 
 bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices) {

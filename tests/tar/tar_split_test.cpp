@@ -249,11 +249,13 @@ TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
     const auto abort = [this] { callBack.isAborted = true; };
     const auto abortLater = [this] { callBack.isAborted = callBack.slices.size() == 1; };
     const auto lose = [&] { unlink(file.c_str()); };
+    const auto replace = [&] { unlink(file.c_str()), makeDir(file); };
     const auto none = [] {};
     const std::string label = "TarFile::FixAttrForSeLinux failed, restorecon_backup_dir " + base;
     const std::string data = "TarFile::PackDir, failed to write data of file: " + file;
     const std::string content = "TarFile::PackDir, failed to write content of file: " + file;
     const std::string lost = "TarFile::FillSplitHeaderBlocks lstat " + file + " error!";
+    const std::string other = "TarFile::FillSplitHeaderBlocks " + file + " is no file any more!";
     const struct {
         const char* name;
         std::string refused;
@@ -275,6 +277,7 @@ TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
          {".0", ".1|end"},
          {"app.tar.0", "app.tar.1", "app.tar.txt"},
          label},
+        {"a directory by now", "", none, replace, {".0"}, {"app.tar.0"}, other},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
