@@ -194,8 +194,9 @@ int TreeCopier::copyRegular(const struct stat& status) {
     if (filterFile(mFrom.c_str(), status) != 0) {
         return 0;
     }
+    // A target that is not there yet leads nowhere.
     if (CheckFilePath(mFrom.c_str(), mTask->realSrcPath) != 0 ||
-        CheckFilePath(mTo.c_str(), mTask->realDestPath) != 0) {
+        (exists(mTo.c_str()) && CheckFilePath(mTo.c_str(), mTask->realDestPath) != 0)) {
         ALOGW("Skip copy file because path is invalid, frompath: %s, topath: %s", mFrom.c_str(),
               mTo.c_str());
         return 0;
