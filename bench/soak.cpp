@@ -20,6 +20,7 @@
 
 #include <android/log.h>
 #include <getopt.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -51,7 +52,8 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kClients = 8;
 constexpr auto kSilence = 60s;
 constexpr long kMemorySlack = 4096;  // KiB
-constexpr long kStreamSize = 8;      // KiB that a kept stream takes
+constexpr int kLargePiece = 64 * 1024;
+constexpr long kStreamSize = 8;  // KiB that a kept stream takes
 
 std::atomic<uint64_t> gLogLines{0};
 
@@ -258,6 +260,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     allowDescriptors();
+    // What is freed in large pieces goes back at once: by itself the allocator keeps more of it
+    // with every run's luck, and memory would be level after minutes only.
+    mallopt(M_MMAP_THRESHOLD, kLargePiece);
     __android_log_set_logger(countLine);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     const peltex_test::ScopedWaits shortWaits(peltex_test::WaitLength::kShort);

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "service/peltexinstalld.h"
@@ -185,7 +186,9 @@ void Client::dropFinished() {
     const auto over = std::partition(mJobs.begin(), mJobs.end(),
                                      [this](const Job& job) { return !mLedger.isOver(job.task); });
     for (auto job = over; job != mJobs.end(); ++job) {
-        fs::remove_all(job->directory);
+        // A backup that somebody's late continuation began may be writing there.
+        std::error_code notEmpty;
+        fs::remove_all(job->directory, notEmpty);
     }
     mJobs.erase(over, mJobs.end());
 }
