@@ -43,10 +43,13 @@ need_packages() {
         fail "these packages are missing, ask your administrator for them: ${missing[*]}"
     fi
     printf 'Installing %s\n' "${missing[*]}"
+    # A machine that has just started may be at its own updates.
     as_root env DEBIAN_FRONTEND=noninteractive sh -c '
-        apt-get install -y --no-install-recommends "$@" >/dev/null 2>&1 ||
-            { apt-get update >/dev/null &&
-              apt-get install -y --no-install-recommends "$@" >/dev/null; }' sh "${missing[@]}" ||
+        install() {
+            apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@" >/dev/null
+        }
+        install "$@" 2>/dev/null || { apt-get update >/dev/null && install "$@"; }
+        ' sh "${missing[@]}" ||
         fail "these packages could not be installed: ${missing[*]}"
 }
 
