@@ -31,6 +31,15 @@ constexpr timespec kSettleInterval = {0, 50000};
 
 }  // namespace
 
+BackupWorkerThread::BackupWorkerThread(BackupSessionManager* manager, size_t index)
+    : Thread(/*canCallJava=*/true), workerIndex(index), mManager(manager) {}
+
+BackupWorkerThread::~BackupWorkerThread() = default;
+
+bool BackupWorkerThread::threadLoop() {
+    return mManager->loopOnce(workerIndex);
+}
+
 bool BackupSessionManager::loopOnce(size_t workerIndex) {
     mInPass[workerIndex] = true;
     Turn turn;

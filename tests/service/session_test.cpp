@@ -35,6 +35,66 @@ TEST_F(SessionTest, WithoutACallbackTasksRunUnheard) {
     EXPECT_TRUE(eventually([&] { return exists(tree / "out/one"); }));
 }
 
+// As a default implementation of the interface is.
+class ClientWithoutBinder : public TestClient {
+  protected:
+    android::IBinder* onAsBinder() override { return nullptr; }
+};
+
+TEST_F(SessionTest, AClientWithoutABinderIsServed) {
+    const android::sp<TestClient> plain = new ClientWithoutBinder();
+    const int32_t session = manager->startBackupSession(plain);
+    EXPECT_EQ(plain->waitForEnd(addCopy(session, "one")), 0);
+    EXPECT_EQ(client->waitForEnd(addCopy(manager->startBackupSession(client), "two")), 0);
+}
+
+class ClientThatCallsInWhenItGoes : public TestClient {
+  public:
+    explicit ClientThatCallsInWhenItGoes(std::function<void()> last) : mLast(std::move(last)) {}
+    ~ClientThatCallsInWhenItGoes() override { mLast(); }
+
+  private:
+    const std::function<void()> mLast;
+};
+
+TEST_F(SessionTest, AReplacedCallbackIsLetGoWhereItMayCallIn) {
+    int32_t answer = -1;
+    const int32_t session = manager->startBackupSession(new ClientThatCallsInWhenItGoes(
+        [&] { answer = execute(manager->startBackupSession(client), "delay 1"); }));
+    manager->startBackupSession(client);
+    EXPECT_EQ(answer, 0);
+    EXPECT_EQ(manager->finishBackupSession(session), 0);
+}
+
+class ClientThatWaits : public TestClient {
+  public:
+    android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
+                                                const std::string& message) override {
+        if (code == 2) {
+            onAbort();
+        }
+        return TestClient::onTaskStatusChanged(session, task, code, message);
+    }
+
+    std::function<void()> onAbort;
+};
+
+TEST_F(SessionTest, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
+    const android::sp<ClientThatWaits> waiting = new ClientThatWaits();
+    const int32_t session = manager->startBackupSession(waiting);
+    const int32_t tasks[] = {addBlocked(session, "one"), addBlocked(session, "two")};
+    EXPECT_EQ(waiting->waitFor(tasks[0], 1), 1);
+    EXPECT_EQ(waiting->waitFor(tasks[1], 1), 1);
+    int32_t other = TestClient::kNone;
+    waiting->onAbort = [&] {
+        letGo("two");
+        other = waiting->waitForEnd(tasks[1]);
+    };
+    EXPECT_EQ(execute(session, "abort " + std::to_string(tasks[0])), 0);
+    EXPECT_EQ(other, 0);
+    letGo("one");
+}
+
 // Of neighbours in the queue every second one survives: the walk steps over what moves up.
 TEST_F(SessionTest, FinishDropsEverySecondOfNeighbouringPendingTasks) {
     const int32_t keeper = manager->startBackupSession(client);
