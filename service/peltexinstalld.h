@@ -1,10 +1,10 @@
 // The three functions that the library exports. The daemon finds them by name after dlopen; all may
 // be called from any thread at any time.
 //
-// The library calls the callback from its worker threads and from inside executeBackupTask, at times
-// with one of its locks held. A callback may take its time, which holds up its own task and at most
-// the commands. It must not call the library, nor wait for a thread that does, nor call exit(),
-// which waits for the workers.
+// The library calls the callback from its worker threads and from inside executeBackupTask, at
+// times with one of its locks held. A callback may take its time, which holds up its own task and
+// at most the commands. It must not call the library, nor wait for a thread that does, nor call
+// exit(), which waits for the workers.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
