@@ -57,13 +57,34 @@ class ClientThatCallsInWhenItGoes : public TestClient {
     const std::function<void()> mLast;
 };
 
-TEST_F(SessionTest, AReplacedCallbackIsLetGoWhereItMayCallIn) {
-    int32_t answer = -1;
-    const int32_t session = manager->startBackupSession(new ClientThatCallsInWhenItGoes(
-        [&] { answer = execute(manager->startBackupSession(client), "delay 1"); }));
-    manager->startBackupSession(client);
-    EXPECT_EQ(answer, 0);
-    EXPECT_EQ(manager->finishBackupSession(session), 0);
+// The last reference goes with the callback's replacement, or with a queued task that it was given.
+TEST_F(SessionTest, ACallbackIsLetGoWhereItMayCallIn) {
+    const int32_t keeper = manager->startBackupSession(client);
+    runBlocked(keeper, "one");
+    runBlocked(keeper, "two");
+    const std::string drops[] = {"replaced", "aborted", "finished", "refused"};
+    for (const std::string& drop : drops) {
+        SCOPED_TRACE(drop);
+        std::atomic<int32_t> answer{-1};
+        const int32_t session = manager->startBackupSession(
+            new ClientThatCallsInWhenItGoes([&] { answer = execute(keeper, "delay 1"); }));
+        int32_t task = 0;
+        if (drop == "refused") {
+            task = execute(session, "backup file /system/x " + (tree / "out") + " s 0");
+        } else if (drop != "replaced") {
+            task = addCopy(session, drop);
+        }
+        manager->startBackupSession(client);
+        if (drop == "aborted") {
+            EXPECT_EQ(execute(session, "abort " + std::to_string(task)), 0);
+        } else if (drop == "finished") {
+            EXPECT_EQ(manager->finishBackupSession(session), 0);
+        } else if (drop == "refused") {
+            letGo("one");
+        }
+        EXPECT_TRUE(eventually([&] { return answer == 0; }));
+    }
+    letGo("two");
 }
 
 class ClientThatWaits : public TestClient {
