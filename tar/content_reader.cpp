@@ -37,8 +37,7 @@ void ContentReader::close() {
 }
 
 bool ContentReader::readChunk(const Place& file) {
-    m_chunkSize =
-        static_cast<int>(std::min(m_fileRemainSize, static_cast<long>(kContentChunk)));
+    m_chunkSize = static_cast<int>(std::min(m_fileRemainSize, static_cast<long>(kContentChunk)));
     if (ReadAll(m_fd.get(), m_ioBuf.get(), m_chunkSize) != m_chunkSize) {
         ALOGE("TarFile::PackDir, failed to read src file: %s", file.path());
         return false;

@@ -1,6 +1,8 @@
-// How much of a file goes into which slice, as functions of numbers. What has been restored with
-// these sizes, odd cases included, was packed by them: a change makes sets that older devices cannot
-// read back. docs/LIMITS.md tells which files come out wrong. All sizes are bytes.
+// How much of a file goes into which slice, as functions of numbers. All sizes are bytes.
+//
+// Headers promise what comes out here, odd cases included, and sets that are packed with other
+// numbers are other sets: tests/tar/split_model.py and peltexctl verify count the same.
+// docs/LIMITS.md tells which files come out wrong.
 #pragma once
 
 #include <stddef.h>

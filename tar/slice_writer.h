@@ -1,5 +1,6 @@
-// Writes entries into slices. A slice that a write has filled is closed and handed over, and packing
-// goes on in the next one; a file that did not fit goes on there behind a header of its own:
+// Writes entries into slices. A slice that a write has filled is closed and handed over, and
+// packing goes on in the next one; a file that did not fit goes on there behind a header of its
+// own:
 //
 //   slice 0          slice 1             slice 2
 //   | ... '8' part | '9' header, part | 'A' header, rest | next entries ...

@@ -88,8 +88,7 @@ bool Slices::close() {
     m_splitSizes.add(size);
     ALOGD("TarFile::FillSplitTailBlocks tar num is %zu", count());
     ALOGD("TarFile::FillSplitTailBlocks split tar [name, size, m_slice] = [%s, %jd, %jd]",
-          m_curTarPath.c_str(), static_cast<intmax_t>(size),
-          static_cast<intmax_t>(m_options.size));
+          m_curTarPath.c_str(), static_cast<intmax_t>(size), static_cast<intmax_t>(m_options.size));
     return true;
 }
 

@@ -72,10 +72,10 @@ class Slices {
     const SliceOptions m_options;
     TarStream& m_stream;
     TarCallBack& m_callBack;
-    std::string m_curTarPath;    // of the slice opened last
+    std::string m_curTarPath;     // of the slice opened last
     bool m_isUnfinished = false;  // it was not handed over, be its stream open or not
-    long m_sizeSeen = 0;         // its size, when last looked at
-    Vector<long> m_splitSizes;   // of each closed slice, in bytes, as on disk
+    long m_sizeSeen = 0;          // its size, when last looked at
+    Vector<long> m_splitSizes;    // of each closed slice, in bytes, as on disk
 };
 
 }  // namespace android::installd

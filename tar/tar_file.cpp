@@ -165,8 +165,8 @@ bool TarFile::packEntries(EntryWriter& writer, WalkLevel& level, PathBuffer& pat
     for (; found == WalkLevel::Found::kEntry; found = level.next()) {
         const int packed = DoPack(writer, level.entry());
         // What fails leaves the path as it is: every level tells the deepest one.
-        if (packed == kPackFailed || (packed == kPackedDirectory &&
-                                      !TraversalPackDir(writer, level.entry(), path))) {
+        if (packed == kPackFailed ||
+            (packed == kPackedDirectory && !TraversalPackDir(writer, level.entry(), path))) {
             ALOGE("TarFile::PackDir, failed when pack: %s, result: %d", path.c_str(), kPackFailed);
             return false;
         }

@@ -1,5 +1,5 @@
-// Tested by tests/tar/untar_file_test.cpp, tests/tar/tar_split_test.cpp and, against other programs,
-// tests/tar/test_peers.py.
+// Tested by tests/tar/untar_file_test.cpp, tests/tar/tar_split_test.cpp and, against other
+// programs, tests/tar/test_peers.py.
 #include "tar/untar_file.h"
 
 #include <log/log.h>
