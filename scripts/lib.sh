@@ -2,6 +2,10 @@
 
 set -euo pipefail
 
+# Somebody's shell may export them. Where `cd` goes, what `tar` writes, how `ls` shows names and where
+# `cmake --install` puts files is ours to say, also in what the scripts start.
+unset CDPATH TAR_OPTIONS QUOTING_STYLE DESTDIR
+
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and testing with each preset takes on Debian 12.
