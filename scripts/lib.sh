@@ -16,7 +16,8 @@ packages_bench="libbenchmark-dev libarchive-tools toybox busybox rsync"
 packages_libcxx="libc++-dev libc++abi-dev googletest"
 packages_aarch64="g++-aarch64-linux-gnu qemu-user googletest"
 packages_plots="python3-matplotlib"
-packages_package="git dpkg-dev lintian debootstrap"
+packages_package="git dpkg-dev lintian"
+packages_debian="debootstrap"
 packages_lint="git clang-format clang-tidy"
 
 fail() {
