@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/fast_waits.h"
 #include "tests/support/service_test.h"
 
