@@ -133,13 +133,7 @@ bool UnTarFile::handleEntry(const TarEntry& entry, EParseType type, EntryUnpacke
     if (type == PARSE_UNPACK) {
         return unpacker.unpack(entry, path);
     }
-    list(entry, unpacker, type, path);
-    return true;
-}
-
-// Data of what is no file is not skipped: what is in it is listed like the archive's own headers.
-void UnTarFile::list(const TarEntry& entry, EntryUnpacker& unpacker, EParseType type,
-                     const char* path) {
+    // Data of what is no file is not skipped: what is in it is listed like the archive's headers.
     if (type == PARSE_LIST && isRegular(entry.typeflag)) {
         m_fileNames.push_back(entry.name);
         m_reader.skipData(entry);
@@ -147,6 +141,7 @@ void UnTarFile::list(const TarEntry& entry, EntryUnpacker& unpacker, EParseType 
     if (!entry.hasLongName && !entry.hasLongLink) {
         unpacker.applyOwnerAndMode(entry, path);
     }
+    return true;
 }
 
 int UnTarFile::UnSplitPack(const char* destDir, uint32_t uid) {

@@ -67,7 +67,6 @@ class UnTarFile {
   private:
     int unpackSlice(const char* slicePath, const char* destDir);
     bool handleEntry(const TarEntry& entry, EParseType type, EntryUnpacker& unpacker, char* path);
-    void list(const TarEntry& entry, EntryUnpacker& unpacker, EParseType type, const char* path);
 
     NoCallBack m_noCallBack;
     TarCallBack& m_callBack;

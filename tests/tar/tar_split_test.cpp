@@ -300,9 +300,9 @@ TEST_F(TarSplitTest, FailuresLeaveTheSlicesThatWereHandedOver) {
 
 // What is still in the stream's buffer has to get out before a slice counts as finished.
 TEST_F(TarSplitTest, AFullDiskTakesTheSliceThatIsWrittenAway) {
-    for (const long behindSlice : {kChunk, 10l}) {
+    for (const size_t behindSlice : {size_t{kChunk}, size_t{10}}) {
         SCOPED_TRACE(behindSlice);
-        writeFile(tree / "src/file", std::string(kSlice + behindSlice, 'c'));
+        writeFile(tree / "src/file", std::string(size_t{kSlice} + behindSlice, 'c'));
         emptyOut();
         makeLink("/dev/full", slice(1));
         callBack = RecordingCallBack();
