@@ -39,12 +39,12 @@ Slices::Slices(SliceOptions options, TarStream& stream, TarCallBack& callBack)
 
 bool Slices::CreateSplitFile() {
     m_curTarPath = m_options.basePath + "." + UdtoString(static_cast<unsigned int>(count()));
-    m_isUnfinished = true;
     if (!m_stream.open(m_curTarPath.c_str())) {
         ALOGE("TarFile::CreateSplitFile, failed to open tar file: %s, error: %s",
               m_curTarPath.c_str(), ErrorText().c_str());
         return false;
     }
+    m_isUnfinished = true;
     m_sizeSeen = 0;
     return FlushCurSplitTarAttr();
 }
