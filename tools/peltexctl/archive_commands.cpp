@@ -17,10 +17,10 @@
 #include "archive_listing.h"
 #include "archive_set.h"
 #include "archive_verify.h"
-#include "events.h"
-#include "exit_code.h"
-#include "terminal.h"
-#include "text.h"
+#include "ui/events.h"
+#include "ui/exit_code.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

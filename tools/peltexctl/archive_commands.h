@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tree_counts.h"
+#include "task/tree_counts.h"
 
 namespace peltexctl {
 

@@ -18,10 +18,10 @@
 
 #include "archive_listing.h"
 #include "archive_reader.h"
-#include "exit_code.h"
-#include "signals.h"
-#include "terminal.h"
-#include "text.h"
+#include "ui/exit_code.h"
+#include "ui/signals.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

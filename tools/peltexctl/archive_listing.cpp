@@ -9,7 +9,7 @@
 #include <optional>
 #include <string_view>
 
-#include "text.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

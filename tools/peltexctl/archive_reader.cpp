@@ -11,7 +11,7 @@
 #include <cstring>
 #include <utility>
 
-#include "text.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "archive_reader.h"
-#include "text.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "archive_verify.h"
-#include "text.h"
-#include "tree_counts.h"
+#include "ui/text.h"
+#include "task/tree_counts.h"
 
 namespace peltexctl {
 

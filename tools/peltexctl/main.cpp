@@ -15,16 +15,16 @@
 #include <vector>
 
 #include "archive_commands.h"
-#include "data_mount.h"
-#include "events.h"
-#include "exit_code.h"
-#include "library.h"
-#include "manual.h"
-#include "shell.h"
-#include "signals.h"
-#include "task_command.h"
-#include "terminal.h"
-#include "text.h"
+#include "task/data_mount.h"
+#include "ui/events.h"
+#include "ui/exit_code.h"
+#include "task/library.h"
+#include "ui/manual.h"
+#include "shell/shell.h"
+#include "ui/signals.h"
+#include "task/task_command.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
