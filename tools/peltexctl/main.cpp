@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "archive_commands.h"
+#include "archive/commands.h"
 #include "task/data_mount.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"

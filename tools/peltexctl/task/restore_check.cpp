@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <map>
 
-#include "archive_listing.h"
-#include "archive_set.h"
+#include "archive/listing.h"
+#include "archive/set.h"
 
 namespace peltexctl {
 

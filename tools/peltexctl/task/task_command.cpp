@@ -10,7 +10,7 @@
 #include <system_error>
 #include <vector>
 
-#include "archive_commands.h"
+#include "archive/commands.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "task/restore_check.h"

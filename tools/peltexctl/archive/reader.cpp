@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_reader.h"
+#include "archive/reader.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

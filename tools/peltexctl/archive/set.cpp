@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_set.h"
+#include "archive/set.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include <optional>
 #include <string_view>
 
-#include "archive_reader.h"
+#include "archive/reader.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "archive_verify.h"
+#include "archive/verify.h"
 #include "ui/text.h"
 #include "task/tree_counts.h"
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "archive_set.h"
+#include "archive/set.h"
 
 namespace peltexctl {
 

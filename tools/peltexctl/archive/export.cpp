@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_export.h"
+#include "archive/export.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -16,8 +16,8 @@
 #include <mutex>
 #include <optional>
 
-#include "archive_listing.h"
-#include "archive_reader.h"
+#include "archive/listing.h"
+#include "archive/reader.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"

@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_commands.h"
+#include "archive/commands.h"
 
 #include <fmt/format.h>
 #include <sys/mman.h>
@@ -13,10 +13,10 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "archive_export.h"
-#include "archive_listing.h"
-#include "archive_set.h"
-#include "archive_verify.h"
+#include "archive/export.h"
+#include "archive/listing.h"
+#include "archive/set.h"
+#include "archive/verify.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/terminal.h"

@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_listing.h"
+#include "archive/listing.h"
 
 #include <fmt/format.h>
 

@@ -10,8 +10,8 @@
 #include <functional>
 #include <string>
 
-#include "archive_reader.h"
-#include "archive_set.h"
+#include "archive/reader.h"
+#include "archive/set.h"
 
 namespace peltexctl {
 

@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_verify.h"
+#include "archive/verify.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>
