@@ -5,10 +5,10 @@
 
 #include <cstdint>
 #include <ctime>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 
+#include "ui/json.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -81,78 +81,51 @@ std::string TimeAsText(uint64_t seconds) {
     return text;
 }
 
-class Lister {
-  public:
-    Lister(const ArchiveSet& set, const FindingSink& sink,
-           const std::function<void(const ArchiveEntry&)>& show)
-        : set_(set), sink_(sink), show_(show) {}
+}  // namespace
 
-    void Run() {
-        for (size_t i = 0; i < set_.slices.size(); i++) {
-            ListSlice(i);
-        }
-    }
-
-  private:
-    void ListSlice(size_t index) {
-        const ArchiveSet::Slice& slice = set_.slices[index];
-        std::string error;
-        const std::optional<ArchiveFile> file = ArchiveFile::Open(slice.path, &error);
-        if (!file) {
-            sink_({Severity::kFault, slice.name, "", error});
+void PartJoiner::Take(const ArchiveEntry& entry, bool is_first) {
+    if (cut_ && is_first && entry.Continues() && entry.name == cut_->name) {
+        cut_->size += entry.size;
+    } else {
+        Finish();
+        if (!joins_ || entry.type != TYPE_FIRST_PART) {
+            visit_(entry);
             return;
+        }
+        cut_ = entry;
+        cut_->type = TYPE_REGULAR;
+    }
+    if (!entry.FillsSlice()) {
+        Finish();
+    }
+}
+
+void PartJoiner::Finish() {
+    if (cut_) {
+        visit_(*cut_);
+        cut_.reset();
+    }
+}
+
+void ListSet(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& show) {
+    PartJoiner joiner(set, show);
+    for (size_t i = 0; i < set.size(); i++) {
+        std::string error;
+        const std::optional<ArchiveFile> file = set.OpenSlice(i, &error);
+        if (!file) {
+            sink({Severity::kFault, set.NameOf(i), "", error});
+            continue;
         }
         ArchiveReader reader(*file);
         ArchiveEntry entry;
-        for (bool first = true; reader.Next(&entry); first = false) {
-            ShowEntry(index, first, entry);
+        for (bool is_first = true; reader.Next(&entry); is_first = false) {
+            joiner.Take(entry, is_first);
         }
         if (reader.end() != ArchiveEnd::kEndBlocks) {
-            sink_({Severity::kFault, slice.name, entry.name, DescribeEnd(reader.end())});
+            sink({Severity::kFault, set.NameOf(i), entry.name, DescribeEnd(reader.end())});
         }
     }
-
-    void ShowEntry(size_t index, bool first, ArchiveEntry entry) {
-        const bool shown = first && entry.Continues() && cut_file_ == entry.name;
-        if (!shown) {
-            cut_file_.reset();
-            if (set_.kind == ArchiveSet::Kind::kCheckFile && entry.type == TYPE_FIRST_PART) {
-                cut_file_ = entry.name;
-                entry.size = WholeSize(set_, index, entry);
-                entry.type = TYPE_REGULAR;
-            }
-            show_(entry);
-        }
-    }
-
-    const ArchiveSet& set_;
-    const FindingSink& sink_;
-    const std::function<void(const ArchiveEntry&)>& show_;
-    std::optional<std::string> cut_file_;  // the file that the last entry shown is the front of
-};
-
-}  // namespace
-
-uint64_t WholeSize(const ArchiveSet& set, size_t index, const ArchiveEntry& entry) {
-    uint64_t size = entry.size;
-    bool goes_on = entry.FillsSlice();
-    for (size_t i = index + 1; goes_on && i < set.slices.size(); i++) {
-        std::string error;
-        const std::optional<ArchiveFile> file = ArchiveFile::Open(set.slices[i].path, &error);
-        ArchiveEntry part;
-        if (!file || !ArchiveReader(*file).Next(&part) || !part.Continues() ||
-            part.name != entry.name) {
-            break;
-        }
-        size += part.size;
-        goes_on = part.FillsSlice();
-    }
-    return size;
-}
-
-void ListSet(const ArchiveSet& set, const FindingSink& sink,
-             const std::function<void(const ArchiveEntry&)>& show) {
-    Lister(set, sink, show).Run();
+    joiner.Finish();
 }
 
 std::string EntryAsText(const ArchiveEntry& entry) {
@@ -164,18 +137,14 @@ std::string EntryAsText(const ArchiveEntry& entry) {
 }
 
 std::string EntryAsJson(const ArchiveEntry& entry) {
-    nlohmann::ordered_json object = {{"event", "entry"},
-                                     {"type", BytesToUtf8(std::string(1, entry.type))},
-                                     {"mode", fmt::format("{:04o}", entry.mode)},
-                                     {"uid", entry.uid},
-                                     {"gid", entry.gid},
-                                     {"size", entry.size},
-                                     {"mtime", entry.mtime},
-                                     {"name", BytesToUtf8(entry.name)}};
+    Json object = {{"event", "entry"}, {"type", BytesToUtf8({&entry.type, 1})},
+                   {"mode", fmt::format("{:04o}", entry.mode)}, {"uid", entry.uid},
+                   {"gid", entry.gid}, {"size", entry.size}, {"mtime", entry.mtime}};
+    SetBytes(&object, "name", entry.name);
     if (HasLink(entry)) {
-        object["link"] = BytesToUtf8(entry.link);
+        SetBytes(&object, "link", entry.link, "raw_link");
     }
-    return object.dump(-1, ' ', true);
+    return JsonLine(object);
 }
 
 }  // namespace peltexctl

@@ -2,115 +2,76 @@
 #include "archive/reader.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "ui/text.h"
 
 namespace peltexctl {
 
+using namespace android::installd;
+
 namespace {
 
-using android::installd::kBlockSize;
-using android::installd::kTarPathSize;
-using android::installd::tar_header;
-using android::installd::TarBlock;
-
-constexpr size_t kChecksumOffset = offsetof(tar_header, chksum);
-
-bool IsOctalDigit(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xf8) == 0x30;
-}
-
-// The block with the bytes behind it, which end every field that does not end in the block.
-const char* Bytes(const TarBlock& block) {
-    return reinterpret_cast<const char*>(&block);
-}
-
-// Archives of ours have a digit in every field. In others a field without one takes its value from
-// what follows, up to the digit behind the block; each byte passed over is one digit less, and once
-// the field is used up that way nothing limits the digits but what they are.
-uint64_t ParseOctal(const TarBlock& block, size_t offset, size_t width) {
-    const char* text = Bytes(block) + offset;
-    size_t left = width;
-    for (; !IsOctalDigit(*text); text++) {
-        left--;
-    }
-    uint64_t value = 0;
-    for (; left != 0 && IsOctalDigit(*text); text++, left--) {
-        value = value * 8 + static_cast<uint64_t>(*text - '0');
-    }
-    return value;
-}
-
-uint32_t Checksum(const TarBlock& block) {
-    const char* bytes = Bytes(block);
-    uint32_t sum = 0;
-    for (size_t i = 0; i < kBlockSize; i++) {
-        const bool in_field =
-            i >= kChecksumOffset && i < kChecksumOffset + sizeof(tar_header::chksum);
-        sum += in_field ? 0x20U : static_cast<unsigned char>(bytes[i]);
-    }
-    return sum;
-}
-
 bool IsHeader(const TarBlock& block) {
-    return std::memcmp(block.header.magic, "ustar", 5) == 0 &&
-           Checksum(block) == static_cast<uint32_t>(
-                                  ParseOctal(block, kChecksumOffset, sizeof(tar_header::chksum)));
+    const tar_header& header = block.header;
+    return std::memcmp(header.magic, "ustar", 5) == 0 &&
+           checksumOf(header) ==
+               static_cast<uint32_t>(ParseOctalStr(header.chksum, sizeof(header.chksum)));
 }
 
-// A text that no NUL ends in its field goes on into the next one.
-std::string TextAt(const TarBlock& block, size_t offset) {
-    return Bytes(block) + offset;
-}
-
-uint64_t SizeOf(const TarBlock& block) {
-    return ParseOctal(block, offsetof(tar_header, size), sizeof(tar_header::size));
+// A number as other programs read it: octal digits behind spaces, nothing is 0. Nothing for a
+// binary number, which the first bit marks.
+std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
+    if ((*field & 0x80) != 0) {
+        return std::nullopt;
+    }
+    const char* const end = field + width;
+    uint64_t value = 0;
+    std::from_chars(std::find_if(field, end, [](char byte) { return byte != ' '; }), end, value, 8);
+    return value;
 }
 
 }  // namespace
 
-std::optional<ArchiveFile> ArchiveFile::Open(const std::string& path, std::string* error) {
+std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& name, int flags,
+                                             std::string* error) {
     // Without waiting: a FIFO of that name would hold up the call for ever.
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd == -1) {
-        *error = fmt::format("cannot open {}: {}", path, ErrorText(errno));
-        return std::nullopt;
-    }
-    ArchiveFile file(fd, 0);
+    UniqueFd fd(openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
     struct stat info = {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        *error = fmt::format("{} is no regular file: an archive, a slice or a check file is wanted",
-                             path);
+    if (!fd.isOpen() || fstat(fd.get(), &info) != 0) {
+        *error = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
         return std::nullopt;
     }
-    file.size_ = static_cast<uint64_t>(info.st_size);
-    return file;
+    if (!S_ISREG(info.st_mode)) {
+        *error = "is no regular file: an archive, a slice or a check file is wanted";
+        return std::nullopt;
+    }
+    return ArchiveFile(std::move(fd), static_cast<uint64_t>(info.st_size));
 }
 
-ArchiveFile::ArchiveFile(ArchiveFile&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
-
-ArchiveFile::~ArchiveFile() {
-    if (fd_ != -1) {
-        close(fd_);
+std::optional<ArchiveFile> ArchiveFile::Duplicate(std::string* error) const {
+    UniqueFd fd(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
+    if (!fd.isOpen()) {
+        *error = "cannot be opened: " + ErrorText(errno);
+        return std::nullopt;
     }
+    return ArchiveFile(std::move(fd), size_);
 }
 
 bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
     if (offset > size_ || size > size_ - offset) {
         return false;
     }
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t count = pread(fd_, static_cast<char*>(buffer) + done, size - done,
+    for (size_t done = 0; done < size;) {
+        const ssize_t count = pread(fd(), static_cast<char*>(buffer) + done, size - done,
                                     static_cast<off_t>(offset + done));
         if (count == 0 || (count == -1 && errno != EINTR)) {
             return false;
@@ -120,20 +81,77 @@ bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
     return true;
 }
 
+std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {
+    char buffer[16384];
+    while (offset < size_) {
+        // Where holes are not known, everything is data.
+        if (const off_t data = lseek(fd(), static_cast<off_t>(offset), SEEK_DATA); data != -1) {
+            offset = static_cast<uint64_t>(data);
+        } else if (errno == ENXIO) {
+            return size_;
+        }
+        const auto count = static_cast<size_t>(
+            std::min<uint64_t>(sizeof(buffer), size_ - std::min(offset, size_)));
+        if (!ReadAt(offset, buffer, count)) {
+            return std::nullopt;
+        }
+        const char* const found =
+            std::find_if(buffer, buffer + count, [](char byte) { return byte != '\0'; });
+        offset += static_cast<uint64_t>(found - buffer);
+        if (found != buffer + count) {
+            return offset;
+        }
+    }
+    return size_;
+}
+
+bool LineReader::Next(std::string* line) {
+    size_t end = buffer_.find('\n');
+    while (end == std::string::npos && offset_ < file_.size() && buffer_.size() <= longest_) {
+        const size_t begin = buffer_.size();
+        const auto count = static_cast<size_t>(std::min<uint64_t>(4096, file_.size() - offset_));
+        buffer_.resize(begin + count);
+        has_all_ = file_.ReadAt(offset_, buffer_.data() + begin, count);
+        if (!has_all_) {
+            return false;
+        }
+        offset_ += count;
+        end = buffer_.find('\n', begin);
+    }
+    *line = buffer_.substr(0, end);
+    buffer_.erase(0, end == std::string::npos ? end : end + 1);
+    has_all_ = line->size() <= longest_;
+    return has_all_ && (end != std::string::npos || !line->empty());
+}
+
 bool ArchiveEntry::FillsSlice() const {
-    using namespace android::installd;
     return type == TYPE_MIDDLE_PART ||
            (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
 }
 
 bool ArchiveEntry::Continues() const {
-    using namespace android::installd;
     return type == TYPE_MIDDLE_PART || type == TYPE_LAST_PART;
 }
 
 bool ArchiveEntry::IsFile() const {
-    using namespace android::installd;
     return type == TYPE_REGULAR || type == TYPE_FIRST_PART || Continues();
+}
+
+bool ArchiveEntry::IsRestored() const {
+    return IsFile() || type == TYPE_SYMLINK || type == TYPE_DIRECTORY;
+}
+
+std::string ArchiveEntry::Path() const {
+    std::string path;
+    for (size_t begin = 0; begin < name.size();) {
+        const size_t end = std::min(name.find('/', begin), name.size());
+        const std::string_view component = std::string_view(name).substr(begin, end - begin);
+        if (!component.empty() && component != ".") {
+            path.append(path.empty() ? "" : "/").append(component);
+        }
+        begin = end + 1;
+    }
+    return path;
 }
 
 const char* DescribeEnd(ArchiveEnd end) {
@@ -147,7 +165,8 @@ const char* DescribeEnd(ArchiveEnd end) {
         case ArchiveEnd::kInvalidBlock:
             return "no valid header where one should be";
         case ArchiveEnd::kRefusedName:
-            return "a restore ends here: it refuses names with \"../\"";
+            return "a restore ends here: it refuses names with \"../\" and longer paths than 2,047 "
+                   "bytes";
         case ArchiveEnd::kDataCut:
             return "the bytes that its header promises are not there";
         case ArchiveEnd::kNotYet:
@@ -162,23 +181,24 @@ bool IsHeaderAt(const ArchiveFile& file, uint64_t offset) {
 }
 
 bool ArchiveReader::Next(ArchiveEntry* entry) {
-    using namespace android::installd;
-    *entry = ArchiveEntry();
     while (ReadHeader()) {
         const tar_header& header = block_.header;
+        // Of records, too: a restore looks at the name before it looks at the type.
+        entry->name = long_name_ ? *long_name_ : block_.bytes();
+        if (entry->name.find("../") != std::string::npos || entry->name.size() > name_room_) {
+            return Finish(ArchiveEnd::kRefusedName);
+        }
         if (header.typeflag == TYPE_LONG_NAME) {
-            TakeRecord(&long_name_, &lost_record_);
+            TakeRecord(&long_name_);
         } else if (header.typeflag == TYPE_LONG_LINK) {
-            TakeRecord(&long_link_, &lost_record_);
+            TakeRecord(&long_link_);
         } else {
             FillEntry(entry);
-            if (entry->name.find("../") != std::string::npos) {
-                return Finish(ArchiveEnd::kRefusedName);
-            }
             // Links and directories have no content, whatever their size says.
             const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
             return !has_content || SkipContent(entry->size);
         }
+        entry->name.clear();  // of a record that is cut, there is no entry to blame
     }
     return false;
 }
@@ -188,10 +208,12 @@ bool ArchiveReader::ReadHeader() {
     if (end_ != ArchiveEnd::kNotYet) {
         return false;
     }
-    if (!ReadBlock()) {
+    block_offset_ = position_;
+    if (!file_.ReadAt(position_, &block_.header, kBlockSize)) {
         return Finish(ArchiveEnd::kNoEndBlocks);
     }
-    if (*Bytes(block_) == '\0') {
+    position_ += kBlockSize;
+    if (*block_.bytes() == '\0') {
         char second = 'x';
         const bool ended = file_.ReadAt(position_ + kBlockSize - 1, &second, 1) &&
                            file_.ReadAt(position_, &second, 1) && second == '\0';
@@ -200,24 +222,15 @@ bool ArchiveReader::ReadHeader() {
     return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
 }
 
-bool ArchiveReader::ReadBlock() {
-    block_offset_ = position_;
-    if (!file_.ReadAt(position_, &block_.header, kBlockSize)) {
-        return false;
-    }
-    position_ += kBlockSize;
-    return true;
-}
-
-void ArchiveReader::TakeRecord(std::optional<std::string>* text, bool* lost) {
-    const uint64_t size = SizeOf(block_);
-    const uint64_t offset = position_;
+void ArchiveReader::TakeRecord(std::optional<std::string>* text) {
+    const uint64_t size =
+        NumberAt(offsetof(tar_header, size), sizeof(tar_header::size), UINT64_MAX, "size");
     text->reset();
     if (size >= kTarPathSize) {
-        *lost = true;
+        lost_record_ = true;
     } else {
         char buffer[kTarPathSize] = {};
-        if (file_.ReadAt(offset, buffer, static_cast<size_t>(size))) {
+        if (file_.ReadAt(position_, buffer, static_cast<size_t>(size))) {
             *text = buffer;
         }
     }
@@ -227,23 +240,37 @@ void ArchiveReader::TakeRecord(std::optional<std::string>* text, bool* lost) {
 void ArchiveReader::FillEntry(ArchiveEntry* entry) {
     const tar_header& header = block_.header;
     entry->header = header;
-    entry->type = header.typeflag == android::installd::TYPE_REGULAR_OLD
-                      ? static_cast<char>(android::installd::TYPE_REGULAR)
-                      : header.typeflag;
+    entry->type = header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR)
+                                                      : header.typeflag;
+    const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
+    entry->size = NumberAt(offsetof(tar_header, size), sizeof(header.size),
+                           has_content ? UINT64_MAX : 0, "size");
     entry->mode = static_cast<uint32_t>(
-        ParseOctal(block_, offsetof(tar_header, mode), sizeof(header.mode)) & 07777);
-    entry->uid = ParseOctal(block_, offsetof(tar_header, uid), sizeof(header.uid));
-    entry->gid = ParseOctal(block_, offsetof(tar_header, gid), sizeof(header.gid));
-    entry->size = SizeOf(block_);
-    entry->mtime = ParseOctal(block_, offsetof(tar_header, mtime), sizeof(header.mtime));
+        NumberAt(offsetof(tar_header, mode), sizeof(header.mode), 07777, "mode") & 07777);
+    entry->uid = NumberAt(offsetof(tar_header, uid), sizeof(header.uid), UINT32_MAX, "uid");
+    entry->gid = NumberAt(offsetof(tar_header, gid), sizeof(header.gid), UINT32_MAX, "gid");
+    entry->mtime = NumberAt(offsetof(tar_header, mtime), sizeof(header.mtime), 0, "");
     entry->data_offset = position_;
     entry->long_name = long_name_.has_value();
     entry->long_link = long_link_.has_value();
     entry->lost_record = std::exchange(lost_record_, false);
-    entry->name = long_name_ ? *long_name_ : TextAt(block_, offsetof(tar_header, name));
-    entry->link = long_link_ ? *long_link_ : TextAt(block_, offsetof(tar_header, linkname));
+    entry->misread = std::exchange(misread_, nullptr);
+    entry->link =
+        long_link_ ? *long_link_ : block_.bytes() + offsetof(tar_header, linkname);
     long_name_.reset();
     long_link_.reset();
+}
+
+// The field as a restore reads it: one without a digit takes its value from what follows. Makes a
+// note when the bits of `mask`, those that are used, say something else to other programs.
+uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask, const char* what) {
+    const char* const field = block_.bytes() + offset;
+    const uint64_t value = ParseOctalStr(field, width);
+    const std::optional<uint64_t> standard = StandardNumber(field, width);
+    if (mask != 0 && (!standard || ((*standard ^ value) & mask) != 0)) {
+        misread_ = what;
+    }
+    return value;
 }
 
 // Moves behind `size` bytes of content and what fills their last block.

@@ -1,168 +1,164 @@
 // Tested by tests/peltexctl/test_archives.py.
 #include "archive/set.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <optional>
+#include <charconv>
 #include <string_view>
+#include <system_error>
 
-#include "archive/reader.h"
 #include "ui/text.h"
 
 namespace peltexctl {
 
+using namespace android::installd;
+
 namespace {
 
-using android::installd::kBlockSize;
-using android::installd::tar_header;
+using Severity = Finding::Severity;
 
-// A restore takes a check file's lines in pieces of this size.
-constexpr size_t kMaxLine = 2046;
-constexpr uint64_t kMaxCheckFile = 16 << 20;
+// A restore takes longer lines, with their line feed, in pieces.
+constexpr size_t kMaxLine = 2045;
 
-bool IsDigits(std::string_view text) {
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+bool EndsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-std::string LastComponent(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-bool IsArchive(const std::string& content) {
-    if (content.empty() || content[0] == '\0') {
-        return true;
-    }
+// What has no header in front and a '|' in its first line, or the name of one.
+bool IsCheckFile(std::string_view content, std::string_view name) {
     constexpr size_t kMagic = offsetof(tar_header, magic);
-    if (content.size() > kMagic && content.compare(kMagic, 5, "ustar") == 0) {
-        return true;
+    if ((!content.empty() && content[0] == '\0') ||
+        (content.size() > kMagic && content.substr(kMagic, 5) == "ustar")) {
+        return false;
     }
-    const std::string_view line = std::string_view(content).substr(0, content.find('\n'));
-    const size_t bar = line.rfind('|');
-    return bar == std::string_view::npos || !IsDigits(line.substr(bar + 1, 1));
+    return EndsWith(name, ".txt") ||
+           content.substr(0, content.find('\n')).find('|') != std::string_view::npos;
 }
 
-bool NamesSlice(const std::string& path) {
-    const size_t dot = path.rfind('.');
-    return dot != std::string::npos && IsDigits(std::string_view(path).substr(dot + 1));
+bool NamesSlice(std::string_view name) {
+    const size_t dot = name.rfind('.');
+    return dot != std::string_view::npos && dot + 1 < name.size() &&
+           name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
 }
 
-class CheckFile {
-  public:
-    CheckFile(const FindingSink& sink, ArchiveSet* set)
-        : sink_(sink), set_(set), directory_(DirectoryOf(set->path)) {}
-
-    void Parse(std::string_view content) {
-        while (!content.empty()) {
-            const size_t end = std::min(content.find('\n'), content.size() - 1) + 1;
-            const std::string_view line = content.substr(0, std::min(end, kMaxLine));
-            TakeLine(line);
-            content.remove_prefix(line.size());
-        }
-        if (set_->slices.empty()) {
-            Tell(Finding::Severity::kFault, "", "lists no slice");
-        } else {
-            LookForMore();
-        }
-    }
-
-  private:
-    static std::string DirectoryOf(const std::string& path) {
-        const size_t slash = path.rfind('/');
-        return slash == std::string::npos ? "" : path.substr(0, slash + 1);
-    }
-
-    void Tell(Finding::Severity severity, const std::string& slice, const std::string& message) {
-        sink_({severity, slice.empty() ? LastComponent(set_->path) : slice, "", message});
-    }
-
-    void TakeLine(std::string_view line) {
-        const size_t bar = line.rfind('|');
-        const std::string size_text(line.substr(std::min(bar, line.size() - 1) + 1));
-        char* end = nullptr;
-        errno = 0;
-        // Any base that a number can be written in, as a restore takes it.
-        const long long size = std::strtoll(size_text.c_str(), &end, 0);
-        if (bar == std::string_view::npos || end == size_text.c_str() || errno != 0 || size < 0 ||
-            bar == 0) {
-            std::string shown(line);
-            shown.erase(shown.find_last_not_of('\n') + 1);
-            Tell(Finding::Severity::kFault, "",
-                 fmt::format("the line \"{}\" is not NAME|SIZE", shown));
-            return;
-        }
-        const std::string name(line.substr(0, bar));
-        CheckName(name);
-        set_->slices.push_back({directory_ + name, name, static_cast<uint64_t>(size)});
-    }
-
-    // Slices are numbered from 0 on; what lies elsewhere is no slice of this set.
-    void CheckName(const std::string& name) {
-        if (set_->slices.empty()) {
-            base_ = name.substr(0, name.rfind('.'));
-        }
-        const std::string expected = SliceName(set_->slices.size());
-        if (name != expected) {
-            Tell(Finding::Severity::kFault, name,
-                 fmt::format("listed where {} should be", expected));
-        }
-        if (name.find('/') != std::string::npos) {
-            Tell(Finding::Severity::kWarning, name, "lies outside the set's directory");
-        }
-    }
-
-    void LookForMore() {
-        const std::string next = SliceName(set_->slices.size());
-        if (access((directory_ + next).c_str(), F_OK) == 0) {
-            Tell(Finding::Severity::kWarning, next, "is there but not listed");
-        }
-    }
-
-    std::string SliceName(size_t number) const { return fmt::format("{}.{}", base_, number); }
-
-    const FindingSink& sink_;
-    ArchiveSet* set_;
-    const std::string directory_;
-    std::string base_;
-};
+// The decimal number that is all of `text`, without a sign, spaces or zeros in front: whatever else
+// is a number to a restore, it is one of another value.
+std::optional<uint64_t> PlainNumber(std::string_view text) {
+    int64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    const bool is_plain = !text.empty() && text[0] != '-' && (text[0] != '0' || text.size() == 1);
+    return is_plain && error == std::errc() && stop == end
+               ? std::optional(static_cast<uint64_t>(value))
+               : std::nullopt;
+}
 
 }  // namespace
 
-bool OpenArchiveSet(const std::string& path, const FindingSink& sink, ArchiveSet* set,
-                    std::string* error) {
-    const std::optional<ArchiveFile> file = ArchiveFile::Open(path, error);
-    if (!file) {
-        return false;
-    }
-    *set = {ArchiveSet::Kind::kArchive, path, {}};
-    std::string content(std::min<uint64_t>(file->size(), kMaxLine), '\0');
-    if (!file->ReadAt(0, content.data(), content.size())) {
-        *error = fmt::format("cannot read {}", path);
-        return false;
-    }
-    if (IsArchive(content)) {
-        if (NamesSlice(path)) {
-            set->kind = ArchiveSet::Kind::kSlice;
+// Takes a check file line by line, up to the first fault in it.
+class CheckFileReader {
+  public:
+    explicit CheckFileReader(ArchiveSet* set) : set_(*set) {}
+
+    // Returns what is wrong, in words; empty when nothing is.
+    std::string Read() {
+        const ArchiveFile& file = set_.file();
+        if (file.size() > ArchiveSet::kLargestCheckFile) {
+            return "is larger than check files are, 32 MiB";
         }
-        set->slices.push_back({path, LastComponent(path), 0});
+        LineReader lines(file, kMaxLine);
+        for (std::string line; lines.Next(&line);) {
+            if (!TakeLine(line)) {
+                return fault_;
+            }
+        }
+        Fault("cannot be read, or is longer than 2,046 bytes, so that a restore takes it in pieces");
+        return lines.has_all() ? "" : fault_;
+    }
+
+  private:
+    bool Fault(std::string_view what) {
+        fault_ = fmt::format("line {}: {}", set_.sizes_.size() + 1, what);
+        return false;
+    }
+
+    bool TakeLine(std::string_view line) {
+        const size_t bar = std::min(line.rfind('|'), line.size());
+        const std::string_view name = line.substr(0, bar);
+        const auto size = PlainNumber(line.substr(std::min(bar + 1, line.size())));
+        if (!size || name.empty()) {
+            return Fault(fmt::format("\"{}\" is not NAME|SIZE, the size in plain decimal digits",
+                                     line.substr(0, 300)));
+        }
+        if (name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos) {
+            return Fault(fmt::format("\"{}\" is not the plain name of a file beside it", name));
+        }
+        if (set_.sizes_.empty()) {
+            set_.base_ = name.substr(0, name.rfind('.'));
+        }
+        // Slices are numbered from 0 on, so no name is there twice.
+        if (const std::string expected = set_.NameOf(set_.sizes_.size()); name != expected) {
+            return Fault(fmt::format("lists {} where {} should be", name, expected));
+        }
+        if (set_.sizes_.size() == ArchiveSet::kMostSlices) {
+            return Fault("more slices than sets have, 100,000");
+        }
+        set_.sizes_.push_back(*size);
         return true;
     }
-    if (file->size() > kMaxCheckFile) {
-        *error = fmt::format("{} is neither an archive nor a check file", path);
-        return false;
+
+    ArchiveSet& set_;
+    std::string fault_;
+};
+
+std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const FindingSink& sink,
+                                           std::string* error) {
+    const size_t slash = path.rfind('/');
+    const size_t begin = slash == std::string::npos ? 0 : slash + 1;
+    UniqueFd directory(open(begin == 0 ? "." : path.substr(0, begin).c_str(),
+                            O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::string name = path.substr(begin);
+    std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
+    std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
+    if (!file) {
+        *error = fmt::format("{}: {}", path, *error);
+        return std::nullopt;
     }
-    set->kind = ArchiveSet::Kind::kCheckFile;
-    content.resize(static_cast<size_t>(file->size()));
     if (!file->ReadAt(0, content.data(), content.size())) {
-        *error = fmt::format("cannot read {}", path);
-        return false;
+        *error = fmt::format("{}: cannot be read", path);
+        return std::nullopt;
     }
-    CheckFile(sink, set).Parse(content);
-    return true;
+    ArchiveSet set(std::move(*file));
+    set.path_ = path;
+    set.name_ = std::move(name);
+    set.directory_ = std::move(directory);
+    if (!IsCheckFile(content, set.name_)) {
+        set.kind_ = NamesSlice(set.name_) ? Kind::kSlice : Kind::kArchive;
+        return set;
+    }
+    set.kind_ = Kind::kCheckFile;
+    if (std::string fault = CheckFileReader(&set).Read(); !fault.empty() || set.sizes_.empty()) {
+        sink({Severity::kFault, set.name_, "", fault.empty() ? "lists no slice" : fault});
+        set.sizes_.clear();
+    } else if (const std::string next = set.NameOf(set.size());
+               faccessat(set.directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+        sink({Severity::kWarning, next, "", "is there but not listed"});
+    }
+    return set;
+}
+
+std::string ArchiveSet::NameOf(size_t index) const {
+    return is_check_file() ? fmt::format("{}.{}", base_, index) : name_;
+}
+
+std::optional<ArchiveFile> ArchiveSet::OpenSlice(size_t index, std::string* error) const {
+    if (is_check_file()) {
+        return ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error);
+    }
+    return file_.Duplicate(error);
 }
 
 }  // namespace peltexctl

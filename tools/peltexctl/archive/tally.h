@@ -34,6 +34,12 @@ struct TallyEntry {
     std::optional<uint32_t> mode;  // permission bits, where the task's kind brings them back
 };
 
+// The permission bits that a restore of an archive brings back: links have none, and a file loses
+// its set-id bits to the change of owner.
+inline std::optional<uint32_t> ArchivedMode(char type, uint32_t mode) {
+    return type == '2' ? std::nullopt : std::optional(mode & (type == '5' ? 07777U : 01777U));
+}
+
 class Tally {
   public:
     void Add(const TallyEntry& entry);

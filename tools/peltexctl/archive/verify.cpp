@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
-#include <unordered_map>
+#include <string_view>
+
+#include "archive/listing.h"
+#include "archive/seen_paths.h"
 
 namespace peltexctl {
 
@@ -17,8 +20,8 @@ using namespace android::installd;
 using Severity = Finding::Severity;
 
 constexpr uint64_t kMiB = 1 << 20;
-constexpr size_t kMaxTail = kMiB;
 constexpr uint64_t kFirstApplicationUid = 10000;
+constexpr size_t kLongestComponent = 255;
 
 // What a restore does with entries of types that are not its own.
 struct ForeignType {
@@ -36,14 +39,6 @@ constexpr ForeignType kForeignTypes[] = {
     {'V', Severity::kWarning, "a volume label, which a restore passes over"},
     {'x', Severity::kFault, "an extended header, which a restore passes over"},
 };
-
-constexpr char kOwnTypes[] = {TYPE_REGULAR,    TYPE_SYMLINK,     TYPE_DIRECTORY,
-                              TYPE_FIRST_PART, TYPE_MIDDLE_PART, TYPE_LAST_PART};
-
-bool EndsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
 
 bool IsFull(const char* field, size_t size) {
     return std::memchr(field, '\0', size) == nullptr;
@@ -64,76 +59,69 @@ bool LacksPadding(const ArchiveFile& file, const ArchiveEntry& entry) {
     return header_follows || file.size() - end == kEndBlocksSize;
 }
 
-// The symbolic links that an archive makes. A restore follows them, and so writes wherever they
-// lead.
-class LinksMade {
-  public:
-    struct Link {
-        std::string path;
-        std::string target;
+std::string_view ParentOf(std::string_view path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+// Calls `take` with `path` and each directory above it, the deepest first, until it returns true.
+template <typename Take>
+bool AnyUpwards(std::string_view path, const Take& take) {
+    for (; !path.empty(); path = ParentOf(path)) {
+        if (take(path)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The last component of an entry's name, a directory's without the slash behind it.
+std::string_view LastComponent(const ArchiveEntry& entry) {
+    std::string_view name = entry.name;
+    if (entry.type == TYPE_DIRECTORY && !name.empty() && name.back() == '/') {
+        name.remove_suffix(1);
+    }
+    return name.substr(name.rfind('/') + 1);
+}
+
+TallyEntry AsTallied(const ArchiveEntry& entry, const std::string& path) {
+    const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
+    return {path, type, entry.IsFile() ? entry.size : 0,
+            type == TYPE_SYMLINK ? std::string_view(entry.link) : std::string_view(),
+            ArchivedMode(type, entry.mode)};
+}
+
+// Gives what is restored to `visit`, without the destination itself.
+EntryVisitor TalliedOf(const std::function<void(const TallyEntry&)>& visit) {
+    return [&visit](const ArchiveEntry& entry) {
+        const std::string path = entry.Path();
+        if (entry.IsRestored() && !path.empty()) {
+            visit(AsTallied(entry, path));
+        }
     };
-
-    // The first of them on the way to where a restore would put the entry. A link itself replaces
-    // one of its name.
-    std::optional<Link> OnTheWayTo(const ArchiveEntry& entry) const {
-        if (links_.empty()) {
-            return std::nullopt;
-        }
-        const std::string path = Normal(entry.name);
-        size_t end = 0;
-        while (end != std::string::npos) {
-            end = path.find('/', end + 1);
-            const auto link = links_.find(path.substr(0, end));
-            const bool is_own = end == std::string::npos && entry.type == TYPE_SYMLINK;
-            if (link != links_.end() && !is_own) {
-                return Link{link->first, link->second};
-            }
-        }
-        return std::nullopt;
-    }
-
-    void Take(const ArchiveEntry& entry) {
-        if (entry.type == TYPE_SYMLINK) {
-            links_[Normal(entry.name)] = entry.link;
-        }
-    }
-
-  private:
-    // Without what does not change where a path leads: empty components and single dots.
-    static std::string Normal(const std::string& name) {
-        std::string path;
-        for (size_t begin = 0; begin < name.size();) {
-            const size_t end = std::min(name.find('/', begin), name.size());
-            const std::string component = name.substr(begin, end - begin);
-            if (!component.empty() && component != ".") {
-                path += (path.empty() ? "" : "/") + component;
-            }
-            begin = end + 1;
-        }
-        return path;
-    }
-
-    std::unordered_map<std::string, std::string> links_;
-};
+}
 
 class SetVerifier {
   public:
-    SetVerifier(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit)
+    SetVerifier(const ArchiveSet& set, const std::string& destination, const FindingSink& sink)
         : set_(set),
+          destination_(destination.empty() || destination.back() == '/' ? destination
+                                                                        : destination + "/"),
           sink_(sink),
-          visit_(visit),
-          begin_known_(set.kind == ArchiveSet::Kind::kCheckFile) {}
+          begin_known_(set.is_check_file()) {}
 
-    VerifyCounts Run() {
-        for (const ArchiveSet::Slice& slice : set_.slices) {
-            slice_ = &slice;
-            CheckSlice();
+    Verdict Run() {
+        for (size_t i = 0; i < set_.size(); i++) {
+            slice_ = set_.NameOf(i);
+            CheckSlice(i);
         }
-        if (set_.kind == ArchiveSet::Kind::kCheckFile && !set_.slices.empty()) {
+        joiner_.Finish();
+        if (set_.is_check_file() && set_.size() > 0) {
             CloseOpenPart(true);
             CheckLastSliceFull();
         }
-        return counts_;
+        LookAgain();
+        return verdict_;
     }
 
   private:
@@ -145,76 +133,88 @@ class SetVerifier {
         bool odd_end;  // see HasOddEnd()
     };
 
-    void Tell(Severity severity, const std::string& entry, const std::string& message) {
-        sink_({severity, slice_->name, entry, message});
+    void Tell(Severity severity, const std::string& slice, const std::string& entry,
+              const std::string& message) {
+        verdict_.faults += severity == Severity::kFault ? 1 : 0;
+        verdict_.suspicions += severity == Severity::kSuspicion ? 1 : 0;
+        verdict_.warnings += severity == Severity::kWarning ? 1 : 0;
+        sink_({severity, slice, entry, message});
+    }
+    void Warn(const std::string& entry, const std::string& message) {
+        Tell(Severity::kWarning, slice_, entry, message);
     }
     void Fault(const std::string& entry, const std::string& message) {
-        Tell(Severity::kFault, entry, message);
+        Tell(Severity::kFault, slice_, entry, message);
     }
 
-    void CheckSlice() {
+    size_t NameRoom() const {
+        return destination_.empty() ? ArchiveReader::kLongestName
+                                    : kTarPathSize - 1 - std::min(destination_.size(),
+                                                                  kTarPathSize - 1);
+    }
+
+    void CheckSlice(size_t index) {
         std::string error;
-        const std::optional<ArchiveFile> file = ArchiveFile::Open(slice_->path, &error);
+        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
         if (!file) {
             Fault("", error);
             open_part_.reset();
             begin_known_ = false;
             return;
         }
-        CheckSize(*file);
-        ArchiveReader reader(*file);
+        const bool has_size = CheckSize(*file, index);
+        ArchiveReader reader(*file, NameRoom());
         ArchiveEntry entry;
-        ArchiveEntry last;
-        first_ = true;
-        while (reader.Next(&entry)) {
+        for (first_ = true; reader.Next(&entry); first_ = false) {
             CheckEntry(*file, entry);
-            visit_(entry);
-            last = entry;
-            first_ = false;
+            joiner_.Take(entry, first_);
         }
-        const bool blame_entry =
-            reader.end() == ArchiveEnd::kDataCut || reader.end() == ArchiveEnd::kRefusedName;
-        CheckEnd(*file, reader, blame_entry ? entry : last);
-        begin_known_ =
-            reader.end() == ArchiveEnd::kEndBlocks && set_.kind == ArchiveSet::Kind::kCheckFile;
+        if (has_size) {
+            CheckEnd(*file, reader, entry);
+        }
+        begin_known_ = reader.end() == ArchiveEnd::kEndBlocks && set_.is_check_file();
         if (!begin_known_) {
             open_part_.reset();
         }
     }
 
-    void CheckSize(const ArchiveFile& file) {
-        if (set_.kind == ArchiveSet::Kind::kCheckFile && file.size() != slice_->listed_size) {
+    // A slice of another size does not end as it should either: that goes without saying.
+    bool CheckSize(const ArchiveFile& file, size_t index) {
+        if (file.size() != set_.SizeOf(index)) {
             Fault("", fmt::format("has {} bytes, the check file says {}", file.size(),
-                                  slice_->listed_size));
-        }
-        if (file.size() % kBlockSize != 0) {
+                                  set_.SizeOf(index)));
+        } else if (file.size() % kBlockSize != 0) {
             Fault("", fmt::format("its size of {} bytes is no multiple of 512, so a restore takes "
                                   "nothing of it",
                                   file.size()));
+        } else {
+            return true;
         }
+        return false;
     }
 
     void CheckEntry(const ArchiveFile& file, const ArchiveEntry& entry) {
-        counts_.entries += entry.Continues() ? 0 : 1;
-        counts_.bytes += entry.IsFile() ? entry.size : 0;
-        CheckType(entry);
-        CheckName(entry);
-        CheckReach(entry);
+        if (entry.IsRestored()) {
+            CheckName(entry);
+            CheckPlace(entry);
+        } else {
+            CheckForeignType(entry);
+        }
         CheckPart(file, entry);
         if (LacksPadding(file, entry)) {
             Fault(entry.name, "nothing fills its last block, so what lies behind cannot be read");
         }
+        // Owners from the first application's on become the one that a restore is for.
+        if (entry.IsFile() && !entry.Continues() && (entry.mode & S_ISUID) != 0 &&
+            entry.uid < kFirstApplicationUid) {
+            Warn(entry.name, fmt::format("is a set-user-id file of uid {}", entry.uid));
+        }
     }
 
-    void CheckType(const ArchiveEntry& entry) {
-        if (std::find(std::begin(kOwnTypes), std::end(kOwnTypes), entry.type) !=
-            std::end(kOwnTypes)) {
-            return;
-        }
+    void CheckForeignType(const ArchiveEntry& entry) {
         for (const ForeignType& row : kForeignTypes) {
             if (row.type == entry.type) {
-                Tell(row.severity, entry.name, row.message);
-                return;
+                return Tell(row.severity, slice_, entry.name, row.message);
             }
         }
         Fault(entry.name, fmt::format("of type 0x{:02x}, which a restore passes over",
@@ -223,13 +223,20 @@ class SetVerifier {
 
     void CheckName(const ArchiveEntry& entry) {
         const tar_header& header = entry.header;
+        if (entry.misread != nullptr) {
+            Fault(entry.name, fmt::format("a restore and other programs read its {} as different "
+                                          "numbers",
+                                          entry.misread));
+        }
         if (entry.lost_record) {
             Fault(entry.name, "a name or target of more than 2,046 bytes comes back cut");
         } else if (!entry.long_name && IsFull(header.name, sizeof(header.name))) {
             Fault(entry.name, "its name fills the field, and a restore reads on behind it");
         }
-        if (entry.type == TYPE_SYMLINK && !entry.long_link &&
-            IsFull(header.linkname, sizeof(header.linkname))) {
+        if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
+            Fault(entry.name, "a link without a target, which no file system takes");
+        } else if (entry.type == TYPE_SYMLINK && !entry.long_link &&
+                   IsFull(header.linkname, sizeof(header.linkname))) {
             Fault(entry.name, "its target fills the field, and a restore reads on behind it");
         }
         // Other programs put the front of a long name there; theirs is the other version field.
@@ -240,40 +247,130 @@ class SetVerifier {
                         8) == 0) {
             Fault(entry.name, "the directories in its prefix field do not come back");
         }
-        // The shortest destination is one byte and a slash.
-        if (entry.name.empty() || entry.name.size() + 2 >= kTarPathSize) {
-            Fault(entry.name, "a restore ends here: the name has no bytes or too many");
+    }
+
+    // Where a restore puts the entry: what no file system takes, what it passes over, what lies
+    // outside the destination or may.
+    void CheckPlace(const ArchiveEntry& entry) {
+        const std::string path = entry.Path();
+        const std::string_view last = LastComponent(entry);
+        if (last == "..") {
+            return Fault(entry.name, "leaves the directory to be restored");
         }
-        if (("/" + entry.name).find("/com.tencent.mm/tinker/") != std::string::npos) {
-            Fault(entry.name, "lies in a directory that a restore passes over");
+        if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
+            return Fault(entry.name, "is no name that a restore can make something of");
+        }
+        const auto is_long = [](std::string_view above) {
+            return above.size() - (above.rfind('/') + 1) > kLongestComponent;
+        };
+        if (AnyUpwards(path, is_long)) {
+            return Fault(entry.name, "has a component of more than 255 bytes, which no file system "
+                                     "takes");
+        }
+        const std::string full = (destination_.empty() ? "/" : destination_) + entry.name;
+        if (full.find("/com.tencent.mm/tinker/") != std::string::npos) {
+            return Fault(entry.name, "lies in a directory that a restore passes over");
+        }
+        if (!path.empty()) {
+            CheckParent(entry, path);
+            Remember(entry, path);
         }
     }
 
-    // What comes back as it was, and is no restorer's wish unless the archive is one of their own.
-    void CheckReach(const ArchiveEntry& entry) {
-        if (EndsWith("/" + entry.name, "/..")) {
-            Tell(Severity::kWarning, entry.name, "leaves the directory to be restored");
-        }
-        if (entry.Continues()) {
+    // A restore makes one directory above a file, with what is known: the file's own mode.
+    void CheckParent(const ArchiveEntry& entry, std::string_view path) {
+        const std::string_view parent = ParentOf(path);
+        if (set_.kind() == ArchiveSet::Kind::kSlice || HasDirectory(parent)) {
             return;
         }
-        if (const auto link = links_.OnTheWayTo(entry)) {
-            Tell(Severity::kWarning, entry.name,
-                 fmt::format("goes to {}, through the link {} of the archive", link->target,
-                             link->path));
+        if (!entry.IsFile() || !HasDirectory(ParentOf(parent))) {
+            return Fault(entry.name, "does not come back: no entry in front of it is its directory");
         }
-        links_.Take(entry);
-        // Owners from the first application's on become the one that a restore is for.
-        if (entry.IsFile() && (entry.mode & S_ISUID) != 0 && entry.uid < kFirstApplicationUid) {
-            Tell(Severity::kWarning, entry.name,
-                 fmt::format("is a set-user-id file of uid {}", entry.uid));
+        Warn(entry.name, "no entry in front of it is its directory, which gets this file's mode");
+        seen_.Add(parent, PathMark::kDirectory);
+    }
+
+    bool HasDirectory(std::string_view path) const {
+        return path.empty() || seen_.MayHave(path, PathMark::kDirectory);
+    }
+
+    void Remember(const ArchiveEntry& entry, std::string_view path) {
+        const bool may_be_again = !entry.Continues() && seen_.MayHave(path, PathMark::kAny);
+        const auto may_be_link = [this](std::string_view each) {
+            return seen_.MayHave(each, PathMark::kLink);
+        };
+        if (has_links_ && AnyUpwards(path, may_be_link)) {
+            AnyUpwards(path, [&](std::string_view each) {
+                if (may_be_link(each)) {
+                    all_listed_ = doubtful_.Add(each) && all_listed_;
+                }
+                return false;
+            });
+        } else if (may_be_again) {
+            all_listed_ = doubtful_.Add(path) && all_listed_;
+        }
+        seen_.Add(path, PathMark::kAny);
+        if (entry.type == TYPE_SYMLINK) {
+            has_links_ = true;
+            seen_.Add(path, PathMark::kLink);
+        } else if (entry.type == TYPE_DIRECTORY) {
+            seen_.Add(path, PathMark::kDirectory);
+        }
+    }
+
+    // Reads the entries once more for the paths that may have come before.
+    void LookAgain() {
+        const uint64_t faults = verdict_.faults;
+        doubtful_.Finish();
+        for (size_t i = 0; !doubtful_.empty() && i < set_.size(); i++) {
+            slice_ = set_.NameOf(i);
+            LookAgainIn(i);
+        }
+        if (!all_listed_ && faults == verdict_.faults) {
+            Tell(Severity::kWarning, "", "",
+                 "too many entries to tell whether a name is there twice");
+        }
+    }
+
+    void LookAgainIn(size_t index) {
+        std::string error;
+        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
+        if (!file) {
+            return;
+        }
+        ArchiveReader reader(*file, NameRoom());
+        for (ArchiveEntry entry; reader.Next(&entry);) {
+            if (entry.IsRestored()) {
+                LookAgainAt(entry, entry.Path());
+            }
+        }
+    }
+
+    void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
+        PathList::Row* const own = doubtful_.Find(path);
+        std::string_view link;
+        // A link itself replaces one of its name; all else is written through it.
+        AnyUpwards(entry.type == TYPE_SYMLINK ? ParentOf(path) : path, [&](std::string_view each) {
+            const PathList::Row* const row = doubtful_.Find(each);
+            link = row != nullptr && row->is_link ? each : link;
+            return false;
+        });
+        if (!link.empty() && !(entry.Continues() && told_ == path)) {
+            told_ = path;
+            Fault(entry.name, fmt::format("goes through the link {} of the archive", link));
+        } else if (link.empty() && own != nullptr && own->is_there && !entry.Continues()) {
+            Fault(entry.name, "is there again: this one comes back, those before it do not");
+        }
+        if (own != nullptr) {
+            own->is_there = true;
+            own->is_link = own->is_link || entry.type == TYPE_SYMLINK;
         }
     }
 
     void CheckPart(const ArchiveFile& file, const ArchiveEntry& entry) {
-        if (set_.kind == ArchiveSet::Kind::kArchive && (entry.Continues() || entry.FillsSlice())) {
-            Fault(entry.name, "one part of a cut file: the others lie in other slices");
-            return;
+        if (set_.kind() == ArchiveSet::Kind::kArchive &&
+            (entry.Continues() || entry.FillsSlice())) {
+            return Fault(entry.name, "one part of a cut file: the others lie in other slices");
         }
         if (open_part_ && !first_) {
             Fault(open_part_->name,
@@ -287,7 +384,7 @@ class SetVerifier {
         }
         open_part_.reset();
         if (entry.FillsSlice()) {
-            open_part_ = {slice_->name, entry.name, entry.type, HasOddEnd(file, entry)};
+            open_part_ = {slice_, entry.name, entry.type, HasOddEnd(file, entry)};
         }
     }
 
@@ -312,13 +409,13 @@ class SetVerifier {
         const OpenPart part = *open_part_;
         open_part_.reset();
         if (part.type == TYPE_MIDDLE_PART) {
-            sink_({Severity::kFault, part.slice, part.name, "its next part is not there"});
+            Tell(Severity::kFault, part.slice, part.name, "its next part is not there");
         } else if (part.odd_end) {
-            sink_({Severity::kSuspicion, part.slice, part.name,
-                   "ends just where its slice does, in bytes that may not be its own"});
+            Tell(Severity::kSuspicion, part.slice, part.name,
+                 "ends just where its slice does, in bytes that may not be its own");
         } else if (at_set_end) {
-            sink_({Severity::kWarning, part.slice, part.name,
-                   "ends just where the last slice does: a further slice may be missing"});
+            Tell(Severity::kWarning, part.slice, part.name,
+                 "ends just where the last slice does: a further slice may be missing");
         }
     }
 
@@ -340,39 +437,29 @@ class SetVerifier {
             case ArchiveEnd::kEndBlocks:
                 return CheckBehindEnd(file, reader.end_offset());
             case ArchiveEnd::kDataCut:
-                if (entry.name.empty()) {
-                    return Fault("", "a long-name record is cut");
-                }
-                return Fault(entry.name, fmt::format("promises {} bytes of content, {} are there",
-                                                     entry.size, file.size() - entry.data_offset));
+                return entry.name.empty()
+                           ? Fault("", "a long-name record is cut")
+                           : Fault(entry.name,
+                                   fmt::format("promises {} bytes of content, {} are there",
+                                               entry.size, file.size() - entry.data_offset));
             case ArchiveEnd::kRefusedName:
                 return Fault(entry.name, DescribeEnd(reader.end()));
             default:
                 Fault("", fmt::format("{}, at {}{}", DescribeEnd(reader.end()), reader.end_offset(),
-                                      Behind(entry)));
+                                      entry.name.empty() ? "" : ", behind " + entry.name));
         }
     }
 
-    static std::string Behind(const ArchiveEntry& entry) {
-        return entry.name.empty() ? "" : fmt::format(", behind {}", entry.name);
-    }
-
-    // Other programs fill up behind the end blocks of whole archives, with zeros.
+    // Others fill up behind the end blocks, with zeros. All else was something once: a header that
+    // is overwritten with zeros ends an archive early.
     void CheckBehindEnd(const ArchiveFile& file, uint64_t offset) {
-        const uint64_t behind = file.size() - offset - kEndBlocksSize;
-        std::string tail(static_cast<size_t>(std::min<uint64_t>(file.size() - offset, kMaxTail)),
-                         '\0');
-        if (!file.ReadAt(offset, tail.data(), tail.size())) {
-            return Fault("", "its end cannot be read");
-        }
-        const size_t used = tail.find_first_not_of('\0');
-        if (used < kEndBlocksSize) {
-            Fault("",
-                  fmt::format("bytes that are not zero in its end blocks, at {}", offset + used));
-        } else if (set_.has_slices() && behind > 0) {
-            Fault("", fmt::format("{} bytes behind its end blocks do not come back", behind));
-        } else if (used != std::string::npos) {
-            Tell(Severity::kWarning, "", "the bytes behind its end blocks do not come back");
+        const std::optional<uint64_t> used = file.FindNonZero(offset);
+        if (!used) {
+            Fault("", "its end cannot be read");
+        } else if (*used < file.size()) {
+            Fault("", fmt::format("its end blocks, at {}, are not the end: what follows at {} does "
+                                  "not come back",
+                                  offset, *used));
         }
     }
 
@@ -380,34 +467,49 @@ class SetVerifier {
     // the last one is as full, another was begun, which is dropped if it holds empty files alone.
     void CheckLastSliceFull() {
         uint64_t slice_size = UINT64_MAX;
-        for (size_t i = 0; i + 1 < set_.slices.size(); i++) {
-            slice_size = std::min(slice_size, ContentOf(set_.slices[i]) / kMiB * kMiB);
+        for (size_t i = 0; i + 1 < set_.size(); i++) {
+            slice_size = std::min(slice_size, ContentOf(i) / kMiB * kMiB);
         }
-        if (ContentOf(set_.slices.back()) >= slice_size) {
-            Tell(Severity::kWarning, "",
-                 "the last slice is full: empty files behind it, if there were any, are lost");
+        if (ContentOf(set_.size() - 1) >= slice_size) {
+            Warn("", "the last slice is full: empty files behind it, if there were any, are lost");
         }
     }
 
-    static uint64_t ContentOf(const ArchiveSet::Slice& slice) {
-        return slice.listed_size - std::min<uint64_t>(slice.listed_size, kEndBlocksSize);
+    uint64_t ContentOf(size_t index) const {
+        return set_.SizeOf(index) - std::min<uint64_t>(set_.SizeOf(index), kEndBlocksSize);
     }
 
     const ArchiveSet& set_;
+    const std::string destination_;
     const FindingSink& sink_;
-    const EntryVisitor& visit_;
-    const ArchiveSet::Slice* slice_ = nullptr;
+    Verdict verdict_;
+    const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
+        verdict_.tally.Add(entry);
+    };
+    const EntryVisitor visit_ = TalliedOf(add_);
+    PartJoiner joiner_{set_, visit_};
+
+    std::string slice_;  // the name of the one at hand
     bool first_ = true;  // the next entry is its slice's first
     bool begin_known_;   // the slice before this one was read to its end
     std::optional<OpenPart> open_part_;
-    LinksMade links_;
-    VerifyCounts counts_;
+
+    PathFilter seen_;
+    PathList doubtful_;
+    bool all_listed_ = true;  // doubtful_ took them all
+    bool has_links_ = false;
+    std::string told_;  // the file that goes through a link, of which parts may follow
 };
 
 }  // namespace
 
-VerifyCounts VerifySet(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit) {
-    return SetVerifier(set, sink, visit).Run();
+Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink) {
+    return SetVerifier(set, destination, sink).Run();
+}
+
+void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit) {
+    ListSet(
+        set, [](const Finding&) {}, TalliedOf(visit));
 }
 
 }  // namespace peltexctl

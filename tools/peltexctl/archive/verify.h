@@ -2,37 +2,34 @@
 // does: sizes, header chain, end blocks, and the parts of each cut file. And whether it would reach
 // what it should not: entries that lead out of the directory or through a link, set-user-id files.
 //
-// Not thread-safe. Memory grows with the number of links, and for VerifyAgainstSource() of entries.
+// Not thread-safe. Memory is constant.
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <string>
 
-#include "archive/reader.h"
 #include "archive/set.h"
+#include "archive/tally.h"
 
 namespace peltexctl {
 
-using EntryVisitor = std::function<void(const ArchiveEntry&)>;
+struct Verdict {
+    Tally tally;  // of what a restore makes below its destination
+    uint64_t faults = 0;
+    uint64_t suspicions = 0;
+    uint64_t warnings = 0;
 
-struct VerifyCounts {
-    uint64_t entries = 0;  // a cut file once
-    uint64_t bytes = 0;    // of content
+    // A suspicion counts: only the directory that a set was made of can settle it.
+    bool is_whole() const { return faults + suspicions == 0; }
 };
 
-// Gives each finding to `sink` and each entry that a restore would take to `visit`, in the order of
-// the archive.
-VerifyCounts VerifySet(
-    const ArchiveSet& set, const FindingSink& sink,
-    const EntryVisitor& visit = [](const ArchiveEntry&) {});
+// Gives each finding to `sink`. `destination` is where a restore would go, empty where that is not
+// known: the longer its path, the shorter the names that come back.
+Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink);
 
-// The same, and compares what a restore would make of the set with the directory that it was packed
-// from: names, types, sizes and link targets. What changed since it was packed gives a warning; an
-// entry that is not in the set counts as changed when its inode changed after `packing_began` (0:
-// never). Settles every suspicion. Memory grows with the number of entries in the directory.
-VerifyCounts VerifyAgainstSource(const ArchiveSet& set, const std::string& source_directory,
-                                 int64_t packing_began, const FindingSink& sink);
+// Gives every entry that makes up the tally to `visit`, in the order of the archive, a cut file
+// once with its whole size. Its texts live as long as the call.
+void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit);
 
 }  // namespace peltexctl

@@ -33,14 +33,14 @@ bool IsThere(const std::string& path, const ArchiveEntry& entry) {
 
 std::string CompareRestored(const std::string& file, const std::string& directory) {
     const FindingSink ignore = [](const Finding&) {};
-    ArchiveSet set;
     std::string error;
-    if (!OpenArchiveSet(file, ignore, &set, &error)) {
+    const auto set = ArchiveSet::Open(file, ignore, &error);
+    if (!set) {
         return error;
     }
     // The last entry of a name is the one that stays.
     std::map<std::string, ArchiveEntry> entries;
-    ListSet(set, ignore, [&entries](const ArchiveEntry& entry) {
+    ListSet(*set, ignore, [&entries](const ArchiveEntry& entry) {
         if (entry.IsFile() || entry.type == TYPE_DIRECTORY || entry.type == TYPE_SYMLINK) {
             entries[entry.name] = entry;
         }
