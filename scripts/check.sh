@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Looks at the sources without running them: format, lint, exported symbols, and that every list of
-# the library's sources names the same files.
+# Looks at the sources without running them: format, lint, exported symbols, where programs look for
+# libraries, and that every list of the library's sources names the same files.
 #
-#   scripts/check.sh [format|tidy|exports|sources]...      all of them by default
+#   scripts/check.sh [format|tidy|exports|runpath|sources]...      all of them by default
 . "$(dirname "$0")/lib.sh"
 cd "$project"
 
@@ -33,6 +33,20 @@ check_exports() {
         fail "the library exports: $exported"
 }
 
+# An empty element of the path is the working directory of whoever runs the program.
+check_runpath() {
+    need_packages $packages_build
+    build release
+    local installed path
+    installed=$(mktemp -d)
+    cmake --install build/release --prefix "$installed" >/dev/null
+    find build/release "$installed" -maxdepth 3 -type f \( -name peltexctl -o -name 'lib*.so*' \) \
+        -exec readelf -d {} + | sed -nE 's/.*R(UN)?PATH.*\[(.*)\]/\2/p' >"$installed/paths"
+    path=$(grep -vE '^\$ORIGIN[^:]*(:\$ORIGIN[^:]*)*$' "$installed/paths" || :)
+    [ -s "$installed/paths" ] && [ -z "$path" ] || fail "a program looks for libraries in: $path"
+    rm -r "$installed"
+}
+
 # compare_sources FILE TREE: the sources that FILE names, on standard input, with those there are.
 compare_sources() {
     local difference
@@ -51,7 +65,7 @@ check_sources() {
         tr -d '"' | compare_sources Android.bp "$tree"
 }
 
-[ $# -gt 0 ] || set -- format sources exports tidy
+[ $# -gt 0 ] || set -- format sources exports runpath tidy
 for check in "$@"; do
     printf 'check %s\n' "$check"
     "check_$check"

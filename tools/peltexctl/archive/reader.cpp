@@ -43,12 +43,13 @@ std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
 
 std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& name, int flags,
                                              std::string* error) {
-    // Without waiting: a FIFO of that name would hold up the call for ever.
+    // A device is not even opened, and a FIFO that takes the file's place not waited for.
     ArchiveFile file;
-    file.fd_ = std::make_shared<const UniqueFd>(
-        openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
     struct stat info = {};
-    if (file.fd() == -1 || fstat(file.fd(), &info) != 0) {
+    const bool is_other = fstatat(directory, name.c_str(), &info, 0) == 0 && !S_ISREG(info.st_mode);
+    file.fd_ = std::make_shared<const UniqueFd>(
+        is_other ? -1 : openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
+    if (!is_other && (file.fd() == -1 || fstat(file.fd(), &info) != 0)) {
         *error = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
         return std::nullopt;
     }

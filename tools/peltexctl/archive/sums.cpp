@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
@@ -24,30 +25,32 @@ using namespace android::installd;
 namespace {
 
 constexpr int kSumDigits = 64;
-constexpr size_t kReadSize = size_t{256} << 10;
-constexpr char kCannotRead[] = "cannot be read";
+constexpr size_t kReadSize = size_t{64} << 10;
+constexpr char kNoSum[] = "no sum can be made of it";
 
 // The functions of OpenSSL, which is loaded where a sum is wanted: it takes more memory than all
 // else.
-template <typename Function>
-Function* Find(const char* name) {
+void* FindFunction(const char* name) {
     static void* const library =
         dlopen(fmt::format("libcrypto.so.{}", OPENSSL_SHLIB_VERSION).c_str(), RTLD_NOW);
-    return library == nullptr ? nullptr : reinterpret_cast<Function*>(dlsym(library, name));
+    return library == nullptr ? nullptr : dlsym(library, name);
 }
-#define PELTEX_EVP(name) Find<decltype(name)>(#name)
+#define OPENSSL_FUNCTION(name) reinterpret_cast<decltype(&name)>(FindFunction(#name))
 
 // The sum of all of the file in hexadecimal; empty when it cannot be read.
 std::string SumOf(int fd) {
-    const auto make = PELTEX_EVP(EVP_MD_CTX_new);
-    const auto begin = PELTEX_EVP(EVP_DigestInit_ex);
-    const auto update = PELTEX_EVP(EVP_DigestUpdate);
-    const auto end = PELTEX_EVP(EVP_DigestFinal_ex);
-    const auto sha256 = PELTEX_EVP(EVP_sha256);
-    const auto free = PELTEX_EVP(EVP_MD_CTX_free);
-    if (!make || !begin || !update || !end || !sha256 || !free) {
+    const auto load = OPENSSL_FUNCTION(OPENSSL_init_crypto);
+    const auto make = OPENSSL_FUNCTION(EVP_MD_CTX_new);
+    const auto begin = OPENSSL_FUNCTION(EVP_DigestInit_ex);
+    const auto update = OPENSSL_FUNCTION(EVP_DigestUpdate);
+    const auto end = OPENSSL_FUNCTION(EVP_DigestFinal_ex);
+    const auto sha256 = OPENSSL_FUNCTION(EVP_sha256);
+    const auto free = OPENSSL_FUNCTION(EVP_MD_CTX_free);
+    if (!load || !make || !begin || !update || !end || !sha256 || !free) {
         return "";
     }
+    // Without its settings: a sum is the same on every machine.
+    load(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
     const std::unique_ptr<EVP_MD_CTX, decltype(free)> context(make(), free);
     std::vector<char> buffer(kReadSize);
     ssize_t count = context != nullptr && begin(context.get(), sha256(), nullptr) == 1 ? 1 : -1;
@@ -84,7 +87,7 @@ std::string Compare(const ArchiveSet& set, size_t index, const std::string& expe
         return "";
     }
     const std::string sum = SumOf(slice->fd());
-    return sum == expected ? "" : sum.empty() ? kCannotRead : "its bytes are not those of its sum";
+    return sum == expected ? "" : sum.empty() ? kNoSum : "its bytes are not those of its sum";
 }
 
 }  // namespace
@@ -109,7 +112,7 @@ void Summer::Collect() {
     const std::string sum = sum_.valid() ? sum_.get() : "-";
     if (sum.empty() || name_.find('\n') != std::string::npos) {
         error_ = fmt::format("{}: {}", name_,
-                             sum.empty() ? kCannotRead : "no sums are kept of such a name");
+                             sum.empty() ? kNoSum : "no sums are kept of such a name");
     } else if (sum != "-") {
         lines_ += fmt::format("{}  {}\n", sum, name_);
     }
@@ -143,7 +146,7 @@ uint64_t CheckSums(const ArchiveSet& set, const FindingSink& sink) {
     if (faccessat(set.directory(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
         return 0;
     }
-    std::string error = kCannotRead;
+    std::string error = kNoSum;
     const auto file = ArchiveFile::Open(set.directory(), name, O_NOFOLLOW, &error);
     const UniqueFile stream(file ? fdopen(fcntl(file->fd(), F_DUPFD_CLOEXEC, 0), "re") : nullptr);
     if (stream == nullptr) {
