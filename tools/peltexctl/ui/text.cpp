@@ -109,27 +109,42 @@ std::string BytesToUtf8(std::string_view bytes) {
     return text;
 }
 
-std::string EscapeBytes(const std::string& bytes) {
+std::string EscapeBytes(std::string_view bytes) {
     std::string escaped;
-    const std::string text = BytesToUtf8(bytes);
-    for (size_t i = 0; i < text.size(); i++) {
-        auto code = static_cast<unsigned char>(text[i]);
-        // The control characters above ASCII: terminals obey them too.
-        const bool high_control = code == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0;
-        if (high_control) {
-            code = static_cast<unsigned char>(text[++i]);
-        }
-        if (code == '\n') {
+    while (!bytes.empty()) {
+        const size_t length = CharacterLength(bytes);
+        const auto first = static_cast<unsigned char>(bytes[0]);
+        // The control characters above ASCII, too: terminals obey them.
+        const bool is_control = first < 0x20 || first == 0x7f ||
+                                (length == 2 && first == 0xc2 &&
+                                 static_cast<unsigned char>(bytes[1]) < 0xa0);
+        const std::string_view character = bytes.substr(0, length == 0 ? 1 : length);
+        if (first == '\n') {
             escaped += "\\n";
-        } else if (code == '\\') {
+        } else if (first == '\\') {
             escaped += "\\\\";
-        } else if (code < 0x20 || code == 0x7f || high_control) {
-            escaped += fmt::format("\\{:03o}", code);
+        } else if (length == 0 || is_control) {
+            for (const char byte : character) {
+                escaped += fmt::format("\\{:03o}", static_cast<unsigned char>(byte));
+            }
         } else {
-            escaped += text[i];
+            escaped += character;
         }
+        bytes.remove_prefix(character.size());
     }
     return escaped;
+}
+
+std::string Hexadecimal(std::string_view bytes) {
+    std::string digits;
+    for (const char byte : bytes) {
+        digits += fmt::format("{:02x}", static_cast<unsigned char>(byte));
+    }
+    return digits;
+}
+
+std::string Counted(uint64_t number, std::string_view one, std::string_view many) {
+    return fmt::format("{} {}", number, number == 1 ? one : many);
 }
 
 std::string HumanSize(uint64_t bytes) {

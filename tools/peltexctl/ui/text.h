@@ -23,8 +23,15 @@ std::vector<std::string> SplitWords(std::string_view line, std::string_view sepa
 // value, so that a reader sees which byte it was. Overlong forms and surrogates are not valid.
 std::string BytesToUtf8(std::string_view bytes);
 
-// `bytes` for a terminal: control characters, backslashes and what is no UTF-8 as escapes.
-std::string EscapeBytes(const std::string& bytes);
+// `bytes` for a terminal, as ls and GNU tar write them: control characters, backslashes and what is
+// no UTF-8 as escapes.
+std::string EscapeBytes(std::string_view bytes);
+
+// Two lower-case digits for each byte.
+std::string Hexadecimal(std::string_view bytes);
+
+// "1 entry", "2 entries".
+std::string Counted(uint64_t number, std::string_view one, std::string_view many);
 
 // "512 B", "1.5 MiB": binary units, one decimal from KiB on.
 std::string HumanSize(uint64_t bytes);
