@@ -33,7 +33,7 @@
 #include <string>
 #include <vector>
 
-#include "brief/exclude_rules.h"
+#include "brief/search_rules.h"
 #include "brief/permission_record.h"
 #include "service/peltexinstalld.h"
 #include "tar/tar_file.h"

@@ -4,29 +4,23 @@
 #include "brief/permission_record.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <log/log.h>
 #include <selinux/android.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "base/error_text.h"
+#include "base/file_handles.h"
+#include "base/numbers.h"
 #include "bounded/bounded.h"
-#include "fileops/error_text.h"
-#include "fileops/file_handles.h"
-#include "fileops/paths.h"
 
 namespace android::installd {
 
 namespace {
 
-constexpr size_t kLineSize = 2048;
 constexpr size_t kShortestLine = 4;
-constexpr int kFields = 5;
 constexpr mode_t kPermissionBits = 07777;
 // Decimal, not octal, on purpose: what lies between the two goes on to chmod, which masks it.
 constexpr int32_t kLargestMode = 7777;
-constexpr unsigned int kFirstApplicationUid = 10000;
-constexpr unsigned int kUserRange = 10000;
 
 // Takes the fields of a line off its end, one by one.
 class LineEnd {
@@ -56,7 +50,7 @@ class LineEnd {
 };
 
 bool parseModifiedTime(const char* text, File_info& info) {
-    info.modified_time = strtol(text, nullptr, 0);
+    info.modified_time = parseNumber(text);
     if (info.modified_time < 0) {
         ALOGE("failed to get modified_time");
         return false;
@@ -65,7 +59,7 @@ bool parseModifiedTime(const char* text, File_info& info) {
 }
 
 bool parseSize(const char* text, File_info& info) {
-    info.size = strtol(text, nullptr, 0);
+    info.size = parseNumber(text);
     if (info.size < 0) {
         ALOGE("failed to get size");
         return false;
@@ -85,7 +79,7 @@ bool parseMode(const char* text, File_info& info) {
     if (text[0] == '\0') {
         ALOGE("mode is NULL or length of mode is 0");
     } else {
-        info.mode = static_cast<int32_t>(strtol(text, nullptr, 0));
+        info.mode = static_cast<int32_t>(parseNumber(text));
         if (info.mode >= 0 && info.mode <= kLargestMode) {
             return true;
         }
@@ -130,12 +124,12 @@ class AttributeLines {
 
     // Reads the next line into `line`, with its newline, or cut at 2047 characters; what is behind
     // the cut is the next line. Returns false at the end of the file.
-    bool next(char (&line)[kLineSize]) {
+    bool next(char (&line)[kRecordSize]) {
         size_t length = 0;
         line[0] = '\0';
-        while (fgets(line + length, static_cast<int>(kLineSize - length), mFile) != nullptr) {
+        while (fgets(line + length, static_cast<int>(kRecordSize - length), mFile) != nullptr) {
             length += strlen(line + length);
-            if (length == kLineSize - 1) {
+            if (length == kRecordSize - 1) {
                 ALOGW("enough data in this line, maybe too long ?");
                 return true;
             }
@@ -162,7 +156,7 @@ int applyLine(char* line) {
         line[0] = '\0';
     }
     File_info info;
-    if (parse_line_info(line, info) < kFields) {
+    if (parse_line_info(line, info) < kRecordFields) {
         ALOGE("miss info from this line(%s), skip it", line);
         return -1;
     }
@@ -177,11 +171,13 @@ int applyLine(char* line) {
 int do_se_restorecon_pkgdir(const char* pkgdir, const char* se_info) {
     struct stat status = {};
     if (stat(pkgdir, &status) != 0) {
+        const KeepErrno error;
         ALOGE("do_se_restorecon_pkgdir stat [%s] error [%s].", pkgdir, ErrorText().c_str());
         return -1;
     }
     if (selinux_android_restorecon_pkgdir(pkgdir, se_info, status.st_uid,
                                           SELINUX_ANDROID_RESTORECON_RECURSE) < 0) {
+        const KeepErrno error;
         ALOGE("Failed recursive restorecon for %s , se_info(%s), uid(%d), error [%s]\n", pkgdir,
               se_info, static_cast<int>(status.st_uid), ErrorText().c_str());
         return -1;
@@ -192,25 +188,27 @@ int do_se_restorecon_pkgdir(const char* pkgdir, const char* se_info) {
 }  // namespace
 
 int do_backup_perm(const char* path, FILE* stream) {
-    return do_backup_perm(AT_FDCWD, path, stream);
+    return do_backup_perm(Place(path), stream);
 }
 
-int do_backup_perm(int dirFd, const char* path, FILE* stream) {
+int do_backup_perm(const Place& entry, FILE* stream) {
     struct stat status = {};
-    if (fstatat(dirFd, dirFd == AT_FDCWD ? path : lastComponent(path), &status, 0) != 0) {
-        ALOGE("stat [%s] error [%d]\n", path, errno);
+    if (fstatat(entry.dirFd(), entry.name(), &status, 0) != 0) {
+        const KeepErrno error;
+        ALOGE("stat [%s] error [%d]\n", entry.path(), errno);
         return -1;
     }
-    return do_backup_perm(path, status, stream);
+    return do_backup_perm(entry.path(), status, stream);
 }
 
 int do_backup_perm(const char* path, const struct stat& status, FILE* stream) {
-    char record[kLineSize] = {};
+    char record[kRecordSize] = {};
     const int length = snprintf_s(
         record, sizeof(record), sizeof(record) - 1, "%s;%d;%d;%ld;%ld%s", path,
         static_cast<int>(status.st_mode & kPermissionBits), S_ISDIR(status.st_mode) ? 1 : 0,
         static_cast<long>(status.st_size), static_cast<long>(status.st_mtime), "\n");
     if (length < 0) {
+        const KeepErrno error;
         ALOGE("sprintf permisson [%s] error [%d]", record, errno);
         return -1;
     }
@@ -252,6 +250,7 @@ int parse_line_info(char* line, File_info& info) {
 
 int process_info(const File_info& info) {
     if (chmod(info.path, static_cast<mode_t>(info.mode)) != 0) {
+        const KeepErrno error;
         ALOGE("do_chmod [%s] error [%s].", info.path, ErrorText().c_str());
         return -1;
     }
@@ -270,7 +269,7 @@ int restore_application_from_infofile(const char* pkgdir, const char* info_file,
         return -1;
     }
     AttributeLines lines(file.get());
-    char line[kLineSize];
+    char line[kRecordSize];
     while (lines.next(line)) {
         if (applyLine(line) != 0) {
             return -1;
@@ -282,19 +281,6 @@ int restore_application_from_infofile(const char* pkgdir, const char* info_file,
         return -1;
     }
     return 0;
-}
-
-unsigned int fixup_owner_dir_file(unsigned int uid, unsigned int gid, unsigned int target_uid,
-                                  unsigned int& gid_out) {
-    gid_out = gid;
-    if (uid < kFirstApplicationUid || target_uid == 0) {
-        return uid;
-    }
-    const unsigned int distance = gid - uid;
-    if (distance % kUserRange == 0) {
-        gid_out = distance + target_uid;
-    }
-    return target_uid;
 }
 
 }  // namespace android::installd

@@ -17,15 +17,22 @@
 // logging why.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
 
+#include "base/place.h"
+
 namespace android::installd {
+
+// A line of records, in bytes with its NUL.
+constexpr size_t kRecordSize = 2048;
+constexpr int kRecordFields = 5;
 
 // One parsed record.
 struct File_info {
-    char path[2048];
+    char path[kRecordSize];
     int32_t mode;
     int32_t type;
     int64_t size;
@@ -36,8 +43,8 @@ struct File_info {
 // Returns 0 also when the stream took less than the record, which is logged.
 int do_backup_perm(const char* path, FILE* stream);
 
-// The same for the entry that `path` ends in, of the directory `dirFd`.
-int do_backup_perm(int dirFd, const char* path, FILE* stream);
+// The same for an entry of a directory that is held open.
+int do_backup_perm(const Place& entry, FILE* stream);
 
 // The same for an entry that the caller has looked at already.
 int do_backup_perm(const char* path, const struct stat& status, FILE* stream);
@@ -55,12 +62,5 @@ int process_info(const File_info& info);
 // with `se_info`. Returns 0, or -1 at the first record that cannot be applied, before relabelling.
 int restore_application_from_infofile(const char* pkgdir, const char* info_file,
                                       const char* se_info);
-
-// Maps the owner and group recorded for one user's application to those of `target_uid`. Returns
-// the uid to use and sets `gid_out` to the gid to use. System ids (below 10000) stay, as everything
-// does with a target of 0; a group that lies a whole number of users' ranges (10000) above the
-// owner moves with it.
-unsigned int fixup_owner_dir_file(unsigned int uid, unsigned int gid, unsigned int target_uid,
-                                  unsigned int& gid_out);
 
 }  // namespace android::installd

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "brief/exclude_rules.h"
+#include "brief/search_rules.h"
 #include "brief/permission_record.h"
 #include "fuzz/support/files.h"
 #include "fuzz/support/jail.h"

@@ -35,16 +35,23 @@ BackupSessionManager::~BackupSessionManager() {
 
 int32_t BackupSessionManager::startBackupSession(const sp<os::IBackupSessionCallback>& callback) {
     ALOGD("BackupSessionManager startBackupSession");
+    // Let go when the locks are free again: its destructor is the client's, and may call in.
+    sp<os::IBackupSessionCallback> replaced;
     MutexLock lock(mLock);
     const int32_t sessionId = mNextId.fetch_add(1, std::memory_order_release);
     mSessions.add(sessionId);
-    if (callback != mCallback) {
-        if (mCallback != nullptr) {
-            IInterface::asBinder(mCallback)->unlinkToDeath(this, nullptr, 0);
+    if (callback != currentCallback()) {
+        {
+            MutexLock callbackLock(mCallbackLock);
+            replaced = mCallback;
+            mCallback = callback;
         }
-        mCallback = callback;
-        if (mCallback != nullptr) {
-            IInterface::asBinder(mCallback)->linkToDeath(this, nullptr, 0);
+        if (const sp<IBinder> binder = IInterface::asBinder(replaced); binder != nullptr) {
+            binder->unlinkToDeath(this, nullptr, 0);
+        }
+        // A client without a binder is served all the same; nobody hears of its death.
+        if (const sp<IBinder> binder = IInterface::asBinder(callback); binder != nullptr) {
+            binder->linkToDeath(this, nullptr, 0);
         }
     }
     ALOGD("BackupSessionManager start Backup session:%d", sessionId);
@@ -62,7 +69,7 @@ int32_t BackupSessionManager::finishBackupSession(int32_t sessionId) {
     // The index moves on after a removal too: of two neighbouring tasks of the session the second
     // stays queued. Clients know the queue this way.
     for (size_t i = 0; i < mPendingTasks.size(); ++i) {
-        if (mPendingTasks[i] != nullptr && mPendingTasks[i]->sessionId == sessionId) {
+        if (mPendingTasks[i]->sessionId == sessionId) {
             mPendingTasks.removeAt(i);
         }
     }
@@ -94,9 +101,7 @@ void BackupSessionManager::binderDied(const wp<IBinder>& who) {
 int32_t BackupSessionManager::processKeepAlive(int32_t sessionId) {
     for (const sp<BackupTask>& task : mProcessingTasks) {
         if (task->sessionId == sessionId && task->taskType == BACKUP_SPLIT) {
-            MutexLock lock(task->taskLock);
-            task->waitCountdown = kWaitBudget;
-            task->taskCond.broadcast();
+            task->keepAlive();
             return 0;
         }
     }
@@ -127,6 +132,21 @@ void BackupSessionManager::stopRunningTaskLocked(const sp<BackupTask>& task) {
         wakeUpSplitWorkerThreadLocked(task);
     }
     exitForIndex(task->workerIndex);
+}
+
+sp<os::IBackupSessionCallback> BackupSessionManager::currentCallback() const {
+    MutexLock lock(mCallbackLock);
+    return mCallback;
+}
+
+bool BackupSessionManager::tellClient(const sp<BackupTask>& task, TaskStatus status,
+                                      const std::string& message) const {
+    const sp<os::IBackupSessionCallback> callback = currentCallback();
+    if (callback == nullptr) {
+        return false;
+    }
+    callback->onTaskStatusChanged(task->sessionId, task->taskId, status, message);
+    return true;
 }
 
 }  // namespace android::installd

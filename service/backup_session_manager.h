@@ -1,9 +1,9 @@
-// The process-wide object behind the exported functions: sessions, the queues of tasks, the two
-// workers that run them, and the handlers that carry them out.
+// The process-wide object behind the exported functions: sessions, the queues of tasks, and the two
+// workers that run them.
 //
 // Threads: clients call from any thread, tasks run on the workers. Everything is under mLock unless
-// said otherwise; members whose names end in Locked expect it to be held. Lock order: mLock, then a
-// task's taskLock, never the reverse. Handlers run without mLock.
+// said otherwise; members whose names end in Locked expect it to be held. Lock order: mLock, then
+// mCallbackLock or a task's own, never the reverse. Handlers run without any of them.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
@@ -15,10 +15,11 @@
 
 #include <atomic>
 #include <string>
+#include <string_view>
 
-#include "service/backup_task.h"
+#include "base/locking.h"
 #include "service/backup_worker_thread.h"
-#include "service/locking.h"
+#include "task/backup_task.h"
 
 namespace android::installd {
 
@@ -86,8 +87,8 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     static int32_t getPrioritybyWeight(int32_t weight);
 
     // "tar" or "t"; "dir" or "d".
-    static bool checkTarOption(std::string option);
-    static bool checkDirOption(std::string option);
+    static bool checkTarOption(std::string_view option);
+    static bool checkDirOption(std::string_view option);
 
     // --- Workers and the task loop: service/task_loop.cpp ---
 
@@ -110,26 +111,21 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     void exitForIndex(size_t index);
     int32_t checkIsRunning() const;
 
-    // --- Copy tasks: fileops/copy_handlers.cpp. Handlers return 0 or their own negative code. ---
+    // --- What carries out a task: service/task_handlers.cpp. Each is the function of its name in
+    // handlers/, and in base/path_rules.h. ---
 
     int32_t backupFileBase(sp<BackupTask>& task);
     int32_t backupDirBase(sp<BackupTask>& task);
     int32_t restoreFileBase(sp<BackupTask>& task);
     int32_t restoreDirBase(sp<BackupTask>& task);
     int32_t moveDirBase(sp<BackupTask>& task);
-
-    // --- Archive tasks: fileops/tar_handlers.cpp ---
-
     int32_t backupTarBase(sp<BackupTask>& task);
     int32_t backupSplitBase(sp<BackupTask>& task);
     int32_t restoreTarBase(sp<BackupTask>& task);
-
-    // --- Briefs and backup by file list: brief/directory_brief.cpp, brief/file_list_brief.cpp,
-    // brief/backup_by_file.cpp ---
-
     int GetFileBriefsByDir(const sp<BackupTask>& task) const;
     int GetFileBriefsByFile(const sp<BackupTask>& task) const;
     int BackupByFileBase(const sp<BackupTask>& task) const;
+    bool isStoragePath(const char* path) const;
 
     // --- Slices of split backups: service/split_hand_off.cpp ---
 
@@ -144,37 +140,60 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     // Ends the task's pause. Returns false when no worker runs at all.
     bool wakeUpSplitWorkerThreadLocked(const sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
 
-    // Whether `path` (not null) lies on shared storage, where labels, owners and modes are not ours
-    // to set: fileops/path_rules.cpp.
-    bool isStoragePath(const char* path) const;
-
   private:
-    int32_t runCommandLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    // A row of the command table: service/task_commands.cpp.
+    struct Command {
+        const char* name;
+        int32_t arguments;
+        int32_t (BackupSessionManager::*run)(int32_t sessionId, const std::string* args);
+    };
+    static const Command cmds[];
+    static const Command* checkTaskCmd(const std::string& cmd, int32_t arguments);
+
+    int32_t runTaskLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    int32_t runAbortLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    int32_t runDelayLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    int32_t runMoveLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    int32_t runSetWeightLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    int32_t runKeepAliveLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
+    int32_t runGetBriefLocked(int32_t sessionId, const std::string* args) PELTEX_REQUIRES(mLock);
     bool isDuplicateLocked(BackupTaskType type, const std::string* args) const
         PELTEX_REQUIRES(mLock);
 
     void stopRunningTaskLocked(const sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
 
-    bool waitForTaskLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
+    // How a worker's wait ends.
+    enum class Turn {
+        kTask,       // there is a task for it
+        kOthersRun,  // it was asked to exit, and all that may run is running
+        kNoneLeft,   // it was asked to exit, and nothing is queued
+    };
+    Turn waitForTurnLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
+    sp<BackupTask> takeTaskLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
+    void endPass(size_t workerIndex) PELTEX_EXCLUDES(mLock);
     bool startWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
     void settleWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
-    void endPassLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
     bool isOpenSessionWaitingLocked() const PELTEX_REQUIRES(mLock);
     int32_t runHandler(sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
     int32_t applyWeight() PELTEX_EXCLUDES(mLock);
 
-    // Tells the present callback how many bytes the files have that a brief has found.
-    void tellBriefSize(const sp<BackupTask>& task, int64_t total) const PELTEX_EXCLUDES(mLock);
+    // The callback of the moment, null for none.
+    sp<os::IBackupSessionCallback> currentCallback() const PELTEX_EXCLUDES(mCallbackLock);
 
-    // The callback to use for one call: another thread may replace mCallback meanwhile.
-    sp<os::IBackupSessionCallback> currentCallback() const PELTEX_EXCLUDES(mLock);
+    // Tells the callback of the moment. Returns false when there is none.
+    bool tellClient(const sp<BackupTask>& task, TaskStatus status, const std::string& message) const
+        PELTEX_EXCLUDES(mCallbackLock);
 
     mutable Mutex mLock;
     Condition mCond;  // a task was queued, or workers were asked to exit
 
+    // Guards mCallback alone, and no call of it: a callback that takes its time, with mLock held or
+    // without, holds up no other worker's statuses.
+    mutable Mutex mCallbackLock;
+    sp<os::IBackupSessionCallback> mCallback PELTEX_GUARDED_BY(mCallbackLock);
+
     Vector<int32_t> mSessions
         PELTEX_GUARDED_BY(mLock);  // ids of the open sessions, in opening order
-    sp<os::IBackupSessionCallback> mCallback PELTEX_GUARDED_BY(mLock);
     Vector<sp<BackupTask>> mPendingTasks PELTEX_GUARDED_BY(mLock);     // oldest first
     Vector<sp<BackupTask>> mProcessingTasks PELTEX_GUARDED_BY(mLock);  // at most one per worker
     Vector<sp<BackupWorkerThread>> mWorkers;      // constant after construction

@@ -1,8 +1,8 @@
 // The exported functions and the one manager of the process behind them.
 #include "service/peltexinstalld.h"
 
+#include "base/locking.h"
 #include "service/backup_session_manager.h"
-#include "service/locking.h"
 
 using android::sp;
 using android::installd::BackupSessionManager;

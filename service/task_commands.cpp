@@ -3,45 +3,32 @@
 #define LOG_TAG "BackupSessionManager"
 
 #include <log/log.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
+#include "base/numbers.h"
+#include "base/paths.h"
 #include "service/backup_session_manager.h"
 
 namespace android::installd {
 
 namespace {
 
-struct Command {
-    const char* name;
-    int32_t arguments;
-};
-
-constexpr Command cmds[] = {
-    {"backup", 5}, {"restore", 5},   {"abort", 1},     {"delay", 1},
-    {"move", 5},   {"setweight", 2}, {"keepalive", 0}, {"get_brief", 5},
-};
-
-// The checks take the word by value, as they always have.
-// NOLINTBEGIN(performance-unnecessary-value-param)
-bool checkFileOption(std::string option) {
+bool checkFileOption(std::string_view option) {
     return option == "file" || option == "f";
 }
 
-bool checkSplitOption(std::string option) {
+bool checkSplitOption(std::string_view option) {
     return option == "split" || option == "s";
 }
 
-bool checkByFileOption(std::string option) {
+bool checkByFileOption(std::string_view option) {
     return option == "byfile";
 }
-// NOLINTEND(performance-unnecessary-value-param)
 
 // The option word chooses the kind of task.
 struct Kind {
-    const char* command;
-    bool (*checkOption)(std::string option);
+    std::string_view command;
+    bool (*checkOption)(std::string_view option);
     BackupTaskType type;
 };
 
@@ -61,7 +48,7 @@ constexpr Kind kKinds[] = {
 
 constexpr int32_t kMaxWeight = 100;
 
-const Kind* findKind(const std::string& command, const std::string& option) {
+const Kind* findKind(std::string_view command, std::string_view option) {
     for (const Kind& kind : kKinds) {
         if (command == kind.command && kind.checkOption(option)) {
             return &kind;
@@ -70,9 +57,8 @@ const Kind* findKind(const std::string& command, const std::string& option) {
     return nullptr;
 }
 
-// Decimal, 0x hexadecimal or leading-0 octal; what is no number reads as 0.
-long parseNumber(const std::string& text) {
-    return strtol(text.c_str(), nullptr, 0);
+int32_t numberOf(const std::string& word) {
+    return static_cast<int32_t>(parseNumber(word.c_str()));
 }
 
 // Splits `line` at its blanks, in place, into the kCommandWords words at `args`. Returns how many
@@ -93,8 +79,22 @@ int32_t parseTaskCmd(const std::string& line, std::string* args) {
     return words;
 }
 
-// Returns 0, or COMMAND_REFUSED for an unknown command or a wrong number of arguments.
-int32_t checkTaskCmd(const std::string& cmd, int32_t arguments) {
+}  // namespace
+
+const BackupSessionManager::Command BackupSessionManager::cmds[] = {
+    {"backup", 5, &BackupSessionManager::runTaskLocked},
+    {"restore", 5, &BackupSessionManager::runTaskLocked},
+    {"abort", 1, &BackupSessionManager::runAbortLocked},
+    {"delay", 1, &BackupSessionManager::runDelayLocked},
+    {"move", 5, &BackupSessionManager::runMoveLocked},
+    {"setweight", 2, &BackupSessionManager::runSetWeightLocked},
+    {"keepalive", 0, &BackupSessionManager::runKeepAliveLocked},
+    {"get_brief", 5, &BackupSessionManager::runGetBriefLocked},
+};
+
+// Returns null for an unknown command or a wrong number of arguments.
+const BackupSessionManager::Command* BackupSessionManager::checkTaskCmd(const std::string& cmd,
+                                                                        int32_t arguments) {
     ALOGD("BackupSessionManager checkTaskCmd cmd=%s", cmd.c_str());
     for (const Command& command : cmds) {
         ALOGD("BackupSessionManager checkTaskCmd cmds=%s", command.name);
@@ -104,15 +104,13 @@ int32_t checkTaskCmd(const std::string& cmd, int32_t arguments) {
         if (arguments != command.arguments) {
             ALOGE("%s requires %d arguments (%d given)\n", command.name, command.arguments,
                   arguments);
-            return COMMAND_REFUSED;
+            return nullptr;
         }
-        return 0;
+        return &command;
     }
     ALOGE("unsupported command '%s'\n", cmd.c_str());
-    return COMMAND_REFUSED;
+    return nullptr;
 }
-
-}  // namespace
 
 int32_t BackupSessionManager::executeBackupTask(int32_t sessionId, const std::string& taskCmd) {
     ALOGD("BackupSessionManager executeBackupTask sessionId=%d, taskCmd = %s", sessionId,
@@ -126,35 +124,40 @@ int32_t BackupSessionManager::executeBackupTask(int32_t sessionId, const std::st
     const int32_t words = parseTaskCmd(taskCmd, args);
     // Only "backup" has a sixth argument, and has it optionally, which the table cannot say.
     const bool isLongBackup = words == static_cast<int32_t>(kCommandWords) && args[0] == "backup";
-    if (!isLongBackup && checkTaskCmd(args[0], words - 1) != 0) {
-        return COMMAND_REFUSED;
-    }
-    return runCommandLocked(sessionId, args);
+    const Command* command = isLongBackup ? &cmds[0] : checkTaskCmd(args[0], words - 1);
+    return command == nullptr ? COMMAND_REFUSED : (this->*command->run)(sessionId, args);
 }
 
-int32_t BackupSessionManager::runCommandLocked(int32_t sessionId, const std::string* args) {
-    const std::string& cmd = args[0];
-    if (cmd == "abort") {
-        return abortTaskLocked(static_cast<int32_t>(parseNumber(args[1])));
-    }
-    if (cmd == "delay") {
-        return setDelay(parseNumber(args[1]));
-    }
-    if (cmd == "setweight") {
-        return checkTarOption(args[1]) ? setWeightLocked(static_cast<int32_t>(parseNumber(args[2])))
-                                       : COMMAND_REFUSED;
-    }
-    if (cmd == "keepalive") {
-        return processKeepAlive(sessionId);
-    }
-    if (cmd == "move") {
-        return access(args[2].c_str(), F_OK) == 0 ? addTaskLocked(sessionId, MOVE_DIR, args) : 0;
-    }
-    const Kind* kind = findKind(cmd, args[1]);
-    if (kind == nullptr) {
-        return cmd == "get_brief" ? 0 : COMMAND_REFUSED;
-    }
-    return addTaskLocked(sessionId, kind->type, args);
+int32_t BackupSessionManager::runTaskLocked(int32_t sessionId, const std::string* args) {
+    const Kind* kind = findKind(args[0], args[1]);
+    return kind == nullptr ? COMMAND_REFUSED : addTaskLocked(sessionId, kind->type, args);
+}
+
+int32_t BackupSessionManager::runAbortLocked(int32_t /*sessionId*/, const std::string* args) {
+    return abortTaskLocked(numberOf(args[1]));
+}
+
+int32_t BackupSessionManager::runDelayLocked(int32_t /*sessionId*/, const std::string* args) {
+    return setDelay(parseNumber(args[1].c_str()));
+}
+
+// What is not there is moved already.
+int32_t BackupSessionManager::runMoveLocked(int32_t sessionId, const std::string* args) {
+    return exists(args[2]) ? addTaskLocked(sessionId, MOVE_DIR, args) : 0;
+}
+
+int32_t BackupSessionManager::runSetWeightLocked(int32_t /*sessionId*/, const std::string* args) {
+    return checkTarOption(args[1]) ? setWeightLocked(numberOf(args[2])) : COMMAND_REFUSED;
+}
+
+int32_t BackupSessionManager::runKeepAliveLocked(int32_t sessionId, const std::string* /*args*/) {
+    return processKeepAlive(sessionId);
+}
+
+// A brief of an unknown kind is done with nothing done.
+int32_t BackupSessionManager::runGetBriefLocked(int32_t sessionId, const std::string* args) {
+    const Kind* kind = findKind(args[0], args[1]);
+    return kind == nullptr ? 0 : addTaskLocked(sessionId, kind->type, args);
 }
 
 int32_t BackupSessionManager::addTaskLocked(int32_t sessionId, BackupTaskType type,
@@ -180,7 +183,7 @@ int32_t BackupSessionManager::addTaskLocked(int32_t sessionId, BackupTaskType ty
         return COMMAND_REFUSED;
     }
     const int32_t taskId = mNextId.fetch_add(1, std::memory_order_release);
-    mPendingTasks.add(new BackupTask(sessionId, taskId, type, mCallback, args));
+    mPendingTasks.add(new BackupTask(sessionId, taskId, type, currentCallback(), args));
     mCond.broadcast();
     ALOGD("BackupSessionManager add task success, taskId = %d", taskId);
     return taskId;
@@ -211,9 +214,7 @@ int32_t BackupSessionManager::abortTaskLocked(int32_t taskId) {
     for (const sp<BackupTask>& task : mProcessingTasks) {
         if (task->taskId == taskId) {
             stopRunningTaskLocked(task);
-            if (mCallback != nullptr) {
-                mCallback->onTaskStatusChanged(task->sessionId, taskId, TASK_STATUS_ABORTED, "");
-            }
+            tellClient(task, TASK_STATUS_ABORTED, "");
             ALOGD("BackupSessionManager abort the task task %d in processing", taskId);
             return 0;
         }
@@ -258,14 +259,12 @@ int32_t BackupSessionManager::getPrioritybyWeight(int32_t weight) {
     return static_cast<int16_t>(hundredths / 100 + PRIORITY_BACKGROUND);
 }
 
-// NOLINTBEGIN(performance-unnecessary-value-param): as above
-bool BackupSessionManager::checkTarOption(std::string option) {
+bool BackupSessionManager::checkTarOption(std::string_view option) {
     return option == "tar" || option == "t";
 }
 
-bool BackupSessionManager::checkDirOption(std::string option) {
+bool BackupSessionManager::checkDirOption(std::string_view option) {
     return option == "dir" || option == "d";
 }
-// NOLINTEND(performance-unnecessary-value-param)
 
 }  // namespace android::installd

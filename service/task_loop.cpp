@@ -7,9 +7,9 @@
 //        ^                                    |                       |
 //        '---- exit asked for: the thread framework ends the loop ----'
 //
-// Only a worker in a pass sees what is queued. One that was asked to exit and is between passes is
-// on its way out, or just about to come in: which of the two, only time tells, and very soon.
-// Nobody counts on such a worker before that is settled (settleWorkerLocked).
+// Only a worker in a pass sees what is queued. One that was asked to exit and is between passes may
+// be about to end or about to begin another pass, and nothing but its next step shows which.
+// Nobody counts on such a worker before it has taken that step (settleWorkerLocked).
 // Tested by tests/service/task_loop_test.cpp and tests/service/worker_stress_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
@@ -19,7 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "fileops/path_rules.h"
+#include "base/path_rules.h"
 #include "service/backup_session_manager.h"
 
 namespace android::installd {
@@ -33,56 +33,56 @@ constexpr timespec kSettleInterval = {0, 50000};
 
 bool BackupSessionManager::loopOnce(size_t workerIndex) {
     mInPass[workerIndex] = true;
+    Turn turn;
     sp<BackupTask> task;
     {
         MutexLock lock(mLock);
-        if (!waitForTaskLocked(workerIndex)) {
-            endPassLocked(workerIndex);
-            return !mPendingTasks.isEmpty();
+        turn = waitForTurnLocked(workerIndex);
+        if (turn == Turn::kTask) {
+            task = takeTaskLocked(workerIndex);
         }
-        task = mPendingTasks[0];
-        mPendingTasks.removeAt(0);
-        if (task == nullptr) {
-            ALOGD("BackupSessionManager task is null");
-            endPassLocked(workerIndex);
-            return true;
-        }
-        if (!prepareTaskLocked(task)) {
-            if (mCallback != nullptr) {
-                mCallback->onTaskStatusChanged(task->sessionId, task->taskId, TASK_STATUS_FAILED,
-                                               "prepareTask error");
-            }
-            endPassLocked(workerIndex);
-            return true;
-        }
-        task->workerIndex = workerIndex;
-        mProcessingTasks.add(task);
     }
-    processTask(task);
-    finishTask(task);
-    return true;
+    if (task != nullptr) {
+        processTask(task);
+        finishTask(task);
+    }
+    endPass(workerIndex);
+    return turn != Turn::kNoneLeft;
 }
 
-// Waits until a task may be taken. Returns false when there is none to take and the worker was
-// asked to exit.
-bool BackupSessionManager::waitForTaskLocked(size_t workerIndex) {
+BackupSessionManager::Turn BackupSessionManager::waitForTurnLocked(size_t workerIndex) {
     while (mPendingTasks.isEmpty() || mProcessingTasks.size() >= kWorkers) {
         if (checkExit(workerIndex)) {
             if (mPendingTasks.isEmpty()) {
                 ALOGD("BackupSessionManager worker thread exit");
-            } else {
-                ALOGD(
-                    "BackupSessionManager loopOnce processing task..., "
-                    "mProcessingTasks.size()=%zu",
-                    mProcessingTasks.size());
+                return Turn::kNoneLeft;
             }
-            return false;
+            ALOGD("BackupSessionManager loopOnce processing task..., mProcessingTasks.size()=%zu",
+                  mProcessingTasks.size());
+            return Turn::kOthersRun;
         }
         mCond.wait(mLock);
         ALOGD("BackupSessionManager loopOnce wait mPendingTasks.size()=%zu, checkExit=%d",
               mPendingTasks.size(), checkExit(workerIndex));
     }
-    return true;
+    return Turn::kTask;
+}
+
+// The oldest task, which is running from now on; null for one that fails its checks and is dropped.
+sp<BackupTask> BackupSessionManager::takeTaskLocked(size_t workerIndex) {
+    const sp<BackupTask> task = mPendingTasks[0];
+    mPendingTasks.removeAt(0);
+    if (task == nullptr) {
+        ALOGD("BackupSessionManager task is null");
+        return nullptr;
+    }
+    if (!prepareTaskLocked(task)) {
+        tellClient(task, TASK_STATUS_FAILED, "prepareTask error");
+        return nullptr;
+    }
+    task->workerIndex = workerIndex;
+    mProcessingTasks.add(task);
+    return task;
 }
 
 int32_t BackupSessionManager::startWorkerTreadLocked() {
@@ -140,7 +140,8 @@ void BackupSessionManager::settleWorkerLocked(size_t index) {
 // (by an abort of its task, or with its task's session) leaves what open sessions have queued to
 // the other worker, which may have left before it. What is left of closed sessions waits for the
 // next command that starts workers.
-void BackupSessionManager::endPassLocked(size_t workerIndex) {
+void BackupSessionManager::endPass(size_t workerIndex) {
+    MutexLock lock(mLock);
     mInPass[workerIndex] = false;
     if (!checkExit(workerIndex) || !isOpenSessionWaitingLocked()) {
         return;
@@ -159,7 +160,7 @@ void BackupSessionManager::endPassLocked(size_t workerIndex) {
 
 bool BackupSessionManager::isOpenSessionWaitingLocked() const {
     for (const sp<BackupTask>& task : mPendingTasks) {
-        if (task != nullptr && indexOfSessionLocked(task->sessionId) >= 0) {
+        if (indexOfSessionLocked(task->sessionId) >= 0) {
             return true;
         }
     }
@@ -192,9 +193,7 @@ int32_t BackupSessionManager::processTask(sp<BackupTask>& task) {
         return -1;
     }
     ALOGD("BackupSessionManager processTask task %d", task->taskId);
-    if (sp<os::IBackupSessionCallback> callback = currentCallback(); callback != nullptr) {
-        callback->onTaskStatusChanged(task->sessionId, task->taskId, TASK_STATUS_STARTED,
-                                      "processTask start");
+    if (tellClient(task, TASK_STATUS_STARTED, "processTask start")) {
         ALOGD("BackupSessionManager processTask task %d started", task->taskId);
     }
 
@@ -210,47 +209,8 @@ int32_t BackupSessionManager::processTask(sp<BackupTask>& task) {
     const TaskStatus status = result == 0 ? TASK_STATUS_SUCCESS : TASK_STATUS_FAILED;
     ALOGD("BackupSessionManager processTask task %d ,taskType is %d, taskStatus is %d",
           task->taskId, task->taskType, status);
-    if (sp<os::IBackupSessionCallback> callback = currentCallback(); callback != nullptr) {
-        callback->onTaskStatusChanged(task->sessionId, task->taskId, status, "processTask finish");
-    }
+    tellClient(task, status, "processTask finish");
     return result;
-}
-
-int32_t BackupSessionManager::runHandler(sp<BackupTask>& task) {
-    int32_t weight = 0;
-    switch (task->taskType) {
-        case BACKUP_FILE:
-            return backupFileBase(task);
-        case BACKUP_DIR:
-            return backupDirBase(task);
-        case BACKUP_TAR:
-            weight = applyWeight();
-            ALOGD("BackupSessionManager tarTask, weight:%d, pri:%d", weight,
-                  androidGetThreadPriority(0));
-            return backupTarBase(task);
-        case BACKUP_SPLIT:
-            weight = applyWeight();
-            ALOGD("BackupSessionManager SplitTask, weight:%d, pri:%d", weight,
-                  androidGetThreadPriority(0));
-            return backupSplitBase(task);
-        case RESTORE_FILE:
-            return restoreFileBase(task);
-        case RESTORE_DIR:
-            return restoreDirBase(task);
-        case MOVE_DIR:
-            return moveDirBase(task);
-        case RESTORE_TAR:
-        case RESTORE_SPLIT:
-            return restoreTarBase(task);
-        case BACKUP_BY_FILE:
-            return BackupByFileBase(task);
-        case GET_BRIEFS_BY_DIR:
-            return GetFileBriefsByDir(task);
-        case GET_BRIEFS_BY_FILE:
-            return GetFileBriefsByFile(task);
-    }
-    ALOGE("processTask error, task type %d is not existed", task->taskType);
-    return -1;
 }
 
 // Gives this worker the priority of the present weight, which it returns; finishTask takes the
@@ -271,7 +231,6 @@ void BackupSessionManager::finishTask(const sp<BackupTask>& task) {
         androidSetThreadPriority(0, PRIORITY_BACKGROUND);
     }
     finishTaskLocked(task);
-    endPassLocked(task->workerIndex);
 }
 
 void BackupSessionManager::finishTaskLocked(const sp<BackupTask>& task) {
@@ -301,11 +260,6 @@ int32_t BackupSessionManager::checkIsRunning() const {
         }
     }
     return running;
-}
-
-sp<os::IBackupSessionCallback> BackupSessionManager::currentCallback() const {
-    MutexLock lock(mLock);
-    return mCallback;
 }
 
 }  // namespace android::installd

@@ -3,8 +3,8 @@
 // Tested by tests/tar/tar_split_test.cpp.
 #include <log/log.h>
 
-#include "fileops/error_text.h"
-#include "fileops/file_handles.h"
+#include "base/error_text.h"
+#include "base/file_handles.h"
 #include "tar/tar_file.h"
 
 namespace android::installd {

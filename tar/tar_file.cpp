@@ -11,10 +11,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/error_text.h"
+#include "base/file_handles.h"
+#include "base/paths.h"
 #include "bounded/bounded.h"
-#include "fileops/error_text.h"
-#include "fileops/file_handles.h"
-#include "fileops/paths.h"
 
 namespace android::installd {
 
@@ -160,62 +160,54 @@ FILE* TarFile::openStream(const char* path) {
 }
 
 bool TarFile::packTree() {
-    char path[kTarPathSize] = {};
-    strncpy_s(path, sizeof(path), m_rootPath, sizeof(path) - 1);
-    return TraversalPackDir(path);
+    PathBuffer path(m_rootPath);
+    return TraversalPackDir(Place(path.c_str()), path);
 }
 
-// Packs everything under `path`, a buffer of kTarPathSize that is extended by each entry's name and
-// cut back again, in the order of the file system.
-bool TarFile::TraversalPackDir(char* path) {
-    // What was a directory when it was looked at may be a link by now: the application goes on
-    // running, and root must not follow it out of its tree. The packed directory itself may be one.
-    const UniqueDir dir = openDirectory(m_dirFd, path, m_dirFd == AT_FDCWD ? 0 : O_NOFOLLOW);
-    if (dir == nullptr) {
-        ALOGE("TarFile::PackDir, failed to open dir: %s, err: %s", path, ErrorText().c_str());
+// Packs everything under `directory`, whose path is in `path`, in the order of the file system.
+bool TarFile::TraversalPackDir(const Place& directory, PathBuffer& path) {
+    WalkLevel level(directory, path, PathBuffer::Fit::kWhole);
+    if (!level.isOpen()) {
+        ALOGE("TarFile::PackDir, failed to open dir: %s, err: %s", path.c_str(),
+              ErrorText().c_str());
         return false;
     }
-    const int parentFd = std::exchange(m_dirFd, dirfd(dir.get()));
-    const bool result = packEntries(dir, path);
+    const int parentFd = std::exchange(m_dirFd, level.entry().dirFd());
+    const bool result = packEntries(level, path);
     m_dirFd = parentFd;
     return result;
 }
 
-bool TarFile::packEntries(const UniqueDir& dir, char* path) {
-    const size_t length = strlen(path);
-    while (const dirent* entry = nextEntry(dir)) {
-        const char* name = entry->d_name;
-        if (isDotName(name)) {
-            continue;
-        }
-        if (length + strlen(name) + 1 >= kTarPathSize) {
-            ALOGE("TarFile::PackDir, file name too long, path: %s, file: %s", path, name);
-            return false;
-        }
-        if (sprintf_s(path + length, kTarPathSize - length, "/%s", name) < 0) {
-            ALOGE("TarFile::PackDir, get name error, path: %s, file: %s", path, name);
-            return false;
-        }
-        if (!packEntry(path)) {
-            ALOGE("TarFile::PackDir, failed when pack: %s, result: %d", path, kPackFailed);
+bool TarFile::packEntries(WalkLevel& level, PathBuffer& path) {
+    WalkLevel::Found found = level.next();
+    for (; found == WalkLevel::Found::kEntry; found = level.next()) {
+        // What fails leaves the path as it is: every level tells the deepest one.
+        if (!packEntry(level, path)) {
+            ALOGE("TarFile::PackDir, failed when pack: %s, result: %d", path.c_str(), kPackFailed);
             return false;
         }
         if (isAborted()) {
             ALOGI("TarFile::PackDir, pack task aborted");
             return true;
         }
-        path[length] = '\0';
+        level.back();
     }
-    if (isReadBroken()) {
-        ALOGE("TarFile::PackDir, failed to read dir: %s, err: %s", path, ErrorText().c_str());
+    if (found == WalkLevel::Found::kTooLong) {
+        ALOGE("TarFile::PackDir, file name too long, path: %s, file: %s", path.c_str(),
+              level.name());
+        return false;
+    }
+    if (found == WalkLevel::Found::kBroken) {
+        ALOGE("TarFile::PackDir, failed to read dir: %s, err: %s", path.c_str(),
+              ErrorText().c_str());
         return false;
     }
     return true;
 }
 
-bool TarFile::packEntry(char* path) {
-    const int found = DoPack(path);
-    return found == kPackedDirectory ? TraversalPackDir(path) : found != kPackFailed;
+bool TarFile::packEntry(const WalkLevel& level, PathBuffer& path) {
+    const int found = DoPack(path.c_str());
+    return found == kPackedDirectory ? TraversalPackDir(level.entry(), path) : found != kPackFailed;
 }
 
 int TarFile::DoPack(const char* path) {
@@ -382,7 +374,7 @@ bool TarFile::WriteFileContent(const char* path, long size) {
               static_cast<int>(kContentChunk));
         return false;
     }
-    const UniqueFd fd = openRegular(m_dirFd, lastComponent(path));
+    const UniqueFd fd = openRegular(Place(m_dirFd, path));
     if (!fd.isOpen()) {
         ALOGE("TarFile::PackDir, failed to open src file: %s", path);
         return false;

@@ -13,7 +13,10 @@
 
 #include <string>
 
-#include "fileops/file_handles.h"
+#include "base/file_handles.h"
+#include "base/path_buffer.h"
+#include "base/place.h"
+#include "base/walk_level.h"
 #include "tar/owner_names.h"
 #include "tar/tar_callback.h"
 #include "tar/tar_header.h"
@@ -53,9 +56,9 @@ class TarFile {
     bool openTar(const char* tarPath);
     FILE* openStream(const char* path);
     bool packTree();
-    bool TraversalPackDir(char* path);
-    bool packEntries(const UniqueDir& dir, char* path);
-    bool packEntry(char* path);
+    bool TraversalPackDir(const Place& directory, PathBuffer& path);
+    bool packEntries(WalkLevel& level, PathBuffer& path);
+    bool packEntry(const WalkLevel& level, PathBuffer& path);
     int DoPack(const char* path);
     bool Filter(const char* path, const struct stat* st);
     bool AddFile(const char* path, const struct stat* st, bool isContinuation);

@@ -9,15 +9,15 @@
 #include <fcntl.h>
 #include <log/log.h>
 #include <selinux/android.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <utility>
 
-#include "fileops/error_text.h"
-#include "fileops/paths.h"
-#include "fileops/permissions.h"
+#include "base/error_text.h"
+#include "base/numbers.h"
+#include "base/paths.h"
+#include "base/permissions.h"
 #include "tar/tar_file.h"
 
 namespace android::installd {
@@ -25,7 +25,6 @@ namespace android::installd {
 namespace {
 
 constexpr int32_t kSmallestUsualSlice = 100;  // MiB
-constexpr uint32_t kSliceMode = 0660;
 constexpr int kSliceSizeArgument = 4;
 constexpr int kSeInfoArgument = 5;
 constexpr long kUnit = kContentChunk;
@@ -99,8 +98,7 @@ bool TarFile::PackSplitPre(std::string* args, unsigned int uid) {
         m_splitArgs[i] = args[i];
     }
     m_uid = uid;
-    const auto mib =
-        static_cast<int32_t>(strtol(m_splitArgs[kSliceSizeArgument].c_str(), nullptr, 0));
+    const auto mib = static_cast<int32_t>(parseNumber(m_splitArgs[kSliceSizeArgument].c_str()));
     if (mib < kSmallestUsualSlice) {
         ALOGD("TarFile::PackSplitDir, sliceSize need to be larger than 100, (%d given) \n", mib);
     }
@@ -392,7 +390,7 @@ void TarFile::ClearDirtyData() {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): takes its texts by value, as it always has
 bool TarFile::FixAttrForSeLinux(std::string path) {
-    if (fixup_permissions_dir_file(path.c_str(), m_uid, m_uid, kSliceMode) != 0) {
+    if (fixup_permissions_dir_file(path.c_str(), m_uid, m_uid, kArchiveMode) != 0) {
         ALOGE("TarFile::FixAttrForSeLinux failed to change attr_file(%s) owner, error=%s",
               path.c_str(), ErrorText().c_str());
         return false;

@@ -7,8 +7,8 @@
 
 #include <new>
 
+#include "base/owner_mapping.h"
 #include "bounded/bounded.h"
-#include "brief/permission_record.h"
 #include "tar/untar_entry.h"
 
 namespace android::installd {

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "fileops/file_handles.h"
+#include "base/file_handles.h"
 #include "tar/tar_callback.h"
 #include "tar/tar_header.h"
 

@@ -2,13 +2,13 @@
 // first is unpacked, and each is removed when it has been.
 // Tested by tests/tar/tar_split_test.cpp.
 #include <log/log.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/error_text.h"
+#include "base/numbers.h"
 #include "bounded/bounded.h"
-#include "fileops/error_text.h"
 #include "tar/untar_file.h"
 
 namespace android::installd {
@@ -108,7 +108,7 @@ bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir, Vector<std
         ALOGE("subSize is empty");
         return false;
     }
-    const long size = strtol(sizeText, nullptr, 0);
+    const long size = parseNumber(sizeText);
     if (access(path.c_str(), F_OK) != 0) {
         ALOGE("slice tar file %s don't exist, error:%s", path.c_str(), ErrorText().c_str());
         return false;

@@ -1,4 +1,4 @@
-#include "brief/directory_brief.h"
+#include "brief/brief_walk.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 #include <algorithm>
 
-#include "brief/directory_brief.h"
-#include "brief/exclude_rules.h"
+#include "brief/brief_walk.h"
+#include "brief/search_rules.h"
 #include "tests/support/brief_test.h"
 
 namespace peltex_test {

@@ -1,3 +1,4 @@
+#include "base/owner_mapping.h"
 #include "brief/permission_record.h"
 
 #include <gtest/gtest.h>

@@ -55,7 +55,7 @@ constexpr Rule kRules[] = {
     {MV, Op::kAccess, "source", 3, L, nullptr},
     {MV, Op::kAccess, "in/*.d", 2, U, nullptr},
     {kTrees | BY, Op::kAccess, "in/*.f", 0, L, "Failed to copyFile file: %s, error=%e"},
-    {kTrees, Op::kAccess, "in/*", 0, F, "Failed to copyDir, %s not exists"},
+    {MV, Op::kAccess, "in/*", 0, U, nullptr},
     {kAll, Op::kAccess, "*", 0, Outcome::kEither, "Failed to mkdir(%s), error=File exists"},
 
     // What it is.

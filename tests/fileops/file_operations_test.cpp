@@ -1,4 +1,7 @@
-#include "fileops/file_operations.h"
+#include "fileops/copy.h"
+#include "fileops/create_dir.h"
+#include "fileops/delete.h"
+#include "fileops/relabel.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,7 +12,7 @@
 
 #include <thread>
 
-#include "fileops/permissions.h"
+#include "base/permissions.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/task_maker.h"
 #include "tests/support/test_files.h"

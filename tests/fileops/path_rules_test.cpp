@@ -1,4 +1,4 @@
-#include "fileops/path_rules.h"
+#include "base/path_rules.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

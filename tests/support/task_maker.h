@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "service/backup_task.h"
+#include "task/backup_task.h"
 #include "tests/support/test_client.h"
 
 namespace peltex_test {

@@ -1,8 +1,8 @@
 // What the tar code of one task hears of its client: whether to stop, and when to go on.
 #pragma once
 
-#include "service/backup_task.h"
 #include "tar/tar_callback.h"
+#include "task/backup_task.h"
 
 namespace android::installd {
 
@@ -21,8 +21,7 @@ class TarCBImpl : public TarCallBack {
     // Tells the client of a slice, also when the task has been aborted since.
     void OnPackagedOneSplitTar(const char* sliceInfo) override;
 
-    // Pauses the worker until the client continues or aborts the task. Seven waits of five seconds
-    // without a word abort it.
+    // Pauses the worker until the client continues or aborts the task, or is silent for too long.
     void WaitTaskLocked() override;
 
   private:

@@ -1,7 +1,7 @@
 // Tested by tests/fileops/path_rules_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
-#include "fileops/path_rules.h"
+#include "base/path_rules.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,11 +11,9 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "bounded/bounded.h"
-#include "fileops/error_text.h"
-#include "fileops/file_handles.h"
-#include "fileops/paths.h"
-#include "service/backup_session_manager.h"
+#include "base/error_text.h"
+#include "base/file_handles.h"
+#include "base/paths.h"
 
 namespace android::installd {
 
@@ -63,19 +61,6 @@ bool resolve(const char* path, char (&realPath)[PATH_MAX]) {
     return true;
 }
 
-// `result` is that of the call that filled `status`.
-int kindOf(const char* path, int result, const struct stat& status) {
-    if (result != 0) {
-        ALOGE("Failed to isDir, lstat(%s), error=%s", path, ErrorText().c_str());
-        return -1;
-    }
-    if (S_ISLNK(status.st_mode)) {
-        ALOGE("Failed to isDir S_ISLNK:%s", path);
-        return -1;
-    }
-    return S_ISDIR(status.st_mode) ? 1 : 0;
-}
-
 bool matches(const Area& area, const char* path) {
     return area.match == Match::kWhole ? strcmp(path, area.text) == 0 : beginsWith(path, area.text);
 }
@@ -100,7 +85,7 @@ bool is_allow_access(const char* path) {
     return false;
 }
 
-bool BackupSessionManager::isStoragePath(const char* path) const {
+bool isStoragePath(const char* path) {
     for (const char* storage : kSharedStorage) {
         if (beginsWith(path, storage)) {
             ALOGD("isStoragePath:, %s", path);
@@ -129,11 +114,19 @@ int isDir(const char* path) {
         return -1;
     }
     struct stat status = {};
-    return kindOf(path, lstat(path, &status), status);
+    return isDir(Place(path), status);
 }
 
-int isDirAt(int dirFd, const char* path, struct stat& status) {
-    return kindOf(path, fstatat(dirFd, lastComponent(path), &status, AT_SYMLINK_NOFOLLOW), status);
+int isDir(const Place& place, struct stat& status) {
+    if (fstatat(place.dirFd(), place.name(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        ALOGE("Failed to isDir, lstat(%s), error=%s", place.path(), ErrorText().c_str());
+        return -1;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        ALOGE("Failed to isDir S_ISLNK:%s", place.path());
+        return -1;
+    }
+    return S_ISDIR(status.st_mode) ? 1 : 0;
 }
 
 int filterDir(const char* dirName) {

@@ -37,11 +37,11 @@ inline void cutTrailingSlash(std::string& path) {
     }
 }
 
-// `parent` followed by the last component of `path`, the slash before it included: where a backup
-// of `path` lies in `parent`. Empty when `path` has no slash.
-inline std::string prepare_data_backup_dir(const std::string& parent, const std::string& path) {
+// `directory` followed by the last component of `path`, the slash before it included: where a
+// backup of `path` lies in `directory`. Empty when `path` has no slash.
+inline std::string pathInside(const std::string& directory, const std::string& path) {
     const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : parent + path.substr(slash);
+    return slash == std::string::npos ? "" : directory + path.substr(slash);
 }
 
 }  // namespace android::installd

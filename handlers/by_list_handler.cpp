@@ -1,43 +1,33 @@
-// The handler of a backup by file list: copies what a brief names into a folder of the
-// application's own, with a record of each entry beside it.
-//
-//   TDEST/APP/APP/        the copies, by what follows APP in their paths
-//   TDEST/APP/APP.txt     the attribute file        (for a destination TDEST/APP)
-//
 // Tested by tests/brief/backup_by_file_test.cpp.
 #define LOG_TAG "BackupSessionManager"
+
+#include "handlers/by_list_handler.h"
 
 #include <log/log.h>
 #include <string.h>
 #include <sys/stat.h>
 
+#include "base/error_text.h"
+#include "base/file_handles.h"
+#include "base/path_rules.h"
+#include "base/paths.h"
+#include "base/permissions.h"
 #include "brief/permission_record.h"
-#include "fileops/error_text.h"
-#include "fileops/file_handles.h"
-#include "fileops/file_operations.h"
-#include "fileops/path_rules.h"
-#include "fileops/paths.h"
-#include "fileops/permissions.h"
-#include "service/backup_session_manager.h"
+#include "fileops/copy.h"
+#include "fileops/create_dir.h"
+#include "fileops/relabel.h"
 
 namespace android::installd {
 
 namespace {
 
 constexpr int32_t kBackupByFileFailed = -15;
-constexpr size_t kLineSize = 2048;
-constexpr int kFields = 5;
 constexpr int32_t kDirectoryType = 1;
 
 // What follows the first occurrence of the application's name in `path`; empty without one.
-int GetRelativePath(const char* path, const char* appName, std::string& relative) {
-    if (path == nullptr || appName == nullptr) {
-        ALOGE("GetRelativePath error,path is null!");
-        return -1;
-    }
-    const char* name = strstr(path, appName);
-    relative = name == nullptr ? "" : name + strlen(appName);
-    return 0;
+std::string GetRelativePath(const char* path, const std::string& appName) {
+    const char* name = strstr(path, appName.c_str());
+    return name == nullptr ? "" : name + appName.size();
 }
 
 // A file that vanished since it was listed, or whose target cannot be reached, is passed over.
@@ -103,7 +93,7 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
     const std::string base = task->taskDestPath + "/" + appName;
     ALOGD("Backup-app des path:%s", base.c_str());
 
-    char line[kLineSize];
+    char line[kRecordSize];
     int result = 0;
     // A brief that names itself, or what is copied over it, grows while it is read: what it had
     // when it was opened is all that is followed.
@@ -112,16 +102,13 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
     };
     while (result == 0 && !isAtEnd() && fgets(line, sizeof(line), brief.get()) != nullptr) {
         File_info info;
-        if (parse_line_info(line, info) < kFields) {
+        if (parse_line_info(line, info) < kRecordFields) {
             ALOGE("miss info from this line(%s), skip it", line);
             continue;
         }
-        std::string relative;
-        if (GetRelativePath(info.path, appName.c_str(), relative) != 0) {
-            return -1;
-        }
-        result = info.type == kDirectoryType ? BackupDir(info.path, base + relative, attrFp, task)
-                                             : BackupFile(info.path, base + relative, attrFp, task);
+        const std::string target = base + GetRelativePath(info.path, appName);
+        result = info.type == kDirectoryType ? BackupDir(info.path, target, attrFp, task)
+                                             : BackupFile(info.path, target, attrFp, task);
     }
     if (ferror(brief.get()) != 0) {
         ALOGE("Failed to read brief: %s, error=%s", task->taskSrcPath.c_str(), ErrorText().c_str());
@@ -132,7 +119,7 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
 
 }  // namespace
 
-int BackupSessionManager::BackupByFileBase(const sp<BackupTask>& task) const {
+int BackupByFileBase(const sp<BackupTask>& task) {
     ALOGD("Begin BackupByFileBase");
     if (task->taskType != BACKUP_BY_FILE) {
         ALOGE("backup failed,task type is invalid");

@@ -1,20 +1,17 @@
-// The handlers of the archive tasks: pack a directory into one archive or into slices, and unpack
-// either. Each returns 0 or a negative code, which shows only in the log.
-//
-// An archive of a source whose last component is NAME is TDEST/NAME.tar; slices are
-// TDEST/NAME.tar.0 and on, their check file TDEST/NAME.tar.txt.
-//
 // Tested by tests/fileops/tar_handlers_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
+#include "handlers/archive_handlers.h"
+
 #include <log/log.h>
 
-#include "fileops/error_text.h"
-#include "fileops/file_operations.h"
-#include "fileops/paths.h"
-#include "fileops/permissions.h"
-#include "service/backup_session_manager.h"
-#include "service/tar_cb_impl.h"
+#include "base/error_text.h"
+#include "base/path_rules.h"
+#include "base/paths.h"
+#include "base/permissions.h"
+#include "fileops/create_dir.h"
+#include "fileops/relabel.h"
+#include "handlers/tar_cb_impl.h"
 #include "tar/tar_file.h"
 #include "tar/untar_file.h"
 
@@ -25,7 +22,6 @@ namespace {
 constexpr int32_t kBackupTarFailed = -13;
 constexpr int32_t kBackupSplitFailed = -14;
 constexpr int32_t kRestoreTarFailed = -18;
-constexpr uint32_t kArchiveMode = 0660;
 
 // Works out the base of the slices' names in `archivePath` and makes the directory for them. Cuts a
 // trailing slash off `dest` and `src`.
@@ -37,7 +33,7 @@ int32_t backupSplitPre(uint32_t uid, std::string& dest, std::string& src,
         ALOGE("backupSplitTarBase: source path %s not exist!", src.c_str());
         return kBackupSplitFailed;
     }
-    archivePath = prepare_data_backup_dir(dest, src);
+    archivePath = pathInside(dest, src);
     if (archivePath.empty()) {
         ALOGE("backupSplitTarBase: prepare_data_backup_dir failed!");
         return kBackupSplitFailed;
@@ -55,7 +51,7 @@ int32_t backupSplitPre(uint32_t uid, std::string& dest, std::string& src,
 
 }  // namespace
 
-int32_t BackupSessionManager::backupTarBase(sp<BackupTask>& task) {
+int32_t backupTarBase(sp<BackupTask>& task) {
     if (task->taskType != BACKUP_TAR) {
         return kBackupTarFailed;
     }
@@ -70,7 +66,7 @@ int32_t BackupSessionManager::backupTarBase(sp<BackupTask>& task) {
         ALOGE("backupTarBase, source path %s not exist!", source);
         return kBackupTarFailed;
     }
-    std::string archive = prepare_data_backup_dir(task->taskDestPath, task->taskSrcPath);
+    std::string archive = pathInside(task->taskDestPath, task->taskSrcPath);
     if (archive.empty()) {
         ALOGE("backupTarBase failed, prepare_data_backup_dir failed!");
         return kBackupTarFailed;
@@ -98,7 +94,7 @@ int32_t BackupSessionManager::backupTarBase(sp<BackupTask>& task) {
     return 0;
 }
 
-int32_t BackupSessionManager::backupSplitBase(sp<BackupTask>& task) {
+int32_t backupSplitBase(sp<BackupTask>& task) {
     if (task->taskType != BACKUP_SPLIT) {
         return kBackupSplitFailed;
     }
@@ -122,7 +118,7 @@ int32_t BackupSessionManager::backupSplitBase(sp<BackupTask>& task) {
     return 0;
 }
 
-int32_t BackupSessionManager::restoreTarBase(sp<BackupTask>& task) {
+int32_t restoreTarBase(sp<BackupTask>& task) {
     if (task->taskType != RESTORE_TAR && task->taskType != RESTORE_SPLIT) {
         return kRestoreTarFailed;
     }

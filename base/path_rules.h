@@ -7,11 +7,17 @@
 
 #include <string>
 
+#include "base/place.h"
+
 namespace android::installd {
 
 // Whether a task may name `path` at all: inside one of the application data areas and without
 // "../". Prefixes are compared without regard to component boundaries.
 bool is_allow_access(const char* path);
+
+// Whether `path` (not null) lies on shared storage, where labels, owners and modes are not ours to
+// set.
+bool isStoragePath(const char* path);
 
 // Returns 0 when `path` resolves to a place that begins with `realOrgPath`, and also when it cannot
 // be resolved (a copy that is yet to be made) or `realOrgPath` is null; else -1.
@@ -21,9 +27,8 @@ int CheckFilePath(const char* path, const char* realOrgPath);
 // Links are never followed.
 int isDir(const char* path);
 
-// The same for an entry of the directory that `dirFd` stands for: the last component of `path`.
-// Leaves what was found in `status`, for the functions below that take one.
-int isDirAt(int dirFd, const char* path, struct stat& status);
+// The same, leaving what was found in `status`, for the functions below that take one.
+int isDir(const Place& place, struct stat& status);
 
 // Whether a directory of this name (not a path) directly under an application's root is left out:
 // 1 for its native libraries in "lib", 0 otherwise, -1 for a null or empty name.

@@ -1,14 +1,14 @@
 // Tested by tests/fileops/file_operations_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
-#include "fileops/permissions.h"
+#include "base/permissions.h"
 
 #include <log/log.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fileops/error_text.h"
-#include "fileops/paths.h"
+#include "base/error_text.h"
+#include "base/paths.h"
 
 namespace android::installd {
 
@@ -18,11 +18,13 @@ int fixup_permissions_dir_file(const char* path, uint32_t owner, uint32_t group,
         return -1;
     }
     if (chmod(path, mode) != 0) {
+        const KeepErrno error;
         ALOGE("Failed to chmod (%s), error=%s", path, ErrorText().c_str());
         return -1;
     }
     // A chown takes the set-id bits of a file away again; the modes that are set here have none.
     if (chown(path, owner, group) != 0) {
+        const KeepErrno error;
         ALOGE("Failed to chown (%s), error=%s", path, ErrorText().c_str());
         return -1;
     }

@@ -1,6 +1,5 @@
-// One task: what a queued command asks for, how far it has come, and what its client is told. The
-// manager's queues, the worker that runs it and the tar progress object share it by strong
-// pointers.
+// One task: what a queued command asks for, how far it has come, what its client is told, and the
+// pause of a split backup. Shared by strong pointers.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
@@ -11,7 +10,7 @@
 #include <atomic>
 #include <string>
 
-#include "service/locking.h"
+#include "base/locking.h"
 
 namespace android::installd {
 
@@ -54,10 +53,6 @@ enum TaskStatus : int32_t {
     TASK_STATUS_BRIEF_SIZE = 6,
 };
 
-// How many waits of five seconds a paused split backup has left when its pause begins, and after
-// each keep-alive.
-constexpr int32_t kWaitBudget = 6;
-
 // How many words of a command a task keeps; later words are only counted.
 constexpr size_t kCommandWords = 7;
 
@@ -74,6 +69,16 @@ class BackupTask : public virtual RefBase {
 
     // Tells the callback that the task got with its command; nobody when it got none.
     void notify(TaskStatus status, const std::string& message) const;
+
+    // The pause of a split backup between two slices: blocks the worker until resume() or until
+    // seven waits of five seconds are over, which aborts the task and tells its callback so. A
+    // resume() that comes before the pause is lost: clients continue after they were told of the
+    // slice, and again when nothing moves.
+    void pause() PELTEX_EXCLUDES(taskLock);
+    void resume() PELTEX_EXCLUDES(taskLock);
+
+    // Gives a pause its whole budget of waits again, of which this wake-up takes one.
+    void keepAlive() PELTEX_EXCLUDES(taskLock);
 
     // Constant while the task is queued or running, but for `workerIndex`, which the manager sets
     // under its own lock when a worker takes the task.
@@ -99,15 +104,21 @@ class BackupTask : public virtual RefBase {
 
     const int32_t uid;
 
-    Mutex taskLock;
-    Condition taskCond;
-    bool isWaiting PELTEX_GUARDED_BY(taskLock) = false;
-    int32_t waitCountdown PELTEX_GUARDED_BY(taskLock) = kWaitBudget;
-
     // The resolved paths, null where a path does not resolve. They point into the worker's own
     // buffers and are valid while the handler runs.
     char* realSrcPath = nullptr;
     char* realDestPath = nullptr;
+
+  private:
+    // How many waits a pause has left when it begins.
+    static constexpr int32_t kWaitBudget = 6;
+
+    bool waitForResume() PELTEX_REQUIRES(taskLock);
+
+    Mutex taskLock;
+    Condition taskCond;
+    bool isWaiting PELTEX_GUARDED_BY(taskLock) = false;
+    int32_t waitCountdown PELTEX_GUARDED_BY(taskLock) = kWaitBudget;
 };
 
 }  // namespace android::installd

@@ -1,8 +1,14 @@
 // Tested by tests/service/commands_test.cpp and tests/fileops/file_operations_test.cpp.
-#include "service/backup_task.h"
+#define LOG_TAG "BackupSessionManager"
 
-#include <stdlib.h>
+#include "task/backup_task.h"
 
+#include <log/log.h>
+#include <time.h>
+
+#include <limits>
+
+#include "base/numbers.h"
 #include "bounded/bounded.h"
 
 namespace android::installd {
@@ -11,12 +17,22 @@ namespace {
 
 constexpr uint64_t kProgressStep = 81920;
 constexpr size_t kProgressTextSize = 72;
+constexpr time_t kWaitSeconds = 5;
 
 // A split backup carries the slice size and the SELinux information where the others have the
 // SELinux information and the uid; its uid comes last.
 int32_t parseUid(BackupTaskType type, const std::string* words) {
     const std::string& text = type == BACKUP_SPLIT ? words[6] : words[5];
-    return static_cast<int32_t>(strtol(text.c_str(), nullptr, 0));
+    return static_cast<int32_t>(parseNumber(text.c_str()));
+}
+
+timespec waitDeadline() {
+    timespec deadline = {};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const time_t latest = std::numeric_limits<time_t>::max();
+    deadline.tv_sec =
+        deadline.tv_sec > latest - kWaitSeconds ? latest : deadline.tv_sec + kWaitSeconds;
+    return deadline;
 }
 
 }  // namespace
@@ -56,6 +72,45 @@ void BackupTask::notify(TaskStatus status, const std::string& message) const {
     if (callback != nullptr) {
         callback->onTaskStatusChanged(sessionId, taskId, status, message);
     }
+}
+
+void BackupTask::pause() {
+    MutexLock lock(taskLock);
+    if (waitForResume()) {
+        return;
+    }
+    isAborted = true;
+    notify(TASK_STATUS_TIMEOUT, "timout caused");
+    ALOGI("timeout abort task %d", taskId);
+}
+
+// Every return from a wait takes one from the budget, also one that a keep-alive caused. Returns
+// false when the budget is used up.
+bool BackupTask::waitForResume() {
+    isWaiting = true;
+    waitCountdown = kWaitBudget;
+    do {
+        if (!isWaiting) {
+            return true;
+        }
+        taskCond.waitUntil(taskLock, waitDeadline());
+        if (!isWaiting) {
+            return true;
+        }
+    } while (waitCountdown-- > 0);
+    return false;
+}
+
+void BackupTask::resume() {
+    MutexLock lock(taskLock);
+    isWaiting = false;
+    taskCond.broadcast();
+}
+
+void BackupTask::keepAlive() {
+    MutexLock lock(taskLock);
+    waitCountdown = kWaitBudget;
+    taskCond.broadcast();
 }
 
 }  // namespace android::installd

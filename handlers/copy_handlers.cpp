@@ -1,24 +1,20 @@
-// The handlers of the copy tasks: back up and restore a file or a directory, move a directory. Each
-// returns 0 or its own negative code, which shows only in the log.
-//
-// A directory backup of a source whose last component is NAME, and a restore to such a destination:
-//
-//   TDEST/NAME/      the contents of the source
-//   TDEST/NAME.txt   the attribute file: the record of everything copied
-//
 // Tested by tests/fileops/copy_handlers_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
-#include <log/log.h>
-#include <string.h>
+#include "handlers/copy_handlers.h"
 
+#include <log/log.h>
+
+#include "base/error_text.h"
+#include "base/file_handles.h"
+#include "base/path_rules.h"
+#include "base/paths.h"
+#include "base/permissions.h"
 #include "brief/permission_record.h"
-#include "fileops/error_text.h"
-#include "fileops/file_handles.h"
-#include "fileops/file_operations.h"
-#include "fileops/paths.h"
-#include "fileops/permissions.h"
-#include "service/backup_session_manager.h"
+#include "fileops/copy.h"
+#include "fileops/create_dir.h"
+#include "fileops/delete.h"
+#include "fileops/relabel.h"
 
 namespace android::installd {
 
@@ -30,13 +26,9 @@ constexpr int32_t kRestoreFileFailed = -16;
 constexpr int32_t kRestoreDirFailed = -17;
 constexpr int32_t kMoveFailed = -19;
 
-std::string prepare_data_backup_attr_file(const std::string& backupDir) {
-    return backupDir.empty() ? "" : backupDir + ".txt";
-}
-
 }  // namespace
 
-int32_t BackupSessionManager::backupFileBase(sp<BackupTask>& task) {
+int32_t backupFileBase(sp<BackupTask>& task) {
     if (task->taskType != BACKUP_FILE) {
         return kBackupFileFailed;
     }
@@ -57,21 +49,17 @@ int32_t BackupSessionManager::backupFileBase(sp<BackupTask>& task) {
     return 0;
 }
 
-int32_t BackupSessionManager::backupDirBase(sp<BackupTask>& task) {
+int32_t backupDirBase(sp<BackupTask>& task) {
     if (task->taskType != BACKUP_DIR) {
         return kBackupDirFailed;
     }
     const auto uid = static_cast<uint32_t>(task->uid);
-    const std::string backupDir = prepare_data_backup_dir(task->taskDestPath, task->taskSrcPath);
+    const std::string backupDir = pathInside(task->taskDestPath, task->taskSrcPath);
     if (backupDir.empty()) {
         ALOGE("backup failed,prepare_data_backup_dir failed!");
         return kBackupDirFailed;
     }
-    const std::string attrFile = prepare_data_backup_attr_file(backupDir);
-    if (attrFile.empty()) {
-        ALOGE("backup failed,prepare_data_backup_attr_file failed!");
-        return kBackupDirFailed;
-    }
+    const std::string attrFile = backupDir + ".txt";
     if (createDir(backupDir.c_str(), uid) != 0) {
         ALOGE("backup failed,create %s failed, error=%s", backupDir.c_str(), ErrorText().c_str());
         return -1;
@@ -102,7 +90,7 @@ int32_t BackupSessionManager::backupDirBase(sp<BackupTask>& task) {
     return 0;
 }
 
-int32_t BackupSessionManager::restoreFileBase(sp<BackupTask>& task) {
+int32_t restoreFileBase(sp<BackupTask>& task) {
     if (task->taskType != RESTORE_FILE) {
         return kRestoreFileFailed;
     }
@@ -119,21 +107,17 @@ int32_t BackupSessionManager::restoreFileBase(sp<BackupTask>& task) {
     return 0;
 }
 
-int32_t BackupSessionManager::restoreDirBase(sp<BackupTask>& task) {
+int32_t restoreDirBase(sp<BackupTask>& task) {
     if (task->taskType != RESTORE_DIR) {
         return kRestoreDirFailed;
     }
     const std::string& destination = task->taskDestPath;
-    const std::string backupDir = prepare_data_backup_dir(task->taskSrcPath, destination);
+    const std::string backupDir = pathInside(task->taskSrcPath, destination);
     if (backupDir.empty()) {
         ALOGE("restore failed,prepare_data_backup_dir failed!");
         return kRestoreDirFailed;
     }
-    const std::string attrFile = prepare_data_backup_attr_file(backupDir);
-    if (attrFile.empty()) {
-        ALOGE("restore failed,prepare_data_backup_attr_file failed!");
-        return kRestoreDirFailed;
-    }
+    const std::string attrFile = backupDir + ".txt";
     if (copyDir(backupDir.c_str(), destination.c_str(), nullptr, task) != 0) {
         ALOGE("restore failed, copyDir error!");
         return kRestoreDirFailed;
@@ -150,7 +134,7 @@ int32_t BackupSessionManager::restoreDirBase(sp<BackupTask>& task) {
     return 0;
 }
 
-int32_t BackupSessionManager::moveDirBase(sp<BackupTask>& task) {
+int32_t moveDirBase(sp<BackupTask>& task) {
     if (task->taskType != MOVE_DIR) {
         return kMoveFailed;
     }
