@@ -34,6 +34,12 @@ struct TallyEntry {
     std::optional<uint32_t> mode;  // permission bits, where the task's kind brings them back
 };
 
+// The permission bits that a restore of an archive brings back: links have none, and a file loses
+// its set-id bits to the change of owner.
+inline std::optional<uint32_t> ArchivedMode(char type, uint32_t mode) {
+    return type == '2' ? std::nullopt : std::optional(mode & (type == '5' ? 07777U : 01777U));
+}
+
 class Tally {
   public:
     void Add(const TallyEntry& entry);
@@ -45,6 +51,9 @@ class Tally {
     uint64_t bytes() const { return bytes_; }
     uint64_t left_out(LeftOut reason) const { return left_out_[static_cast<size_t>(reason)]; }
     uint64_t left_out() const;
+
+    // A number for all entries, whatever their order; for a single one, of that one.
+    uint64_t sum() const { return sum_[0]; }
 
     // What is left out takes no part.
     bool operator==(const Tally& other) const {

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <system_error>
@@ -83,13 +84,15 @@ bool ForEachName(const UniqueFd& directory, const std::function<void(const char*
     if (stream == nullptr) {
         return false;
     }
-    while (const dirent* entry = android::installd::nextEntry(stream)) {
+    errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no two threads share a stream
+    for (const dirent* entry; (entry = readdir(stream.get())) != nullptr; errno = 0) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..") {
             take(entry->d_name);
         }
     }
-    return !android::installd::isReadBroken();
+    return errno == 0 || errno == ENOENT;
 }
 
 std::string MadeDirectory::Make(const std::string& path, uid_t uid) {

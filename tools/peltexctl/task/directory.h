@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "fileops/file_handles.h"
+#include "base/file_handles.h"
 
 namespace peltexctl {
 

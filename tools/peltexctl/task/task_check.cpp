@@ -12,8 +12,10 @@
 #include <string_view>
 #include <utility>
 
+#include "archive/sums.h"
 #include "archive/verify.h"
-#include "brief/exclude_rules.h"
+#include "base/path_rules.h"
+#include "brief/search_rules.h"
 #include "task/records.h"
 #include "ui/text.h"
 
@@ -24,11 +26,6 @@ namespace {
 constexpr size_t kNamed = 3;
 const LeftOutSink kIgnore = [](LeftOut, std::string_view) {};
 
-// Modes are not put back on shared storage.
-bool IsSharedStorage(const std::string& path) {
-    return path.rfind("/storage/emulated", 0) == 0 || path.rfind("/mnt/androidwritable", 0) == 0;
-}
-
 std::string_view WithoutSlashes(std::string_view path) {
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
     return path;
@@ -37,7 +34,9 @@ std::string_view WithoutSlashes(std::string_view path) {
 // Looks expected entries up in a directory.
 class Place {
   public:
-    explicit Place(const std::string& directory) : directory_(OpenDirectory(directory)) {}
+    // `is_unpacked`: modes are those that an archive brings back.
+    Place(const std::string& directory, bool is_unpacked)
+        : directory_(OpenDirectory(directory)), is_unpacked_(is_unpacked) {}
 
     // What is there under the name of `expected`. Its texts live until the next call.
     std::optional<TallyEntry> Find(const TallyEntry& expected) {
@@ -46,11 +45,11 @@ class Place {
         if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return std::nullopt;
         }
-        TallyEntry found = EntryOf(name_, status, expected.mode.has_value());
-        if (found.mode && found.type == '0') {
-            // An owner that is set afterwards takes these from a file.
-            const uint32_t kept = *expected.mode & (S_ISUID | S_ISGID);
-            found.mode = (*found.mode & ~uint32_t{S_ISUID | S_ISGID}) | kept;
+        TallyEntry found = EntryOf(name_, status);
+        if (!expected.mode) {
+            found.mode = std::nullopt;
+        } else if (is_unpacked_) {
+            found.mode = ArchivedMode(found.type, *found.mode);
         }
         if (found.type == '2') {
             const ssize_t length =
@@ -62,6 +61,7 @@ class Place {
 
   private:
     const UniqueFd directory_;
+    const bool is_unpacked_;
     std::string name_;
     char target_[PATH_MAX] = {};
 };
@@ -90,11 +90,16 @@ std::string Compare(const TallyEntry& expected, const std::optional<TallyEntry>&
                              expected.mode.value_or(0));
 }
 
+TallyEntry WithoutMode(TallyEntry entry) {
+    entry.mode = std::nullopt;
+    return entry;
+}
+
 // A number for all that an entry's tally sees of it.
 uint64_t SumOf(const TallyEntry& entry) {
     Tally tally;
     tally.Add(entry);
-    return tally.Sum();
+    return tally.sum();
 }
 
 }  // namespace
@@ -179,14 +184,14 @@ TaskCheck::~TaskCheck() = default;
 
 std::string TaskCheck::Before() {
     if (set_ != nullptr) {
-        const Verdict verdict =
-            VerifySet(*set_, request_.destination, [this](const Finding& finding) {
-                if (finding.severity != Finding::Severity::kWarning) {
-                    set_faults_->Add(DescribeFinding(finding));
-                }
-                tick_();
-            });
-        expected_ = verdict.tally;
+        const FindingSink tell = [this](const Finding& finding) {
+            if (finding.severity != Finding::Severity::kWarning) {
+                set_faults_->Add(DescribeFinding(finding));
+            }
+            tick_();
+        };
+        expected_ = VerifySet(*set_, request_.destination, tell).tally;
+        CheckSums(*set_, tell);
         return "";
     }
     const bool is_read = VisitSource(
@@ -258,7 +263,7 @@ bool TaskCheck::TallyResult(const std::string& result, Differences* faults) {
         tick_();
     };
     if (kind_.result == Result::kTree) {
-        Place place(result);
+        Place place(result, kind_.source == Source::kSet);
         VisitExpected([&](const TallyEntry& entry) {
             if (const std::optional<TallyEntry> found = place.Find(entry)) {
                 add(*found);
@@ -290,7 +295,7 @@ bool TaskCheck::TallyResult(const std::string& result, Differences* faults) {
 
 // Each expected entry with the one of its name.
 void TaskCheck::CompareInTree(const std::string& result, Differences* differences) const {
-    Place place(result);
+    Place place(result, kind_.source == Source::kSet);
     VisitExpected([&](const TallyEntry& entry) {
         if (const std::string how = Compare(entry, place.Find(entry)); !how.empty()) {
             differences->Add(fmt::format("{}/{}: {}", result, entry.path, how));
@@ -341,7 +346,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
             const std::optional<struct stat> status = StatOf(source_);
             if (status) {
                 const std::string name = NameOf(TargetFile(request_));
-                entries(EntryOf(name, *status, false));
+                entries(WithoutMode(EntryOf(name, *status)));
             }
             return status.has_value();
         }
@@ -353,7 +358,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
             VisitRestored(*set_, entries);
             return true;
         case Source::kRecords:
-            if (FirstRecordOf(source_) && !IsSharedStorage(request_.destination)) {
+            if (FirstRecordOf(source_) && !android::installd::isStoragePath(request_.destination.c_str())) {
                 return VisitRecords(entries);
             }
             break;
@@ -362,7 +367,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
     }
     WalkOptions options;
     options.rules = kind_.leaves_out;
-    options.with_modes = kind_.brings_modes && kind_.source == Source::kTree;
+    options.modes = kind_.source == Source::kTree ? kind_.modes : Modes::kNone;
     if (kind_.result == Result::kSet) {
         options.own = IdOf(kind_.result_path(request_));
     }
@@ -396,7 +401,7 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
                        path.compare(path.size() - 4, 4, ".dex") == 0) {
                 left_out(LeftOut::kDex, path);
             } else if (!below.empty()) {
-                entries(EntryOf(below, status, false));
+                entries(WithoutMode(EntryOf(below, status)));
             }
             return true;
         },
@@ -404,27 +409,27 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
 }
 
 bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const {
-    using android::installd::NeedFilterWithExclude;
     struct stat status = {};
     android::installd::SearchRules rules;
     if (stat(source_.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
         !android::installd::GetIncludeAndExcludeFolder(source_.c_str(), rules)) {
         return false;
     }
+    const android::installd::ExcludeRules excludes(rules.excludes);
     WalkOptions options;
     options.rules = kind_.leaves_out;
-    options.with_modes = true;
+    options.modes = kind_.modes;
     options.is_excluded = [&](const std::string& path) {
-        return path == request_.destination || NeedFilterWithExclude(path.c_str(), rules.excludes);
+        return path == request_.destination || excludes.cover(path);
     };
     for (const std::string& include : rules.includes) {
         if (lstat(include.c_str(), &status) != 0) {
             left_out(LeftOut::kUnreadable, include);
         } else if (!S_ISDIR(status.st_mode)) {
             if (stat(include.c_str(), &status) == 0) {
-                entries(EntryOf(WithoutSlashes(include), status, true));
+                entries(EntryOf(WithoutSlashes(include), status));
             }
-        } else if (!NeedFilterWithExclude(include.c_str(), rules.excludes)) {
+        } else if (!excludes.cover(include)) {
             const std::string top(WithoutSlashes(include));
             std::string path;
             WalkTree(
@@ -469,6 +474,16 @@ bool TaskCheck::VisitListed(const std::string& brief, const EntrySink& entries) 
         }
         return true;
     });
+}
+
+std::string DescribeFinding(const Finding& finding) {
+    std::string line = finding.slice;
+    for (const std::string& part : {finding.entry, finding.message}) {
+        if (!part.empty()) {
+            line += (line.empty() ? "" : ": ") + part;
+        }
+    }
+    return line;
 }
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {

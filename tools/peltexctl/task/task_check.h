@@ -69,6 +69,9 @@ class TaskCheck {
     std::unique_ptr<Spool> spool_;  // of a move, whose source is gone afterwards
 };
 
+// "SLICE: ENTRY: MESSAGE", not escaped.
+std::string DescribeFinding(const Finding& finding);
+
 // Whether the attribute file of a copy holds records, and the path of the first, if there is one.
 std::optional<std::string> FirstRecordOf(const std::string& copy);
 

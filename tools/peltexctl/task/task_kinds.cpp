@@ -88,33 +88,33 @@ constexpr Rules kPackage = kCopies | Bit(LeftOut::kLib);
 constexpr Rules kPacks = Bit(LeftOut::kHardLinked) | Bit(LeftOut::kDex) | Bit(LeftOut::kSpecial) |
                          Bit(LeftOut::kTinker) | Bit(LeftOut::kOwnArchive);
 
-// What each kind leaves out of what it takes, and whether it brings modes.
+// What each kind leaves out of what it takes, and which modes it brings.
 constexpr TaskKind kKinds[] = {
     {"backup", "file", "one file into the directory DEST", PlainCommand, Source::kFile,
-     SourceItself, Result::kTree, DirectoryOfTarget, 0, false},
+     SourceItself, Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
     {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
-     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage, false},
+     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage, Modes::kNone},
     {"backup", "tar", "a directory into the archive DEST/NAME.tar", PlainCommand, Source::kTree,
-     SourceItself, Result::kSet, WholeArchive, kPacks, true},
+     SourceItself, Result::kSet, WholeArchive, kPacks, Modes::kArchived},
     {"backup", "split",
      "a directory into the slices DEST/NAME.tar.0, .1, ... and the check file DEST/NAME.tar.txt",
-     SplitCommand, Source::kTree, SourceItself, Result::kSet, CheckFile, kPacks, true},
+     SplitCommand, Source::kTree, SourceItself, Result::kSet, CheckFile, kPacks, Modes::kArchived},
     {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", PlainCommand, Source::kList,
-     SourceItself, Result::kTree, ListedCopies, kCopies, false},
+     SourceItself, Result::kTree, ListedCopies, kCopies, Modes::kNone},
     {"restore", "file", "the file SRC to DEST", PlainCommand, Source::kFile, SourceItself,
-     Result::kTree, DirectoryOfTarget, 0, false},
+     Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
     {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt", PlainCommand,
-     Source::kRecords, CopyOfDestination, Result::kTree, Destination, kCopies, true},
+     Source::kRecords, CopyOfDestination, Result::kTree, Destination, kCopies, Modes::kAll},
     {"restore", "tar", "DEST from the archive SRC", PlainCommand, Source::kSet, SourceItself,
-     Result::kTree, Destination, Bit(LeftOut::kTinker), true},
+     Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
     {"restore", "split", "DEST from the slices that the check file SRC lists", RestoreSplitCommand,
-     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker), true},
+     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
     {"brief", "dir", "what the directory SRC holds", BriefCommand, Source::kTree, SourceItself,
-     Result::kRecords, Destination, kCopies, true},
+     Result::kRecords, Destination, kCopies, Modes::kAll},
     {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Source::kSearch,
-     SourceItself, Result::kRecords, Destination, kCopies, true},
+     SourceItself, Result::kRecords, Destination, kCopies, Modes::kAll},
     {"move", "", "a directory's content into DEST", MoveCommand, Source::kTree, SourceItself,
-     Result::kTree, Destination, kCopies, false},
+     Result::kTree, Destination, kCopies, Modes::kNone},
 };
 
 bool IsOneWord(const std::string& text) {

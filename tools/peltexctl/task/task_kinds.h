@@ -51,7 +51,7 @@ struct TaskKind {
     // The directory that the entries are in, or the file that lists or holds them.
     std::string (*result_path)(const TaskRequest& request);
     Rules leaves_out;
-    bool brings_modes;
+    Modes modes;
 
     bool Is(const char* command, const char* kind_name) const;
     bool IsBackup() const { return Is("backup", kind); }

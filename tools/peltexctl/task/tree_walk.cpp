@@ -51,7 +51,12 @@ class Walk {
             left_out_(*reason, Below());
             return;
         }
-        TallyEntry entry = EntryOf(Below(), status, options_.with_modes);
+        TallyEntry entry = EntryOf(Below(), status);
+        if (options_.modes == Modes::kNone) {
+            entry.mode = std::nullopt;
+        } else if (options_.modes == Modes::kArchived) {
+            entry.mode = ArchivedMode(entry.type, *entry.mode);
+        }
         if (S_ISLNK(status.st_mode)) {
             const ssize_t length = readlinkat(directory.get(), name, target_, sizeof(target_));
             entry.link = {target_, static_cast<size_t>(length < 0 ? 0 : length)};
@@ -112,7 +117,7 @@ class Walk {
 
 }  // namespace
 
-TallyEntry EntryOf(std::string_view path, const struct stat& status, bool with_mode) {
+TallyEntry EntryOf(std::string_view path, const struct stat& status) {
     TallyEntry entry;
     entry.path = path;
     switch (status.st_mode & S_IFMT) {
@@ -128,9 +133,7 @@ TallyEntry EntryOf(std::string_view path, const struct stat& status, bool with_m
         default:
             entry.type = '3';
     }
-    if (with_mode && entry.type != '2') {
-        entry.mode = status.st_mode & 07777;
-    }
+    entry.mode = status.st_mode & 07777;
     return entry;
 }
 

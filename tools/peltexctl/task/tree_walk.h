@@ -22,9 +22,12 @@ constexpr Rules Bit(LeftOut reason) {
 using EntrySink = std::function<void(const TallyEntry& entry)>;
 using LeftOutSink = std::function<void(LeftOut reason, std::string_view path)>;
 
+// Which permission bits a kind of task brings.
+enum class Modes { kNone, kAll, kArchived };
+
 struct WalkOptions {
     Rules rules = 0;
-    bool with_modes = false;
+    Modes modes = Modes::kNone;
     std::optional<FileId> own;  // the archive that the task writes
     // Further entries of the top directory that are passed over without a word.
     std::function<bool(const std::string& path)> is_excluded;
@@ -35,7 +38,7 @@ struct WalkOptions {
 bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
               const LeftOutSink& left_out);
 
-// An entry as its status shows it, without its link's target.
-TallyEntry EntryOf(std::string_view path, const struct stat& status, bool with_mode);
+// An entry as its status shows it, with its mode and without its link's target.
+TallyEntry EntryOf(std::string_view path, const struct stat& status);
 
 }  // namespace peltexctl

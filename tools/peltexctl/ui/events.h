@@ -65,7 +65,7 @@ class EventWriter {
     enum class Format { kJson, kText };
 
     // A `quiet` one tells only what went wrong.
-    EventWriter(Format format, bool quiet) : format_(format), quiet_(quiet) {}
+    explicit EventWriter(Format format, bool quiet = false) : format_(format), quiet_(quiet) {}
 
     EventWriter(const EventWriter&) = delete;
     EventWriter& operator=(const EventWriter&) = delete;

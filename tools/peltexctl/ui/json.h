@@ -12,12 +12,13 @@ namespace peltexctl {
 
 using Json = nlohmann::ordered_json;
 
-inline void SetBytes(Json* object, const char* key, std::string_view bytes) {
+inline void SetBytes(Json* object, const char* key, std::string_view bytes,
+                     const char* raw_key = "raw") {
     std::string text = BytesToUtf8(bytes);
     const bool is_text = text == bytes;
     (*object)[key] = std::move(text);
     if (!is_text) {
-        (*object)["raw"] = Hexadecimal(bytes);
+        (*object)[raw_key] = Hexadecimal(bytes);
     }
 }
 

@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "base/file_handles.h"
 #include "tar/tar_header.h"
 
 namespace peltexctl {
@@ -17,25 +19,51 @@ namespace peltexctl {
 // A regular file that is open for reading.
 class ArchiveFile {
   public:
-    // On failure returns nothing and one line in `error`.
-    static std::optional<ArchiveFile> Open(const std::string& path, std::string* error);
+    // Opens `name` in the directory `directory`, or a path from AT_FDCWD. `flags` are added to
+    // those of open(). On failure returns nothing and says why in `error`.
+    static std::optional<ArchiveFile> Open(int directory, const std::string& name, int flags,
+                                           std::string* error);
 
-    ArchiveFile(ArchiveFile&& other) noexcept;
-    ArchiveFile& operator=(ArchiveFile&& other) = delete;
-    ~ArchiveFile();
+    // The same file once more.
+    std::optional<ArchiveFile> Duplicate(std::string* error) const;
 
     // In bytes, as it was when the file was opened.
     uint64_t size() const { return size_; }
+    int fd() const { return fd_.get(); }
 
     // Fills `buffer` from `offset` on. Returns false when fewer than `size` bytes are there or they
     // cannot be read; the buffer is undefined then.
     bool ReadAt(uint64_t offset, void* buffer, size_t size) const;
 
-  private:
-    ArchiveFile(int fd, uint64_t size) : fd_(fd), size_(size) {}
+    // Where the first byte from `offset` on lies that is not zero; the file's size where there is
+    // none. Holes are not read. Nothing when it cannot be read.
+    std::optional<uint64_t> FindNonZero(uint64_t offset) const;
 
-    int fd_;
+  private:
+    ArchiveFile(android::installd::UniqueFd fd, uint64_t size) : fd_(std::move(fd)), size_(size) {}
+
+    android::installd::UniqueFd fd_;
     uint64_t size_;
+};
+
+// The lines of a text file. Memory grows with none of them.
+class LineReader {
+  public:
+    // `file` must outlive the reader. No line may have more bytes than `longest`.
+    LineReader(const ArchiveFile& file, size_t longest) : file_(file), longest_(longest) {}
+
+    // Takes the next line, without its line feed. Returns false at the end.
+    bool Next(std::string* line);
+
+    // Whether the end is that of the file; otherwise the next line is too long or cannot be read.
+    bool has_all() const { return has_all_; }
+
+  private:
+    const ArchiveFile& file_;
+    const size_t longest_;
+    uint64_t offset_ = 0;
+    std::string buffer_;  // what is read and not yet taken
+    bool has_all_ = true;
 };
 
 struct ArchiveEntry {
@@ -51,7 +79,8 @@ struct ArchiveEntry {
     android::installd::tar_header header{};
     bool long_name = false;  // the name or target comes from a record in front of the header
     bool long_link = false;
-    bool lost_record = false;  // such a record was there, but longer than a restore takes
+    bool lost_record = false;       // such a record was there, but longer than a restore takes
+    const char* misread = nullptr;  // the number that other programs read otherwise
 
     // A file's part that was cut because its slice was full, so that more must follow. A first part
     // of any other size is that of a file which ended just there.
@@ -59,6 +88,11 @@ struct ArchiveEntry {
     // A part of a file that began in an earlier slice.
     bool Continues() const;
     bool IsFile() const;
+    // Whether a restore makes something of it, or passes over it.
+    bool IsRestored() const;
+    // Where a restore puts it below its destination: the name without what does not change where it
+    // leads, empty components and single dots. Empty for the destination itself.
+    std::string Path() const;
 };
 
 // Why there are no more entries.
@@ -68,7 +102,7 @@ enum class ArchiveEnd {
     kLoneZeroBlock,  // one zero block
     kNoEndBlocks,    // the file ends where a header should be
     kInvalidBlock,   // a block that is no header
-    kRefusedName,    // a name with "../": a restore fails here
+    kRefusedName,    // a name with "../", or longer than a path can be: a restore fails here
     kDataCut,        // the last entry's content is not all there
 };
 
@@ -80,8 +114,11 @@ bool IsHeaderAt(const ArchiveFile& file, uint64_t offset);
 
 class ArchiveReader {
   public:
-    // `file` must outlive the reader.
-    explicit ArchiveReader(const ArchiveFile& file) : file_(file) {}
+    // `file` must outlive the reader. Names may have `name_room` bytes: what the path of a
+    // restore's destination leaves of the longest path.
+    ArchiveReader(const ArchiveFile& file, size_t name_room)
+        : file_(file), name_room_(name_room) {}
+    explicit ArchiveReader(const ArchiveFile& file) : ArchiveReader(file, kLongestName) {}
 
     // Reads the next header with the records in front of it. Returns false at the end; `entry` is
     // then the one to blame, if the end is kRefusedName or kDataCut.
@@ -92,15 +129,19 @@ class ArchiveReader {
     // Where the block lies that ended the archive.
     uint64_t end_offset() const { return block_offset_; }
 
+    // Below the shortest destination, one byte and a slash.
+    static constexpr size_t kLongestName = android::installd::kTarPathSize - 3;
+
   private:
-    bool ReadBlock();
     bool ReadHeader();
-    void TakeRecord(std::optional<std::string>* text, bool* lost);
+    void TakeRecord(std::optional<std::string>* text);
     void FillEntry(ArchiveEntry* entry);
+    uint64_t NumberAt(size_t offset, size_t width, uint64_t mask, const char* what);
     bool SkipContent(uint64_t size);
     bool Finish(ArchiveEnd end);
 
     const ArchiveFile& file_;
+    const size_t name_room_;
     android::installd::TarBlock block_;
     uint64_t block_offset_ = 0;
     uint64_t position_ = 0;
@@ -108,6 +149,7 @@ class ArchiveReader {
     std::optional<std::string> long_name_;
     std::optional<std::string> long_link_;
     bool lost_record_ = false;
+    const char* misread_ = nullptr;
 };
 
 }  // namespace peltexctl

@@ -1,5 +1,5 @@
 // Tested by tests/peltexctl/test_archives.py.
-#include "archive_export.h"
+#include "archive/export.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -9,15 +9,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <mutex>
 #include <optional>
+#include <vector>
 
-#include "archive_listing.h"
-#include "archive_reader.h"
+#include "archive/reader.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
@@ -35,42 +31,35 @@ constexpr size_t kShortText = sizeof(tar_header::name);
 // straight to standard output or what else is no regular file.
 class Output {
   public:
-    ~Output() {
-        if (owned_ && fd_ != -1) {
-            close(fd_);
-        }
-        Discard();
-    }
+    ~Output() { Discard(); }
 
-    bool Open(const std::string& path) {
-        path_ = path;
+    // `mode` holds the permission bits that the new file may have, `group` whose those of the group
+    // are.
+    bool Open(const std::string& path, mode_t mode, gid_t group) {
         if (path == "-") {
-            owned_ = false;
-            fd_ = STDOUT_FILENO;
-            return true;
+            fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+            return fd_.isOpen();
         }
-        struct stat info = {};
-        if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
-            fd_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-            return fd_ != -1;
+        const size_t begin = path.rfind('/') + 1;
+        directory_ = UniqueFd(open(begin == 0 ? "." : path.substr(0, begin).c_str(),
+                                   O_PATH | O_DIRECTORY | O_CLOEXEC));
+        name_ = path.substr(begin);
+        struct stat there = {};
+        const bool is_there =
+            fstatat(directory_.get(), name_.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0;
+        if (is_there && !S_ISREG(there.st_mode) && !S_ISLNK(there.st_mode)) {
+            fd_ = UniqueFd(openat(directory_.get(), name_.c_str(),
+                                  O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+            return fd_.isOpen();
         }
-        const std::lock_guard lock(mutex_);
-        std::string name = path + ".XXXXXX";
-        fd_ = mkostemp(name.data(), O_CLOEXEC);
-        if (fd_ == -1) {
-            return false;
-        }
-        temporary_ = name;
-        const mode_t mask = umask(0);
-        umask(mask);
-        return fchmod(fd_, 0666 & ~mask) == 0;
+        return Create(is_there && S_ISREG(there.st_mode) ? mode & there.st_mode : mode, group);
     }
 
     bool Write(const void* data, size_t size) {
         const char* bytes = static_cast<const char*>(data);
         written_ += size;
         while (size > 0) {
-            const ssize_t count = write(fd_, bytes, size);
+            const ssize_t count = write(fd_.get(), bytes, size);
             if (count == -1 && errno != EINTR) {
                 return false;
             }
@@ -88,34 +77,48 @@ class Output {
 
     // Makes it be there under its name.
     bool Finish() {
-        const std::lock_guard lock(mutex_);
-        if (temporary_.empty()) {
+        if (!is_new_) {
             return true;
         }
-        const int fd = fd_;
-        fd_ = -1;
-        if (close(fd) != 0 || rename(temporary_.c_str(), path_.c_str()) != 0) {
+        if (renameat(directory_.get(), unfinished_.c_str(), directory_.get(), name_.c_str()) != 0) {
             return false;
         }
-        temporary_.clear();
+        is_new_ = false;
         return true;
     }
 
-    // Leaves nothing of a file that is not yet there under its name. Returns whether it was one.
+    // Leaves nothing of a file that is not yet there under its name. Returns whether it was one. To
+    // be called on any thread.
     bool Discard() {
-        const std::lock_guard lock(mutex_);
-        return !temporary_.empty() && unlink(temporary_.c_str()) == 0;
+        return is_new_.exchange(false) &&
+               unlinkat(directory_.get(), unfinished_.c_str(), 0) == 0;
     }
 
-    uint64_t written() const { return written_; }
-
   private:
-    std::string path_;
-    std::mutex mutex_;
-    std::string temporary_;  // protected by mutex_: a signal can ask for its removal
-    int fd_ = -1;
-    bool owned_ = true;
-    std::atomic<uint64_t> written_{0};  // the signals' thread looks at it
+    bool Create(mode_t mode, gid_t group) {
+        unfinished_ = name_ + kUnfinished;
+        // What a killed export left. Another that is still at work finds its file gone at its end.
+        unlinkat(directory_.get(), unfinished_.c_str(), 0);
+        fd_ = UniqueFd(openat(directory_.get(), unfinished_.c_str(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        struct stat made = {};
+        if (!fd_.isOpen() || fstat(fd_.get(), &made) != 0) {
+            return false;
+        }
+        is_new_ = true;
+        const mode_t mask = umask(0);
+        umask(mask);
+        // The bits of another group are worth no more than those of all others.
+        const mode_t others = (mode & 07) << 3 | 0707;
+        return fchmod(fd_.get(), mode & 0666 & ~mask & (made.st_gid == group ? 0777 : others)) == 0;
+    }
+
+    UniqueFd directory_;
+    std::string name_;
+    std::string unfinished_;
+    std::atomic<bool> is_new_{false};  // there under its unfinished name; signals look at it
+    UniqueFd fd_;
+    uint64_t written_ = 0;
 };
 
 // Octal digits and a NUL; without the NUL when they need its place, and as a binary number, as
@@ -136,33 +139,19 @@ void PutText(char* field, size_t width, const std::string& text) {
     text.copy(field, width - 1);
 }
 
-void PutChecksum(tar_header* header) {
-    std::memset(header->chksum, ' ', sizeof(header->chksum));
-    const auto* bytes = reinterpret_cast<const unsigned char*>(header);
-    uint64_t sum = 0;
-    for (size_t i = 0; i < sizeof(*header); i++) {
-        sum += bytes[i];
-    }
-    PutNumber(header->chksum, sizeof(header->chksum) - 1, sum);
-    header->chksum[6] = '\0';
-}
-
 class Exporter {
   public:
-    Exporter(const ArchiveSet& set, Output* output, std::string* error)
-        : set_(set),
-          output_(output),
-          error_(error),
-          buffer_(std::make_unique<char[]>(kContentChunk)) {}
+    Exporter(const ArchiveSet& set, const std::function<void(uint64_t done)>& progress,
+             Output* output, std::string* error)
+        : set_(set), progress_(progress), output_(output), error_(error) {}
 
-    bool Run(uint64_t* entries) {
-        for (size_t i = 0; i < set_.slices.size(); i++) {
+    bool Run() {
+        for (size_t i = 0; i < set_.size(); i++) {
             if (!CopySlice(i)) {
                 return false;
             }
         }
         const char end_blocks[kEndBlocksSize] = {};
-        *entries = entries_;
         return left_ == 0 ? Wrote(output_->Write(end_blocks, sizeof(end_blocks))) : Changed();
     }
 
@@ -180,8 +169,9 @@ class Exporter {
     }
 
     bool CopySlice(size_t index) {
-        const std::optional<ArchiveFile> file = ArchiveFile::Open(set_.slices[index].path, error_);
+        const std::optional<ArchiveFile> file = set_.OpenSlice(index, error_);
         if (!file) {
+            *error_ = fmt::format("{}: {}", set_.NameOf(index), *error_);
             return false;
         }
         ArchiveReader reader(*file);
@@ -199,18 +189,34 @@ class Exporter {
         if (is_part != (left_ > 0)) {
             return Changed();
         }
-        if (!is_part && !entry.IsFile() && entry.type != TYPE_SYMLINK &&
-            entry.type != TYPE_DIRECTORY) {
-            return true;  // a restore passes over it too
+        if (!entry.IsRestored()) {
+            return true;
         }
         if (!is_part) {
-            left_ = entry.IsFile() ? WholeSize(set_, index, entry) : 0;
-            entries_++;
+            left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
             if (!Wrote(WriteHeader(entry, left_))) {
                 return false;
             }
         }
         return !entry.IsFile() || CopyContent(file, entry);
+    }
+
+    // The bytes of content of the file of which `entry` is the first part: those of this part and of
+    // the parts that the next slices begin with.
+    uint64_t WholeSize(size_t index, const ArchiveEntry& entry) const {
+        uint64_t size = entry.size;
+        bool goes_on = entry.FillsSlice();
+        for (size_t i = index + 1; goes_on && i < set_.size(); i++) {
+            std::string error;
+            const std::optional<ArchiveFile> file = set_.OpenSlice(i, &error);
+            ArchiveEntry part;
+            if (!file || !ArchiveReader(*file).Next(&part) || !part.Continues()) {
+                break;
+            }
+            size += part.size;
+            goes_on = part.FillsSlice();
+        }
+        return size;
     }
 
     bool WriteHeader(const ArchiveEntry& entry, uint64_t size) {
@@ -248,7 +254,7 @@ class Exporter {
         PutNumber(header->size, sizeof(header->size), size);
         PutText(header->magic, sizeof(header->magic), "ustar");
         std::memcpy(header->version, "00", sizeof(header->version));
-        PutChecksum(header);
+        PutNumber(header->chksum, sizeof(header->chksum) - 1, checksumOf(*header));
         return output_->Write(header, sizeof(*header));
     }
 
@@ -259,24 +265,26 @@ class Exporter {
         for (uint64_t done = 0; done < entry.size;) {
             const auto count =
                 static_cast<size_t>(std::min<uint64_t>(entry.size - done, kContentChunk));
-            if (!file.ReadAt(entry.data_offset + done, buffer_.get(), count)) {
+            if (!file.ReadAt(entry.data_offset + done, buffer_.data(), count)) {
                 return Changed();
             }
-            if (!Wrote(output_->Write(buffer_.get(), count))) {
+            if (!Wrote(output_->Write(buffer_.data(), count))) {
                 return false;
             }
             done += count;
+            progress_(done_ += count);
         }
         left_ -= entry.size;
         return left_ > 0 || Wrote(output_->FillBlock());
     }
 
     const ArchiveSet& set_;
+    const std::function<void(uint64_t done)>& progress_;
     Output* output_;
     std::string* error_;
-    const std::unique_ptr<char[]> buffer_;
-    uint64_t entries_ = 0;
+    std::vector<char> buffer_ = std::vector<char>(kContentChunk);
     uint64_t left_ = 0;  // content of the file at hand that further parts bring
+    uint64_t done_ = 0;
 };
 
 [[noreturn]] void Interrupt(const std::string& out, Output* output) {
@@ -286,48 +294,64 @@ class Exporter {
     _exit(kInterrupted);
 }
 
-// Whether the output would take the place of what it is made from.
-bool IsInput(const ArchiveSet& set, const std::string& out) {
-    struct stat target = {};
-    if (out == "-" || stat(out.c_str(), &target) != 0) {
-        return false;
+// What an output has to heed of the set that it is made of.
+struct Sources {
+    bool is_one_of_them = false;
+    mode_t mode = 0777;  // what each of them allows
+    gid_t group = 0;
+
+    Sources(const ArchiveSet& set, const std::string& out) {
+        struct stat target = {};
+        has_target_ = out != "-" && stat(out.c_str(), &target) == 0;
+        Take(set.file(), target);
+        for (size_t i = 0; i < set.size(); i++) {
+            std::string error;
+            if (const auto file = set.OpenSlice(i, &error)) {
+                Take(*file, target);
+            }
+        }
     }
-    const auto same = [&target](const std::string& path) {
+
+  private:
+    void Take(const ArchiveFile& file, const struct stat& target) {
         struct stat info = {};
-        return stat(path.c_str(), &info) == 0 && info.st_dev == target.st_dev &&
-               info.st_ino == target.st_ino;
-    };
-    return same(set.path) ||
-           std::any_of(set.slices.begin(), set.slices.end(),
-                       [&same](const ArchiveSet::Slice& slice) { return same(slice.path); });
-}
+        if (fstat(file.fd(), &info) == 0) {
+            is_one_of_them = is_one_of_them || (has_target_ && info.st_dev == target.st_dev &&
+                                                info.st_ino == target.st_ino);
+            mode &= info.st_mode;
+            group = info.st_gid;
+        }
+    }
+
+    bool has_target_ = false;
+};
 
 }  // namespace
 
-bool ExportSet(const ArchiveSet& set, const std::string& out, ExportCounts* counts,
-               std::string* error) {
-    if (IsInput(set, out)) {
+bool ExportSet(const ArchiveSet& set, const std::string& out,
+               const std::function<void(uint64_t done)>& progress, std::string* error) {
+    if (out == "-" && isatty(STDOUT_FILENO) == 1) {
+        *error = "standard output is a terminal, which no archive is written to";
+        return false;
+    }
+    const Sources sources(set, out);
+    if (sources.is_one_of_them) {
         *error = fmt::format("{} is part of the set itself", out);
         return false;
     }
     Output output;
-    const SignalScope signals(
-        [&] {
-            fmt::print(stderr, "{}: {} written\n", EscapeBytes(out), HumanSize(output.written()));
-        },
-        [&] { Interrupt(out, &output); });
-    if (!output.Open(out)) {
+    const SignalScope signals([&](int /*times*/) { Interrupt(out, &output); });
+    if (!output.Open(out, sources.mode, sources.group)) {
         *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
         return false;
     }
-    if (!Exporter(set, &output, error).Run(&counts->entries)) {
+    if (!Exporter(set, progress, &output, error).Run()) {
         return false;
     }
     if (!output.Finish()) {
         *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
         return false;
     }
-    counts->bytes = output.written();
     return true;
 }
 

@@ -1,0 +1,183 @@
+// Tested by tests/peltexctl/test_archives.py.
+#include "archive/commands.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+
+#include "archive/export.h"
+#include "archive/listing.h"
+#include "archive/sums.h"
+#include "archive/verify.h"
+#include "ui/events.h"
+#include "ui/exit_code.h"
+#include "ui/json.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
+
+namespace peltexctl {
+
+namespace {
+
+using Severity = Finding::Severity;
+
+void PrintLine(FILE* stream, const std::string& line) {
+    fmt::print(stream, "{}\n", line);
+}
+
+// Prints what is wrong with an archive, and counts it.
+class Report {
+  public:
+    Report(bool json, FILE* stream) : json_(json), stream_(stream) {}
+
+    const FindingSink& sink() const { return sink_; }
+    uint64_t faults() const { return faults_; }
+    uint64_t warnings() const { return warnings_; }
+
+    // What an operation could not begin with.
+    int Fail(const std::string& message) const {
+        if (json_ && stream_ == stdout) {
+            EventWriter(EventWriter::Format::kJson).Error(message);
+        } else {
+            PrintError(message);
+        }
+        return kTaskFailed;
+    }
+
+    // The status of a command whose output was asked for: it failed when that could not be written.
+    int Status() const {
+        if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+            return faults_ == 0 ? kDone : kTaskFailed;
+        }
+        PrintError(fmt::format("standard output cannot be written: {}", ErrorText(errno)));
+        return kTaskFailed;
+    }
+
+  private:
+    void Add(const Finding& finding) {
+        const bool is_warning = finding.severity == Severity::kWarning;
+        ++(is_warning ? warnings_ : faults_);
+        if (json_) {
+            return PrintLine(stream_, FindingAsJson(finding));
+        }
+        PrintLine(stream_, fmt::format("{} {}",
+                                       is_warning ? Paint(stream_, Colour::kYellow, "warning:")
+                                                  : Paint(stream_, Colour::kRed, "fault:"),
+                                       FindingAsText(finding)));
+    }
+
+    const bool json_;
+    FILE* const stream_;
+    const FindingSink sink_ = [this](const Finding& finding) { Add(finding); };
+    uint64_t faults_ = 0;
+    uint64_t warnings_ = 0;
+};
+
+// The same numbers under the same names, whatever looked at the set.
+Json Numbers(const char* event, const ArchiveSet& set, const Tally& tally) {
+    return {{"event", event},
+            {"slices", set.is_check_file() ? set.size() : 0},
+            {"entries", tally.entries()},
+            {"bytes", tally.bytes()}};
+}
+
+std::string NumbersAsText(const ArchiveSet& set, const Tally& tally) {
+    const std::string slices =
+        set.is_check_file() ? " in " + Counted(set.size(), "slice", "slices") : "";
+    return fmt::format("{}{}, {} of content", Counted(tally.entries(), "entry", "entries"), slices,
+                       HumanSize(tally.bytes()));
+}
+
+}  // namespace
+
+std::string FindingAsText(const Finding& finding) {
+    std::string line = EscapeBytes(finding.slice);
+    for (const std::string& part : {finding.entry, finding.message}) {
+        if (!part.empty()) {
+            line += (line.empty() ? "" : ": ") + EscapeBytes(part);
+        }
+    }
+    return line;
+}
+
+std::string FindingAsJson(const Finding& finding) {
+    Json object = {{"event", finding.severity == Severity::kWarning ? "warning" : "fault"}};
+    SetBytes(&object, "slice", finding.slice, "raw_slice");
+    SetBytes(&object, "entry", finding.entry);
+    object["message"] = BytesToUtf8(finding.message);
+    return JsonLine(object);
+}
+
+int RunList(const ArchiveRequest& request, bool json) {
+    const Report report(json, json ? stdout : stderr);
+    std::string error;
+    const std::optional<ArchiveSet> set = ArchiveSet::Open(request.file, report.sink(), &error);
+    if (!set) {
+        return report.Fail(error);
+    }
+    ListSet(*set, report.sink(), [json](const ArchiveEntry& entry) {
+        PrintLine(stdout, json ? EntryAsJson(entry) : EntryAsText(entry));
+    });
+    return report.Status();
+}
+
+int RunVerify(const ArchiveRequest& request, bool json) {
+    const Report report(json, stdout);
+    std::string error;
+    const std::optional<ArchiveSet> set = ArchiveSet::Open(request.file, report.sink(), &error);
+    if (!set) {
+        return report.Fail(error);
+    }
+    const Tally tally = VerifySet(*set, "", report.sink()).tally;
+    CheckSums(*set, report.sink());
+    const bool is_whole = report.faults() == 0;
+    if (json) {
+        Json object = Numbers("verified", *set, tally);
+        object["whole"] = is_whole;
+        object["faults"] = report.faults();
+        object["warnings"] = report.warnings();
+        PrintLine(stdout, JsonLine(object));
+    } else if (!is_whole || !request.quiet) {
+        PrintLine(stdout, fmt::format("{}: {}, {}", EscapeBytes(set->path()),
+                                      is_whole ? Paint(stdout, Colour::kGreen, "whole")
+                                               : Paint(stdout, Colour::kRed, "not whole"),
+                                      NumbersAsText(*set, tally)));
+    }
+    return report.Status();
+}
+
+int RunExport(const ArchiveRequest& request, bool json) {
+    // Standard output may be the archive.
+    FILE* const stream = request.out == "-" ? stderr : stdout;
+    const Report report(json, stream);
+    std::string error;
+    const std::optional<ArchiveSet> set = ArchiveSet::Open(request.file, report.sink(), &error);
+    if (!set) {
+        return report.Fail(error);
+    }
+    if (!set->is_check_file()) {
+        return report.Fail(request.file + " is no check file, which an export takes");
+    }
+    const Tally tally = VerifySet(*set, "", report.sink()).tally;
+    CheckSums(*set, report.sink());
+    if (report.faults() > 0) {
+        return report.Fail(request.file + " is not whole, nothing was exported");
+    }
+    if (!ExportSet(
+            *set, request.out, [](uint64_t) {}, &error)) {
+        return report.Fail(error);
+    }
+    if (json) {
+        Json object = Numbers("exported", *set, tally);
+        SetBytes(&object, "file", request.out);
+        PrintLine(stream, JsonLine(object));
+    } else if (stream == stdout && !request.quiet) {
+        PrintLine(stdout,
+                  fmt::format("{}: {}", EscapeBytes(request.out), NumbersAsText(*set, tally)));
+    }
+    return report.Status();
+}
+
+}  // namespace peltexctl

@@ -1,0 +1,292 @@
+// Tested by tests/peltexctl/test_archives.py.
+#include "archive/reader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "ui/text.h"
+
+namespace peltexctl {
+
+using namespace android::installd;
+
+namespace {
+
+bool IsHeader(const TarBlock& block) {
+    const tar_header& header = block.header;
+    return std::memcmp(header.magic, "ustar", 5) == 0 &&
+           checksumOf(header) ==
+               static_cast<uint32_t>(ParseOctalStr(header.chksum, sizeof(header.chksum)));
+}
+
+// A number as other programs read it: octal digits behind spaces, nothing is 0. Nothing for a
+// binary number, which the first bit marks.
+std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
+    if ((*field & 0x80) != 0) {
+        return std::nullopt;
+    }
+    const char* const end = field + width;
+    uint64_t value = 0;
+    std::from_chars(std::find_if(field, end, [](char byte) { return byte != ' '; }), end, value, 8);
+    return value;
+}
+
+}  // namespace
+
+std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& name, int flags,
+                                             std::string* error) {
+    // Without waiting: a FIFO of that name would hold up the call for ever.
+    UniqueFd fd(openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
+    struct stat info = {};
+    if (!fd.isOpen() || fstat(fd.get(), &info) != 0) {
+        *error = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
+        return std::nullopt;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        *error = "is no regular file: an archive, a slice or a check file is wanted";
+        return std::nullopt;
+    }
+    return ArchiveFile(std::move(fd), static_cast<uint64_t>(info.st_size));
+}
+
+std::optional<ArchiveFile> ArchiveFile::Duplicate(std::string* error) const {
+    UniqueFd fd(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
+    if (!fd.isOpen()) {
+        *error = "cannot be opened: " + ErrorText(errno);
+        return std::nullopt;
+    }
+    return ArchiveFile(std::move(fd), size_);
+}
+
+bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
+    if (offset > size_ || size > size_ - offset) {
+        return false;
+    }
+    for (size_t done = 0; done < size;) {
+        const ssize_t count = pread(fd(), static_cast<char*>(buffer) + done, size - done,
+                                    static_cast<off_t>(offset + done));
+        if (count == 0 || (count == -1 && errno != EINTR)) {
+            return false;
+        }
+        done += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    return true;
+}
+
+std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {
+    char buffer[16384];
+    while (offset < size_) {
+        // Where holes are not known, everything is data.
+        if (const off_t data = lseek(fd(), static_cast<off_t>(offset), SEEK_DATA); data != -1) {
+            offset = static_cast<uint64_t>(data);
+        } else if (errno == ENXIO) {
+            return size_;
+        }
+        const auto count = static_cast<size_t>(
+            std::min<uint64_t>(sizeof(buffer), size_ - std::min(offset, size_)));
+        if (!ReadAt(offset, buffer, count)) {
+            return std::nullopt;
+        }
+        const char* const found =
+            std::find_if(buffer, buffer + count, [](char byte) { return byte != '\0'; });
+        offset += static_cast<uint64_t>(found - buffer);
+        if (found != buffer + count) {
+            return offset;
+        }
+    }
+    return size_;
+}
+
+bool LineReader::Next(std::string* line) {
+    size_t end = buffer_.find('\n');
+    while (end == std::string::npos && offset_ < file_.size() && buffer_.size() <= longest_) {
+        const size_t begin = buffer_.size();
+        const auto count = static_cast<size_t>(std::min<uint64_t>(4096, file_.size() - offset_));
+        buffer_.resize(begin + count);
+        has_all_ = file_.ReadAt(offset_, buffer_.data() + begin, count);
+        if (!has_all_) {
+            return false;
+        }
+        offset_ += count;
+        end = buffer_.find('\n', begin);
+    }
+    *line = buffer_.substr(0, end);
+    buffer_.erase(0, end == std::string::npos ? end : end + 1);
+    has_all_ = line->size() <= longest_;
+    return has_all_ && (end != std::string::npos || !line->empty());
+}
+
+bool ArchiveEntry::FillsSlice() const {
+    return type == TYPE_MIDDLE_PART ||
+           (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
+}
+
+bool ArchiveEntry::Continues() const {
+    return type == TYPE_MIDDLE_PART || type == TYPE_LAST_PART;
+}
+
+bool ArchiveEntry::IsFile() const {
+    return type == TYPE_REGULAR || type == TYPE_FIRST_PART || Continues();
+}
+
+bool ArchiveEntry::IsRestored() const {
+    return IsFile() || type == TYPE_SYMLINK || type == TYPE_DIRECTORY;
+}
+
+std::string ArchiveEntry::Path() const {
+    std::string path;
+    for (size_t begin = 0; begin < name.size();) {
+        const size_t end = std::min(name.find('/', begin), name.size());
+        const std::string_view component = std::string_view(name).substr(begin, end - begin);
+        if (!component.empty() && component != ".") {
+            path.append(path.empty() ? "" : "/").append(component);
+        }
+        begin = end + 1;
+    }
+    return path;
+}
+
+const char* DescribeEnd(ArchiveEnd end) {
+    switch (end) {
+        case ArchiveEnd::kEndBlocks:
+            return "ends with its end blocks";
+        case ArchiveEnd::kLoneZeroBlock:
+            return "a single zero block ends it here";
+        case ArchiveEnd::kNoEndBlocks:
+            return "ends without its end blocks";
+        case ArchiveEnd::kInvalidBlock:
+            return "no valid header where one should be";
+        case ArchiveEnd::kRefusedName:
+            return "a restore ends here: it refuses names with \"../\" and longer paths than 2,047 "
+                   "bytes";
+        case ArchiveEnd::kDataCut:
+            return "the bytes that its header promises are not there";
+        case ArchiveEnd::kNotYet:
+            break;
+    }
+    return "";
+}
+
+bool IsHeaderAt(const ArchiveFile& file, uint64_t offset) {
+    TarBlock block;
+    return file.ReadAt(offset, &block.header, kBlockSize) && IsHeader(block);
+}
+
+bool ArchiveReader::Next(ArchiveEntry* entry) {
+    while (ReadHeader()) {
+        const tar_header& header = block_.header;
+        // Of records, too: a restore looks at the name before it looks at the type.
+        entry->name = long_name_ ? *long_name_ : block_.bytes();
+        if (entry->name.find("../") != std::string::npos || entry->name.size() > name_room_) {
+            return Finish(ArchiveEnd::kRefusedName);
+        }
+        if (header.typeflag == TYPE_LONG_NAME) {
+            TakeRecord(&long_name_);
+        } else if (header.typeflag == TYPE_LONG_LINK) {
+            TakeRecord(&long_link_);
+        } else {
+            FillEntry(entry);
+            // Links and directories have no content, whatever their size says.
+            const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
+            return !has_content || SkipContent(entry->size);
+        }
+        entry->name.clear();  // of a record that is cut, there is no entry to blame
+    }
+    return false;
+}
+
+// Reads a block that is a header; otherwise this is the end.
+bool ArchiveReader::ReadHeader() {
+    if (end_ != ArchiveEnd::kNotYet) {
+        return false;
+    }
+    block_offset_ = position_;
+    if (!file_.ReadAt(position_, &block_.header, kBlockSize)) {
+        return Finish(ArchiveEnd::kNoEndBlocks);
+    }
+    position_ += kBlockSize;
+    if (*block_.bytes() == '\0') {
+        char second = 'x';
+        const bool ended = file_.ReadAt(position_ + kBlockSize - 1, &second, 1) &&
+                           file_.ReadAt(position_, &second, 1) && second == '\0';
+        return Finish(ended ? ArchiveEnd::kEndBlocks : ArchiveEnd::kLoneZeroBlock);
+    }
+    return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
+}
+
+void ArchiveReader::TakeRecord(std::optional<std::string>* text) {
+    const uint64_t size =
+        NumberAt(offsetof(tar_header, size), sizeof(tar_header::size), UINT64_MAX, "size");
+    text->reset();
+    if (size >= kTarPathSize) {
+        lost_record_ = true;
+    } else {
+        char buffer[kTarPathSize] = {};
+        if (file_.ReadAt(position_, buffer, static_cast<size_t>(size))) {
+            *text = buffer;
+        }
+    }
+    SkipContent(size);
+}
+
+void ArchiveReader::FillEntry(ArchiveEntry* entry) {
+    const tar_header& header = block_.header;
+    entry->header = header;
+    entry->type = header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR)
+                                                      : header.typeflag;
+    const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
+    entry->size = NumberAt(offsetof(tar_header, size), sizeof(header.size),
+                           has_content ? UINT64_MAX : 0, "size");
+    entry->mode = static_cast<uint32_t>(
+        NumberAt(offsetof(tar_header, mode), sizeof(header.mode), 07777, "mode") & 07777);
+    entry->uid = NumberAt(offsetof(tar_header, uid), sizeof(header.uid), UINT32_MAX, "uid");
+    entry->gid = NumberAt(offsetof(tar_header, gid), sizeof(header.gid), UINT32_MAX, "gid");
+    entry->mtime = NumberAt(offsetof(tar_header, mtime), sizeof(header.mtime), 0, "");
+    entry->data_offset = position_;
+    entry->long_name = long_name_.has_value();
+    entry->long_link = long_link_.has_value();
+    entry->lost_record = std::exchange(lost_record_, false);
+    entry->misread = std::exchange(misread_, nullptr);
+    entry->link =
+        long_link_ ? *long_link_ : block_.bytes() + offsetof(tar_header, linkname);
+    long_name_.reset();
+    long_link_.reset();
+}
+
+// The field as a restore reads it: one without a digit takes its value from what follows. Makes a
+// note when the bits of `mask`, those that are used, say something else to other programs.
+uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask, const char* what) {
+    const char* const field = block_.bytes() + offset;
+    const uint64_t value = ParseOctalStr(field, width);
+    const std::optional<uint64_t> standard = StandardNumber(field, width);
+    if (mask != 0 && (!standard || ((*standard ^ value) & mask) != 0)) {
+        misread_ = what;
+    }
+    return value;
+}
+
+// Moves behind `size` bytes of content and what fills their last block.
+bool ArchiveReader::SkipContent(uint64_t size) {
+    const uint64_t there = file_.size() - position_;
+    if (size > there) {
+        return Finish(ArchiveEnd::kDataCut);
+    }
+    position_ += size;
+    position_ += std::min(file_.size() - position_, (kBlockSize - size % kBlockSize) % kBlockSize);
+    return true;
+}
+
+bool ArchiveReader::Finish(ArchiveEnd end) {
+    end_ = end;
+    return false;
+}
+
+}  // namespace peltexctl
