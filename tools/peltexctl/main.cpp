@@ -214,8 +214,8 @@ std::string NoSubcommand(const CLI::App& app) {
                        fmt::join(names, ", "));
 }
 
-// What is wrong with words that nothing takes.
-std::string DescribeExtras(const CLI::App& app, const CLI::ExtrasError& extra) {
+// What is wrong with a command line. CLI11 says what is missing before what is too much.
+std::string Describe(const CLI::App& app, const CLI::ParseError& failure) {
     const std::vector<std::string> words = app.remaining(true);
     const auto option = std::find_if(words.begin(), words.end(), [](const std::string& word) {
         return word.size() > 1 && word[0] == '-';
@@ -223,7 +223,7 @@ std::string DescribeExtras(const CLI::App& app, const CLI::ExtrasError& extra) {
     if (option != words.end()) {
         return fmt::format("\"{0}\" is no option; a file of that name is written ./{0}", *option);
     }
-    return app.get_subcommands().empty() ? NoSubcommand(app) : extra.what();
+    return app.get_subcommands().empty() && !words.empty() ? NoSubcommand(app) : failure.what();
 }
 
 // What is opened later takes the lowest free number, and must not become an output by that.
@@ -242,11 +242,9 @@ int Main(int argc, char** argv) {
     DeclareOptions(&app, &options);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::ExtrasError& extra) {
-        return FailUsage(app, DescribeExtras(app, extra));
     } catch (const CLI::ParseError& end) {
         // Help and version arrive here too, with the exit code 0.
-        return end.get_exit_code() == 0 ? app.exit(end) : FailUsage(app, end.what());
+        return end.get_exit_code() == 0 ? app.exit(end) : FailUsage(app, Describe(app, end));
     }
     for (const Subcommand& row : kSubcommands) {
         if (app.got_subcommand(row.name)) {

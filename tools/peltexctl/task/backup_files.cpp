@@ -8,7 +8,8 @@
 #include <cerrno>
 #include <system_error>
 #include <utility>
-#include <vector>
+
+#include "archive/sums.h"
 
 namespace peltexctl {
 
@@ -16,36 +17,25 @@ BackupFiles::BackupFiles(const std::string& directory, std::string base)
     : directory_(directory), base_(std::move(base)), fd_(OpenDirectory(directory)) {}
 
 std::string BackupFiles::First(bool is_set) const {
-    std::string first;
-    struct stat status = {};
     if (!fd_.isOpen()) {
         return "";
     }
-    if (!is_set) {
-        return fstatat(fd_.get(), base_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
-                   ? directory_ + "/" + base_
-                   : "";
-    }
-    ForEachName(fd_, [&](const char* name) {
-        if (base_ + ".txt" == name || (first.empty() && IsSlice(name))) {
-            first = directory_ + "/" + name;
+    struct stat status = {};
+    for (const std::string& name : {is_set ? base_ + ".txt" : base_, SumsName(base_)}) {
+        if (fstatat(fd_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            return directory_ + "/" + name;
         }
-    });
-    return first;
+    }
+    const std::vector<std::string> slices = is_set ? Slices() : std::vector<std::string>();
+    return slices.empty() ? "" : directory_ + "/" + slices[0];
 }
 
 std::string BackupFiles::Remove(bool is_set) const {
     if (!fd_.isOpen()) {
         return "";
     }
-    std::vector<std::string> names = {base_ + ".sha256", is_set ? base_ + ".txt" : base_};
-    if (is_set) {
-        ForEachName(fd_, [&](const char* name) {
-            if (IsSlice(name)) {
-                names.emplace_back(name);
-            }
-        });
-    }
+    std::vector<std::string> names = is_set ? Slices() : std::vector<std::string>();
+    names.insert(names.begin(), {SumsName(base_), is_set ? base_ + ".txt" : base_});
     for (const std::string& name : names) {
         if (unlinkat(fd_.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
             return fmt::format("{}/{}: cannot be removed: {}", directory_, name,
@@ -55,12 +45,16 @@ std::string BackupFiles::Remove(bool is_set) const {
     return "";
 }
 
-bool BackupFiles::IsSlice(std::string_view name) const {
-    if (name.size() <= base_.size() + 1 || name.substr(0, base_.size()) != base_ ||
-        name[base_.size()] != '.') {
-        return false;
-    }
-    return name.find_first_not_of("0123456789", base_.size() + 1) == std::string_view::npos;
+std::vector<std::string> BackupFiles::Slices() const {
+    std::vector<std::string> slices;
+    const std::string start = base_ + ".";
+    ForEachName(fd_, [&](const std::string& name) {
+        if (name.size() > start.size() && name.compare(0, start.size(), start) == 0 &&
+            name.find_first_not_of("0123456789", start.size()) == std::string::npos) {
+            slices.push_back(name);
+        }
+    });
+    return slices;
 }
 
 }  // namespace peltexctl

@@ -5,7 +5,7 @@
 #pragma once
 
 #include <string>
-#include <string_view>
+#include <vector>
 
 #include "task/directory.h"
 
@@ -16,14 +16,15 @@ class BackupFiles {
     // `base` is NAME.tar. A directory that is not there has no files.
     BackupFiles(const std::string& directory, std::string base);
 
-    // The path of one of the set's files that is there, or of the archive; empty where none is.
+    // The path of one of these files that is there: of the set's or the archive's. Empty where none
+    // is.
     std::string First(bool is_set) const;
 
     // Takes all of them away, what says that they belong together first. Returns what went wrong.
     std::string Remove(bool is_set) const;
 
   private:
-    bool IsSlice(std::string_view name) const;
+    std::vector<std::string> Slices() const;
 
     const std::string directory_;
     const std::string base_;

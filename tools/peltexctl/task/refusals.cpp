@@ -85,18 +85,6 @@ std::string RefuseRecords(const TaskRequest& request, const std::string& copy) {
                : "";
 }
 
-std::string RefuseSet(const TaskKind& kind, const ArchiveSet& set) {
-    if (kind.RestoresSlices()) {
-        if (!set.is_check_file()) {
-            return fmt::format("{} is {}: restore split takes the check file, NAME.tar.txt",
-                               set.path(),
-                               set.kind() == ArchiveSet::Kind::kSlice ? "a slice" : "an archive");
-        }
-        return set.size() == 0 ? set.path() + ": lists no slice" : "";
-    }
-    return set.is_check_file() ? set.path() + " is a check file: restore split takes it" : "";
-}
-
 }  // namespace
 
 std::string Areas() {
@@ -124,6 +112,17 @@ std::string RefusePaths(const TaskKind& kind, const TaskRequest& request) {
                                                    hint));
 }
 
+std::string RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
+    if (kind.RestoresSlices() == set.is_check_file()) {
+        return "";
+    }
+    return set.is_check_file()
+               ? set.path() + " is a check file: restore split takes it"
+               : fmt::format("{} is {}: restore split takes the check file, NAME.tar.txt",
+                             set.path(),
+                             set.kind() == ArchiveSet::Kind::kSlice ? "a slice" : "an archive");
+}
+
 bool TakesWhereItWrites(const TaskRequest& request) {
     const std::optional<FileId> take = IdOf(request.take);
     const std::optional<FileId> destination = IdOf(request.destination);
@@ -131,13 +130,11 @@ bool TakesWhereItWrites(const TaskRequest& request) {
            (take ? destination && *take == *destination : request.take == request.destination);
 }
 
-std::string RefuseLoss(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set) {
+std::string RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
     std::string reason;
     const std::optional<struct stat> source = StatOf(kind.source_path(request));
     const bool is_tree = kind.source == Source::kTree || kind.source == Source::kRecords;
-    if (set != nullptr) {
-        reason = RefuseSet(kind, *set);
-    } else if (!is_tree && source && !S_ISREG(source->st_mode)) {
+    if (!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode)) {
         reason = kind.source_path(request) + ": is no regular file";
     } else if (kind.Copies()) {
         reason = RefuseSameOrNested(kind, request);

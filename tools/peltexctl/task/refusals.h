@@ -17,12 +17,15 @@ std::string Areas();
 // Empty if it does.
 std::string RefusePaths(const TaskKind& kind, const TaskRequest& request);
 
+// Why a restore cannot take what it was given. Empty if it can.
+std::string RefuseArchive(const TaskKind& kind, const ArchiveSet& set);
+
 // Whether --take names DEST itself, by whatever path.
 bool TakesWhereItWrites(const TaskRequest& request);
 
 // Why the task would lose something, as far as a look at its paths tells; --force does without.
-// Empty if it would not. `set` is what a restore of an archive reads, else null.
-std::string RefuseLoss(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set);
+// Empty if it would not.
+std::string RefuseLoss(const TaskKind& kind, const TaskRequest& request);
 
 // An archive or set of the name that the backup writes; --replace does without.
 std::string RefuseReplacing(const TaskKind& kind, const TaskRequest& request);

@@ -73,17 +73,21 @@ class TaskCommand {
         }
         if (kind_.Unpacks()) {
             std::string error;
-            // What is wrong with a check file's lines counts as what is wrong with the set.
+            // What is wrong with a check file's lines is wrong with the set.
             set_ = ArchiveSet::Open(
                 request_.source,
                 [this](const Finding& finding) { line_faults_.push_back(DescribeFinding(finding)); },
                 &error);
-            if (!set_ && Refuse(error)) {
+            if (Refuse(set_ ? RefuseArchive(kind_, *set_) : error)) {
                 return false;
+            }
+            if (set_->size() == 0 && !request_.force) {
+                return !Refuse(line_faults_.empty() ? request_.source + ": lists no slice"
+                                                    : line_faults_[0]);
             }
         }
         const ArchiveSet* const set = set_ ? &*set_ : nullptr;
-        if ((!request_.force && Refuse(RefuseLoss(kind_, request_, set))) ||
+        if ((!request_.force && Refuse(RefuseLoss(kind_, request_))) ||
             (!request_.replace && Refuse(RefuseReplacing(kind_, request_)))) {
             return false;
         }
