@@ -32,9 +32,9 @@ install(FILES ${CMAKE_BINARY_DIR}/peltexinstalld.pc
 file(RELATIVE_PATH bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(peltexctl PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${bin_to_lib}")
 install(TARGETS peltexctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
-install(FILES ${CMAKE_BINARY_DIR}/peltexctl.1
+install(FILES docs/peltexctl.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-install(FILES ${CMAKE_BINARY_DIR}/peltexctl.bash RENAME peltexctl
+install(FILES tools/peltexctl/ui/peltexctl.bash RENAME peltexctl
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
 
 # Laid out as here, so that they find each other.

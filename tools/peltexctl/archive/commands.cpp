@@ -14,6 +14,7 @@
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/json.h"
+#include "ui/progress_view.h"
 #include "ui/terminal.h"
 #include "ui/text.h"
 
@@ -166,8 +167,17 @@ int RunExport(const ArchiveRequest& request, bool json) {
     if (report.faults() > 0) {
         return report.Fail(request.file + " is not whole, nothing was exported");
     }
-    if (!ExportSet(
-            *set, request.out, [](uint64_t) {}, &error)) {
+    ProgressView view(request.quiet || json);
+    view.Begin("export", tally.bytes());
+    const bool is_done = ExportSet(
+        *set, request.out,
+        [&view](uint64_t done) {
+            view.SetDone(done);
+            view.Tick();
+        },
+        &error);
+    view.End();
+    if (!is_done) {
         return report.Fail(error);
     }
     if (json) {
@@ -179,41 +189,6 @@ int RunExport(const ArchiveRequest& request, bool json) {
                   fmt::format("{}: {}", EscapeBytes(request.out), NumbersAsText(*set, tally)));
     }
     return report.Status();
-}
-
-int64_t FileSystemNow() {
-    return 0;
-}
-
-int RunVerifyBackup(const std::string& file, const std::string& /*source_directory*/,
-                    int64_t /*packing_began*/, bool json, std::optional<TreeCounts>* counts) {
-    *counts = CountArchive(file);
-    return RunVerify({file, ""}, json);
-}
-
-std::optional<TreeCounts> CountArchive(const std::string& file) {
-    uint64_t faults = 0;
-    const FindingSink sink = [&faults](const Finding& finding) {
-        faults += finding.severity == Severity::kFault ? 1 : 0;
-    };
-    std::string error;
-    const auto set = ArchiveSet::Open(file, sink, &error);
-    if (!set) {
-        return std::nullopt;
-    }
-    const Tally tally = VerifySet(*set, "", sink).tally;
-    return faults == 0 ? std::optional(TreeCounts{tally.entries(), tally.bytes()}) : std::nullopt;
-}
-
-std::vector<std::string> ListSlices(const std::string& check_file) {
-    std::string error;
-    const auto set = ArchiveSet::Open(
-        check_file, [](const Finding&) {}, &error);
-    std::vector<std::string> paths;
-    for (size_t i = 0; set && set->is_check_file() && i < set->size(); i++) {
-        paths.push_back(check_file.substr(0, check_file.rfind('/') + 1) + set->NameOf(i));
-    }
-    return paths;
 }
 
 }  // namespace peltexctl

@@ -95,9 +95,9 @@ class Output {
     }
 
     [[noreturn]] void Interrupt() {
-        PrintError(fmt::format(file_.Discard() ? "interrupted: nothing of {} is left"
-                                               : "interrupted: {} is left as far as it was written",
-                               path_));
+        TellLast(fmt::format(file_.Discard() ? "interrupted: nothing of {} is left"
+                                             : "interrupted: {} is left as far as it was written",
+                             path_));
         _exit(kInterrupted);
     }
 
@@ -263,7 +263,7 @@ bool ExportSet(const ArchiveSet& set, const std::string& out,
         return false;
     }
     Output output(out);
-    const SignalScope signals([] {}, [&] { output.Interrupt(); });
+    const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
     if (output.Open()) {
         *error = Exporter(set, progress, &output).Run();
         if (!error->empty() || output.Finish()) {

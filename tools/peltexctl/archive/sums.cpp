@@ -111,8 +111,8 @@ void Summer::Add(UniqueFd file, const std::string& name) {
 void Summer::Collect() {
     const std::string sum = sum_.valid() ? sum_.get() : "-";
     if (sum.empty() || name_.find('\n') != std::string::npos) {
-        error_ = fmt::format("{}: {}", name_,
-                             sum.empty() ? kNoSum : "no sums are kept of such a name");
+        error_ =
+            fmt::format("{}: {}", name_, sum.empty() ? kNoSum : "no sums are kept of such a name");
     } else if (sum != "-") {
         lines_ += fmt::format("{}  {}\n", sum, name_);
     }

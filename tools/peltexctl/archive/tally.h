@@ -52,6 +52,9 @@ class Tally {
     uint64_t left_out(LeftOut reason) const { return left_out_[static_cast<size_t>(reason)]; }
     uint64_t left_out() const;
 
+    // A number for all entries, whatever their order; for a single one, of that one.
+    uint64_t sum() const { return sum_[0]; }
+
     // What is left out takes no part.
     bool operator==(const Tally& other) const {
         return entries_ == other.entries_ && bytes_ == other.bytes_ && sum_ == other.sum_;

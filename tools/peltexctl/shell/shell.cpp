@@ -6,25 +6,29 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
-#include "ui/exit_code.h"
+#include "shell/task_tracker.h"
+#include "shell/thread_list.h"
 #include "task/session_client.h"
+#include "ui/exit_code.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
 #include "ui/text.h"
-#include "shell/thread_list.h"
 
 namespace peltexctl {
 
 namespace {
 
 constexpr double kDefaultWaitSeconds = 60;
+constexpr double kQuietWaitSeconds = 2;
 constexpr int kNoSession = -1;
 
 using Words = std::vector<std::string>;
@@ -54,8 +58,7 @@ class Shell {
 
   private:
     void Heard(const StatusEvent& event);
-    void Report();
-    void Interrupt();
+    int Execute(const std::string& line);
     void OpenSession();
     void HandleLine(const std::string& line);
     void HandleDotLine(const std::string& line);
@@ -69,9 +72,11 @@ class Shell {
     bool Sleep(const Words& words);
     bool Die(const Words& words);
     bool Threads(const Words& words);
+    bool Help(const Words& words);
     bool Quit(const Words& words);
 
     EventWriter& events_;
+    TaskTracker tasks_;
     SessionClient client_;
     int session_ = kNoSession;
     bool quit_ = false;
@@ -91,11 +96,33 @@ const Shell::DotLine Shell::kDotLines[] = {
     {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
      &Shell::Die},
     {".threads", 0, 0, "", "list the threads of this process", &Shell::Threads},
+    {".help", 0, 0, "", "list these lines and the commands of the library", &Shell::Help},
     {".quit", 0, 0, "", "end as at the end of input", &Shell::Quit},
 };
 
+struct LibraryCommand {
+    const char* line;
+    const char* help;
+};
+
+constexpr LibraryCommand kLibraryCommands[] = {
+    {"backup KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or byfile"},
+    {"backup split SRC DEST MIB SEINFO UID", "again: the next slice"},
+    {"restore KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or split"},
+    {"move dir SRC DEST SEINFO UID", "a directory's content"},
+    {"get_brief KIND SRC BRIEF SEINFO UID", "KIND: dir or byfile"},
+    {"abort TASK", "take a task out of the queue, or ask it to stop"},
+    {"keepalive", "keep a backup that pauses after a slice waiting"},
+    {"setweight tar WEIGHT", "the priority of archive tasks: 0 (lowest) to 100"},
+    {"delay NUMBER", "accepted, without effect"},
+};
+
 int Shell::Run() {
-    const SignalScope signals([this] { Report(); }, [this] { Interrupt(); });
+    const SignalScope signals([this](int /*times*/) {
+        const std::string left = tasks_.DescribeUnfinished();
+        TellLast("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
+        _exit(kInterrupted);
+    });
     OpenSession();
     std::string line;
     while (!quit_ && std::getline(std::cin, line)) {
@@ -112,28 +139,14 @@ void Shell::Heard(const StatusEvent& event) {
         const std::lock_guard lock(mutex_);
         const auto [shown, is_first] = progress_shown_.emplace(event.task, now);
         if (is_first || now - shown->second < kInterval) {
+            tasks_.Heard(event);
             return;
         }
         shown->second = now;
     }
+    // Reported first: whoever waits for a status finds it printed.
     events_.Status(event);
-}
-
-void Shell::Report() {
-    const std::vector<std::string> lines = client_.tasks().DescribeUnfinished();
-    for (const std::string& line : lines) {
-        fmt::print(stderr, "{}\n", EscapeBytes(line));
-    }
-    if (lines.empty()) {
-        fmt::print(stderr, "no task is running\n");
-    }
-}
-
-void Shell::Interrupt() {
-    for (const std::string& line : client_.tasks().DescribeUnfinished()) {
-        PrintError("interrupted: left unfinished: " + line);
-    }
-    _exit(kInterrupted);
+    tasks_.Heard(event);
 }
 
 void Shell::OpenSession() {
@@ -146,7 +159,18 @@ void Shell::HandleLine(const std::string& line) {
         HandleDotLine(line);
         return;
     }
-    events_.Result(line, client_.Execute(session_, line));
+    events_.Result(line, Execute(line));
+}
+
+int Shell::Execute(const std::string& line) {
+    const int result = client_.Execute(session_, line);
+    const Words words = SplitWords(line.c_str(), " ");
+    if (result >= kFirstId) {
+        tasks_.Given(result, session_);
+    } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
+        tasks_.AbortAccepted(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 0)));
+    }
+    return result;
 }
 
 void Shell::HandleDotLine(const std::string& line) {
@@ -155,7 +179,7 @@ void Shell::HandleDotLine(const std::string& line) {
                                     [&words](const DotLine& row) { return row.name == words[0]; });
     if (known == std::end(kDotLines)) {
         events_.Error(
-            fmt::format("no dot line is called {}; see peltexctl shell --help", words[0]));
+            fmt::format("no dot line is called {}; .help lists them", words[0]));
         return;
     }
     words.erase(words.begin());
@@ -167,15 +191,20 @@ void Shell::HandleDotLine(const std::string& line) {
 }
 
 int Shell::End() {
-    const std::vector<int> unfinished = client_.tasks().WaitAllEnded(After(kDefaultWaitSeconds));
+    const std::vector<int> sessions = client_.open_sessions();
+    std::vector<int> unfinished = tasks_.WaitAllEnded(sessions, After(kQuietWaitSeconds));
+    if (!unfinished.empty()) {
+        events_.Note("waiting for " + tasks_.DescribeUnfinished());
+        unfinished =
+            tasks_.WaitAllEnded(sessions, After(kDefaultWaitSeconds - kQuietWaitSeconds));
+    }
     for (const int task : unfinished) {
         events_.Error(fmt::format("task {} has not ended", task));
     }
-    const std::vector<int> sessions = client_.open_sessions();
     for (const int session : sessions) {
         events_.Closed(session, client_.Finish(session));
     }
-    return unfinished.empty() && !client_.tasks().AnyFailed() ? kDone : kTaskFailed;
+    return unfinished.empty() && !tasks_.AnyFailed() ? kDone : kTaskFailed;
 }
 
 bool Shell::Open(const Words& words) {
@@ -214,7 +243,7 @@ bool Shell::Wait(const Words& words) {
     if (!task || !seconds) {
         return false;
     }
-    if (const std::optional<int> code = client_.tasks().WaitEnded(*task, After(*seconds))) {
+    if (const std::optional<int> code = tasks_.WaitEnded(*task, After(*seconds))) {
         events_.Waited(*task, *code);
     } else {
         events_.Error(fmt::format("task {} has not ended within {} s", *task, *seconds));
@@ -230,7 +259,7 @@ bool Shell::WaitFor(const Words& words) {
     if (!task || !code || !seconds) {
         return false;
     }
-    if (client_.tasks().WaitStatus(*task, *code, After(*seconds))) {
+    if (tasks_.WaitStatus(*task, *code, After(*seconds))) {
         events_.Waited(*task, *code);
     } else {
         events_.Error(
@@ -258,6 +287,11 @@ bool Shell::Threads(const Words& /*words*/) {
     return true;
 }
 
+bool Shell::Help(const Words& /*words*/) {
+    fmt::print(stderr, "{}", ShellHelp());
+    return true;
+}
+
 bool Shell::Quit(const Words& /*words*/) {
     quit_ = true;
     return true;
@@ -267,17 +301,22 @@ bool Shell::Quit(const Words& /*words*/) {
 
 int RunShell(const Library& library, EventWriter* events) {
     std::ios::sync_with_stdio(false);
-    return Shell(library, events).Run();
+    // Never destroyed: tasks that have not ended report to it until the process is gone.
+    static Shell* const shell = new Shell(library, events);
+    return shell->Run();
 }
 
-std::vector<Definition> ShellLines() {
-    std::vector<Definition> lines;
+std::string ShellHelp() {
+    std::string text = "Lines of the shell itself:\n";
     for (const Shell::DotLine& row : Shell::kDotLines) {
-        lines.push_back(
-            {std::string(row.name) + (*row.arguments != '\0' ? " " : "") + row.arguments,
-             row.help});
+        const std::string line = fmt::format("{} {}", row.name, row.arguments);
+        text += fmt::format("  {:<38}{}\n", line, row.help);
     }
-    return lines;
+    text += "\nCommands of the library:\n";
+    for (const LibraryCommand& row : kLibraryCommands) {
+        text += fmt::format("  {:<38}{}\n", row.line, row.help);
+    }
+    return text;
 }
 
 }  // namespace peltexctl

@@ -4,17 +4,22 @@
 // library's lock held: it must neither call the library nor wait for a thread that does.
 #pragma once
 
+#include <utils/StrongPointer.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "task/library.h"
-#include "task/task_tracker.h"
+#include "ui/events.h"
 
 namespace peltexctl {
 
 class ClientCallback;
+
+// The lowest id of a session or task: below are results.
+inline constexpr int kFirstId = 100;
 
 class SessionClient {
   public:
@@ -44,12 +49,10 @@ class SessionClient {
 
     // Open sessions, oldest first.
     const std::vector<int>& open_sessions() const { return open_sessions_; }
-    TaskTracker& tasks() { return *tasks_; }
 
   private:
     const Library library_;
     // Shared with the callback objects, which the library may keep for longer than this object.
-    const std::shared_ptr<TaskTracker> tasks_;
     const std::shared_ptr<const StatusListener> listener_;
     android::sp<ClientCallback> callback_;
     int callbacks_made_ = 0;

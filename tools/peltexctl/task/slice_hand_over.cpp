@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -19,100 +19,71 @@ namespace peltexctl {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr std::string_view kEnd = "end";
 constexpr std::string_view kEndMark = "|end";
-constexpr std::chrono::milliseconds kRepeatAfter{500};
+constexpr std::chrono::microseconds kFirstRepeat{100};
+constexpr std::chrono::milliseconds kLastRepeat{50};
 constexpr std::chrono::seconds kKeepAliveEvery{10};
+
+std::string Reason(int error) {
+    return std::generic_category().message(error);
+}
 
 bool EndsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-class File {
-  public:
-    explicit File(int fd) : fd_(fd) {}
-    ~File() { Close(); }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    int fd() const { return fd_; }
-    int Close() { return fd_ < 0 ? 0 : close(std::exchange(fd_, -1)); }
-
-  private:
-    int fd_;
-};
-
-std::error_code LastError() {
-    return {errno, std::generic_category()};
-}
-
-// Copies the content, with the reason of a failure, which the standard library's copy keeps to
-// itself.
-std::error_code CopyContent(const fs::path& from, const fs::path& to, mode_t mode) {
-    const File source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    File target(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
-    if (source.fd() < 0 || target.fd() < 0) {
-        return LastError();
-    }
-    std::vector<char> buffer(size_t{1} << 20);
+// Copies the content, owner and mode of an open file. Returns false when it cannot, with errno, or
+// when `goes_on` says so, with ECANCELED.
+bool CopyFile(const UniqueFd& from, const struct stat& status, const UniqueFd& to,
+              const std::function<bool()>& goes_on) {
+    constexpr uint64_t kSyncEvery = 8 << 20;  // so that no single call takes long
+    std::vector<char> buffer(size_t{1} << 18);
+    uint64_t unsynced = 0;
     ssize_t length = 0;
-    while ((length = read(source.fd(), buffer.data(), buffer.size())) > 0) {
+    while ((length = read(from.get(), buffer.data(), buffer.size())) > 0) {
         for (ssize_t done = 0; done < length;) {
             const ssize_t count =
-                write(target.fd(), buffer.data() + done, static_cast<size_t>(length - done));
+                write(to.get(), buffer.data() + done, static_cast<size_t>(length - done));
             if (count < 0) {
-                return LastError();
+                return false;
             }
             done += count;
         }
-    }
-    // The mode again: that of a new file lacks what the umask takes.
-    if (length < 0 || fchmod(target.fd(), mode) != 0 || fsync(target.fd()) != 0 ||
-        target.Close() != 0) {
-        return LastError();
-    }
-    return {};
-}
-
-// Copies a file to another file system, with its owner and mode.
-std::error_code CopyAway(const fs::path& from, const fs::path& to) {
-    std::error_code error;
-    struct stat info = {};
-    if (stat(from.c_str(), &info) != 0) {
-        return LastError();
-    }
-    error = CopyContent(from, to, info.st_mode & 0777);
-    if (!error && chown(to.c_str(), info.st_uid, info.st_gid) != 0 && geteuid() == 0) {
-        error = LastError();
-    }
-    if (error) {
-        std::error_code ignored;
-        fs::remove(to, ignored);
-        return error;
-    }
-    fs::remove(from, error);
-    return error;
-}
-
-// Returns what went wrong, empty when nothing did.
-std::string Move(const std::string& from, const std::string& to) {
-    std::error_code error;
-    fs::create_directories(fs::path(to).parent_path(), error);
-    if (!error) {
-        fs::rename(from, to, error);
-        if (error == std::errc::cross_device_link) {
-            error = CopyAway(from, to);
+        unsynced += static_cast<uint64_t>(length);
+        if (unsynced >= kSyncEvery && fdatasync(to.get()) != 0) {
+            return false;
+        }
+        unsynced = unsynced >= kSyncEvery ? 0 : unsynced;
+        if (!goes_on()) {
+            errno = ECANCELED;
+            return false;
         }
     }
-    return error ? fmt::format("{}: could not be taken to {}: {}", from, to, error.message()) : "";
+    return length == 0 &&
+           (fchown(to.get(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
+           fchmod(to.get(), status.st_mode & 0777) == 0 && fsync(to.get()) == 0;
 }
 
 }  // namespace
 
-SliceHandOver::SliceHandOver(Send send, std::string command, std::string take)
-    : send_(std::move(send)), command_(std::move(command)), take_(std::move(take)) {}
+SliceHandOver::SliceHandOver(const TaskRequest& request, Send send, std::string command,
+                             std::function<bool()> tick)
+    : send_(std::move(send)),
+      command_(std::move(command)),
+      tick_(std::move(tick)),
+      destination_(request.destination),
+      take_(request.take),
+      base_(NameOf(request.source) + ".tar") {
+    if (request.sums) {
+        summer_.emplace();
+    }
+}
+
+std::string SliceHandOver::Prepare() {
+    const std::string error = take_.empty() ? "" : to_.Make(take_, 0);
+    return error.empty() ? "" : error + ": slices cannot be taken there; give another --take DIR";
+}
 
 void SliceHandOver::Heard(const StatusEvent& event) {
     std::unique_lock<std::mutex> settled(end_mutex_, std::defer_lock);
@@ -125,12 +96,7 @@ void SliceHandOver::Heard(const StatusEvent& event) {
         if (event.code == kStatusSlicePackaged) {
             Slice slice = Parse(event.message);
             slice.heard = heard_;
-            if (!slice.path.empty()) {
-                slices_.push_back(slice.path);
-                if (aborting_) {
-                    kept_.KeepOrRename(slice.path);
-                }
-            }
+            count_ += slice.name.empty() ? 0 : 1;
             handed_.push_back(std::move(slice));
         }
     }
@@ -145,118 +111,142 @@ SliceHandOver::Slice SliceHandOver::Parse(const std::string& message) {
     if (message == kEnd) {
         return {"", true, 0};
     }
-    if (EndsWith(message, kEndMark)) {
-        return {message.substr(0, message.size() - kEndMark.size()), true, 0};
-    }
-    return {message, false, 0};
+    const bool last = EndsWith(message, kEndMark);
+    return {NameOf(message.substr(0, message.size() - (last ? kEndMark.size() : 0))), last, 0};
 }
 
 std::string SliceHandOver::Step() {
     if (!current_) {
         current_ = NextSlice();
         if (!current_) {
+            next_step_ = Clock::time_point::max();
             return "";
         }
-        last_sent_ = Clock::now();
-        if (!take_.empty() && !current_->path.empty()) {
-            taking_ =
-                std::async(std::launch::async, Move, current_->path, TakenPath(current_->path));
-        } else if (!current_->last) {
-            Continue();
-        }
-    }
-    if (taking_.valid()) {
-        if (taking_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-            if (Clock::now() - last_sent_ >= kKeepAliveEvery) {
-                send_("keepalive");
-                last_sent_ = Clock::now();
-            }
-            return "";
-        }
-        std::string error = taking_.get();
-        if (!error.empty()) {
-            failed_ = true;
+        if (std::string error = Take(current_->name); !error.empty()) {
             return error;
         }
+        repeat_after_ = kFirstRepeat;
         if (!current_->last) {
-            Continue();
+            Continue(false);
         }
+    } else if (!current_->last && !HasMoved() && Clock::now() >= next_step_) {
+        repeat_after_ = std::min<Clock::duration>(2 * repeat_after_, kLastRepeat);
+        Continue(true);
     }
     if (current_->last || HasMoved()) {
         current_.reset();
-    } else if (Clock::now() - last_sent_ >= kRepeatAfter) {
-        Continue();
+        next_step_ = Clock::now();  // another one may have been handed over
     }
     return "";
 }
 
-std::string SliceHandOver::PrepareAbort() {
-    std::string error = TakeHanded();
-    // From here on each slice is kept as it is handed over.
-    const std::lock_guard lock(mutex_);
-    aborting_ = true;
-    if (!slices_.empty()) {
-        kept_.KeepOrRename(slices_.back());
-    }
-    return error;
-}
-
-std::string SliceHandOver::Finish(const std::string& check_file) {
-    kept_.PutBack();
-    std::string error = TakeHanded();
-    if (take_.empty() || failed_ || check_file.empty()) {
-        return error;
-    }
-    return Move(check_file, TakenPath(check_file));
-}
-
-std::string SliceHandOver::TakeHanded() {
+std::string SliceHandOver::Finish(bool whole) {
     std::string error;
-    if (taking_.valid()) {
-        error = taking_.get();
-        failed_ = !error.empty();
+    for (std::optional<Slice> slice = NextSlice(); slice && !failed_; slice = NextSlice()) {
+        error = Take(slice->name);
     }
-    if (take_.empty() || failed_) {
+    if (!whole || failed_) {
         return error;
     }
-    for (std::optional<Slice> slice = NextSlice(); slice && !failed_; slice = NextSlice()) {
-        error = slice->path.empty() ? "" : Move(slice->path, TakenPath(slice->path));
-        failed_ = !error.empty();
+    error = Take(base_ + ".txt");
+    struct stat like = {};
+    const UniqueFd& directory = take_.empty() ? from_ : to_.fd();
+    if (!error.empty() || !summer_) {
+        return error;
     }
-    return error;
+    std::string sums_error;
+    if (fstatat(directory.get(), (base_ + ".txt").c_str(), &like, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !summer_->Finish(directory.get(), SumsName(base_), like, &sums_error)) {
+        return fmt::format("{}/{}: cannot be written: {}", Directory(), SumsName(base_), sums_error);
+    }
+    return "";
 }
 
 uint64_t SliceHandOver::Count() const {
     const std::lock_guard lock(mutex_);
-    return slices_.size();
+    return count_;
 }
 
 std::string SliceHandOver::DescribeLeft() const {
-    const std::lock_guard lock(mutex_);
-    uint64_t taken = 0;
-    uint64_t here = 0;
-    std::error_code error;
-    for (const std::string& path : slices_) {
-        const bool is_here = fs::exists(path, error);
-        here += is_here ? 1 : 0;
-        taken += !is_here && fs::exists(TakenPath(path), error) ? 1 : 0;
-    }
-    const auto count = [](uint64_t number) {
-        return fmt::format("{} slice{}", number, number == 1 ? "" : "s");
-    };
-    if (taken + here == 0) {
+    const uint64_t here = Count() - taken_;
+    if (taken_ + here == 0) {
         return "no slice is left";
     }
-    std::string left = taken > 0 ? fmt::format("{} in {}", count(taken), take_) : "";
+    std::string left =
+        taken_ > 0 ? Counted(taken_, "slice", "slices") + " in " + take_ : std::string();
     if (here > 0) {
-        left += fmt::format("{}{} in {}", taken > 0 ? " and " : "", count(here),
-                            fs::path(slices_.back()).parent_path().string());
+        left += fmt::format("{}{} in {}", taken_ > 0 ? " and " : "",
+                            Counted(here, "slice", "slices"), destination_);
     }
-    return left + (taken + here == 1 ? " is left" : " are left");
+    return left + (taken_ + here == 1 ? " is left" : " are left");
 }
 
-std::string SliceHandOver::TakenPath(const std::string& path) const {
-    return take_.empty() ? path : (fs::path(take_) / fs::path(path).filename()).string();
+// Returns what went wrong.
+std::string SliceHandOver::Take(const std::string& name) {
+    std::string error;
+    if (name.empty()) {
+        return error;
+    }
+    if (!from_.isOpen()) {
+        from_ = OpenDirectory(destination_);
+    }
+    if (!take_.empty()) {
+        error = MoveAway(name);
+    }
+    if (error.empty() && summer_) {
+        struct stat status = {};
+        UniqueFd file = OpenRegularAt(take_.empty() ? from_ : to_.fd(), name, &status);
+        if (file.isOpen()) {
+            summer_->Add(std::move(file), name);
+        } else {
+            error = Reason(errno);
+        }
+    }
+    failed_ = !error.empty();
+    return failed_ ? fmt::format("{}/{}: could not be taken to {}: {}", destination_, name,
+                                 Directory(), error)
+                   : "";
+}
+
+std::string SliceHandOver::MoveAway(const std::string& name) {
+    // The library may make the task's last files without a word about them.
+    const bool is_slice = name != base_ + ".txt";
+    std::string error;
+    if (renameat(from_.get(), name.c_str(), to_.fd().get(), name.c_str()) != 0) {
+        error = errno == EXDEV ? CopyAway(name) : Reason(errno);
+    }
+    taken_ += error.empty() && is_slice ? 1 : 0;
+    return error;
+}
+
+// To another file system, where nothing has the name before all is there.
+std::string SliceHandOver::CopyAway(const std::string& name) {
+    const std::string unfinished = "." + name + ".part";
+    const int target = to_.fd().get();
+    struct stat status = {};
+    const UniqueFd from = OpenRegularAt(from_, name, &status);
+    if (!from.isOpen()) {
+        return Reason(errno);
+    }
+    unlinkat(target, unfinished.c_str(), 0);  // of a program that was killed
+    const UniqueFd to(openat(target, unfinished.c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    Clock::time_point alive = Clock::now();
+    const auto goes_on = [&] {
+        if (Clock::now() - alive >= kKeepAliveEvery) {
+            alive = Clock::now();
+            send_("keepalive", false);
+        }
+        return tick_();
+    };
+    if (!to.isOpen() || !CopyFile(from, status, to, goes_on) ||
+        renameat(target, unfinished.c_str(), target, name.c_str()) != 0 ||
+        unlinkat(from_.get(), name.c_str(), 0) != 0) {
+        std::string error = Reason(errno);
+        unlinkat(target, unfinished.c_str(), 0);
+        return error;
+    }
+    return "";
 }
 
 std::optional<SliceHandOver::Slice> SliceHandOver::NextSlice() {
@@ -274,11 +264,11 @@ bool SliceHandOver::HasMoved() const {
     return heard_ > current_->heard;
 }
 
-void SliceHandOver::Continue() {
-    last_sent_ = Clock::now();
+void SliceHandOver::Continue(bool is_repeated) {
+    next_step_ = Clock::now() + repeat_after_;
     const std::lock_guard lock(end_mutex_);
     if (!ended_ && !HasMoved()) {
-        send_(command_);
+        send_(command_, is_repeated);
     }
 }
 

@@ -1,4 +1,4 @@
-// The subcommands that carry out one task: one session, one command, its events to the end.
+// The subcommands that carry out one task.
 #pragma once
 
 #include "task/library.h"
@@ -6,8 +6,14 @@
 
 namespace peltexctl {
 
-// Carries out a request that CheckRequest() has passed and returns the program's exit status. What
-// it writes as an archive is verified afterwards, unless the request says not to.
-int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request, bool json);
+struct TaskOutput {
+    bool json = false;
+    bool quiet = false;
+    std::string log;  // the lowest priority to show of the library's log; empty: after a failure
+};
+
+// Returns the program's exit status.
+int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request,
+            const TaskOutput& output);
 
 }  // namespace peltexctl

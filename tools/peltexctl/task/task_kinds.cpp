@@ -1,9 +1,10 @@
-// Tested by tests/peltexctl/test_command_line.py.
+// Tested by tests/peltexctl/test_command_line.py and test_checks.py.
 #include "task/task_kinds.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <climits>
 #include <optional>
 
 #include "ui/text.h"
@@ -14,129 +15,165 @@ namespace {
 
 // The library takes other sizes too: from 2048 on they overflow, and such a backup never ends.
 constexpr int kLargestSlice = 2047;
+constexpr int kDefaultSlice = 100;
 
-// The last component of a path, with the slash before it.
-std::string LastComponent(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(slash);
-}
-
-std::string WithoutTrailingSlash(const std::string& path) {
-    return !path.empty() && path.back() == '/' ? path.substr(0, path.size() - 1) : path;
-}
-
-std::string Compose(const char* option, const TaskKind& kind, const TaskRequest& request,
-                    const std::string& destination) {
-    return fmt::format("{} {} {} {} {} {}", kind.subcommand, option, request.source, destination,
+std::string Compose(const char* command, const char* option, const TaskRequest& request) {
+    return fmt::format("{} {} {} {} {} {}", command, option, request.source, request.destination,
                        request.se_info, *ParseInt(request.uid));
 }
 
 std::string PlainCommand(const TaskKind& kind, const TaskRequest& request) {
-    return Compose(kind.kind, kind, request, request.destination);
+    return Compose(kind.subcommand, kind.kind, request);
 }
 
 // The library does not look at the option of a move, which has to be there all the same.
-std::string MoveCommand(const TaskKind& kind, const TaskRequest& request) {
-    return Compose("dir", kind, request, request.destination);
+std::string MoveCommand(const TaskKind& /*kind*/, const TaskRequest& request) {
+    return Compose("move", "dir", request);
 }
 
 std::string BriefCommand(const TaskKind& kind, const TaskRequest& request) {
-    return fmt::format("get_brief {} {} {} {} {}", kind.kind, request.source, request.destination,
-                       request.se_info, *ParseInt(request.uid));
+    return Compose("get_brief", kind.kind, request);
 }
 
 std::string SplitCommand(const TaskKind& /*kind*/, const TaskRequest& request) {
     return fmt::format("backup split {} {} {} {} {}", request.source, request.destination,
-                       *ParseInt(request.slice_size), request.se_info, *ParseInt(request.uid));
+                       SliceSizeOf(request), request.se_info, *ParseInt(request.uid));
 }
 
 // The library extracts into the parent of the path that it is given, and relabels that path.
 std::string RestoreSplitCommand(const TaskKind& kind, const TaskRequest& request) {
-    return Compose(kind.kind, kind, request, WithoutTrailingSlash(request.destination) + "/.");
+    TaskRequest inside = request;
+    inside.destination += "/.";
+    return Compose("restore", kind.kind, inside);
 }
 
-std::string Source(const TaskRequest& request) {
+std::string SourceItself(const TaskRequest& request) {
     return request.source;
-}
-
-// A directory's backup lies under the directory's own name, which a restore takes from where it
-// restores to.
-std::string NamedInSource(const TaskRequest& request) {
-    return request.source + LastComponent(request.destination);
-}
-
-std::string Nothing(const TaskRequest& /*request*/) {
-    return "";
-}
-
-std::string WholeArchive(const TaskRequest& request) {
-    return request.destination + LastComponent(request.source) + ".tar";
-}
-
-// Beside its slices.
-std::string CheckFile(const TaskRequest& request) {
-    return WithoutTrailingSlash(request.destination) +
-           LastComponent(WithoutTrailingSlash(request.source)) + ".tar.txt";
-}
-
-// A backup by list writes its copies beside their permission records.
-std::string ListOfCopies(const TaskRequest& request) {
-    return request.destination + LastComponent(request.destination) + ".txt";
 }
 
 std::string Destination(const TaskRequest& request) {
     return request.destination;
 }
 
-using Form = TaskKind::Form;
+// A directory's backup lies under the directory's own name, which a restore takes from where it
+// restores to.
+std::string CopyOfDestination(const TaskRequest& request) {
+    return request.source + "/" + NameOf(request.destination);
+}
 
+std::string CopyOfSource(const TaskRequest& request) {
+    return request.destination + "/" + NameOf(request.source);
+}
+
+std::string WholeArchive(const TaskRequest& request) {
+    return CopyOfSource(request) + ".tar";
+}
+
+// Beside its slices.
+std::string CheckFile(const TaskRequest& request) {
+    return CopyOfSource(request) + ".tar.txt";
+}
+
+// A backup by list writes its copies below a directory named like the one that it is given.
+std::string ListedCopies(const TaskRequest& request) {
+    return request.destination + "/" + NameOf(request.destination);
+}
+
+std::string DirectoryOfTarget(const TaskRequest& request) {
+    return ParentOf(TargetFile(request));
+}
+
+constexpr Rules kCopies = Bit(LeftOut::kDex) | Bit(LeftOut::kLink) | Bit(LeftOut::kSpecial);
+constexpr Rules kPackage = kCopies | Bit(LeftOut::kLib);
+constexpr Rules kPacks = Bit(LeftOut::kHardLinked) | Bit(LeftOut::kDex) | Bit(LeftOut::kSpecial) |
+                         Bit(LeftOut::kTinker) | Bit(LeftOut::kOwnArchive);
+
+// What each kind leaves out of what it takes, and which modes it brings.
 constexpr TaskKind kKinds[] = {
-    {"backup", "file", "one file into the directory DEST", Form::kCopy, PlainCommand, Source,
-     Nothing},
+    {"backup", "file", "one file into the directory DEST", PlainCommand, Source::kFile,
+     SourceItself, Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
     {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
-     Form::kCopy, PlainCommand, Source, Nothing},
-    {"backup", "tar", "a directory into the archive DEST/NAME.tar", Form::kArchive, PlainCommand,
-     Source, WholeArchive},
+     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage, Modes::kNone},
+    {"backup", "tar", "a directory into the archive DEST/NAME.tar", PlainCommand, Source::kTree,
+     SourceItself, Result::kSet, WholeArchive, kPacks, Modes::kArchived},
     {"backup", "split",
      "a directory into the slices DEST/NAME.tar.0, .1, ... and the check file DEST/NAME.tar.txt",
-     Form::kSlices, SplitCommand, Source, CheckFile},
-    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", Form::kList, PlainCommand,
-     Nothing, ListOfCopies},
-    {"restore", "file", "the file SRC to DEST", Form::kCopy, PlainCommand, Source, Nothing},
-    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt", Form::kCopy,
-     PlainCommand, NamedInSource, Nothing},
-    {"restore", "tar", "DEST from the archive SRC", Form::kArchive, PlainCommand, Nothing, Source},
-    {"restore", "split",
-     "DEST from the slices that the check file SRC lists; they are removed when all is there",
-     Form::kSlices, RestoreSplitCommand, Nothing, Source},
-    {"brief", "dir", "what the directory SRC holds", Form::kList, BriefCommand, Nothing,
-     Destination},
-    {"brief", "byfile", "what the search file SRC asks for", Form::kList, BriefCommand, Nothing,
-     Destination},
-    {"move", "", "a directory's content into DEST", Form::kCopy, MoveCommand, Source, Nothing},
+     SplitCommand, Source::kTree, SourceItself, Result::kSet, CheckFile, kPacks, Modes::kArchived},
+    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", PlainCommand, Source::kList,
+     SourceItself, Result::kTree, ListedCopies, kCopies, Modes::kNone},
+    {"restore", "file", "the file SRC to DEST", PlainCommand, Source::kFile, SourceItself,
+     Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
+    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt", PlainCommand,
+     Source::kRecords, CopyOfDestination, Result::kTree, Destination, kCopies, Modes::kAll},
+    {"restore", "tar", "DEST from the archive SRC", PlainCommand, Source::kSet, SourceItself,
+     Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
+    {"restore", "split", "DEST from the slices that the check file SRC lists", RestoreSplitCommand,
+     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
+    {"brief", "dir", "what the directory SRC holds", BriefCommand, Source::kTree, SourceItself,
+     Result::kRecords, Destination, kCopies, Modes::kAll},
+    {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Source::kSearch,
+     SourceItself, Result::kRecords, Destination, kCopies, Modes::kAll},
+    {"move", "", "a directory's content into DEST", MoveCommand, Source::kTree, SourceItself,
+     Result::kTree, Destination, kCopies, Modes::kNone},
 };
 
 bool IsOneWord(const std::string& text) {
     return !text.empty() && text.find(' ') == std::string::npos;
 }
 
-bool IsSliceSize(const std::string& text) {
-    const std::optional<int> size = ParseInt(text);
-    return size && *size >= 1 && *size <= kLargestSlice;
+bool IsInRange(const std::string& text, int least, int most) {
+    const std::optional<int> number = ParseInt(text);
+    return number && *number >= least && *number <= most;
 }
 
-bool IsUid(const std::string& text) {
-    const std::optional<int> uid = ParseInt(text);
-    return uid && *uid >= 0;
+// An option that another kind of task has.
+struct OwnOption {
+    const char* name;
+    bool (*is_given)(const TaskRequest& request);
+    const char* subcommand;
+    const char* kinds[2];
+};
+
+constexpr OwnOption kOwnOptions[] = {
+    {"--slice-size", [](const TaskRequest& r) { return r.slice_size.has_value(); }, "backup",
+     {"split", ""}},
+    {"--take", [](const TaskRequest& r) { return !r.take.empty(); }, "backup", {"split", ""}},
+    {"--sums", [](const TaskRequest& r) { return r.sums; }, "backup", {"split", "tar"}},
+    {"--replace", [](const TaskRequest& r) { return r.replace; }, "backup", {"split", "tar"}},
+    {"--consume", [](const TaskRequest& r) { return r.consume; }, "restore", {"split", ""}},
+};
+
+std::string WhatIsWrongWith(const TaskRequest& request) {
+    for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
+        if (!IsOneWord(*word)) {
+            return fmt::format(
+                "\"{}\" cannot be sent: a word of a command is not empty and holds no blank; "
+                "rename it or reach it through a link",
+                *word);
+        }
+    }
+    if (!IsInRange(request.uid, 0, INT_MAX)) {
+        return fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX);
+    }
+    if (request.slice_size && !IsInRange(*request.slice_size, 1, kLargestSlice)) {
+        return fmt::format("--slice-size: \"{}\" is no number from 1 to {}", *request.slice_size,
+                           kLargestSlice);
+    }
+    for (const OwnOption& option : kOwnOptions) {
+        if (option.is_given(request) && request.kind != option.kinds[0] &&
+            (*option.kinds[1] == '\0' || request.kind != option.kinds[1])) {
+            return fmt::format("{} is an option of {} {}{}{} only", option.name, option.subcommand,
+                               option.kinds[0], *option.kinds[1] == '\0' ? "" : " and ",
+                               option.kinds[1]);
+        }
+    }
+    return "";
 }
 
 }  // namespace
 
-TreeRules TaskKind::Rules() const {
-    if (HasArchive()) {
-        return TreeRules::kPack;
-    }
-    return IsBackup() && std::string(kind) == "dir" ? TreeRules::kCopyOfPackage : TreeRules::kCopy;
+bool TaskKind::Is(const char* command, const char* kind_name) const {
+    return std::string_view(subcommand) == command && std::string_view(kind) == kind_name;
 }
 
 std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
@@ -151,29 +188,23 @@ std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
 
 const TaskKind* CheckRequest(const TaskRequest& request, std::string* error) {
     const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
-    const auto row = std::find_if(kinds.begin(), kinds.end(), [&request](const TaskKind* kind) {
-        return kind->kind == request.kind;
-    });
-    for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
-        if (!IsOneWord(*word)) {
-            *error = fmt::format(
-                "\"{}\" cannot be sent: a word of a command is not empty and holds no blank; "
-                "rename "
-                "it or reach it through a link",
-                *word);
-            return nullptr;
-        }
-    }
-    if (!IsUid(request.uid)) {
-        *error = fmt::format("--uid: \"{}\" is no number from 0 to 2147483647", request.uid);
-        return nullptr;
-    }
-    if (!IsSliceSize(request.slice_size)) {
-        *error = fmt::format("--slice-size: \"{}\" is no number from 1 to {}", request.slice_size,
-                             kLargestSlice);
-        return nullptr;
-    }
-    return *row;
+    *error = WhatIsWrongWith(request);
+    return error->empty() ? *std::find_if(kinds.begin(), kinds.end(),
+                                          [&request](const TaskKind* row) {
+                                              return row->kind == request.kind;
+                                          })
+                          : nullptr;
+}
+
+int SliceSizeOf(const TaskRequest& request) {
+    return request.slice_size ? *ParseInt(*request.slice_size) : kDefaultSlice;
+}
+
+std::string TargetFile(const TaskRequest& request) {
+    const std::optional<struct stat> status = StatOf(request.destination);
+    return status && !S_ISDIR(status->st_mode)
+               ? request.destination
+               : request.destination + "/" + NameOf(request.source);
 }
 
 }  // namespace peltexctl

@@ -4,51 +4,74 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <optional>
 #include <utility>
 
+#include "task/refusals.h"
+#include "ui/library_log.h"
 #include "ui/signals.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
 namespace {
 
-using Clock = TaskTracker::Clock;
+constexpr std::chrono::milliseconds kTick{100};
 
-constexpr std::chrono::milliseconds kTick{20};
+std::string Compose(const TaskKind& kind, TaskRequest request, const std::string& source) {
+    request.source = source;
+    return kind.compose(kind, request);
+}
 
 }  // namespace
 
 TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest& request,
-                 EventWriter* events, uint64_t total, std::vector<std::string> restored)
+                 const Options& options, EventWriter* events, ProgressView* view)
     : kind_(kind),
       request_(request),
-      command_(kind.compose(kind, request)),
+      options_(options),
+      command_(Compose(kind, request, options.source)),
       events_(*events),
-      slices_(kind.HandsOver() ? std::make_unique<SliceHandOver>(
-                                     [this](const std::string& line) { return Send(line); },
-                                     command_, request.take)
-                               : nullptr),
-      to_restore_(std::move(restored)),
-      view_({kind.CountsBytes(), kind.CountsBytes() ? total : 0},
-            [this] { return DescribeProgress(); }),
+      view_(*view),
+      slices_(kind.HandsOver()
+                  ? std::make_unique<SliceHandOver>(
+                        request,
+                        [this](const std::string& line, bool again) { return Send(line, again); },
+                        command_,
+                        [this] {
+                            ShowProgress();
+                            return !is_interrupted_;
+                        })
+                  : nullptr),
+      left_unfinished_("interrupted: " +
+                       (slices_ ? "the set in " + slices_->Directory() + " is not complete"
+                                : DescribeLeft(kind, request, Ending::kUnfinished)) +
+                       options.left_too),
       client_(library, [this](const StatusEvent& event) { Heard(event); }) {}
 
 TaskRun::Result TaskRun::Run() {
-    const SignalScope signals([this] { view_.Report(); }, [this] { Interrupt(); });
-    restored_.Keep(to_restore_);
+    const SignalScope signals([this](int times) { Interrupt(times); });
+    if (const std::string error = slices_ ? slices_->Prepare() : ""; !error.empty()) {
+        Tell(error);
+        return {};
+    }
     session_ = client_.Open();
     if (events_.json()) {
         events_.Session(session_);
     }
-    const int task = Send(command_);
+    view_.Begin(fmt::format("{}{}{}", kind_.subcommand, *kind_.kind == '\0' ? "" : " ", kind_.kind),
+                options_.total);
+    task_ = Send(command_);
     Result result;
-    if (task > 0) {
-        result = Follow(task);
+    if (task_ >= kFirstId) {
+        result = Follow(task_);
     } else {
-        Tell(ExplainRefusal(task, request_));
+        view_.End();
+        PrintKeptLog();
+        Tell(ExplainRefusal(task_));
     }
     const int closed = client_.Finish(session_);
     if (events_.json()) {
@@ -57,13 +80,9 @@ TaskRun::Result TaskRun::Run() {
     return result;
 }
 
-std::string TaskRun::TakenPath(const std::string& path) const {
-    return slices_ ? slices_->TakenPath(path) : path;
-}
-
-int TaskRun::Send(const std::string& command) {
+int TaskRun::Send(const std::string& command, bool is_repeated) {
     const int result = client_.Execute(session_, command);
-    if (events_.json()) {
+    if (events_.json() && !is_repeated) {
         events_.Result(command, result);
     }
     return result;
@@ -73,17 +92,24 @@ void TaskRun::Heard(const StatusEvent& event) {
     if (slices_) {
         slices_->Heard(event);
     }
-    view_.Heard(event);
+    if (event.code == kStatusProgress && !options_.bytes_read) {
+        view_.SetDone(std::strtoull(event.message.c_str(), nullptr, 10));
+    }
     if (RefusesPath(event)) {
         path_refused_ = true;
-    }
-    if (event.code == kStatusBriefSize) {
-        listed_ = std::strtoll(event.message.c_str(), nullptr, 10);
     }
     // People hear of progress and slices from the bar, of a failure by its reason.
     if (events_.json() || (event.code != kStatusProgress && event.code != kStatusSlicePackaged &&
                            event.code != kStatusFailed)) {
         view_.Aside([this, &event] { events_.Status(event); });
+    }
+    if (event.code != kStatusProgress) {
+        const std::lock_guard lock(mutex_);
+        has_news_ = true;
+        if (EndsTask(event)) {
+            last_code_ = event.code;
+        }
+        changed_.notify_all();
     }
 }
 
@@ -91,111 +117,100 @@ void TaskRun::Tell(const std::string& error) {
     view_.Aside([this, &error] { events_.Error(error); });
 }
 
-bool TaskRun::Took(const std::string& error) {
-    if (!error.empty()) {
-        untaken_ = true;
-        Tell(error);
-    }
-    return error.empty();
-}
-
 TaskRun::Result TaskRun::Follow(int task) {
     const Clock::time_point start = Clock::now();
-    std::optional<int> code;
-    while (!(code = client_.tasks().WaitEnded(task, Clock::now() + kTick))) {
-        const bool may_go_on = interrupts_ == 0 && (!slices_ || stopping_ || Took(slices_->Step()));
-        if (!may_go_on && !stopping_) {
-            Stop(task);
+    const auto has_ended = [this] {
+        const std::lock_guard lock(mutex_);
+        return last_code_.has_value();
+    };
+    while (!has_ended()) {
+        if (slices_ && !stopping_) {
+            untaken_ = slices_->Step();
         }
-        if (!events_.json()) {
-            view_.Tick();
+        if (!stopping_ && (is_interrupted_ || !untaken_.empty())) {
+            Stop();
         }
+        ShowProgress();
+        WaitForNews();
     }
     const std::chrono::duration<double> elapsed = Clock::now() - start;
+    view_.End();
     Result result;
-    result.status = End(task, *code == kStatusSuccess);
+    result.status = End(*last_code_ == kStatusSuccess);
     result.task = task;
     result.seconds = elapsed.count();
-    if (listed_ >= 0) {
-        result.listed = static_cast<uint64_t>(listed_);
+    if (slices_) {
+        result.slices = slices_->Count();
     }
     return result;
 }
 
-void TaskRun::Stop(int task) {
-    stopping_ = true;
-    if (!to_restore_.empty() && !restored_.are_kept()) {
-        TellLeft(Ending::kUnfinished);
-        _exit(kInterrupted);
-    }
-    if (slices_) {
-        Took(slices_->PrepareAbort());
-    }
-    if (!events_.json()) {
-        view_.Aside([this, task] {
-            fmt::print(stderr, "task {}: {}\n", task,
-                       kind_.HasArchive() ? "stopping it"
-                                          : "the library ends it when all is copied; to leave it "
-                                            "unfinished interrupt it again");
-        });
-    }
-    Send(fmt::format("abort {}", task));
+void TaskRun::WaitForNews() {
+    const Clock::time_point tick = Clock::now() + kTick;
+    std::unique_lock lock(mutex_);
+    changed_.wait_until(lock, slices_ && !stopping_ ? std::min(tick, slices_->next_step()) : tick,
+                        [this] { return has_news_; });
+    has_news_ = false;
 }
 
-int TaskRun::End(int task, bool succeeded) {
-    const bool whole = succeeded && !stopping_;
-    if (slices_) {
-        Took(slices_->Finish(whole ? kind_.file(request_) : ""));
+void TaskRun::ShowProgress() {
+    if (options_.bytes_read) {
+        view_.SetDone(options_.bytes_read());
     }
-    restored_.PutBack();
-    if (interrupts_ > 0) {
-        TellLeft(succeeded ? Ending::kSucceeded : Ending::kFailed);
+    if (slices_ && slices_->Count() > 0) {
+        view_.SetNote(Counted(slices_->Count(), "slice", "slices"));
+    }
+    view_.Tick();
+}
+
+void TaskRun::Stop() {
+    stopping_ = true;
+    if (!events_.json() && !events_.quiet()) {
+        view_.Aside(
+            [this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
+    }
+    Send(fmt::format("abort {}", task_));
+}
+
+int TaskRun::End(bool succeeded) {
+    if (slices_) {
+        const std::string error = slices_->Finish(succeeded && !stopping_);
+        untaken_ = untaken_.empty() ? error : untaken_;
+    }
+    if (is_interrupted_) {
+        Tell("interrupted: " + LeftBehind(succeeded ? Ending::kSucceeded : Ending::kFailed));
         return kInterrupted;
     }
-    if (untaken_) {
-        Tell(fmt::format("{}; make room or give another --take DIR, and start the backup again",
-                         slices_->DescribeLeft()));
-    } else if (path_refused_) {
-        Tell(ExplainPathRefusal(request_));
-    } else if (!succeeded) {
-        Tell(ExplainFailure(task, kind_, request_));
+    if (!untaken_.empty()) {
+        Tell(fmt::format("{}; {}{}; start it again with --replace", untaken_,
+                         slices_->DescribeLeft(), HintAtRoom(slices_->Directory(), 1 << 20)));
+        return kTaskFailed;
     }
-    return succeeded && !untaken_ ? kDone : kTaskFailed;
+    if (succeeded) {
+        return kDone;
+    }
+    PrintKeptLog();
+    Tell(path_refused_ ? "the library refuses a path: " + RefusePaths(kind_, request_)
+                       : ExplainFailure(task_, kind_, request_, options_.log_is_shown));
+    return kTaskFailed;
 }
 
 // On the signals' thread. Who asks twice does not wait: some tasks never end, such as the copy of a
 // FIFO.
-void TaskRun::Interrupt() {
-    if (interrupts_++ > 0) {
-        TellLeft(Ending::kUnfinished);
+void TaskRun::Interrupt(int times) {
+    if (times > 1) {
+        TellLast(left_unfinished_);
         _exit(kInterrupted);
     }
+    is_interrupted_ = true;
+    const std::lock_guard lock(mutex_);
+    has_news_ = true;
+    changed_.notify_all();
 }
 
-void TaskRun::TellLeft(Ending ending) {
-    Tell("interrupted: " + DescribeLeft(kind_, request_, ending, DescribeSlices(ending)));
-}
-
-std::string TaskRun::DescribeProgress() const {
-    if (restored_.are_kept()) {
-        return restored_.DescribeProgress();
-    }
-    const uint64_t count = CountSlices();
-    return count > 0 ? fmt::format("{} slice{}", count, count == 1 ? "" : "s") : "";
-}
-
-std::string TaskRun::DescribeSlices(Ending ending) const {
-    if (slices_) {
-        return slices_->DescribeLeft() + (stopping_ ? ", of a set that is not complete" : "");
-    }
-    if (to_restore_.empty()) {
-        return "";
-    }
-    if (ending != Ending::kUnfinished) {
-        return "the slices are as before";
-    }
-    return restored_.are_kept() ? "the slices are kept as NAME.kept: the same restore finds them"
-                                : "the slices that were not unpacked are as before";
+std::string TaskRun::LeftBehind(Ending ending) const {
+    return slices_ ? slices_->DescribeLeft() + (stopping_ ? ", of a set that is not complete" : "")
+                   : DescribeLeft(kind_, request_, ending);
 }
 
 }  // namespace peltexctl

@@ -1,5 +1,4 @@
-// What is said of a task that was refused, failed or was interrupted: the path, the reason, and
-// what to do about it or what is left.
+// What is said of a task that was refused by the library, failed or was interrupted.
 //
 // Thread-safe.
 #pragma once
@@ -10,20 +9,12 @@
 
 namespace peltexctl {
 
-// The areas that the library takes paths from, in one line.
-std::string Areas();
-
-// Whether a task may name the path at all.
-bool LibraryTakes(const std::string& path);
-
 // Why the library answered a command with `result`, which is no task's id.
-std::string ExplainRefusal(int result, const TaskRequest& request);
-
-// Why a task never began: one of its paths.
-std::string ExplainPathRefusal(const TaskRequest& request);
+std::string ExplainRefusal(int result);
 
 // What to do about a task that began and failed.
-std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& request);
+std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& request,
+                           bool log_is_shown);
 
 enum class Ending {
     kSucceeded,  // in spite of the abort
@@ -31,8 +22,10 @@ enum class Ending {
     kUnfinished,  // it was not waited for
 };
 
-// What an interrupted task leaves behind. `slices` says it of its slices, if it has any.
-std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Ending ending,
-                         const std::string& slices);
+// What an interrupted task leaves behind, but for slices that a backup hands over.
+std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Ending ending);
+
+// How the library brings the task to an end that it is asked to abort.
+std::string DescribeStop(const TaskKind& kind);
 
 }  // namespace peltexctl

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "shell/thread_list.h"
+#include "archive/tally.h"
 
 namespace peltexctl {
 
@@ -42,29 +42,36 @@ bool EndsTask(const StatusEvent& event);
 // Whether a task never began, because of one of its paths.
 bool RefusesPath(const StatusEvent& event);
 
+// A status in words, such as "started".
+std::string DescribeStatus(const StatusEvent& event);
+
 // What a task has done, as far as it is known.
 struct TaskSummary {
     int task = 0;
     double seconds = 0;
-    std::optional<uint64_t> entries;
-    std::optional<uint64_t> bytes;  // of content
+    std::optional<Tally> tally;  // of what it has brought
     std::optional<uint64_t> slices;
     bool has_rate = false;  // whether the bytes were moved in these seconds
 };
 
-// A status in words, such as "started".
-std::string DescribeStatus(const StatusEvent& event);
+struct ThreadInfo {
+    std::string name;  // raw bytes, at most 15
+    int tid;
+    int nice;
+};
 
 class EventWriter {
   public:
     enum class Format { kJson, kText };
 
-    explicit EventWriter(Format format) : format_(format) {}
+    // A `quiet` one tells only what went wrong.
+    explicit EventWriter(Format format, bool quiet = false) : format_(format), quiet_(quiet) {}
 
     EventWriter(const EventWriter&) = delete;
     EventWriter& operator=(const EventWriter&) = delete;
 
     bool json() const { return format_ == Format::kJson; }
+    bool quiet() const { return quiet_; }
 
     void Session(int session);
     void Result(const std::string& command, int result);
@@ -75,11 +82,14 @@ class EventWriter {
     void Threads(const std::vector<ThreadInfo>& threads);
     // In words it goes to standard error.
     void Error(const std::string& message);
+    // The same for what is no failure.
+    void Note(const std::string& message);
 
   private:
     void WriteLine(std::string_view line);
 
     const Format format_;
+    const bool quiet_;
     std::mutex mutex_;  // one line at a time
 };
 

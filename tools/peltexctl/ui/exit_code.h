@@ -17,13 +17,11 @@ struct ExitCodeText {
 };
 
 inline constexpr ExitCodeText kExitCodeTexts[] = {
-    {kDone, "What was asked for is done; of a shell: no task failed."},
-    {kTaskFailed,
-     "A task failed, was refused, was aborted by somebody else or timed out; an archive is not "
-     "whole or cannot be read; output could not be written."},
-    {kUsage, "The command line is wrong."},
-    {kNoLibraryOrData, "The library could not be loaded, or --data could not be mounted."},
-    {kInterrupted, "SIGINT or SIGTERM ended it; standard error tells what is left."},
+    {kDone, "done, and all of it is there"},
+    {kTaskFailed, "refused, failed or incomplete; an archive is not whole"},
+    {kUsage, "the command line is wrong"},
+    {kNoLibraryOrData, "no library, or --data could not be mounted"},
+    {kInterrupted, "ended by SIGINT, SIGTERM or SIGHUP"},
 };
 
 }  // namespace peltexctl

@@ -1,13 +1,10 @@
 // Tested by tests/peltexctl/test_terminal.py.
 #include "ui/progress_view.h"
 
-#include <android/log.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <string_view>
 #include <utility>
 
 #include "ui/terminal.h"
@@ -22,52 +19,34 @@ constexpr std::chrono::seconds kLineInterval{1};
 constexpr size_t kMaxBar = 40;
 constexpr size_t kMinBar = 10;
 
-std::mutex g_log_mutex;
-ProgressView* g_log_view = nullptr;  // protected by g_log_mutex
-
-// Logged as an error for each further part of a cut file, which is none.
-bool IsNoError(const __android_log_message& message) {
-    return __android_log_get_minimum_priority() == ANDROID_LOG_ERROR &&
-           std::string_view(message.message) == "CreateFile:appending this file\n";
-}
-
-void LogPastBar(const __android_log_message* message) {
-    if (IsNoError(*message)) {
-        return;
-    }
-    const std::lock_guard lock(g_log_mutex);
-    if (g_log_view == nullptr) {
-        __android_log_stderr_logger(message);
-    } else {
-        g_log_view->Aside([message] { __android_log_stderr_logger(message); });
-    }
-}
-
-void SetLogView(ProgressView* view) {
-    const std::lock_guard lock(g_log_mutex);
-    g_log_view = view;
-}
-
 }  // namespace
 
-ProgressView::ProgressView(Scale scale, std::function<std::string()> slices)
-    : scale_(scale), slices_(std::move(slices)), redraws_(CanRedraw(stderr)) {
-    SetLogView(this);
-    __android_log_set_logger(LogPastBar);
-}
+ProgressView::ProgressView(bool quiet) : quiet_(quiet), redraws_(CanRedraw(stderr)) {}
 
 ProgressView::~ProgressView() {
-    SetLogView(nullptr);
-    EraseBar();
+    End();
 }
 
-void ProgressView::Heard(const StatusEvent& event) {
+void ProgressView::Begin(const std::string& label, uint64_t total) {
     const std::lock_guard lock(mutex_);
-    if (event.code == kStatusProgress) {
-        done_ = std::strtoull(event.message.c_str(), nullptr, 10);
-    }
-    task_ = event.task;
-    running_ = event.code == kStatusStarted || (running_ && !EndsTask(event));
+    done_ = 0;
+    label_ = label;
+    note_.clear();
+    total_ = total;
+    start_ = Clock::now();
+    // A bar is there at once; a line tells of what has gone on for a while.
+    next_shown_ = start_ + (redraws_ ? Clock::duration::zero() : kLineInterval);
+}
+
+void ProgressView::SetNote(const std::string& note) {
+    const std::lock_guard lock(mutex_);
+    note_ = note;
+}
+
+void ProgressView::End() {
+    const std::lock_guard lock(mutex_);
+    label_.clear();
+    EraseBar();
 }
 
 void ProgressView::Aside(const std::function<void()>& print) {
@@ -77,44 +56,35 @@ void ProgressView::Aside(const std::function<void()>& print) {
 }
 
 void ProgressView::Tick() {
-    const std::lock_guard lock(mutex_);
-    const Clock::time_point now = Clock::now();
-    if (!running_ || now - std::max(last_shown_, start_) <
-                         (redraws_ ? Clock::duration(kBarInterval) : kLineInterval)) {
+    if (quiet_) {
         return;
     }
-    last_shown_ = now;
+    const std::lock_guard lock(mutex_);
+    const Clock::time_point now = Clock::now();
+    if (label_.empty() || now < next_shown_) {
+        return;
+    }
+    next_shown_ = now + (redraws_ ? Clock::duration(kBarInterval) : kLineInterval);
     if (redraws_) {
         DrawBar();
     } else {
-        PrintLine();
-    }
-}
-
-void ProgressView::Report() {
-    const std::lock_guard lock(mutex_);
-    EraseBar();
-    PrintLine();
-}
-
-void ProgressView::PrintLine() const {
-    if (running_) {
-        fmt::print(stderr, "task {}: {}\n", task_, Standing());
-    } else {
-        fmt::print(stderr, "no task is running\n");
+        fmt::print(stderr, "{}: {}\n", label_, Standing());
     }
 }
 
 void ProgressView::DrawBar() {
     std::string line = Standing();
     const size_t columns = Columns(stderr) - 1;
-    if (scale_.total > 0 && columns > line.size() + kMinBar + 3) {
-        const size_t width = std::min(columns - line.size() - 3, kMaxBar);
+    const size_t taken = label_.size() + 2 + line.size();
+    if (total_ > 0 && columns > taken + kMinBar + 3) {
+        const size_t width = std::min(columns - taken - 3, kMaxBar);
         const auto filled = static_cast<size_t>(Share() * static_cast<double>(width));
-        line = fmt::format("[{}{}] {}", Paint(stderr, Colour::kGreen, std::string(filled, '#')),
-                           std::string(width - filled, '.'), line);
+        line =
+            fmt::format("{}: [{}{}] {}", label_,
+                        Paint(stderr, Colour::kGreen, std::string(filled, '#')),
+                        std::string(width - filled, '.'), line);
     } else {
-        line.resize(std::min(line.size(), columns));
+        line = fmt::format("{}: {}", label_, line).substr(0, columns);
     }
     fmt::print(stderr, "\r{}\x1b[K", line);
     bar_shown_ = true;
@@ -126,25 +96,30 @@ void ProgressView::EraseBar() {
     }
 }
 
+// Of the expected bytes, 0 to 1. Files may have grown since those were counted.
 double ProgressView::Share() const {
-    return static_cast<double>(std::min(done_, scale_.total)) / static_cast<double>(scale_.total);
+    return static_cast<double>(std::min(done_.load(), total_)) / static_cast<double>(total_);
 }
 
 std::string ProgressView::Standing() const {
     const std::chrono::duration<double> elapsed = Clock::now() - start_;
+    const uint64_t done = done_;
     std::string text;
-    if (scale_.total > 0) {
-        text = fmt::format("{:2} %, {} of {}, ", static_cast<int>(100 * Share()), HumanSize(done_),
-                           HumanSize(scale_.total));
-    } else if (scale_.counts_bytes) {
-        text = HumanSize(done_) + ", ";
+    if (total_ > 0) {
+        text = fmt::format("{:2} %, {} of {}, ", static_cast<int>(100 * Share()), HumanSize(done),
+                           HumanSize(total_));
+    } else if (done > 0) {
+        text = HumanSize(done) + ", ";
     }
-    if (scale_.counts_bytes) {
-        text += HumanRate(done_, elapsed.count()) + ", ";
+    if (done > 0) {
+        text += HumanRate(done, elapsed.count()) + ", ";
     }
-    text += HumanTime(elapsed.count());
-    const std::string slices = slices_();
-    return slices.empty() ? text : text + ", " + slices;
+    if (total_ > 0 && done > 0) {
+        text += HumanTime(elapsed.count() * (1 / Share() - 1)) + " left";
+    } else {
+        text += HumanTime(elapsed.count());
+    }
+    return note_.empty() ? text : text + ", " + note_;
 }
 
 }  // namespace peltexctl

@@ -17,16 +17,8 @@ sigset_t g_held;  // constant after HoldSignals()
 std::thread* g_thread = nullptr;
 std::mutex g_mutex;
 // Protected by g_mutex. Never destroyed: the program may end while the thread runs.
-SignalScope::Handler& g_report = *new SignalScope::Handler;
-SignalScope::Handler& g_end = *new SignalScope::Handler;
-
-void Handle(int number) {
-    const std::lock_guard lock(g_mutex);
-    const SignalScope::Handler& handler = number == SIGUSR1 ? g_report : g_end;
-    if (handler) {
-        handler();
-    }
-}
+SignalScope::Handler& g_handler = *new SignalScope::Handler;
+int g_times = 0;
 
 // Ends the thread. Nobody else sends it.
 int StopSignal() {
@@ -37,28 +29,31 @@ void Loop() {
     pthread_setname_np(pthread_self(), "signals");
     int number = 0;
     while (sigwait(&g_held, &number) == 0 && number != StopSignal()) {
-        Handle(number);
+        const std::lock_guard lock(g_mutex);
+        if (g_handler) {
+            g_handler(++g_times);
+        }
     }
 }
 
 }  // namespace
 
-SignalScope::SignalScope(Handler report, Handler end) {
+SignalScope::SignalScope(Handler handler) {
     const std::lock_guard lock(g_mutex);
-    report_before_ = std::exchange(g_report, std::move(report));
-    end_before_ = std::exchange(g_end, std::move(end));
+    before_ = std::exchange(g_handler, std::move(handler));
+    times_before_ = std::exchange(g_times, 0);
 }
 
 SignalScope::~SignalScope() {
     const std::lock_guard lock(g_mutex);
-    g_report = std::move(report_before_);
-    g_end = std::move(end_before_);
+    g_handler = std::move(before_);
+    g_times = times_before_;
 }
 
 void HoldSignals() {
     sigemptyset(&g_held);
     sigaddset(&g_held, StopSignal());
-    for (const int number : {SIGINT, SIGTERM, SIGUSR1}) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action = {};
         // Jobs in the background of a script are started so that Ctrl-C leaves them alone.
         if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {

@@ -1,26 +1,27 @@
-// The signals that a user sends, taken by a thread of their own so that no call is cut short by
-// them: SIGUSR1 asks where things stand, SIGINT and SIGTERM ask for the end.
+// The signals that ask for the end - SIGINT, SIGTERM, SIGHUP - taken by a thread of their own, so
+// that no call is cut short by them.
 #pragma once
 
 #include <functional>
 
 namespace peltexctl {
 
-// What the signals do while this object lives; afterwards they do what they did before. The
-// functions are called on the signals' thread, one at a time, and not after the destructor.
+// What a signal does while this object lives; afterwards it does what it did before. The handler is
+// called on the signals' thread, one at a time and not after the destructor, with how many signals
+// have come meanwhile. It must not wait, so that the next signal finds it free.
 class SignalScope {
   public:
-    using Handler = std::function<void()>;
+    using Handler = std::function<void(int times)>;
 
-    SignalScope(Handler report, Handler end);
+    explicit SignalScope(Handler handler);
     ~SignalScope();
 
     SignalScope(const SignalScope&) = delete;
     SignalScope& operator=(const SignalScope&) = delete;
 
   private:
-    Handler report_before_;
-    Handler end_before_;
+    Handler before_;
+    int times_before_;
 };
 
 // From here on the signals are held back from this thread and from those made later. One that was

@@ -2,6 +2,7 @@
 #include "ui/terminal.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -20,20 +21,6 @@ std::string_view Environment(const char* name) {
     return value != nullptr ? value : "";
 }
 
-const char* Sequence(Colour colour) {
-    switch (colour) {
-        case Colour::kBold:
-            return "\x1b[1m";
-        case Colour::kRed:
-            return "\x1b[31m";
-        case Colour::kGreen:
-            return "\x1b[32m";
-        case Colour::kYellow:
-            return "\x1b[33m";
-    }
-    return "";
-}
-
 }  // namespace
 
 bool CanRedraw(FILE* stream) {
@@ -45,7 +32,7 @@ std::string Paint(FILE* stream, Colour colour, const std::string& text) {
     if (!CanRedraw(stream) || !Environment("NO_COLOR").empty()) {
         return text;
     }
-    return Sequence(colour) + text + "\x1b[0m";
+    return fmt::format("\x1b[{}m{}\x1b[0m", 31 + static_cast<int>(colour), text);
 }
 
 size_t Columns(FILE* stream) {
@@ -55,6 +42,14 @@ size_t Columns(FILE* stream) {
 
 void PrintError(const std::string& message) {
     fmt::print(stderr, "{} {}\n", Paint(stderr, Colour::kRed, "peltexctl:"), EscapeBytes(message));
+}
+
+void TellLast(const std::string& message) {
+    const std::string line = fmt::format("peltexctl: {}\n", EscapeBytes(message));
+    pollfd ready = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT) != 0) {
+        [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.data(), line.size());
+    }
 }
 
 }  // namespace peltexctl

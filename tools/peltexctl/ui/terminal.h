@@ -10,7 +10,7 @@
 
 namespace peltexctl {
 
-enum class Colour { kBold, kRed, kGreen, kYellow };
+enum class Colour { kRed, kGreen, kYellow };
 
 // Whether `stream` is a terminal that can draw over a line: TERM=dumb says that it cannot.
 bool CanRedraw(FILE* stream);
@@ -24,5 +24,9 @@ size_t Columns(FILE* stream);
 
 // "peltexctl: MESSAGE" on standard error, as one line whatever bytes are in it.
 void PrintError(const std::string& message);
+
+// The same for a program that ends: takes no lock and waits for nobody. What a full pipe does not
+// take is not told.
+void TellLast(const std::string& message);
 
 }  // namespace peltexctl

@@ -1,13 +1,9 @@
-// What is known of the tasks that the library was given: which statuses came, which have ended.
+// What the shell knows of the tasks that the library was given: which statuses came, which have
+// ended. A task that a session takes out of the queue with its end is not told of, and never ends
+// here.
 //
 // Thread-safe. Statuses are recorded on the library's threads, some of them with the library's
 // lock held; nothing here calls the library.
-//
-// A task ends with its last status, or without one: when it is taken out of the queue, by an abort
-// or by the end of its session. The library tells nobody which queued tasks a session took with
-// it, so that is worked out here by the same walk over the queue. What is not known is whether a
-// worker had taken a task and not yet said so; a status that arrives for a task believed dropped
-// says it had, and the walk is done again without that task.
 #pragma once
 
 #include <chrono>
@@ -15,7 +11,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -36,9 +31,6 @@ class TaskTracker {
     // Records that an abort of the task was accepted: one that was running has status 2 by then.
     void AbortAccepted(int task);
 
-    // Records that the session was finished.
-    void SessionFinished(int session);
-
     // Waits until the task has ended. Returns its last code (2 if it never ran), or nothing at the
     // deadline.
     std::optional<int> WaitEnded(int task, Clock::time_point deadline);
@@ -47,11 +39,12 @@ class TaskTracker {
     // takes it. Returns false at the deadline.
     bool WaitStatus(int task, int code, Clock::time_point deadline);
 
-    // Waits until every given task has ended. Returns those that have not at the deadline.
-    std::vector<int> WaitAllEnded(Clock::time_point deadline);
+    // Waits until every given task of these sessions has ended. Returns those that have not at the
+    // deadline.
+    std::vector<int> WaitAllEnded(const std::vector<int>& sessions, Clock::time_point deadline);
 
-    // A line for each given task that has not ended: its id, and what was last heard of it.
-    std::vector<std::string> DescribeUnfinished() const;
+    // The given tasks that have not ended, and what was last heard of each; waits for nobody.
+    std::string DescribeUnfinished() const;
 
     // True if a given task ended with -1.
     bool AnyFailed() const;
@@ -60,7 +53,6 @@ class TaskTracker {
     struct Task {
         int session = 0;
         bool given = false;
-        bool heard = false;
         bool ended = false;
         int last_code = 0;         // of an ended task
         std::string last_words;    // its last status, as people read it
@@ -68,26 +60,9 @@ class TaskTracker {
         std::map<int, int> taken;  // of those, the ones that WaitStatus() has answered with
     };
 
-    // A finished session and the tasks that seemed queued when it was, in order.
-    struct FinishedSession {
-        int session;
-        std::vector<int> queue;
-    };
-
-    void FindDropped();
-    std::vector<int> DroppedFrom(const FinishedSession& finished) const;
-    bool HasEnded(int id, const Task& task) const;
-    template <typename Condition>
-    bool WaitUntil(std::unique_lock<std::mutex>& lock, Clock::time_point deadline,
-                   Condition condition);
-
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    // Protected by mutex_.
-    std::map<int, Task> tasks_;
-    std::vector<FinishedSession> finished_;
-    std::set<int> dropped_;
-    Clock::time_point dropped_sure_{};  // when what dropped_ says may be relied on
+    std::map<int, Task> tasks_;  // protected by mutex_
 };
 
 }  // namespace peltexctl
