@@ -48,10 +48,6 @@ const TypeWords& WordsOf(char type) {
     return *row;
 }
 
-bool HasLink(const ArchiveEntry& entry) {
-    return entry.type == TYPE_SYMLINK || entry.type == '1';
-}
-
 std::string ModeAsText(uint32_t mode, char letter) {
     constexpr char kBits[] = "rwxrwxrwx";
     std::string text(1, letter);
@@ -138,7 +134,7 @@ std::string EntryAsText(const ArchiveEntry& entry) {
         *words.name == '\0'
             ? ""
             : fmt::format(" ({}{})", words.name, entry.IsRestored() ? "" : ", not restored");
-    const std::string link = HasLink(entry) ? " -> " + EscapeBytes(entry.link) : "";
+    const std::string link = !entry.link.empty() ? " -> " + EscapeBytes(entry.link) : "";
     return fmt::format("{} {:>11} {:>10} {} {}{}{}", ModeAsText(entry.mode, words.letter),
                        fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size),
                        TimeAsText(entry.mtime), EscapeBytes(entry.name), link, note);
@@ -153,7 +149,7 @@ std::string EntryAsJson(const ArchiveEntry& entry) {
                    {"size", entry.size},
                    {"mtime", entry.mtime}};
     SetBytes(&object, "name", entry.name);
-    if (HasLink(entry)) {
+    if (!entry.link.empty()) {
         SetBytes(&object, "link", entry.link, "raw_link");
     }
     return JsonLine(object);

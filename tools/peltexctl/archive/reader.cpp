@@ -157,14 +157,12 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
             return Finish(ArchiveEnd::kRefusedName);
         }
         if (header.typeflag == TYPE_LONG_NAME) {
-            TakeRecord(&long_name_);
+            TakeRecord(&long_name_, "name");
         } else if (header.typeflag == TYPE_LONG_LINK) {
-            TakeRecord(&long_link_);
+            TakeRecord(&long_link_, "target");
         } else {
             FillEntry(entry);
-            // Links and directories have no content, whatever their size says.
-            const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
-            return !has_content || SkipContent(entry->size);
+            return SkipContent(entry->size);
         }
         entry->name.clear();  // of a record that is cut, there is no entry to blame
     }
@@ -190,47 +188,55 @@ bool ArchiveReader::ReadHeader() {
     return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
 }
 
-void ArchiveReader::TakeRecord(std::optional<std::string>* text) {
+// A restore passes over a record of more bytes than a path has.
+void ArchiveReader::TakeRecord(std::optional<std::string>* text, std::string_view what) {
     const uint64_t size =
         NumberAt(offsetof(tar_header, size), sizeof(tar_header::size), UINT64_MAX, "size");
+    char buffer[kTarPathSize] = {};
     text->reset();
     if (size >= kTarPathSize) {
-        lost_record_ = true;
-    } else {
-        char buffer[kTarPathSize] = {};
-        if (file_.ReadAt(position_, buffer, static_cast<size_t>(size))) {
-            *text = buffer;
-        }
+        misread_ = what;
+    } else if (file_.ReadAt(position_, buffer, static_cast<size_t>(size))) {
+        *text = buffer;
     }
     SkipContent(size);
 }
 
 void ArchiveReader::FillEntry(ArchiveEntry* entry) {
     const tar_header& header = block_.header;
+    const bool is_link = header.typeflag == TYPE_SYMLINK || header.typeflag == '1';
     entry->header = header;
     entry->type =
         header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR) : header.typeflag;
-    const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
-    entry->size = NumberAt(offsetof(tar_header, size), sizeof(header.size),
-                           has_content ? UINT64_MAX : 0, "size");
     entry->mode = static_cast<uint32_t>(
         NumberAt(offsetof(tar_header, mode), sizeof(header.mode), 07777, "mode") & 07777);
     entry->uid = NumberAt(offsetof(tar_header, uid), sizeof(header.uid), UINT32_MAX, "uid");
     entry->gid = NumberAt(offsetof(tar_header, gid), sizeof(header.gid), UINT32_MAX, "gid");
     entry->mtime = NumberAt(offsetof(tar_header, mtime), sizeof(header.mtime), 0, "");
+    // Links and directories have no content, whatever their size says.
+    const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
+    entry->size =
+        has_content ? NumberAt(offsetof(tar_header, size), sizeof(header.size), UINT64_MAX, "size")
+                    : 0;
     entry->data_offset = position_;
-    entry->long_name = long_name_.has_value();
-    entry->long_link = long_link_.has_value();
-    entry->lost_record = std::exchange(lost_record_, false);
-    entry->misread = std::exchange(misread_, nullptr);
-    entry->link = long_link_ ? *long_link_ : block_.bytes() + offsetof(tar_header, linkname);
-    long_name_.reset();
-    long_link_.reset();
+    // Other programs put the front of a long name into the prefix; theirs is the other version.
+    const std::string_view marks(block_.bytes() + offsetof(tar_header, magic), 8);
+    if (!long_name_ && header.prefix[0] != '\0' &&
+        marks == std::string_view("ustar\0"
+                                  "00",
+                                  8)) {
+        misread_ = "name";
+    }
+    entry->name = TextAt(offsetof(tar_header, name), sizeof(header.name), &long_name_, "name");
+    entry->link = TextAt(offsetof(tar_header, linkname), is_link ? sizeof(header.linkname) : 0,
+                         &long_link_, "target");
+    entry->misread = std::exchange(misread_, {});
 }
 
 // The field as a restore reads it: one without a digit takes its value from what follows. Makes a
 // note when the bits of `mask`, those that are used, say something else to other programs.
-uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask, const char* what) {
+uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask,
+                                 std::string_view what) {
     const char* const field = block_.bytes() + offset;
     const uint64_t value = ParseOctalStr(field, width);
     const std::optional<uint64_t> standard = StandardNumber(field, width);
@@ -238,6 +244,19 @@ uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask, con
         misread_ = what;
     }
     return value;
+}
+
+// The text of a record, which is used up, or else of the field: a restore reads on behind one that
+// is full. Empty for a field without a width.
+std::string ArchiveReader::TextAt(size_t offset, size_t width, std::optional<std::string>* record,
+                                  std::string_view what) {
+    const char* const field = block_.bytes() + offset;
+    std::string text = width == 0 ? "" : *record ? **record : field;
+    if (width > 0 && !*record && text.size() >= width) {
+        misread_ = what;
+    }
+    record->reset();
+    return text;
 }
 
 // Moves behind `size` bytes of content and what fills their last block.

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/file_handles.h"
 #include "tar/tar_header.h"
@@ -44,7 +45,7 @@ class ArchiveFile {
 struct ArchiveEntry {
     char type = '\0';   // as stored, but '0' for the old mark of a regular file, NUL
     std::string name;   // as a restore takes it
-    std::string link;   // the target, for links
+    std::string link;   // the target of a link
     uint32_t mode = 0;  // permission bits
     uint64_t uid = 0;
     uint64_t gid = 0;
@@ -52,10 +53,7 @@ struct ArchiveEntry {
     uint64_t mtime = 0;
     uint64_t data_offset = 0;
     android::installd::tar_header header{};
-    bool long_name = false;  // the name or target comes from a record in front of the header
-    bool long_link = false;
-    bool lost_record = false;       // such a record was there, but longer than a restore takes
-    const char* misread = nullptr;  // the number that other programs read otherwise
+    std::string_view misread;  // what of it other programs read otherwise, "size" or the like
 
     // A file's part that was cut because its slice was full, so that more must follow. A first part
     // of any other size is that of a file which ended just there.
@@ -106,9 +104,11 @@ class ArchiveReader {
 
   private:
     bool ReadHeader();
-    void TakeRecord(std::optional<std::string>* text);
+    void TakeRecord(std::optional<std::string>* text, std::string_view what);
     void FillEntry(ArchiveEntry* entry);
-    uint64_t NumberAt(size_t offset, size_t width, uint64_t mask, const char* what);
+    uint64_t NumberAt(size_t offset, size_t width, uint64_t mask, std::string_view what);
+    std::string TextAt(size_t offset, size_t width, std::optional<std::string>* record,
+                       std::string_view what);
     bool SkipContent(uint64_t size);
     bool Finish(ArchiveEnd end);
 
@@ -120,8 +120,7 @@ class ArchiveReader {
     ArchiveEnd end_ = ArchiveEnd::kNotYet;
     std::optional<std::string> long_name_;
     std::optional<std::string> long_link_;
-    bool lost_record_ = false;
-    const char* misread_ = nullptr;
+    std::string_view misread_;
 };
 
 }  // namespace peltexctl

@@ -25,25 +25,6 @@ constexpr uint64_t kFirstApplicationUid = 10000;
 constexpr size_t kLongestComponent = 255;
 constexpr size_t kMostDoubtful = 10000;
 
-bool IsFull(const char* field, size_t size) {
-    return std::memchr(field, '\0', size) == nullptr;
-}
-
-// The packer takes the rest of a file's last block from the size as a signed number of 32 bits, so
-// that nothing fills the block behind some large files.
-bool LacksPadding(const ArchiveFile& file, const ArchiveEntry& entry) {
-    const uint64_t end = entry.data_offset + entry.size;
-    if (!entry.IsFile() || entry.size % kBlockSize == 0 ||
-        !(entry.Continues() || entry.size > INT32_MAX)) {
-        return false;
-    }
-    char magic[5] = {};
-    const bool header_follows =
-        file.ReadAt(end + offsetof(tar_header, magic), magic, sizeof(magic)) &&
-        std::memcmp(magic, "ustar", sizeof(magic)) == 0;
-    return header_follows || file.size() - end == kEndBlocksSize;
-}
-
 std::string_view ParentOf(std::string_view path) {
     const size_t slash = path.rfind('/');
     return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
@@ -69,19 +50,13 @@ std::string_view LastComponent(const ArchiveEntry& entry) {
     return name.substr(name.rfind('/') + 1);
 }
 
-TallyEntry AsTallied(const ArchiveEntry& entry, const std::string& path) {
-    const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
-    return {path, type, entry.IsFile() ? entry.size : 0,
-            type == TYPE_SYMLINK ? std::string_view(entry.link) : std::string_view(),
-            ArchivedMode(type, entry.mode)};
-}
-
-// Gives what is restored to `visit`, without the destination itself.
-EntryVisitor TalliedOf(const std::function<void(const TallyEntry&)>& visit) {
+// Gives what a restore makes of an entry to `visit`, but for the destination itself.
+EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
     return [&visit](const ArchiveEntry& entry) {
         const std::string path = entry.Path();
+        const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
         if (entry.IsRestored() && !path.empty()) {
-            visit(AsTallied(entry, path));
+            visit({path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
         }
     };
 }
@@ -102,7 +77,8 @@ class SetVerifier {
         }
         joiner_.Finish();
         if (set_.is_check_file() && set_.size() > 0) {
-            CloseOpenPart(true);
+            CloseOpenPart(false,
+                          "ends just where the last slice does: a further one may be missing");
             CheckLastSliceFull();
         }
         LookAgain();
@@ -111,14 +87,6 @@ class SetVerifier {
 
   private:
     enum class Met { kNot, kLink, kOther };
-
-    // A cut file's part that fills its slice, so that the next slice goes on with the file.
-    struct OpenPart {
-        std::string slice;
-        std::string name;
-        char type;
-        bool odd_end;  // see HasOddEnd()
-    };
 
     void Tell(Severity severity, const std::string& slice, const std::string& entry,
               const std::string& message) {
@@ -152,12 +120,12 @@ class SetVerifier {
         const bool has_size = CheckSize(*file, index);
         ArchiveReader reader(*file, NameRoom());
         ArchiveEntry entry;
-        for (first_ = true; reader.Next(&entry); first_ = false) {
+        for (is_first_ = true; reader.Next(&entry); is_first_ = false) {
             CheckEntry(*file, entry);
-            joiner_.Take(entry, first_);
+            joiner_.Take(entry, is_first_);
         }
-        // A size that is read otherwise leads elsewhere: that goes without saying, too.
-        if (has_size && (entry.misread == nullptr || reader.end() == ArchiveEnd::kEndBlocks)) {
+        // What of the end follows from such a size goes without saying.
+        if (has_size && (entry.misread != "size" || reader.end() == ArchiveEnd::kEndBlocks)) {
             CheckEnd(*file, reader, entry);
         }
         begin_known_ = reader.end() == ArchiveEnd::kEndBlocks && set_.is_check_file();
@@ -166,24 +134,24 @@ class SetVerifier {
         }
     }
 
-    // A slice of another size does not end as it should either: that goes without saying.
     bool CheckSize(const ArchiveFile& file, size_t index) {
-        if (file.size() != set_.SizeOf(index)) {
+        const bool is_listed = file.size() == set_.SizeOf(index);
+        if (!is_listed) {
             Fault("", fmt::format("has {} bytes, the check file says {}", file.size(),
                                   set_.SizeOf(index)));
         } else if (file.size() % kBlockSize != 0) {
-            Fault("", fmt::format("its size of {} bytes is no multiple of 512, so a restore takes "
-                                  "nothing of it",
+            Fault("", fmt::format("has {} bytes, no multiple of 512: a restore takes nothing of it",
                                   file.size()));
-        } else {
-            return true;
         }
-        return false;
+        return is_listed && file.size() % kBlockSize == 0;
     }
 
     void CheckEntry(const ArchiveFile& file, const ArchiveEntry& entry) {
+        if (!entry.misread.empty()) {
+            Fault(entry.name, fmt::format("a restore and other programs read its {} differently",
+                                          entry.misread));
+        }
         if (entry.IsRestored()) {
-            CheckName(entry);
             CheckPlace(entry);
         } else {
             // These two hold nothing that could come back.
@@ -192,9 +160,6 @@ class SetVerifier {
                  fmt::format("a restore passes over this {}", TypeName(entry.type)));
         }
         CheckPart(file, entry);
-        if (LacksPadding(file, entry)) {
-            Fault(entry.name, "nothing fills its last block, so what lies behind cannot be read");
-        }
         // Owners from the first application's on become the one that a restore is for.
         if (entry.IsFile() && !entry.Continues() && (entry.mode & S_ISUID) != 0 &&
             entry.uid < kFirstApplicationUid) {
@@ -202,56 +167,26 @@ class SetVerifier {
         }
     }
 
-    void CheckName(const ArchiveEntry& entry) {
-        const tar_header& header = entry.header;
-        if (entry.misread != nullptr) {
-            Fault(entry.name, fmt::format("a restore and other programs read its {} as different "
-                                          "numbers",
-                                          entry.misread));
-        }
-        if (entry.lost_record) {
-            Fault(entry.name, "a name or target of more than 2,046 bytes comes back cut");
-        } else if (!entry.long_name && IsFull(header.name, sizeof(header.name))) {
-            Fault(entry.name, "its name fills the field, and a restore reads on behind it");
-        }
-        if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
-            Fault(entry.name, "a link without a target, which no file system takes");
-        } else if (entry.type == TYPE_SYMLINK && !entry.long_link &&
-                   IsFull(header.linkname, sizeof(header.linkname))) {
-            Fault(entry.name, "its target fills the field, and a restore reads on behind it");
-        }
-        // Other programs put the front of a long name there; theirs is the other version field.
-        if (!entry.long_name && header.prefix[0] != '\0' &&
-            std::memcmp(header.magic,
-                        "ustar\0"
-                        "00",
-                        8) == 0) {
-            Fault(entry.name, "the directories in its prefix field do not come back");
-        }
-    }
-
     // Where a restore puts the entry: what no file system takes, what it passes over, what lies
     // outside the destination or may.
     void CheckPlace(const ArchiveEntry& entry) {
         const std::string path = entry.Path();
+        const std::string full = (destination_.empty() ? "/" : destination_) + entry.name;
         const std::string_view last = LastComponent(entry);
-        if (last == "..") {
-            return Fault(entry.name, "leaves the directory to be restored");
-        }
-        if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
-            return Fault(entry.name, "is no name that a restore can make something of");
-        }
         const auto is_long = [](std::string_view each) {
             return each.size() - (each.rfind('/') + 1) > kLongestComponent;
         };
-        if (AnyUpwards(path, is_long)) {
-            return Fault(entry.name, "no file system takes a component of more than 255 bytes");
-        }
-        const std::string full = (destination_.empty() ? "/" : destination_) + entry.name;
-        if (full.find("/com.tencent.mm/tinker/") != std::string::npos) {
-            return Fault(entry.name, "lies in a directory that a restore passes over");
-        }
-        if (!path.empty()) {
+        if (last == "..") {
+            Fault(entry.name, "leaves the directory to be restored");
+        } else if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
+            Fault(entry.name, "is no name that a restore can make something of");
+        } else if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
+            Fault(entry.name, "a link without a target, which no file system takes");
+        } else if (AnyUpwards(path, is_long)) {
+            Fault(entry.name, "no file system takes a component of more than 255 bytes");
+        } else if (full.find("/com.tencent.mm/tinker/") != std::string::npos) {
+            Fault(entry.name, "lies in a directory that a restore passes over");
+        } else if (!path.empty()) {
             if (!MayGoThroughLink(path)) {
                 CheckParent(entry, path);
             }
@@ -263,14 +198,12 @@ class SetVerifier {
     void CheckParent(const ArchiveEntry& entry, std::string_view path) {
         const std::string_view parent = ParentOf(path);
         if (set_.kind() == ArchiveSet::Kind::kSlice || HasDirectory(parent)) {
-            return;
+        } else if (entry.IsFile() && HasDirectory(ParentOf(parent))) {
+            Warn(entry.name, "its directory has no entry in front of it: it gets this file's mode");
+            seen_.Add(parent, PathMark::kDirectory);
+        } else {
+            Fault(entry.name, "its directory has no entry in front of it: it does not come back");
         }
-        if (!entry.IsFile() || !HasDirectory(ParentOf(parent))) {
-            return Fault(entry.name,
-                         "does not come back: no entry in front of it is its directory");
-        }
-        Warn(entry.name, "no entry in front of it is its directory, which gets this file's mode");
-        seen_.Add(parent, PathMark::kDirectory);
     }
 
     bool HasDirectory(std::string_view path) {
@@ -279,13 +212,12 @@ class SetVerifier {
 
     bool MayGoThroughLink(std::string_view path) {
         bool may_go = false;
-        AnyUpwards(has_links_ ? path : "", [this, &may_go](std::string_view each) {
-            if (seen_.MayHave(each, PathMark::kLink)) {
+        for (; has_links_ && !path.empty(); path = ParentOf(path)) {
+            if (seen_.MayHave(path, PathMark::kLink)) {
                 may_go = true;
-                LookAgainFor(each);
+                LookAgainFor(path);
             }
-            return false;
-        });
+        }
         return may_go;
     }
 
@@ -363,50 +295,38 @@ class SetVerifier {
             (entry.Continues() || entry.FillsSlice())) {
             return Fault(entry.name, "one part of a cut file: the others lie in other slices");
         }
-        if (open_part_ && !first_) {
-            Fault(open_part_->name,
-                  "its part ends before its slice does: its header promises more than there was");
-            open_part_.reset();
-        }
-        if (entry.Continues()) {
-            CheckContinuation(entry);
-        } else if (first_) {
-            CloseOpenPart(false);
+        const bool goes_on =
+            open_part_ && is_first_ && entry.Continues() && open_part_->entry == entry.name;
+        if (!goes_on && entry.Continues() && (begin_known_ || !is_first_)) {
+            Fault(entry.name, "continues a file that does not go on here");
+        } else if (!goes_on) {
+            CloseOpenPart(!is_first_, "");
         }
         open_part_.reset();
         if (entry.FillsSlice()) {
-            open_part_ = {slice_, entry.name, entry.type, HasOddEnd(file, entry)};
+            open_part_ = Finding{Severity::kWarning, slice_, entry.name, ""};
+            if (entry.type == TYPE_MIDDLE_PART) {
+                open_part_->severity = Severity::kFault;
+                open_part_->message = "its next part is not there";
+            } else if (HasOddEnd(file, entry)) {
+                open_part_->severity = Severity::kSuspicion;
+                open_part_->message =
+                    "ends just where its slice does, in bytes that may not be its own";
+            }
         }
     }
 
-    void CheckContinuation(const ArchiveEntry& entry) {
-        if (!begin_known_ && first_) {
-            return;
-        }
-        if (!open_part_) {
-            Fault(entry.name, "continues a file of which the part before is not there");
-        } else if (open_part_->name != entry.name) {
-            Fault(entry.name,
-                  fmt::format("continues a file where {} should go on", open_part_->name));
-        }
-    }
-
-    // A first part that nothing follows may be a file that ended just where its slice did, or one
-    // whose header promises too much, so that what lies behind its content passes for it.
-    void CloseOpenPart(bool at_set_end) {
-        if (!open_part_) {
-            return;
-        }
-        const OpenPart part = *open_part_;
-        open_part_.reset();
-        if (part.type == TYPE_MIDDLE_PART) {
-            Tell(Severity::kFault, part.slice, part.name, "its next part is not there");
-        } else if (part.odd_end) {
-            Tell(Severity::kSuspicion, part.slice, part.name,
-                 "ends just where its slice does, in bytes that may not be its own");
-        } else if (at_set_end) {
-            Tell(Severity::kWarning, part.slice, part.name,
-                 "ends just where the last slice does: a further slice may be missing");
+    // Nothing goes on with the part that filled its slice. A first part may be a file that ended
+    // just there, or one whose header promises too much, so that what lies behind its content
+    // passes for it.
+    void CloseOpenPart(bool is_in_slice, const std::string& at_end) {
+        if (open_part_ && is_in_slice) {
+            Fault(open_part_->entry,
+                  "promises more content than there is: its slice goes on behind");
+        } else if (open_part_ && !(open_part_->message + at_end).empty()) {
+            const std::string& own = open_part_->message;
+            Tell(open_part_->severity, open_part_->slice, open_part_->entry,
+                 own.empty() ? at_end : own);
         }
     }
 
@@ -427,13 +347,8 @@ class SetVerifier {
         switch (reader.end()) {
             case ArchiveEnd::kEndBlocks:
                 return CheckBehindEnd(file, reader.end_offset());
-            case ArchiveEnd::kDataCut:
-                return entry.name.empty()
-                           ? Fault("", "a long-name record is cut")
-                           : Fault(entry.name,
-                                   fmt::format("promises {} bytes of content, {} are there",
-                                               entry.size, file.size() - entry.data_offset));
             case ArchiveEnd::kRefusedName:
+            case ArchiveEnd::kDataCut:
                 return Fault(entry.name, DescribeEnd(reader.end()));
             default:
                 Fault("", fmt::format("{}, at {}{}", DescribeEnd(reader.end()), reader.end_offset(),
@@ -448,9 +363,8 @@ class SetVerifier {
         if (!used) {
             Fault("", "its end cannot be read");
         } else if (*used < file.size()) {
-            Fault("", fmt::format("its end blocks, at {}, are not the end: what follows at {} does "
-                                  "not come back",
-                                  offset, *used));
+            Fault("", fmt::format("ends at {}, and what follows at {} does not come back", offset,
+                                  *used));
         }
     }
 
@@ -477,13 +391,13 @@ class SetVerifier {
     const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
         verdict_.tally.Add(entry);
     };
-    const EntryVisitor visit_ = TalliedOf(add_);
+    const EntryVisitor visit_ = ForTally(add_);
     PartJoiner joiner_{set_, visit_};
 
-    std::string slice_;  // the name of the one at hand
-    bool first_ = true;  // the next entry is its slice's first
-    bool begin_known_;   // the slice before this one was read to its end
-    std::optional<OpenPart> open_part_;
+    std::string slice_;                 // the name of the one at hand
+    bool is_first_ = true;              // the next entry is its slice's first
+    bool begin_known_;                  // the slice before this one was read to its end
+    std::optional<Finding> open_part_;  // what to tell of it when nothing goes on with it
 
     PathFilter seen_;
     std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
@@ -500,7 +414,7 @@ Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const F
 
 void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit) {
     ListSet(
-        set, [](const Finding&) {}, TalliedOf(visit));
+        set, [](const Finding&) {}, ForTally(visit));
 }
 
 }  // namespace peltexctl
