@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "archive/new_file.h"
@@ -70,21 +72,15 @@ class Output {
         return !is_there_ || info.st_dev != there_.st_dev || info.st_ino != there_.st_ino;
     }
 
-    bool Write(std::string_view bytes) {
+    void Write(std::string_view bytes) {
         const int fd = file_.fd() != -1 ? file_.fd() : fd_.get();
-        written_ += bytes.size();
         while (!bytes.empty()) {
             const ssize_t count = write(fd, bytes.data(), bytes.size());
             if (count == -1 && errno != EINTR) {
-                return false;
+                throw std::system_error(errno, std::generic_category(), "cannot write the archive");
             }
             bytes.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
         }
-        return true;
-    }
-
-    bool FillBlock() {
-        return Write(std::string((kBlockSize - written_ % kBlockSize) % kBlockSize, '\0'));
     }
 
     // Makes it be there under its name.
@@ -109,7 +105,6 @@ class Output {
     bool is_there_ = false;
     struct stat there_ = {};
     mode_t mode_ = 0777;
-    uint64_t written_ = 0;
 };
 
 template <size_t size>
@@ -118,71 +113,63 @@ void PutNumber(char (&field)[size], size_t digits, uint64_t value) {
     fmt::format("{:0{}o}", value, digits).copy(field, size);
 }
 
+void Expect(bool is_so, const char* otherwise = "the set changed while it was read") {
+    if (!is_so) {
+        throw std::runtime_error(otherwise);
+    }
+}
+
 class Exporter {
   public:
     Exporter(const ArchiveSet& set, const std::function<void(uint64_t done)>& progress,
              Output* output)
         : set_(set), progress_(progress), output_(*output) {}
 
-    // Returns what went wrong, empty when nothing did.
-    std::string Run() {
+    void Run() {
+        constexpr char kIsInput[] = "the output is part of the set itself";
         Expect(output_.Heed(set_.file()), kIsInput);
-        for (size_t i = 0; i < set_.size() && error_.empty(); i++) {
-            CopySlice(i);
+        for (size_t i = 0; i < set_.size(); i++) {
+            std::string error;
+            const std::optional<ArchiveFile> file = set_.OpenSlice(i, &error);
+            Expect(file.has_value());
+            Expect(output_.Heed(*file), kIsInput);
+            ArchiveReader reader(*file);
+            for (ArchiveEntry entry; reader.Next(&entry);) {
+                if (entry.IsRestored()) {
+                    CopyEntry(*file, i, entry);
+                }
+            }
+            Expect(reader.end() == ArchiveEnd::kEndBlocks);
         }
-        Expect(left_ == 0, kChanged);
-        Write(std::string(kEndBlocksSize, '\0'));
-        return error_;
+        Expect(left_ == 0);
+        output_.Write(std::string(kEndBlocksSize, '\0'));
     }
 
   private:
-    static constexpr char kChanged[] = "the set changed while it was read";
-    static constexpr char kIsInput[] = "the output is part of the set itself";
-
-    bool Expect(bool is_so, const std::string& error) {
-        error_ = is_so || !error_.empty() ? error_ : error;
-        return error_.empty();
-    }
-
-    bool Write(std::string_view bytes) {
-        return error_.empty() &&
-               Expect(output_.Write(bytes), "cannot write the archive: " + ErrorText(errno));
-    }
-
-    bool FillBlock() {
-        return error_.empty() &&
-               Expect(output_.FillBlock(), "cannot write the archive: " + ErrorText(errno));
-    }
-
-    void CopySlice(size_t index) {
-        std::string error;
-        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
-        if (!Expect(file.has_value(), fmt::format("{}: {}", set_.NameOf(index), error)) ||
-            !Expect(output_.Heed(*file), kIsInput)) {
-            return;
-        }
-        ArchiveReader reader(*file);
-        for (ArchiveEntry entry; error_.empty() && reader.Next(&entry);) {
-            if (entry.IsRestored()) {
-                CopyEntry(*file, index, entry);
-            }
-        }
-        Expect(reader.end() == ArchiveEnd::kEndBlocks, kChanged);
+    void FillBlock(uint64_t size) {
+        output_.Write(std::string((kBlockSize - size % kBlockSize) % kBlockSize, '\0'));
     }
 
     void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry) {
-        if (!Expect(entry.Continues() == (left_ > 0), kChanged)) {
-            return;
-        }
+        Expect(entry.Continues() == (left_ > 0));
         if (!entry.Continues()) {
-            left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
-            const bool is_link = entry.type == TYPE_SYMLINK;
-            WriteRecord(entry.header, TYPE_LONG_LINK, is_link ? entry.link : "");
+            size_ = left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
+            WriteRecord(entry.header, TYPE_LONG_LINK, entry.link);
             WriteRecord(entry.header, TYPE_LONG_NAME, entry.name);
-            WriteHeader(entry.header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, left_);
+            WriteHeader(entry.header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
         }
-        if (entry.IsFile()) {
-            CopyContent(file, entry);
+        Expect(entry.size <= left_);
+        for (uint64_t done = 0; done < entry.size;) {
+            const auto count =
+                static_cast<size_t>(std::min<uint64_t>(entry.size - done, buffer_.size()));
+            Expect(file.ReadAt(entry.data_offset + done, buffer_.data(), count));
+            output_.Write({buffer_.data(), count});
+            done += count;
+            progress_(done_ += count);
+        }
+        left_ -= entry.size;
+        if (left_ == 0) {
+            FillBlock(size_);
         }
     }
 
@@ -209,8 +196,8 @@ class Exporter {
             std::memset(header.name, 0, sizeof(header.name));
             std::string_view("././@LongLink").copy(header.name, sizeof(header.name));
             WriteHeader(header, type, text.size() + 1);
-            Write({text.c_str(), text.size() + 1});
-            FillBlock();
+            output_.Write({text.c_str(), text.size() + 1});
+            FillBlock(text.size() + 1);
         }
     }
 
@@ -225,32 +212,15 @@ class Exporter {
         std::memset(header.prefix, 0, sizeof(header.prefix));
         PutNumber(header.chksum, 6, checksumOf(header));
         header.chksum[7] = ' ';
-        Write({reinterpret_cast<const char*>(&header), sizeof(header)});
-    }
-
-    void CopyContent(const ArchiveFile& file, const ArchiveEntry& entry) {
-        Expect(entry.size <= left_, kChanged);
-        for (uint64_t done = 0; done < entry.size && error_.empty();) {
-            const auto count =
-                static_cast<size_t>(std::min<uint64_t>(entry.size - done, buffer_.size()));
-            if (Expect(file.ReadAt(entry.data_offset + done, buffer_.data(), count), kChanged)) {
-                Write({buffer_.data(), count});
-            }
-            done += count;
-            progress_(done_ += count);
-        }
-        left_ -= std::min(left_, entry.size);
-        if (left_ == 0) {
-            FillBlock();
-        }
+        output_.Write({reinterpret_cast<const char*>(&header), sizeof(header)});
     }
 
     const ArchiveSet& set_;
     const std::function<void(uint64_t done)>& progress_;
     Output& output_;
-    std::string error_;
     std::vector<char> buffer_ = std::vector<char>(kContentChunk);
-    uint64_t left_ = 0;  // content of the file at hand that further parts bring
+    uint64_t size_ = 0;  // content of the file at hand
+    uint64_t left_ = 0;  // and what of it further parts bring
     uint64_t done_ = 0;
 };
 
@@ -264,13 +234,17 @@ bool ExportSet(const ArchiveSet& set, const std::string& out,
     }
     Output output(out);
     const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
-    if (output.Open()) {
-        *error = Exporter(set, progress, &output).Run();
-        if (!error->empty() || output.Finish()) {
-            return error->empty();
+    try {
+        if (output.Open()) {
+            Exporter(set, progress, &output).Run();
+            if (output.Finish()) {
+                return true;
+            }
         }
+        *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
+    } catch (const std::exception& failure) {
+        *error = failure.what();
     }
-    *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
     return false;
 }
 

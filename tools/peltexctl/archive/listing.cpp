@@ -49,19 +49,15 @@ const TypeWords& WordsOf(char type) {
 }
 
 std::string ModeAsText(uint32_t mode, char letter) {
-    constexpr char kBits[] = "rwxrwxrwx";
     std::string text(1, letter);
-    for (uint32_t i = 0; i < 9; i++) {
-        text += (mode & (0400U >> i)) != 0 ? kBits[i] : '-';
+    for (size_t i = 0; i < 9; i++) {
+        text += (mode & (0400U >> i)) != 0 ? "rwx"[i % 3] : '-';
     }
-    const auto mark = [&text, mode](uint32_t bit, size_t place, char with, char without) {
-        if ((mode & bit) != 0) {
-            text[place] = text[place] == 'x' ? with : without;
+    for (size_t i = 0; i < 3; i++) {
+        if (char& last = text[3 + 3 * i]; (mode & (04000U >> i)) != 0) {
+            last = (last == 'x' ? "sst" : "SST")[i];
         }
-    };
-    mark(04000, 3, 's', 'S');
-    mark(02000, 6, 's', 'S');
-    mark(01000, 9, 't', 'T');
+    }
     return text;
 }
 

@@ -90,9 +90,9 @@ class SetVerifier {
 
     void Tell(Severity severity, const std::string& slice, const std::string& entry,
               const std::string& message) {
-        verdict_.faults += severity == Severity::kFault ? 1 : 0;
-        verdict_.suspicions += severity == Severity::kSuspicion ? 1 : 0;
-        verdict_.warnings += severity == Severity::kWarning ? 1 : 0;
+        ++(severity == Severity::kFault     ? verdict_.faults
+           : severity == Severity::kWarning ? verdict_.warnings
+                                            : verdict_.suspicions);
         sink_({severity, slice, entry, message});
     }
     void Warn(const std::string& entry, const std::string& message) {
@@ -245,44 +245,38 @@ class SetVerifier {
     // Reads the entries once more for the paths that may have come before.
     void LookAgain() {
         const uint64_t faults = verdict_.faults;
-        for (size_t i = 0; !doubtful_.empty() && i < set_.size(); i++) {
-            slice_ = set_.NameOf(i);
-            std::string error;
-            const std::optional<ArchiveFile> file = set_.OpenSlice(i, &error);
-            if (!file) {
-                continue;
-            }
-            ArchiveReader reader(*file, NameRoom());
-            for (ArchiveEntry entry; reader.Next(&entry);) {
-                if (entry.IsRestored()) {
-                    LookAgainAt(entry, entry.Path());
-                }
-            }
+        slice_.clear();
+        if (!doubtful_.empty()) {
+            ListSet(
+                set_, [](const Finding&) {},
+                [this](const ArchiveEntry& entry) {
+                    if (entry.IsRestored()) {
+                        LookAgainAt(entry, entry.Path());
+                    }
+                });
         }
         if (has_more_doubts_ && faults == verdict_.faults) {
-            Tell(Severity::kWarning, "", "",
-                 "too many entries to tell whether a name is there twice");
+            Warn("", "too many entries to tell whether a name is there twice");
         }
     }
 
     void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
         // A link itself replaces one of its name; all else is written through it.
         const bool is_link = entry.type == TYPE_SYMLINK;
-        const auto goes_through = [&](std::string_view each) {
-            const auto row = doubtful_.find(HashOfPath(each));
-            const bool is_through = row != doubtful_.end() && row->second == Met::kLink;
-            if (is_through && !(entry.Continues() && told_ == path)) {
-                told_ = path;
-                Fault(entry.name, fmt::format("goes through the link {} of the archive", each));
-            }
-            return is_through;
-        };
-        const bool is_told = AnyUpwards(is_link ? ParentOf(path) : path, goes_through);
+        const bool is_through =
+            AnyUpwards(is_link ? ParentOf(path) : path, [&](std::string_view each) {
+                const auto row = doubtful_.find(HashOfPath(each));
+                const bool leads_on = row != doubtful_.end() && row->second == Met::kLink;
+                if (leads_on) {
+                    Fault(entry.name, fmt::format("goes through the link {} of the archive", each));
+                }
+                return leads_on;
+            });
         const auto own = doubtful_.find(HashOfPath(path));
         if (own == doubtful_.end()) {
             return;
         }
-        if (own->second != Met::kNot && !is_told && !entry.Continues()) {
+        if (own->second != Met::kNot && !is_through && !entry.Continues()) {
             Fault(entry.name, "is there again: this one comes back, those before it do not");
         }
         if (own->second != Met::kLink) {
@@ -403,7 +397,6 @@ class SetVerifier {
     std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
     bool has_more_doubts_ = false;
     bool has_links_ = false;
-    std::string told_;  // the file that goes through a link, of which parts may follow
 };
 
 }  // namespace
