@@ -61,12 +61,19 @@ class Report {
         const bool is_warning = finding.severity == Severity::kWarning;
         ++(is_warning ? warnings_ : faults_);
         if (json_) {
-            return PrintLine(stream_, FindingAsJson(finding));
+            Json object = {{"event", is_warning ? "warning" : "fault"}};
+            SetBytes(&object, "slice", finding.slice, "raw_slice");
+            SetBytes(&object, "entry", finding.entry);
+            object["message"] = BytesToUtf8(finding.message);
+            return PrintLine(stream_, JsonLine(object));
         }
-        PrintLine(stream_, fmt::format("{} {}",
-                                       is_warning ? Paint(stream_, Colour::kYellow, "warning:")
-                                                  : Paint(stream_, Colour::kRed, "fault:"),
-                                       FindingAsText(finding)));
+        std::string line = is_warning ? Paint(stream_, Colour::kYellow, "warning:")
+                                      : Paint(stream_, Colour::kRed, "fault:");
+        for (const std::string& part : {finding.slice, finding.entry, finding.message}) {
+            line += part.empty() ? "" : " " + EscapeBytes(part) + ":";
+        }
+        line.pop_back();
+        PrintLine(stream_, line);
     }
 
     const bool json_;
@@ -93,24 +100,6 @@ std::string NumbersAsText(const ArchiveSet& set, const Tally& tally) {
 }
 
 }  // namespace
-
-std::string FindingAsText(const Finding& finding) {
-    std::string line = EscapeBytes(finding.slice);
-    for (const std::string& part : {finding.entry, finding.message}) {
-        if (!part.empty()) {
-            line += (line.empty() ? "" : ": ") + EscapeBytes(part);
-        }
-    }
-    return line;
-}
-
-std::string FindingAsJson(const Finding& finding) {
-    Json object = {{"event", finding.severity == Severity::kWarning ? "warning" : "fault"}};
-    SetBytes(&object, "slice", finding.slice, "raw_slice");
-    SetBytes(&object, "entry", finding.entry);
-    object["message"] = BytesToUtf8(finding.message);
-    return JsonLine(object);
-}
 
 int RunList(const ArchiveRequest& request, bool json) {
     const Report report(json, json ? stdout : stderr);

@@ -3,8 +3,6 @@
 
 #include <string>
 
-#include "archive/set.h"
-
 namespace peltexctl {
 
 struct ArchiveRequest {
@@ -17,9 +15,5 @@ struct ArchiveRequest {
 int RunList(const ArchiveRequest& request, bool json);
 int RunVerify(const ArchiveRequest& request, bool json);
 int RunExport(const ArchiveRequest& request, bool json);
-
-// A finding in one line, and as one JSON object.
-std::string FindingAsText(const Finding& finding);
-std::string FindingAsJson(const Finding& finding);
 
 }  // namespace peltexctl

@@ -65,7 +65,6 @@ std::string TimeAsText(uint64_t seconds) {
     const auto time = static_cast<time_t>(seconds);
     struct tm parts = {};
     char text[64] = {};
-    // Years of more digits than the buffer holds are no years.
     if (localtime_r(&time, &parts) == nullptr ||
         strftime(text, sizeof(text), "%Y-%m-%d %H:%M", &parts) == 0) {
         return fmt::format("{}", seconds);

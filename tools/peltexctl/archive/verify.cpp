@@ -365,17 +365,14 @@ class SetVerifier {
     // A slice that is not the last is closed by the write that makes it reach the slice size. When
     // the last one is as full, another was begun, which is dropped if it holds empty files alone.
     void CheckLastSliceFull() {
+        const uint64_t last = set_.SizeOf(set_.size() - 1);
         uint64_t slice_size = UINT64_MAX;
         for (size_t i = 0; i + 1 < set_.size(); i++) {
-            slice_size = std::min(slice_size, ContentOf(i) / kMiB * kMiB);
+            slice_size = std::min(slice_size, set_.SizeOf(i) / kMiB * kMiB);
         }
-        if (ContentOf(set_.size() - 1) >= slice_size) {
+        if (last >= kEndBlocksSize && last - kEndBlocksSize >= slice_size) {
             Warn("", "the last slice is full: empty files behind it, if there were any, are lost");
         }
-    }
-
-    uint64_t ContentOf(size_t index) const {
-        return set_.SizeOf(index) - std::min<uint64_t>(set_.SizeOf(index), kEndBlocksSize);
     }
 
     const ArchiveSet& set_;
