@@ -5,8 +5,8 @@ set -euo pipefail
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and testing with each preset takes on Debian 12.
-packages_build="g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev python3
-    libarchive-tools tar pkg-config groff-base"
+packages_build="g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev
+    libssl-dev python3 libarchive-tools tar pkg-config groff-base"
 packages_clang="clang-14 clang libclang-rt-14-dev llvm-14"
 packages_bench="libbenchmark-dev libarchive-tools toybox busybox rsync"
 packages_libcxx="libc++-14-dev libc++abi-14-dev googletest"

@@ -77,10 +77,11 @@ class Report {
 
 // The same numbers under the same names, whatever looked at the set.
 Json Numbers(const char* event, const ArchiveSet& set, const Tally& tally) {
-    return {{"event", event},
-            {"slices", set.is_check_file() ? set.size() : 0},
-            {"entries", tally.entries()},
-            {"bytes", tally.bytes()}};
+    Json object = {{"event", event}, {"entries", tally.entries()}, {"bytes", tally.bytes()}};
+    if (set.is_check_file()) {
+        object["slices"] = set.size();
+    }
+    return object;
 }
 
 std::string NumbersAsText(const ArchiveSet& set, const Tally& tally) {

@@ -7,12 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <vector>
 
+#include "archive/new_file.h"
 #include "archive/reader.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
@@ -25,184 +26,168 @@ namespace {
 
 using namespace android::installd;
 
-constexpr size_t kShortText = sizeof(tar_header::name);
+constexpr uint64_t kLargestFile = 0xFFFFFFFFF;  // what twelve octal digits hold
 
 // Where the archive goes: into a new file beside `path`, which takes its place at the end, or
 // straight to standard output or what else is no regular file.
 class Output {
   public:
-    ~Output() { Discard(); }
+    explicit Output(const std::string& path) : path_(path) {}
 
-    // `mode` holds the permission bits that the new file may have, `group` whose those of the group
-    // are.
-    bool Open(const std::string& path, mode_t mode, gid_t group) {
-        if (path == "-") {
+    bool Open() {
+        if (path_ == "-") {
             fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
             return fd_.isOpen();
         }
-        const size_t begin = path.rfind('/') + 1;
-        directory_ = UniqueFd(open(begin == 0 ? "." : path.substr(0, begin).c_str(),
+        const size_t begin = path_.rfind('/') + 1;
+        const std::string name = path_.substr(begin);
+        directory_ = UniqueFd(open(begin == 0 ? "." : path_.substr(0, begin).c_str(),
                                    O_PATH | O_DIRECTORY | O_CLOEXEC));
-        name_ = path.substr(begin);
-        struct stat there = {};
-        const bool is_there =
-            fstatat(directory_.get(), name_.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0;
-        if (is_there && !S_ISREG(there.st_mode) && !S_ISLNK(there.st_mode)) {
-            fd_ = UniqueFd(openat(directory_.get(), name_.c_str(),
-                                  O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+        is_there_ = fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW) == 0;
+        if (is_there_ && !S_ISREG(there_.st_mode) && !S_ISLNK(there_.st_mode)) {
+            fd_ =
+                UniqueFd(openat(directory_.get(), name.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
             return fd_.isOpen();
         }
-        return Create(is_there && S_ISREG(there.st_mode) ? mode & there.st_mode : mode, group);
+        if (is_there_ && S_ISREG(there_.st_mode)) {
+            mode_ &= there_.st_mode;
+        }
+        return file_.Create(directory_.get(), name);
     }
 
-    bool Write(const void* data, size_t size) {
-        const char* bytes = static_cast<const char*>(data);
-        written_ += size;
-        while (size > 0) {
-            const ssize_t count = write(fd_.get(), bytes, size);
+    // Heeds a file that the archive is made of: who cannot read it must not be able to read that
+    // either. Returns false when it is the file whose place the archive would take.
+    bool Heed(const ArchiveFile& source) {
+        struct stat info = {};
+        if (fstat(source.fd(), &info) != 0) {
+            return false;
+        }
+        mode_ &= info.st_mode;
+        struct stat own = {};
+        if (file_.fd() != -1 && fstat(file_.fd(), &own) == 0 && own.st_gid != info.st_gid) {
+            mode_ &= (info.st_mode & 07) << 3 | 0707;
+        }
+        return !is_there_ || info.st_dev != there_.st_dev || info.st_ino != there_.st_ino;
+    }
+
+    bool Write(std::string_view bytes) {
+        const int fd = file_.fd() != -1 ? file_.fd() : fd_.get();
+        written_ += bytes.size();
+        while (!bytes.empty()) {
+            const ssize_t count = write(fd, bytes.data(), bytes.size());
             if (count == -1 && errno != EINTR) {
                 return false;
             }
-            const size_t done = count > 0 ? static_cast<size_t>(count) : 0;
-            bytes += done;
-            size -= done;
+            bytes.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
         }
         return true;
     }
 
     bool FillBlock() {
-        const char zeros[kBlockSize] = {};
-        return Write(zeros, (kBlockSize - written_ % kBlockSize) % kBlockSize);
+        return Write(std::string((kBlockSize - written_ % kBlockSize) % kBlockSize, '\0'));
     }
 
     // Makes it be there under its name.
     bool Finish() {
-        if (!is_new_) {
-            return true;
-        }
-        if (renameat(directory_.get(), unfinished_.c_str(), directory_.get(), name_.c_str()) != 0) {
-            return false;
-        }
-        is_new_ = false;
-        return true;
+        const mode_t mask = umask(0);
+        umask(mask);
+        return file_.fd() == -1 || file_.Finish(mode_ & 0666 & ~mask);
     }
 
-    // Leaves nothing of a file that is not yet there under its name. Returns whether it was one. To
-    // be called on any thread.
-    bool Discard() {
-        return is_new_.exchange(false) &&
-               unlinkat(directory_.get(), unfinished_.c_str(), 0) == 0;
+    [[noreturn]] void Interrupt() {
+        PrintError(fmt::format(file_.Discard() ? "interrupted: nothing of {} is left"
+                                               : "interrupted: {} is left as far as it was written",
+                               path_));
+        _exit(kInterrupted);
     }
 
   private:
-    bool Create(mode_t mode, gid_t group) {
-        unfinished_ = name_ + kUnfinished;
-        // What a killed export left. Another that is still at work finds its file gone at its end.
-        unlinkat(directory_.get(), unfinished_.c_str(), 0);
-        fd_ = UniqueFd(openat(directory_.get(), unfinished_.c_str(),
-                              O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-        struct stat made = {};
-        if (!fd_.isOpen() || fstat(fd_.get(), &made) != 0) {
-            return false;
-        }
-        is_new_ = true;
-        const mode_t mask = umask(0);
-        umask(mask);
-        // The bits of another group are worth no more than those of all others.
-        const mode_t others = (mode & 07) << 3 | 0707;
-        return fchmod(fd_.get(), mode & 0666 & ~mask & (made.st_gid == group ? 0777 : others)) == 0;
-    }
-
+    const std::string path_;
     UniqueFd directory_;
-    std::string name_;
-    std::string unfinished_;
-    std::atomic<bool> is_new_{false};  // there under its unfinished name; signals look at it
-    UniqueFd fd_;
+    UniqueFd fd_;  // of what is no new file
+    NewFile file_;
+    bool is_there_ = false;
+    struct stat there_ = {};
+    mode_t mode_ = 0777;
     uint64_t written_ = 0;
 };
 
-// Octal digits and a NUL; without the NUL when they need its place, and as a binary number, as
-// other programs do, when they need more.
-void PutNumber(char* field, size_t width, uint64_t value) {
-    const std::string digits = fmt::format("{:0{}o}", value, width - 1);
-    if (digits.size() <= width) {
-        digits.copy(field, digits.size());
-        return;
-    }
-    for (size_t i = width; i-- > 1; value >>= 8) {
-        field[i] = static_cast<char>(value & 0xff);
-    }
-    field[0] = static_cast<char>(0x80);
-}
-
-void PutText(char* field, size_t width, const std::string& text) {
-    text.copy(field, width - 1);
+template <size_t size>
+void PutNumber(char (&field)[size], size_t digits, uint64_t value) {
+    std::memset(field, 0, size);
+    fmt::format("{:0{}o}", value, digits).copy(field, size);
 }
 
 class Exporter {
   public:
     Exporter(const ArchiveSet& set, const std::function<void(uint64_t done)>& progress,
-             Output* output, std::string* error)
-        : set_(set), progress_(progress), output_(output), error_(error) {}
+             Output* output)
+        : set_(set), progress_(progress), output_(*output) {}
 
-    bool Run() {
-        for (size_t i = 0; i < set_.size(); i++) {
-            if (!CopySlice(i)) {
-                return false;
-            }
+    // Returns what went wrong, empty when nothing did.
+    std::string Run() {
+        Expect(output_.Heed(set_.file()), kIsInput);
+        for (size_t i = 0; i < set_.size() && error_.empty(); i++) {
+            CopySlice(i);
         }
-        const char end_blocks[kEndBlocksSize] = {};
-        return left_ == 0 ? Wrote(output_->Write(end_blocks, sizeof(end_blocks))) : Changed();
+        Expect(left_ == 0, kChanged);
+        Write(std::string(kEndBlocksSize, '\0'));
+        return error_;
     }
 
   private:
-    bool Wrote(bool done) {
-        if (!done) {
-            *error_ = fmt::format("cannot write the archive: {}", ErrorText(errno));
-        }
-        return done;
+    static constexpr char kChanged[] = "the set changed while it was read";
+    static constexpr char kIsInput[] = "the output is part of the set itself";
+
+    bool Expect(bool is_so, const std::string& error) {
+        error_ = is_so || !error_.empty() ? error_ : error;
+        return error_.empty();
     }
 
-    bool Changed() {
-        *error_ = "the set changed while it was read";
-        return false;
+    bool Write(std::string_view bytes) {
+        return error_.empty() &&
+               Expect(output_.Write(bytes), "cannot write the archive: " + ErrorText(errno));
     }
 
-    bool CopySlice(size_t index) {
-        const std::optional<ArchiveFile> file = set_.OpenSlice(index, error_);
-        if (!file) {
-            *error_ = fmt::format("{}: {}", set_.NameOf(index), *error_);
-            return false;
+    bool FillBlock() {
+        return error_.empty() &&
+               Expect(output_.FillBlock(), "cannot write the archive: " + ErrorText(errno));
+    }
+
+    void CopySlice(size_t index) {
+        std::string error;
+        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
+        if (!Expect(file.has_value(), fmt::format("{}: {}", set_.NameOf(index), error)) ||
+            !Expect(output_.Heed(*file), kIsInput)) {
+            return;
         }
         ArchiveReader reader(*file);
-        ArchiveEntry entry;
-        while (reader.Next(&entry)) {
-            if (!CopyEntry(*file, index, entry)) {
-                return false;
+        for (ArchiveEntry entry; error_.empty() && reader.Next(&entry);) {
+            if (entry.IsRestored()) {
+                CopyEntry(*file, index, entry);
             }
         }
-        return reader.end() == ArchiveEnd::kEndBlocks || Changed();
+        Expect(reader.end() == ArchiveEnd::kEndBlocks, kChanged);
     }
 
-    bool CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry) {
-        const bool is_part = entry.Continues();
-        if (is_part != (left_ > 0)) {
-            return Changed();
+    void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry) {
+        if (!Expect(entry.Continues() == (left_ > 0), kChanged)) {
+            return;
         }
-        if (!entry.IsRestored()) {
-            return true;
-        }
-        if (!is_part) {
+        if (!entry.Continues()) {
             left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
-            if (!Wrote(WriteHeader(entry, left_))) {
-                return false;
-            }
+            const bool is_link = entry.type == TYPE_SYMLINK;
+            WriteRecord(entry.header, TYPE_LONG_LINK, is_link ? entry.link : "");
+            WriteRecord(entry.header, TYPE_LONG_NAME, entry.name);
+            WriteHeader(entry.header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, left_);
         }
-        return !entry.IsFile() || CopyContent(file, entry);
+        if (entry.IsFile()) {
+            CopyContent(file, entry);
+        }
     }
 
-    // The bytes of content of the file of which `entry` is the first part: those of this part and of
-    // the parts that the next slices begin with.
+    // The bytes of content of the file of which `entry` is the first part: those of this part and
+    // of the parts that the next slices begin with.
     uint64_t WholeSize(size_t index, const ArchiveEntry& entry) const {
         uint64_t size = entry.size;
         bool goes_on = entry.FillsSlice();
@@ -219,111 +204,54 @@ class Exporter {
         return size;
     }
 
-    bool WriteHeader(const ArchiveEntry& entry, uint64_t size) {
-        tar_header header = {};
-        const bool is_link = entry.type == TYPE_SYMLINK;
-        PutText(header.name, kShortText, entry.name);
-        PutText(header.linkname, kShortText, is_link ? entry.link : "");
-        PutNumber(header.mode, sizeof(header.mode), entry.mode);
-        PutNumber(header.uid, sizeof(header.uid), entry.uid);
-        PutNumber(header.gid, sizeof(header.gid), entry.gid);
-        PutNumber(header.mtime, sizeof(header.mtime), entry.mtime);
-        std::memcpy(header.uname, entry.header.uname, sizeof(header.uname) - 1);
-        std::memcpy(header.gname, entry.header.gname, sizeof(header.gname) - 1);
-        header.typeflag = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
-        return (!is_link || WriteRecord(entry.link, TYPE_LONG_LINK)) &&
-               WriteRecord(entry.name, TYPE_LONG_NAME) && WriteBlock(&header, size);
+    void WriteRecord(tar_header header, TypeFlag type, const std::string& text) {
+        if (text.size() >= sizeof(header.name)) {
+            std::memset(header.name, 0, sizeof(header.name));
+            std::string_view("././@LongLink").copy(header.name, sizeof(header.name));
+            WriteHeader(header, type, text.size() + 1);
+            Write({text.c_str(), text.size() + 1});
+            FillBlock();
+        }
     }
 
-    bool WriteRecord(const std::string& text, char type) {
-        if (text.size() < kShortText) {
-            return true;
-        }
-        tar_header header = {};
-        PutText(header.name, kShortText, "././@LongLink");
-        PutNumber(header.mode, sizeof(header.mode), 0);
-        PutNumber(header.uid, sizeof(header.uid), 0);
-        PutNumber(header.gid, sizeof(header.gid), 0);
-        PutNumber(header.mtime, sizeof(header.mtime), 0);
+    // The stored header with what is other than it was, and with both digits of the version, which
+    // make the prefix be looked at.
+    void WriteHeader(tar_header header, TypeFlag type, uint64_t size) {
+        Expect(size <= kLargestFile, "a file is larger than a header can say");
         header.typeflag = type;
-        return WriteBlock(&header, text.size() + 1) &&
-               output_->Write(text.c_str(), text.size() + 1) && output_->FillBlock();
+        PutNumber(header.size, sizeof(header.size) - (size >> 33 == 0 ? 1 : 0), size);
+        std::memcpy(header.magic, "ustar", sizeof(header.magic));
+        std::memcpy(header.version, "00", sizeof(header.version));
+        std::memset(header.prefix, 0, sizeof(header.prefix));
+        PutNumber(header.chksum, 6, checksumOf(header));
+        header.chksum[7] = ' ';
+        Write({reinterpret_cast<const char*>(&header), sizeof(header)});
     }
 
-    bool WriteBlock(tar_header* header, uint64_t size) {
-        PutNumber(header->size, sizeof(header->size), size);
-        PutText(header->magic, sizeof(header->magic), "ustar");
-        std::memcpy(header->version, "00", sizeof(header->version));
-        PutNumber(header->chksum, sizeof(header->chksum) - 1, checksumOf(*header));
-        return output_->Write(header, sizeof(*header));
-    }
-
-    bool CopyContent(const ArchiveFile& file, const ArchiveEntry& entry) {
-        if (entry.size > left_) {
-            return Changed();
-        }
-        for (uint64_t done = 0; done < entry.size;) {
+    void CopyContent(const ArchiveFile& file, const ArchiveEntry& entry) {
+        Expect(entry.size <= left_, kChanged);
+        for (uint64_t done = 0; done < entry.size && error_.empty();) {
             const auto count =
-                static_cast<size_t>(std::min<uint64_t>(entry.size - done, kContentChunk));
-            if (!file.ReadAt(entry.data_offset + done, buffer_.data(), count)) {
-                return Changed();
-            }
-            if (!Wrote(output_->Write(buffer_.data(), count))) {
-                return false;
+                static_cast<size_t>(std::min<uint64_t>(entry.size - done, buffer_.size()));
+            if (Expect(file.ReadAt(entry.data_offset + done, buffer_.data(), count), kChanged)) {
+                Write({buffer_.data(), count});
             }
             done += count;
             progress_(done_ += count);
         }
-        left_ -= entry.size;
-        return left_ > 0 || Wrote(output_->FillBlock());
+        left_ -= std::min(left_, entry.size);
+        if (left_ == 0) {
+            FillBlock();
+        }
     }
 
     const ArchiveSet& set_;
     const std::function<void(uint64_t done)>& progress_;
-    Output* output_;
-    std::string* error_;
+    Output& output_;
+    std::string error_;
     std::vector<char> buffer_ = std::vector<char>(kContentChunk);
     uint64_t left_ = 0;  // content of the file at hand that further parts bring
     uint64_t done_ = 0;
-};
-
-[[noreturn]] void Interrupt(const std::string& out, Output* output) {
-    PrintError(fmt::format(output->Discard() ? "interrupted: nothing of {} is left"
-                                             : "interrupted: {} is left as far as it was written",
-                           out));
-    _exit(kInterrupted);
-}
-
-// What an output has to heed of the set that it is made of.
-struct Sources {
-    bool is_one_of_them = false;
-    mode_t mode = 0777;  // what each of them allows
-    gid_t group = 0;
-
-    Sources(const ArchiveSet& set, const std::string& out) {
-        struct stat target = {};
-        has_target_ = out != "-" && stat(out.c_str(), &target) == 0;
-        Take(set.file(), target);
-        for (size_t i = 0; i < set.size(); i++) {
-            std::string error;
-            if (const auto file = set.OpenSlice(i, &error)) {
-                Take(*file, target);
-            }
-        }
-    }
-
-  private:
-    void Take(const ArchiveFile& file, const struct stat& target) {
-        struct stat info = {};
-        if (fstat(file.fd(), &info) == 0) {
-            is_one_of_them = is_one_of_them || (has_target_ && info.st_dev == target.st_dev &&
-                                                info.st_ino == target.st_ino);
-            mode &= info.st_mode;
-            group = info.st_gid;
-        }
-    }
-
-    bool has_target_ = false;
 };
 
 }  // namespace
@@ -331,28 +259,19 @@ struct Sources {
 bool ExportSet(const ArchiveSet& set, const std::string& out,
                const std::function<void(uint64_t done)>& progress, std::string* error) {
     if (out == "-" && isatty(STDOUT_FILENO) == 1) {
-        *error = "standard output is a terminal, which no archive is written to";
+        *error = "no archive is written to a terminal";
         return false;
     }
-    const Sources sources(set, out);
-    if (sources.is_one_of_them) {
-        *error = fmt::format("{} is part of the set itself", out);
-        return false;
+    Output output(out);
+    const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
+    if (output.Open()) {
+        *error = Exporter(set, progress, &output).Run();
+        if (!error->empty() || output.Finish()) {
+            return error->empty();
+        }
     }
-    Output output;
-    const SignalScope signals([&](int /*times*/) { Interrupt(out, &output); });
-    if (!output.Open(out, sources.mode, sources.group)) {
-        *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
-        return false;
-    }
-    if (!Exporter(set, progress, &output, error).Run()) {
-        return false;
-    }
-    if (!output.Finish()) {
-        *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
-        return false;
-    }
-    return true;
+    *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
+    return false;
 }
 
 }  // namespace peltexctl

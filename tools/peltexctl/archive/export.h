@@ -11,10 +11,6 @@
 
 namespace peltexctl {
 
-// What is added to the name of an archive that is not all there. The next export of that name takes
-// it away.
-inline constexpr char kUnfinished[] = ".unfinished";
-
 // Writes the set's entries to `out`, "-" for standard output, and tells `progress` now and then how
 // many bytes of content are done. A file of that name is replaced once the new one is whole; nobody
 // can read it who could not read the slices and the file that was there. On failure nothing is left

@@ -20,32 +20,32 @@ using Severity = Finding::Severity;
 
 struct TypeWords {
     char type;
-    char letter;       // as `ls -l` begins a line
-    const char* note;  // behind the name
+    char letter;  // as `ls -l` begins a line
+    const char* name;
 };
 
 constexpr TypeWords kTypeWords[] = {
     {TYPE_REGULAR, '-', ""},
     {TYPE_SYMLINK, 'l', ""},
     {TYPE_DIRECTORY, 'd', ""},
-    {TYPE_FIRST_PART, '-', " (first part)"},
-    {TYPE_MIDDLE_PART, '-', " (middle part)"},
-    {TYPE_LAST_PART, '-', " (last part)"},
-    {'1', 'h', " (hard link, not restored)"},
-    {'3', 'c', " (device, not restored)"},
-    {'4', 'b', " (device, not restored)"},
-    {'6', 'p', " (FIFO, not restored)"},
+    {TYPE_FIRST_PART, '-', "first part"},
+    {TYPE_MIDDLE_PART, '-', "middle part"},
+    {TYPE_LAST_PART, '-', "last part"},
+    {'1', 'h', "hard link"},
+    {'3', 'c', "device"},
+    {'4', 'b', "device"},
+    {'6', 'p', "FIFO"},
+    {'g', '?', "extended header"},
+    {'x', '?', "extended header"},
+    {'V', '?', "volume label"},
+    {'\0', '?', "entry of an unknown type"},
 };
 
-constexpr TypeWords kOtherType = {'\0', '?', " (of a type that is not restored)"};
-
 const TypeWords& WordsOf(char type) {
-    for (const TypeWords& row : kTypeWords) {
-        if (row.type == type) {
-            return row;
-        }
+    const TypeWords* row = kTypeWords;
+    for (; row->type != type && row->type != '\0'; row++) {
     }
-    return kOtherType;
+    return *row;
 }
 
 bool HasLink(const ArchiveEntry& entry) {
@@ -128,18 +128,30 @@ void ListSet(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor&
     joiner.Finish();
 }
 
+const char* TypeName(char type) {
+    return WordsOf(type).name;
+}
+
 std::string EntryAsText(const ArchiveEntry& entry) {
     const TypeWords& words = WordsOf(entry.type);
+    const std::string note =
+        *words.name == '\0'
+            ? ""
+            : fmt::format(" ({}{})", words.name, entry.IsRestored() ? "" : ", not restored");
     const std::string link = HasLink(entry) ? " -> " + EscapeBytes(entry.link) : "";
     return fmt::format("{} {:>11} {:>10} {} {}{}{}", ModeAsText(entry.mode, words.letter),
                        fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size),
-                       TimeAsText(entry.mtime), EscapeBytes(entry.name), link, words.note);
+                       TimeAsText(entry.mtime), EscapeBytes(entry.name), link, note);
 }
 
 std::string EntryAsJson(const ArchiveEntry& entry) {
-    Json object = {{"event", "entry"}, {"type", BytesToUtf8({&entry.type, 1})},
-                   {"mode", fmt::format("{:04o}", entry.mode)}, {"uid", entry.uid},
-                   {"gid", entry.gid}, {"size", entry.size}, {"mtime", entry.mtime}};
+    Json object = {{"event", "entry"},
+                   {"type", BytesToUtf8({&entry.type, 1})},
+                   {"mode", fmt::format("{:04o}", entry.mode)},
+                   {"uid", entry.uid},
+                   {"gid", entry.gid},
+                   {"size", entry.size},
+                   {"mtime", entry.mtime}};
     SetBytes(&object, "name", entry.name);
     if (HasLink(entry)) {
         SetBytes(&object, "link", entry.link, "raw_link");

@@ -34,6 +34,9 @@ class PartJoiner {
 // Gives each entry to `show`, and to `sink` a fault for each slice that does not end as it should.
 void ListSet(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& show);
 
+// A type in words, such as "hard link"; empty for a file, link or directory.
+const char* TypeName(char type);
+
 // One line as `tar tv` writes it, and one JSON object.
 std::string EntryAsText(const ArchiveEntry& entry);
 std::string EntryAsJson(const ArchiveEntry& entry);

@@ -43,10 +43,13 @@ std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
 
 std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& name, int flags,
                                              std::string* error) {
-    // Without waiting: a FIFO of that name would hold up the call for ever.
-    UniqueFd fd(openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
+    // A device is not even opened, and a FIFO that takes the file's place not waited for.
+    ArchiveFile file;
     struct stat info = {};
-    if (!fd.isOpen() || fstat(fd.get(), &info) != 0) {
+    const bool is_other = fstatat(directory, name.c_str(), &info, 0) == 0 && !S_ISREG(info.st_mode);
+    file.fd_ = std::make_shared<const UniqueFd>(
+        is_other ? -1 : openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
+    if (!is_other && (file.fd() == -1 || fstat(file.fd(), &info) != 0)) {
         *error = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
         return std::nullopt;
     }
@@ -54,16 +57,8 @@ std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& n
         *error = "is no regular file: an archive, a slice or a check file is wanted";
         return std::nullopt;
     }
-    return ArchiveFile(std::move(fd), static_cast<uint64_t>(info.st_size));
-}
-
-std::optional<ArchiveFile> ArchiveFile::Duplicate(std::string* error) const {
-    UniqueFd fd(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
-    if (!fd.isOpen()) {
-        *error = "cannot be opened: " + ErrorText(errno);
-        return std::nullopt;
-    }
-    return ArchiveFile(std::move(fd), size_);
+    file.size_ = static_cast<uint64_t>(info.st_size);
+    return file;
 }
 
 bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
@@ -105,25 +100,6 @@ std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {
     return size_;
 }
 
-bool LineReader::Next(std::string* line) {
-    size_t end = buffer_.find('\n');
-    while (end == std::string::npos && offset_ < file_.size() && buffer_.size() <= longest_) {
-        const size_t begin = buffer_.size();
-        const auto count = static_cast<size_t>(std::min<uint64_t>(4096, file_.size() - offset_));
-        buffer_.resize(begin + count);
-        has_all_ = file_.ReadAt(offset_, buffer_.data() + begin, count);
-        if (!has_all_) {
-            return false;
-        }
-        offset_ += count;
-        end = buffer_.find('\n', begin);
-    }
-    *line = buffer_.substr(0, end);
-    buffer_.erase(0, end == std::string::npos ? end : end + 1);
-    has_all_ = line->size() <= longest_;
-    return has_all_ && (end != std::string::npos || !line->empty());
-}
-
 bool ArchiveEntry::FillsSlice() const {
     return type == TYPE_MIDDLE_PART ||
            (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
@@ -155,24 +131,16 @@ std::string ArchiveEntry::Path() const {
 }
 
 const char* DescribeEnd(ArchiveEnd end) {
-    switch (end) {
-        case ArchiveEnd::kEndBlocks:
-            return "ends with its end blocks";
-        case ArchiveEnd::kLoneZeroBlock:
-            return "a single zero block ends it here";
-        case ArchiveEnd::kNoEndBlocks:
-            return "ends without its end blocks";
-        case ArchiveEnd::kInvalidBlock:
-            return "no valid header where one should be";
-        case ArchiveEnd::kRefusedName:
-            return "a restore ends here: it refuses names with \"../\" and longer paths than 2,047 "
-                   "bytes";
-        case ArchiveEnd::kDataCut:
-            return "the bytes that its header promises are not there";
-        case ArchiveEnd::kNotYet:
-            break;
-    }
-    return "";
+    constexpr const char* kWords[] = {
+        "",
+        "ends with its end blocks",
+        "a single zero block ends it here",
+        "ends without its end blocks",
+        "no valid header where one should be",
+        "a restore ends here: it refuses names with \"../\" and paths of more than 2,047 bytes",
+        "the bytes that its header promises are not there",
+    };
+    return kWords[static_cast<size_t>(end)];
 }
 
 bool IsHeaderAt(const ArchiveFile& file, uint64_t offset) {
@@ -240,8 +208,8 @@ void ArchiveReader::TakeRecord(std::optional<std::string>* text) {
 void ArchiveReader::FillEntry(ArchiveEntry* entry) {
     const tar_header& header = block_.header;
     entry->header = header;
-    entry->type = header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR)
-                                                      : header.typeflag;
+    entry->type =
+        header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR) : header.typeflag;
     const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
     entry->size = NumberAt(offsetof(tar_header, size), sizeof(header.size),
                            has_content ? UINT64_MAX : 0, "size");
@@ -255,8 +223,7 @@ void ArchiveReader::FillEntry(ArchiveEntry* entry) {
     entry->long_link = long_link_.has_value();
     entry->lost_record = std::exchange(lost_record_, false);
     entry->misread = std::exchange(misread_, nullptr);
-    entry->link =
-        long_link_ ? *long_link_ : block_.bytes() + offsetof(tar_header, linkname);
+    entry->link = long_link_ ? *long_link_ : block_.bytes() + offsetof(tar_header, linkname);
     long_name_.reset();
     long_link_.reset();
 }

@@ -7,16 +7,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "base/file_handles.h"
 #include "tar/tar_header.h"
 
 namespace peltexctl {
 
-// A regular file that is open for reading.
+// A regular file that is open for reading, as long as there is a copy of this.
 class ArchiveFile {
   public:
     // Opens `name` in the directory `directory`, or a path from AT_FDCWD. `flags` are added to
@@ -24,12 +24,9 @@ class ArchiveFile {
     static std::optional<ArchiveFile> Open(int directory, const std::string& name, int flags,
                                            std::string* error);
 
-    // The same file once more.
-    std::optional<ArchiveFile> Duplicate(std::string* error) const;
-
     // In bytes, as it was when the file was opened.
     uint64_t size() const { return size_; }
-    int fd() const { return fd_.get(); }
+    int fd() const { return fd_->get(); }
 
     // Fills `buffer` from `offset` on. Returns false when fewer than `size` bytes are there or they
     // cannot be read; the buffer is undefined then.
@@ -40,30 +37,8 @@ class ArchiveFile {
     std::optional<uint64_t> FindNonZero(uint64_t offset) const;
 
   private:
-    ArchiveFile(android::installd::UniqueFd fd, uint64_t size) : fd_(std::move(fd)), size_(size) {}
-
-    android::installd::UniqueFd fd_;
-    uint64_t size_;
-};
-
-// The lines of a text file. Memory grows with none of them.
-class LineReader {
-  public:
-    // `file` must outlive the reader. No line may have more bytes than `longest`.
-    LineReader(const ArchiveFile& file, size_t longest) : file_(file), longest_(longest) {}
-
-    // Takes the next line, without its line feed. Returns false at the end.
-    bool Next(std::string* line);
-
-    // Whether the end is that of the file; otherwise the next line is too long or cannot be read.
-    bool has_all() const { return has_all_; }
-
-  private:
-    const ArchiveFile& file_;
-    const size_t longest_;
-    uint64_t offset_ = 0;
-    std::string buffer_;  // what is read and not yet taken
-    bool has_all_ = true;
+    std::shared_ptr<const android::installd::UniqueFd> fd_;
+    uint64_t size_ = 0;
 };
 
 struct ArchiveEntry {
@@ -105,8 +80,6 @@ enum class ArchiveEnd {
     kRefusedName,    // a name with "../", or longer than a path can be: a restore fails here
     kDataCut,        // the last entry's content is not all there
 };
-
-// The end in words. REQUIRES: it has come.
 const char* DescribeEnd(ArchiveEnd end);
 
 // Whether the block at `offset` is a header.
@@ -116,8 +89,7 @@ class ArchiveReader {
   public:
     // `file` must outlive the reader. Names may have `name_room` bytes: what the path of a
     // restore's destination leaves of the longest path.
-    ArchiveReader(const ArchiveFile& file, size_t name_room)
-        : file_(file), name_room_(name_room) {}
+    ArchiveReader(const ArchiveFile& file, size_t name_room) : file_(file), name_room_(name_room) {}
     explicit ArchiveReader(const ArchiveFile& file) : ArchiveReader(file, kLongestName) {}
 
     // Reads the next header with the records in front of it. Returns false at the end; `entry` is

@@ -21,7 +21,9 @@ namespace {
 using Severity = Finding::Severity;
 
 // A restore takes longer lines, with their line feed, in pieces.
-constexpr size_t kMaxLine = 2045;
+constexpr size_t kMaxLine = 2046;
+constexpr size_t kMostSlices = 100000;
+constexpr uint64_t kLargestCheckFile = 32 << 20;
 
 bool EndsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
@@ -58,68 +60,61 @@ std::optional<uint64_t> PlainNumber(std::string_view text) {
 
 }  // namespace
 
-// Takes a check file line by line, up to the first fault in it.
-class CheckFileReader {
-  public:
-    explicit CheckFileReader(ArchiveSet* set) : set_(*set) {}
-
-    // Returns what is wrong, in words; empty when nothing is.
-    std::string Read() {
-        const ArchiveFile& file = set_.file();
-        if (file.size() > ArchiveSet::kLargestCheckFile) {
-            return "is larger than check files are, 32 MiB";
+// Takes a check file line by line, as a restore does. Returns what is wrong with it, in words, up
+// to the first such line; empty when nothing is.
+std::string ArchiveSet::ReadCheckFile() {
+    const UniqueFile stream(fdopen(fcntl(file_.fd(), F_DUPFD_CLOEXEC, 0), "re"));
+    char line[kMaxLine + 1] = {};
+    uint64_t taken = 0;
+    while (stream != nullptr && fgets(line, sizeof(line), stream.get()) != nullptr) {
+        std::string_view text = line;
+        taken += text.size();
+        const bool ends = !text.empty() && text.back() == '\n';
+        if (!ends && taken != file_.size()) {
+            return fmt::format(
+                "line {} has a NUL, or more than 2,046 bytes, so that a restore takes "
+                "it in pieces",
+                sizes_.size() + 1);
         }
-        LineReader lines(file, kMaxLine);
-        for (std::string line; lines.Next(&line);) {
-            if (!TakeLine(line)) {
-                return fault_;
-            }
+        text.remove_suffix(ends ? 1 : 0);
+        const std::string fault = sizes_.size() == kMostSlices || taken > kLargestCheckFile
+                                      ? "is more than 100,000 lines and 32 MiB can hold"
+                                      : TakeLine(text);
+        if (!fault.empty()) {
+            return fmt::format("line {} {}", sizes_.size() + 1, fault);
         }
-        Fault("cannot be read, or is longer than 2,046 bytes, so that a restore takes it in pieces");
-        return lines.has_all() ? "" : fault_;
     }
+    return taken != file_.size() ? "cannot be read" : taken == 0 ? "lists no slice" : "";
+}
 
-  private:
-    bool Fault(std::string_view what) {
-        fault_ = fmt::format("line {}: {}", set_.sizes_.size() + 1, what);
-        return false;
+std::string ArchiveSet::TakeLine(std::string_view line) {
+    const size_t bar = std::min(line.rfind('|'), line.size());
+    const std::string_view name = line.substr(0, bar);
+    const auto size = PlainNumber(line.substr(std::min(bar + 1, line.size())));
+    if (!size || name.empty()) {
+        return fmt::format("is not NAME|SIZE with a size in plain decimal digits: {}",
+                           line.substr(0, 300));
     }
-
-    bool TakeLine(std::string_view line) {
-        const size_t bar = std::min(line.rfind('|'), line.size());
-        const std::string_view name = line.substr(0, bar);
-        const auto size = PlainNumber(line.substr(std::min(bar + 1, line.size())));
-        if (!size || name.empty()) {
-            return Fault(fmt::format("\"{}\" is not NAME|SIZE, the size in plain decimal digits",
-                                     line.substr(0, 300)));
-        }
-        if (name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos) {
-            return Fault(fmt::format("\"{}\" is not the plain name of a file beside it", name));
-        }
-        if (set_.sizes_.empty()) {
-            set_.base_ = name.substr(0, name.rfind('.'));
-        }
-        // Slices are numbered from 0 on, so no name is there twice.
-        if (const std::string expected = set_.NameOf(set_.sizes_.size()); name != expected) {
-            return Fault(fmt::format("lists {} where {} should be", name, expected));
-        }
-        if (set_.sizes_.size() == ArchiveSet::kMostSlices) {
-            return Fault("more slices than sets have, 100,000");
-        }
-        set_.sizes_.push_back(*size);
-        return true;
+    if (name.find('/') != std::string_view::npos) {
+        return fmt::format("names a file elsewhere: {}", name);
     }
-
-    ArchiveSet& set_;
-    std::string fault_;
-};
+    if (sizes_.empty()) {
+        base_ = name.substr(0, name.rfind('.'));
+    }
+    // Slices are numbered from 0 on, so no name is there twice.
+    if (const std::string expected = NameOf(sizes_.size()); name != expected) {
+        return fmt::format("lists {} where {} should be", name, expected);
+    }
+    sizes_.push_back(*size);
+    return "";
+}
 
 std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const FindingSink& sink,
                                            std::string* error) {
     const size_t slash = path.rfind('/');
     const size_t begin = slash == std::string::npos ? 0 : slash + 1;
-    UniqueFd directory(open(begin == 0 ? "." : path.substr(0, begin).c_str(),
-                            O_PATH | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd directory(
+        open(begin == 0 ? "." : path.substr(0, begin).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     std::string name = path.substr(begin);
     std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
     std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
@@ -140,8 +135,8 @@ std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const Findin
         return set;
     }
     set.kind_ = Kind::kCheckFile;
-    if (std::string fault = CheckFileReader(&set).Read(); !fault.empty() || set.sizes_.empty()) {
-        sink({Severity::kFault, set.name_, "", fault.empty() ? "lists no slice" : fault});
+    if (const std::string fault = set.ReadCheckFile(); !fault.empty()) {
+        sink({Severity::kFault, set.name_, "", fault});
         set.sizes_.clear();
     } else if (const std::string next = set.NameOf(set.size());
                faccessat(set.directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -155,10 +150,8 @@ std::string ArchiveSet::NameOf(size_t index) const {
 }
 
 std::optional<ArchiveFile> ArchiveSet::OpenSlice(size_t index, std::string* error) const {
-    if (is_check_file()) {
-        return ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error);
-    }
-    return file_.Duplicate(error);
+    return is_check_file() ? ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error)
+                           : file_;
 }
 
 }  // namespace peltexctl

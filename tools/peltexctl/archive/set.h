@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "archive/reader.h"
@@ -41,9 +42,6 @@ class ArchiveSet {
         kCheckFile,
     };
 
-    static constexpr size_t kMostSlices = 100000;
-    static constexpr uint64_t kLargestCheckFile = 32 << 20;
-
     // Finds out by its content what the file at `path` is, and reads a check file, once. What is
     // wrong with its lines goes to `sink`; such a line lists nothing. On failure returns nothing
     // and one line in `error`.
@@ -67,9 +65,9 @@ class ArchiveSet {
     std::optional<ArchiveFile> OpenSlice(size_t index, std::string* error) const;
 
   private:
-    friend class CheckFileReader;
-
     explicit ArchiveSet(ArchiveFile file) : file_(std::move(file)) {}
+    std::string ReadCheckFile();
+    std::string TakeLine(std::string_view line);
 
     Kind kind_ = Kind::kArchive;
     std::string path_;

@@ -1,22 +1,21 @@
 // Tested by tests/peltexctl/test_sums.py.
 #include "archive/sums.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <memory>
 #include <optional>
-#include <string_view>
-#include <system_error>
-#include <utility>
 #include <vector>
 
-#include "archive/export.h"
+#include "archive/new_file.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -25,262 +24,162 @@ using namespace android::installd;
 
 namespace {
 
-using Severity = Finding::Severity;
+constexpr int kSumDigits = 64;
+constexpr size_t kReadSize = size_t{64} << 10;
+constexpr char kNoSum[] = "no sum can be made of it";
 
-constexpr size_t kSumDigits = 64;
-constexpr size_t kMostWaiting = 4;
-constexpr size_t kReadSize = size_t{256} << 10;
-
-struct ContextFree {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
+// The functions of OpenSSL, which is loaded where a sum is wanted: it takes more memory than all
+// else.
+void* FindFunction(const char* name) {
+    static void* const library =
+        dlopen(fmt::format("libcrypto.so.{}", OPENSSL_SHLIB_VERSION).c_str(), RTLD_NOW);
+    return library == nullptr ? nullptr : dlsym(library, name);
+}
+#define OPENSSL_FUNCTION(name) reinterpret_cast<decltype(&name)>(FindFunction(#name))
 
 // The sum of all of the file in hexadecimal; empty when it cannot be read.
 std::string SumOf(int fd) {
-    const std::unique_ptr<EVP_MD_CTX, ContextFree> context(EVP_MD_CTX_new());
+    const auto load = OPENSSL_FUNCTION(OPENSSL_init_crypto);
+    const auto make = OPENSSL_FUNCTION(EVP_MD_CTX_new);
+    const auto begin = OPENSSL_FUNCTION(EVP_DigestInit_ex);
+    const auto update = OPENSSL_FUNCTION(EVP_DigestUpdate);
+    const auto end = OPENSSL_FUNCTION(EVP_DigestFinal_ex);
+    const auto sha256 = OPENSSL_FUNCTION(EVP_sha256);
+    const auto free = OPENSSL_FUNCTION(EVP_MD_CTX_free);
+    if (!load || !make || !begin || !update || !end || !sha256 || !free) {
+        return "";
+    }
+    // Without its settings: a sum is the same on every machine.
+    load(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+    const std::unique_ptr<EVP_MD_CTX, decltype(free)> context(make(), free);
     std::vector<char> buffer(kReadSize);
-    bool is_good = context != nullptr && EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr);
-    ssize_t count = 1;
-    for (off_t offset = 0; is_good && count > 0; offset += count) {
+    ssize_t count = context != nullptr && begin(context.get(), sha256(), nullptr) == 1 ? 1 : -1;
+    for (off_t offset = 0; count > 0; offset += count) {
         count = pread(fd, buffer.data(), buffer.size(), offset);
-        if (count == -1 && errno == EINTR) {
-            count = 0;
-            continue;
+        if (count > 0 && update(context.get(), buffer.data(), static_cast<size_t>(count)) != 1) {
+            count = -1;
         }
-        is_good = count >= 0 &&
-                  EVP_DigestUpdate(context.get(), buffer.data(), static_cast<size_t>(count)) == 1;
     }
-    char sum[EVP_MAX_MD_SIZE] = {};
+    unsigned char sum[EVP_MAX_MD_SIZE] = {};
     unsigned int size = 0;
-    is_good = is_good && EVP_DigestFinal_ex(context.get(), reinterpret_cast<unsigned char*>(sum),
-                                            &size) == 1;
-    return is_good ? Hexadecimal({sum, size}) : "";
+    return count == 0 && end(context.get(), sum, &size) == 1
+               ? Hexadecimal({reinterpret_cast<char*>(sum), size})
+               : "";
 }
 
-// What stands behind a sum: the name, with a mark in front of the line where it holds what a line
-// cannot.
-std::string LineOf(const std::string& sum, const std::string& name) {
-    std::string escaped;
-    for (const char byte : name) {
-        escaped += byte == '\n' ? "\\n" : byte == '\\' ? "\\\\" : std::string(1, byte);
+// Which of the set's files this is: a slice, or behind these the check file; nothing for others.
+std::optional<size_t> IndexOf(const ArchiveSet& set, const std::string& name) {
+    if (set.is_check_file() && name == set.name()) {
+        return set.size();
     }
-    return fmt::format("{}{}  {}\n", escaped == name ? "" : "\\", sum, escaped);
+    size_t index = 0;
+    std::from_chars(name.data() + name.rfind('.') + 1, name.data() + name.size(), index);
+    index = set.is_check_file() ? index : 0;
+    return index < set.size() && set.NameOf(index) == name ? std::optional(index) : std::nullopt;
 }
 
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count == -1 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
+// What is wrong with a file that should have this sum, in words; empty when nothing is. That it has
+// another size than its check file says is told elsewhere.
+std::string Compare(const ArchiveSet& set, size_t index, const std::string& expected) {
+    std::string error;
+    const auto slice = index < set.size() ? set.OpenSlice(index, &error) : set.file();
+    if (!slice || (index < set.size() && slice->size() != set.SizeOf(index))) {
+        return "";
     }
-    return true;
+    const std::string sum = SumOf(slice->fd());
+    return sum == expected ? "" : sum.empty() ? kNoSum : "its bytes are not those of its sum";
 }
 
 }  // namespace
 
 std::string SumsName(const std::string& name) {
-    const size_t dot = name.rfind('.');
-    const std::string_view last = dot == std::string::npos ? "" : std::string_view(name).substr(dot);
+    const size_t dot = std::min(name.rfind('.'), name.size());
+    const std::string last = name.substr(dot);
     const bool is_of_set =
-        last == ".txt" || (last.size() > 1 && last.find_first_not_of("0123456789", 1) ==
-                                                  std::string_view::npos);
+        last == ".txt" || (last.size() > 1 && last.find_last_not_of("0123456789") == 0);
     return name.substr(0, is_of_set ? dot : name.size()) + ".sha256";
 }
 
-Summer::Summer() {
-    try {
-        thread_ = std::thread([this] { Run(); });
-    } catch (const std::system_error&) {
-    }
-}
-
-Summer::~Summer() {
-    {
-        const std::lock_guard lock(mutex_);
-        jobs_.clear();
-        ends_ = true;
-    }
-    changed_.notify_all();
-    if (thread_.joinable()) {
-        thread_.join();
-    }
-}
-
 void Summer::Add(UniqueFd file, const std::string& name) {
-    if (!thread_.joinable()) {
-        return Sum({std::move(file), name});
-    }
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return jobs_.size() < kMostWaiting; });
-    jobs_.push_back({std::move(file), name});
-    changed_.notify_all();
+    Collect();
+    name_ = name;
+    // Where no thread can be started, Collect() sums.
+    sum_ = std::async(std::launch::async | std::launch::deferred,
+                      [held = std::move(file)] { return SumOf(held.get()); });
 }
 
-void Summer::Run() {
-    std::unique_lock lock(mutex_);
-    while (true) {
-        changed_.wait(lock, [this] { return ends_ || !jobs_.empty(); });
-        if (jobs_.empty()) {
-            return;
-        }
-        const Job job = std::move(jobs_.front());
-        jobs_.pop_front();
-        changed_.notify_all();
-        lock.unlock();
-        Sum(job);
-        lock.lock();
+void Summer::Collect() {
+    const std::string sum = sum_.valid() ? sum_.get() : "-";
+    if (sum.empty() || name_.find('\n') != std::string::npos) {
+        error_ = fmt::format("{}: {}", name_,
+                             sum.empty() ? kNoSum : "no sums are kept of such a name");
+    } else if (sum != "-") {
+        lines_ += fmt::format("{}  {}\n", sum, name_);
     }
-}
-
-void Summer::Sum(const Job& job) {
-    const std::string sum = SumOf(job.file.get());
-    if (sum.empty() && error_.empty()) {
-        error_ = fmt::format("{}: cannot be read for its sum", job.name);
-    }
-    lines_ += LineOf(sum, job.name);
 }
 
 bool Summer::Finish(int directory, const std::string& name, const struct stat& like,
                     std::string* error) {
-    {
-        const std::lock_guard lock(mutex_);
-        ends_ = true;
-    }
-    changed_.notify_all();
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    Collect();
     *error = error_;
     if (!error->empty()) {
         return false;
     }
-    const std::string unfinished = name + kUnfinished;
-    unlinkat(directory, unfinished.c_str(), 0);
-    const UniqueFd file(openat(directory, unfinished.c_str(),
-                               O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    const bool is_written = file.isOpen() && WriteAll(file.get(), lines_) &&
-                            fchown(file.get(), like.st_uid, like.st_gid) == 0 &&
-                            fchmod(file.get(), like.st_mode & 0777) == 0 &&
-                            renameat(directory, unfinished.c_str(), directory, name.c_str()) == 0;
+    NewFile file;
+    const bool is_written =
+        file.Create(directory, name) &&
+        write(file.fd(), lines_.data(), lines_.size()) == static_cast<ssize_t>(lines_.size()) &&
+        fchown(file.fd(), like.st_uid, like.st_gid) == 0 && file.Finish(like.st_mode & 0777);
     if (!is_written) {
         *error = fmt::format("{}: cannot be written: {}", name, ErrorText(errno));
-        unlinkat(directory, unfinished.c_str(), 0);
     }
     return is_written;
 }
 
-namespace {
-
-// What a line of a sums' file says.
-struct SumLine {
-    std::string_view sum;
-    std::string name;
-};
-
-std::optional<SumLine> ParseLine(std::string_view line) {
-    const bool is_escaped = !line.empty() && line[0] == '\\';
-    line.remove_prefix(is_escaped ? 1 : 0);
-    if (line.size() < kSumDigits + 3 || line[kSumDigits] != ' ' ||
-        line.find_first_not_of("0123456789abcdef") != kSumDigits) {
-        return std::nullopt;
-    }
-    SumLine parsed{line.substr(0, kSumDigits), ""};
-    for (size_t i = kSumDigits + 2; i < line.size(); i++) {
-        const bool is_escape = is_escaped && line[i] == '\\' && ++i < line.size();
-        parsed.name += is_escape && line[i] == 'n' ? '\n' : line[i];
-    }
-    return parsed;
-}
-
-// Compares a set's files with the sums beside them.
-class SumsCheck {
-  public:
-    SumsCheck(const ArchiveSet& set, const FindingSink& sink)
-        : set_(set), sink_(sink), name_(SumsName(set.name())) {}
-
-    uint64_t Run() {
-        if (faccessat(set_.directory(), name_.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0 &&
-            ReadSums()) {
-            for (size_t i = 0; i < set_.size(); i++) {
-                std::string error;
-                if (const auto file = set_.OpenSlice(i, &error)) {
-                    Compare(*file, set_.NameOf(i), set_.SizeOf(i), sums_[i]);
-                }
-            }
-            if (set_.is_check_file()) {
-                Compare(set_.file(), set_.name(), set_.file().size(), sums_.back());
-            }
-        }
-        return faults_;
-    }
-
-  private:
-    using Sum = std::array<char, kSumDigits>;
-
-    bool Fault(const std::string& name, const std::string& message) {
-        sink_({Severity::kFault, name, "", message});
-        ++faults_;
-        return false;
-    }
-
-    bool ReadSums() {
-        constexpr size_t kLongestLine = 8192;
-        std::string error;
-        const auto file = ArchiveFile::Open(set_.directory(), name_, O_NOFOLLOW, &error);
-        if (!file) {
-            return Fault(name_, error);
-        }
-        sums_.resize(set_.size() + (set_.is_check_file() ? 1 : 0));
-        LineReader lines(*file, kLongestLine);
-        for (std::string line; lines.Next(&line);) {
-            const std::optional<SumLine> parsed = ParseLine(line);
-            if (!parsed) {
-                return Fault(name_, "a line is no sum with the name of a file");
-            }
-            if (Sum* const sum = PlaceOf(parsed->name)) {
-                parsed->sum.copy(sum->data(), sum->size());
-            }
-        }
-        return lines.has_all() || Fault(name_, "cannot be read");
-    }
-
-    // Null for a file that is not of this set.
-    Sum* PlaceOf(const std::string& name) {
-        if (set_.is_check_file() && name == set_.name()) {
-            return &sums_.back();
-        }
-        size_t index = 0;
-        const char* const end = name.data() + name.size();
-        std::from_chars(name.data() + name.rfind('.') + 1, end, index);
-        index = set_.is_check_file() ? index : 0;
-        return index < set_.size() && set_.NameOf(index) == name ? &sums_[index] : nullptr;
-    }
-
-    // A slice that has another size is told already.
-    void Compare(const ArchiveFile& file, const std::string& name, uint64_t size, const Sum& sum) {
-        if (file.size() != size) {
-            return;
-        }
-        if (sum[0] == '\0') {
-            Fault(name, fmt::format("has no sum in {}", name_));
-        } else if (SumOf(file.fd()) != std::string_view(sum.data(), sum.size())) {
-            Fault(name, fmt::format("its content is not that of its sum in {}", name_));
-        }
-    }
-
-    const ArchiveSet& set_;
-    const FindingSink& sink_;
-    const std::string name_;
-    std::vector<Sum> sums_;  // a NUL is in front where there is none
-    uint64_t faults_ = 0;
-};
-
-}  // namespace
-
 uint64_t CheckSums(const ArchiveSet& set, const FindingSink& sink) {
-    return SumsCheck(set, sink).Run();
+    uint64_t faults = 0;
+    const auto fault = [&](const std::string& name, const std::string& message) {
+        sink({Finding::Severity::kFault, name, "", message});
+        ++faults;
+    };
+    const std::string name = SumsName(set.name());
+    if (faccessat(set.directory(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
+        return 0;
+    }
+    std::string error = kNoSum;
+    const auto file = ArchiveFile::Open(set.directory(), name, O_NOFOLLOW, &error);
+    const UniqueFile stream(file ? fdopen(fcntl(file->fd(), F_DUPFD_CLOEXEC, 0), "re") : nullptr);
+    if (stream == nullptr) {
+        fault(name, error);
+        return faults;
+    }
+    std::vector<bool> is_summed(set.size() + (set.is_check_file() ? 1 : 0));
+    char line[8192] = {};
+    while (fgets(line, sizeof(line), stream.get()) != nullptr) {
+        char sum[kSumDigits + 1] = {};
+        int length = 0;
+        if (sscanf(line, "%64[0-9a-f]%*1[ ]%*1[ *]%n", sum, &length) != 1 ||
+            length != kSumDigits + 2) {
+            fault(name, "a line is not a sum and the name of a file");
+            return faults;
+        }
+        std::string of = line + length;
+        of.erase(of.find_last_not_of('\n') + 1);
+        const std::optional<size_t> index = IndexOf(set, of);
+        const std::string difference = index ? Compare(set, *index, sum) : "";
+        if (index) {
+            is_summed[*index] = true;
+        }
+        if (!difference.empty()) {
+            fault(of, difference);
+        }
+    }
+    for (size_t i = 0; i < is_summed.size(); i++) {
+        if (!is_summed[i]) {
+            fault(i < set.size() ? set.NameOf(i) : set.name(), "has no sum in " + name);
+        }
+    }
+    return faults;
 }
 
 }  // namespace peltexctl

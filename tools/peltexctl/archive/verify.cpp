@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 
 #include "archive/listing.h"
 #include "archive/seen_paths.h"
@@ -22,23 +23,7 @@ using Severity = Finding::Severity;
 constexpr uint64_t kMiB = 1 << 20;
 constexpr uint64_t kFirstApplicationUid = 10000;
 constexpr size_t kLongestComponent = 255;
-
-// What a restore does with entries of types that are not its own.
-struct ForeignType {
-    char type;
-    Severity severity;
-    const char* message;
-};
-
-constexpr ForeignType kForeignTypes[] = {
-    {'1', Severity::kFault, "a hard link, which a restore passes over"},
-    {'3', Severity::kFault, "a character device, which a restore passes over"},
-    {'4', Severity::kFault, "a block device, which a restore passes over"},
-    {'6', Severity::kFault, "a FIFO, which a restore passes over"},
-    {'g', Severity::kWarning, "an extended header, which a restore passes over"},
-    {'V', Severity::kWarning, "a volume label, which a restore passes over"},
-    {'x', Severity::kFault, "an extended header, which a restore passes over"},
-};
+constexpr size_t kMostDoubtful = 10000;
 
 bool IsFull(const char* field, size_t size) {
     return std::memchr(field, '\0', size) == nullptr;
@@ -125,6 +110,8 @@ class SetVerifier {
     }
 
   private:
+    enum class Met { kNot, kLink, kOther };
+
     // A cut file's part that fills its slice, so that the next slice goes on with the file.
     struct OpenPart {
         std::string slice;
@@ -148,9 +135,9 @@ class SetVerifier {
     }
 
     size_t NameRoom() const {
-        return destination_.empty() ? ArchiveReader::kLongestName
-                                    : kTarPathSize - 1 - std::min(destination_.size(),
-                                                                  kTarPathSize - 1);
+        return destination_.empty()
+                   ? ArchiveReader::kLongestName
+                   : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1);
     }
 
     void CheckSlice(size_t index) {
@@ -169,7 +156,8 @@ class SetVerifier {
             CheckEntry(*file, entry);
             joiner_.Take(entry, first_);
         }
-        if (has_size) {
+        // A size that is read otherwise leads elsewhere: that goes without saying, too.
+        if (has_size && (entry.misread == nullptr || reader.end() == ArchiveEnd::kEndBlocks)) {
             CheckEnd(*file, reader, entry);
         }
         begin_known_ = reader.end() == ArchiveEnd::kEndBlocks && set_.is_check_file();
@@ -198,7 +186,10 @@ class SetVerifier {
             CheckName(entry);
             CheckPlace(entry);
         } else {
-            CheckForeignType(entry);
+            // These two hold nothing that could come back.
+            const bool is_needless = entry.type == 'g' || entry.type == 'V';
+            Tell(is_needless ? Severity::kWarning : Severity::kFault, slice_, entry.name,
+                 fmt::format("a restore passes over this {}", TypeName(entry.type)));
         }
         CheckPart(file, entry);
         if (LacksPadding(file, entry)) {
@@ -209,16 +200,6 @@ class SetVerifier {
             entry.uid < kFirstApplicationUid) {
             Warn(entry.name, fmt::format("is a set-user-id file of uid {}", entry.uid));
         }
-    }
-
-    void CheckForeignType(const ArchiveEntry& entry) {
-        for (const ForeignType& row : kForeignTypes) {
-            if (row.type == entry.type) {
-                return Tell(row.severity, slice_, entry.name, row.message);
-            }
-        }
-        Fault(entry.name, fmt::format("of type 0x{:02x}, which a restore passes over",
-                                      static_cast<unsigned char>(entry.type)));
     }
 
     void CheckName(const ArchiveEntry& entry) {
@@ -260,19 +241,20 @@ class SetVerifier {
         if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
             return Fault(entry.name, "is no name that a restore can make something of");
         }
-        const auto is_long = [](std::string_view above) {
-            return above.size() - (above.rfind('/') + 1) > kLongestComponent;
+        const auto is_long = [](std::string_view each) {
+            return each.size() - (each.rfind('/') + 1) > kLongestComponent;
         };
         if (AnyUpwards(path, is_long)) {
-            return Fault(entry.name, "has a component of more than 255 bytes, which no file system "
-                                     "takes");
+            return Fault(entry.name, "no file system takes a component of more than 255 bytes");
         }
         const std::string full = (destination_.empty() ? "/" : destination_) + entry.name;
         if (full.find("/com.tencent.mm/tinker/") != std::string::npos) {
             return Fault(entry.name, "lies in a directory that a restore passes over");
         }
         if (!path.empty()) {
-            CheckParent(entry, path);
+            if (!MayGoThroughLink(path)) {
+                CheckParent(entry, path);
+            }
             Remember(entry, path);
         }
     }
@@ -284,30 +266,32 @@ class SetVerifier {
             return;
         }
         if (!entry.IsFile() || !HasDirectory(ParentOf(parent))) {
-            return Fault(entry.name, "does not come back: no entry in front of it is its directory");
+            return Fault(entry.name,
+                         "does not come back: no entry in front of it is its directory");
         }
         Warn(entry.name, "no entry in front of it is its directory, which gets this file's mode");
         seen_.Add(parent, PathMark::kDirectory);
     }
 
-    bool HasDirectory(std::string_view path) const {
+    bool HasDirectory(std::string_view path) {
         return path.empty() || seen_.MayHave(path, PathMark::kDirectory);
     }
 
+    bool MayGoThroughLink(std::string_view path) {
+        bool may_go = false;
+        AnyUpwards(has_links_ ? path : "", [this, &may_go](std::string_view each) {
+            if (seen_.MayHave(each, PathMark::kLink)) {
+                may_go = true;
+                LookAgainFor(each);
+            }
+            return false;
+        });
+        return may_go;
+    }
+
     void Remember(const ArchiveEntry& entry, std::string_view path) {
-        const bool may_be_again = !entry.Continues() && seen_.MayHave(path, PathMark::kAny);
-        const auto may_be_link = [this](std::string_view each) {
-            return seen_.MayHave(each, PathMark::kLink);
-        };
-        if (has_links_ && AnyUpwards(path, may_be_link)) {
-            AnyUpwards(path, [&](std::string_view each) {
-                if (may_be_link(each)) {
-                    all_listed_ = doubtful_.Add(each) && all_listed_;
-                }
-                return false;
-            });
-        } else if (may_be_again) {
-            all_listed_ = doubtful_.Add(path) && all_listed_;
+        if (!entry.Continues() && seen_.MayHave(path, PathMark::kAny)) {
+            LookAgainFor(path);
         }
         seen_.Add(path, PathMark::kAny);
         if (entry.type == TYPE_SYMLINK) {
@@ -318,52 +302,59 @@ class SetVerifier {
         }
     }
 
+    void LookAgainFor(std::string_view path) {
+        if (doubtful_.size() < kMostDoubtful) {
+            doubtful_.emplace(HashOfPath(path), Met::kNot);
+        } else {
+            has_more_doubts_ = true;
+        }
+    }
+
     // Reads the entries once more for the paths that may have come before.
     void LookAgain() {
         const uint64_t faults = verdict_.faults;
-        doubtful_.Finish();
         for (size_t i = 0; !doubtful_.empty() && i < set_.size(); i++) {
             slice_ = set_.NameOf(i);
-            LookAgainIn(i);
+            std::string error;
+            const std::optional<ArchiveFile> file = set_.OpenSlice(i, &error);
+            if (!file) {
+                continue;
+            }
+            ArchiveReader reader(*file, NameRoom());
+            for (ArchiveEntry entry; reader.Next(&entry);) {
+                if (entry.IsRestored()) {
+                    LookAgainAt(entry, entry.Path());
+                }
+            }
         }
-        if (!all_listed_ && faults == verdict_.faults) {
+        if (has_more_doubts_ && faults == verdict_.faults) {
             Tell(Severity::kWarning, "", "",
                  "too many entries to tell whether a name is there twice");
         }
     }
 
-    void LookAgainIn(size_t index) {
-        std::string error;
-        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
-        if (!file) {
+    void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
+        // A link itself replaces one of its name; all else is written through it.
+        const bool is_link = entry.type == TYPE_SYMLINK;
+        const auto goes_through = [&](std::string_view each) {
+            const auto row = doubtful_.find(HashOfPath(each));
+            const bool is_through = row != doubtful_.end() && row->second == Met::kLink;
+            if (is_through && !(entry.Continues() && told_ == path)) {
+                told_ = path;
+                Fault(entry.name, fmt::format("goes through the link {} of the archive", each));
+            }
+            return is_through;
+        };
+        const bool is_told = AnyUpwards(is_link ? ParentOf(path) : path, goes_through);
+        const auto own = doubtful_.find(HashOfPath(path));
+        if (own == doubtful_.end()) {
             return;
         }
-        ArchiveReader reader(*file, NameRoom());
-        for (ArchiveEntry entry; reader.Next(&entry);) {
-            if (entry.IsRestored()) {
-                LookAgainAt(entry, entry.Path());
-            }
-        }
-    }
-
-    void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
-        PathList::Row* const own = doubtful_.Find(path);
-        std::string_view link;
-        // A link itself replaces one of its name; all else is written through it.
-        AnyUpwards(entry.type == TYPE_SYMLINK ? ParentOf(path) : path, [&](std::string_view each) {
-            const PathList::Row* const row = doubtful_.Find(each);
-            link = row != nullptr && row->is_link ? each : link;
-            return false;
-        });
-        if (!link.empty() && !(entry.Continues() && told_ == path)) {
-            told_ = path;
-            Fault(entry.name, fmt::format("goes through the link {} of the archive", link));
-        } else if (link.empty() && own != nullptr && own->is_there && !entry.Continues()) {
+        if (own->second != Met::kNot && !is_told && !entry.Continues()) {
             Fault(entry.name, "is there again: this one comes back, those before it do not");
         }
-        if (own != nullptr) {
-            own->is_there = true;
-            own->is_link = own->is_link || entry.type == TYPE_SYMLINK;
+        if (own->second != Met::kLink) {
+            own->second = is_link ? Met::kLink : Met::kOther;
         }
     }
 
@@ -495,8 +486,8 @@ class SetVerifier {
     std::optional<OpenPart> open_part_;
 
     PathFilter seen_;
-    PathList doubtful_;
-    bool all_listed_ = true;  // doubtful_ took them all
+    std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
+    bool has_more_doubts_ = false;
     bool has_links_ = false;
     std::string told_;  // the file that goes through a link, of which parts may follow
 };
