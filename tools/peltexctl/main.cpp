@@ -92,7 +92,9 @@ int RunArchiveCommand(const Options& options) {
         return Fail(kNoLibraryOrData, error);
     }
     TakeSignals();
-    return kRun(options.archive, options.output.json);
+    ArchiveRequest request = options.archive;
+    request.quiet = options.output.quiet;
+    return kRun(request, options.output.json);
 }
 
 void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
