@@ -3,8 +3,9 @@
 //
 //   bench_floor pack DIRECTORY ARCHIVE      readdir, lstat, open, read; one header per entry
 //   bench_floor unpack ARCHIVE DIRECTORY    read; mkdir, symlink, open, write; chmod, chown
-//   bench_floor copy DIRECTORY DIRECTORY    readdir, lstat, open, read; open, write, chmod, chown,
-//   fsync bench_floor brief DIRECTORY FILE        readdir, lstat; one line per entry
+//   bench_floor copy DIRECTORY DIRECTORY    readdir, lstat, open, read; open, write, fsync, chmod,
+//                                           chown
+//   bench_floor brief DIRECTORY FILE        readdir, lstat; one line per entry
 //
 // What pack writes has the size of an archive and no valid headers.
 

@@ -33,8 +33,8 @@
 #include <string>
 #include <vector>
 
-#include "brief/search_rules.h"
 #include "brief/permission_record.h"
+#include "brief/search_rules.h"
 #include "service/peltexinstalld.h"
 #include "tar/tar_file.h"
 #include "tar/tar_header.h"

@@ -34,7 +34,7 @@ set_target_properties(peltexctl PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${bin_
 install(TARGETS peltexctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
 install(FILES docs/peltexctl.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-install(FILES tools/peltexctl/ui/peltexctl.bash RENAME peltexctl
+install(FILES tools/peltexctl.bash RENAME peltexctl
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
 
 # Laid out as here, so that they find each other.

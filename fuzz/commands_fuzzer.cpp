@@ -10,7 +10,7 @@
 // The answers are taken one by one: 'c' continues, 'k' keeps alive, 'a' aborts, 'f' finishes the
 // session; anything else, and the end of the line, lets the wait time out.
 //
-// What commands may reach as they are described is what lies in the allowed areas, what is above
+// What commands may reach by design is what lies in the allowed areas, what is above
 // one of them by a trailing "/..", and what a link leads to that they name.
 #include <time.h>
 #include <unistd.h>

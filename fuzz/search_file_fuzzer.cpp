@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <memory>
 
-#include "brief/search_rules.h"
 #include "brief/permission_record.h"
+#include "brief/search_rules.h"
 #include "fuzz/support/files.h"
 #include "fuzz/support/jail.h"
 #include "fuzz/support/sentinel.h"

@@ -1,26 +1,53 @@
 #!/usr/bin/env bash
 # Looks at the sources without running them: format, lint, exported symbols, where programs look for
-# libraries, and that every list of the library's sources names the same files.
+# libraries, that every list of the library's sources names the same files, and that folders stand on
+# those below them.
 #
-#   scripts/check.sh [format|tidy|exports|runpath|sources]...      all of them by default
+#   scripts/check.sh [format|tidy|exports|runpath|sources|arrows]...      all of them by default
 . "$(dirname "$0")/lib.sh"
 cd "$project"
 
+# The folders of the library and what each may include besides itself, from the top down.
+library="
+service   handlers task base bounded platform
+handlers  fileops brief tar task base bounded platform
+fileops   brief task base bounded platform
+brief     base bounded platform
+tar       base bounded platform
+task      base bounded platform
+base      bounded platform
+bounded
+"
+# What is built around it. tests/support is the vocabulary of all tests.
+around="
+platform
+tools          platform bounded base tar
+tests/support  service handlers fileops brief tar task base bounded platform
+tests          tests/support service handlers fileops brief tar task base bounded platform
+fuzz           tests/support service handlers fileops brief tar task base bounded platform
+bench          tests/support service handlers fileops brief tar task base bounded platform
+"
+
+# folders LIST: their names.
+folders() { awk 'NF { print $1 }' <<<"$1"; }
+
+# sources FOLDER...: the C++ files below them.
 sources() {
-    git ls-files -co --exclude-standard -- \
-        '*.cpp' '*.h' | grep -E '^(service|fileops|brief|tar|bounded|platform|tools|tests|bench|fuzz)/'
+    local folder patterns=()
+    for folder; do patterns+=("$folder/**.h" "$folder/**.cpp"); done
+    git ls-files -co --exclude-standard -- "${patterns[@]}" | sort -u
 }
 
 check_format() {
     need_packages $packages_lint
-    sources | xargs clang-format --dry-run --Werror
+    sources $(folders "$library$around") | xargs clang-format --dry-run --Werror
 }
 
 # One process per file: what the analyzer believes of one must not depend on the others.
 check_tidy() {
     need_packages $packages_build $packages_clang $packages_lint
     cmake --preset asan >/dev/null
-    sources | grep -E '^(service|fileops|brief|tar|bounded|platform|tools)/.*\.cpp$' |
+    sources $(folders "$library") platform tools | grep '\.cpp$' |
         xargs -P "$(nproc)" -n 1 clang-tidy -p build/asan --quiet 2>/dev/null
 }
 
@@ -55,17 +82,58 @@ compare_sources() {
 }
 
 check_sources() {
-    local tree
-    tree=$(git ls-files -co --exclude-standard -- service fileops brief tar bounded |
-        grep '\.cpp$' | sort)
+    local tree pattern
+    tree=$(sources $(folders "$library") | grep '\.cpp$')
+    pattern="($(folders "$library" | paste -sd '|'))/[a-z0-9_]+\.cpp"
     sed 's/#.*//' CMakeLists.txt |
         sed -n '/^add_library(peltex_core/,/)/p; /^add_library(peltex_bounded/p; /^add_library(peltexinstalld /p' |
-        grep -oE '[a-z]+/[a-z0-9_]+\.cpp' | compare_sources CMakeLists.txt "$tree"
-    sed 's,//.*,,' Android.bp | grep -oE '"(service|fileops|brief|tar|bounded)/[a-z0-9_]+\.cpp"' |
-        tr -d '"' | compare_sources Android.bp "$tree"
+        grep -oE "$pattern" | compare_sources CMakeLists.txt "$tree"
+    sed 's,//.*,,' Android.bp | grep -oE "\"$pattern\"" | tr -d '"' |
+        compare_sources Android.bp "$tree"
 }
 
-[ $# -gt 0 ] || set -- format sources exports runpath tidy
+# Includes of the project's own files are in quotes and begin with their folder, those of the platform
+# in angle brackets, open to everybody.
+check_arrows() {
+    local bad
+    bad=$(sources $(folders "$library$around") | xargs grep -nE '^#include "[^"]+/' |
+        awk -v table="$library$around" '
+            # folder_of(PATH): the longest folder of the table that PATH is in.
+            function folder_of(path, folder, found) {
+                for (folder in below)
+                    if (index(path, folder "/") == 1 && length(folder) > length(found)) found = folder
+                return found
+            }
+            BEGIN {
+                rows = split(table, row, "\n")
+                for (i = 1; i <= rows; ++i) {
+                    split(row[i], name, " ")
+                    if (name[1] != "") below[name[1]] = " " row[i] " "
+                }
+            }
+            {
+                match($0, /#include "[^"]+"/)
+                path = substr($0, RSTART + 10, RLENGTH - 11)
+                from = folder_of($0)
+                to = folder_of(path)
+                # The client has folders of its own, below a root of its own.
+                if (from == "tools" && (getline < ("tools/peltexctl/" path)) >= 0) next
+                if (to != "" && index(below[from], " " to " ") == 0) print
+            }')
+    [ -z "$bad" ] || fail "these includes lead to folders that theirs does not stand on:"$'\n'"$bad"
+    check_circles
+}
+
+# Within a folder no file may lead back to itself: tsort names the circle.
+check_circles() {
+    local circle
+    circle=$(sources $(folders "$library") |
+        xargs grep -oE '^#include "[^"]+"' | sed -E 's/:#include "/ /; s/"$//; s/\.(h|cpp) / /; s/\.h$//' |
+        awk '$1 != $2' | tsort 2>&1 >/dev/null) || true
+    [ -z "$circle" ] || fail "these files include each other:"$'\n'"$circle"
+}
+
+[ $# -gt 0 ] || set -- format sources arrows exports runpath tidy
 for check in "$@"; do
     printf 'check %s\n' "$check"
     "check_$check"

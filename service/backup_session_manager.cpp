@@ -7,6 +7,8 @@
 #include <binder/IInterface.h>
 #include <log/log.h>
 
+#include <utility>
+
 namespace android::installd {
 
 BackupSessionManager::BackupSessionManager() {
@@ -18,10 +20,11 @@ BackupSessionManager::BackupSessionManager() {
 // The workers use the manager's lock and queues, so they have to be gone before those are: nothing
 // more is taken, and what runs is asked to stop. A plain copy runs to its end all the same.
 BackupSessionManager::~BackupSessionManager() {
+    Vector<sp<BackupTask>> dropped;  // let go behind the lock
     {
         MutexLock lock(mLock);
         mSessions.clear();
-        mPendingTasks.clear();
+        std::swap(dropped, mPendingTasks);
         for (const sp<BackupTask>& task : mProcessingTasks) {
             stopRunningTaskLocked(task);
         }
@@ -35,8 +38,7 @@ BackupSessionManager::~BackupSessionManager() {
 
 int32_t BackupSessionManager::startBackupSession(const sp<os::IBackupSessionCallback>& callback) {
     ALOGD("BackupSessionManager startBackupSession");
-    // Let go when the locks are free again: its destructor is the client's, and may call in.
-    sp<os::IBackupSessionCallback> replaced;
+    sp<os::IBackupSessionCallback> replaced;  // let go behind the lock
     MutexLock lock(mLock);
     const int32_t sessionId = mNextId.fetch_add(1, std::memory_order_release);
     mSessions.add(sessionId);
@@ -60,6 +62,7 @@ int32_t BackupSessionManager::startBackupSession(const sp<os::IBackupSessionCall
 
 int32_t BackupSessionManager::finishBackupSession(int32_t sessionId) {
     ALOGD("BackupSessionManager finishBackupSession sessionId=%d", sessionId);
+    Vector<sp<BackupTask>> dropped;  // let go behind the lock
     MutexLock lock(mLock);
     const ssize_t position = indexOfSessionLocked(sessionId);
     if (position < 0) {
@@ -70,6 +73,7 @@ int32_t BackupSessionManager::finishBackupSession(int32_t sessionId) {
     // stays queued. Clients know the queue this way.
     for (size_t i = 0; i < mPendingTasks.size(); ++i) {
         if (mPendingTasks[i]->sessionId == sessionId) {
+            dropped.add(mPendingTasks[i]);
             mPendingTasks.removeAt(i);
         }
     }

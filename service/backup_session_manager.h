@@ -3,7 +3,9 @@
 //
 // Threads: clients call from any thread, tasks run on the workers. Everything is under mLock unless
 // said otherwise; members whose names end in Locked expect it to be held. Lock order: mLock, then
-// mCallbackLock or a task's own, never the reverse. Handlers run without any of them.
+// mCallbackLock or a task's own, never the reverse. Handlers run without any of them. What may hold
+// the last reference to a callback is let go without them, too: a callback's destructor is the
+// client's, and may call in.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
@@ -169,7 +171,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
         kNoneLeft,   // it was asked to exit, and nothing is queued
     };
     Turn waitForTurnLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
-    sp<BackupTask> takeTaskLocked(size_t workerIndex) PELTEX_REQUIRES(mLock);
+    bool takeTaskLocked(size_t workerIndex, sp<BackupTask>& task) PELTEX_REQUIRES(mLock);
     void endPass(size_t workerIndex) PELTEX_EXCLUDES(mLock);
     bool startWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
     void settleWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
@@ -196,8 +198,9 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
         PELTEX_GUARDED_BY(mLock);  // ids of the open sessions, in opening order
     Vector<sp<BackupTask>> mPendingTasks PELTEX_GUARDED_BY(mLock);     // oldest first
     Vector<sp<BackupTask>> mProcessingTasks PELTEX_GUARDED_BY(mLock);  // at most one per worker
-    Vector<sp<BackupWorkerThread>> mWorkers;      // constant after construction
-    int64_t mDelay PELTEX_GUARDED_BY(mLock) = 0;  // stored for the client, not read
+    sp<BackupTask> mAbortedTask PELTEX_GUARDED_BY(mLock);  // taken from the queue by a command
+    Vector<sp<BackupWorkerThread>> mWorkers;               // constant after construction
+    int64_t mDelay PELTEX_GUARDED_BY(mLock) = 0;           // stored for the client, not read
     int32_t mWeight PELTEX_GUARDED_BY(mLock) = 100;
     std::atomic<int32_t> mNextId{100};  // of sessions and tasks alike
 

@@ -1,4 +1,5 @@
-// A thread that runs the manager's tasks, one after another.
+// A thread that runs the manager's tasks, one after another. What it does is the manager's loop:
+// service/task_loop.cpp has both.
 #pragma once
 
 #include <stddef.h>

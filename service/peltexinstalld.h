@@ -1,9 +1,10 @@
 // The three functions that the library exports. The daemon finds them by name after dlopen; all may
 // be called from any thread at any time.
 //
-// The library calls the callback from its worker threads and from inside executeBackupTask. With
-// one of its locks held it does so for an abort, for a task that fails its pre-checks and for a
-// time-out: a callback must not call back into the library, nor wait for a thread that does.
+// The library calls the callback from its worker threads and from inside executeBackupTask, at
+// times with one of its locks held. A callback may take its time, which holds up its own task and
+// at most the commands. It must not call the library, nor wait for a thread that does, nor call
+// exit(), which waits for the workers.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
@@ -14,8 +15,9 @@
 extern "C" {
 
 // Opens a session and makes `callback` the one that hears of the tasks of every session from now
-// on; its process's death closes all sessions. Keeps a strong reference to it. `callback` must not
-// be null. Returns the session's id, 100 or more.
+// on; its process's death closes all sessions. Keeps a strong reference to it. With a null callback
+// nobody hears of them; one whose binder is null is told like any other, but its death is not
+// noticed. Returns the session's id, 100 or more.
 int32_t startBackupSession(const android::sp<android::os::IBackupSessionCallback>& callback);
 
 // Carries out one command line on an open session, at once or as a task that a worker takes later.

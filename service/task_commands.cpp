@@ -5,6 +5,8 @@
 #include <log/log.h>
 #include <string.h>
 
+#include <utility>
+
 #include "base/numbers.h"
 #include "base/paths.h"
 #include "service/backup_session_manager.h"
@@ -115,6 +117,7 @@ const BackupSessionManager::Command* BackupSessionManager::checkTaskCmd(const st
 int32_t BackupSessionManager::executeBackupTask(int32_t sessionId, const std::string& taskCmd) {
     ALOGD("BackupSessionManager executeBackupTask sessionId=%d, taskCmd = %s", sessionId,
           taskCmd.c_str());
+    sp<BackupTask> aborted;  // let go behind the lock
     MutexLock lock(mLock);
     if (indexOfSessionLocked(sessionId) < 0) {
         ALOGE("invalid session id = %d", sessionId);
@@ -125,7 +128,10 @@ int32_t BackupSessionManager::executeBackupTask(int32_t sessionId, const std::st
     // Only "backup" has a sixth argument, and has it optionally, which the table cannot say.
     const bool isLongBackup = words == static_cast<int32_t>(kCommandWords) && args[0] == "backup";
     const Command* command = isLongBackup ? &cmds[0] : checkTaskCmd(args[0], words - 1);
-    return command == nullptr ? COMMAND_REFUSED : (this->*command->run)(sessionId, args);
+    const int32_t result =
+        command == nullptr ? COMMAND_REFUSED : (this->*command->run)(sessionId, args);
+    std::swap(aborted, mAbortedTask);
+    return result;
 }
 
 int32_t BackupSessionManager::runTaskLocked(int32_t sessionId, const std::string* args) {
@@ -206,6 +212,7 @@ bool BackupSessionManager::isDuplicateLocked(BackupTaskType type, const std::str
 int32_t BackupSessionManager::abortTaskLocked(int32_t taskId) {
     for (size_t i = 0; i < mPendingTasks.size(); ++i) {
         if (mPendingTasks[i]->taskId == taskId) {
+            mAbortedTask = mPendingTasks[i];
             mPendingTasks.removeAt(i);
             ALOGD("BackupSessionManager remove task %d in pending", taskId);
             return 0;

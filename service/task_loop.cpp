@@ -31,18 +31,28 @@ constexpr timespec kSettleInterval = {0, 50000};
 
 }  // namespace
 
+BackupWorkerThread::BackupWorkerThread(BackupSessionManager* manager, size_t index)
+    : Thread(/*canCallJava=*/true), workerIndex(index), mManager(manager) {}
+
+BackupWorkerThread::~BackupWorkerThread() = default;
+
+bool BackupWorkerThread::threadLoop() {
+    return mManager->loopOnce(workerIndex);
+}
+
 bool BackupSessionManager::loopOnce(size_t workerIndex) {
     mInPass[workerIndex] = true;
     Turn turn;
     sp<BackupTask> task;
+    bool isTaken = false;
     {
         MutexLock lock(mLock);
         turn = waitForTurnLocked(workerIndex);
         if (turn == Turn::kTask) {
-            task = takeTaskLocked(workerIndex);
+            isTaken = takeTaskLocked(workerIndex, task);
         }
     }
-    if (task != nullptr) {
+    if (isTaken) {
         processTask(task);
         finishTask(task);
     }
@@ -68,21 +78,22 @@ BackupSessionManager::Turn BackupSessionManager::waitForTurnLocked(size_t worker
     return Turn::kTask;
 }
 
-// The oldest task, which is running from now on; null for one that fails its checks and is dropped.
-sp<BackupTask> BackupSessionManager::takeTaskLocked(size_t workerIndex) {
-    const sp<BackupTask> task = mPendingTasks[0];
+// Sets `task` to the oldest one, which is running from now on. Returns false for one that fails its
+// checks: it is out of the queue, and the caller lets it go behind the lock.
+bool BackupSessionManager::takeTaskLocked(size_t workerIndex, sp<BackupTask>& task) {
+    task = mPendingTasks[0];
     mPendingTasks.removeAt(0);
     if (task == nullptr) {
         ALOGD("BackupSessionManager task is null");
-        return nullptr;
+        return false;
     }
     if (!prepareTaskLocked(task)) {
         tellClient(task, TASK_STATUS_FAILED, "prepareTask error");
-        return nullptr;
+        return false;
     }
     task->workerIndex = workerIndex;
     mProcessingTasks.add(task);
-    return task;
+    return true;
 }
 
 int32_t BackupSessionManager::startWorkerTreadLocked() {

@@ -1,5 +1,3 @@
-// Tested by tests/platform/platform_test.cpp.
-
 #include <binder/IBinder.h>
 
 namespace android {

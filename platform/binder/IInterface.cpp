@@ -1,5 +1,3 @@
-// Tested by tests/platform/platform_test.cpp.
-
 #include <binder/IInterface.h>
 
 namespace android {
@@ -8,15 +6,8 @@ IInterface::IInterface() = default;
 
 IInterface::~IInterface() = default;
 
-sp<IBinder> IInterface::asBinder(const IInterface* iface) {
-    if (iface == nullptr) {
-        return nullptr;
-    }
-    return const_cast<IInterface*>(iface)->onAsBinder();
-}
-
 sp<IBinder> IInterface::asBinder(const sp<IInterface>& iface) {
-    return asBinder(iface.get());
+    return iface == nullptr ? nullptr : iface->onAsBinder();
 }
 
 }  // namespace android

@@ -14,7 +14,6 @@ class IInterface : public virtual RefBase {
     IInterface();
 
     // The identity behind an interface; null for null.
-    static sp<IBinder> asBinder(const IInterface* iface);
     static sp<IBinder> asBinder(const sp<IInterface>& iface);
 
   protected:

@@ -18,8 +18,6 @@ constexpr int32_t kNeverHeld = 1 << 28;
 // deletes this block is always the last decWeak(), whoever makes it.
 class RefBase::weakref_impl final : public RefBase::weakref_type {
   public:
-    explicit weakref_impl(RefBase* base) : mBase(base) {}
-
     // Returns the count before.
     int32_t addHolder() {
         const int32_t before = mStrong.fetch_add(1, std::memory_order_relaxed);
@@ -37,12 +35,7 @@ class RefBase::weakref_impl final : public RefBase::weakref_type {
 
     std::atomic<int32_t> mStrong{kNeverHeld};
     std::atomic<int32_t> mWeak{1};
-    RefBase* const mBase;
 };
-
-RefBase* RefBase::weakref_type::refBase() const {
-    return static_cast<const weakref_impl*>(this)->mBase;
-}
 
 void RefBase::weakref_type::incWeak(const void* /*id*/) {
     static_cast<weakref_impl*>(this)->mWeak.fetch_add(1, std::memory_order_relaxed);
@@ -67,7 +60,7 @@ bool RefBase::weakref_type::attemptIncStrong(const void* /*id*/) {
     return false;
 }
 
-RefBase::RefBase() : mRefs(new weakref_impl(this)) {}
+RefBase::RefBase() : mRefs(new weakref_impl) {}
 
 RefBase::~RefBase() {
     // An object on the stack, or deleted by hand: nobody held it and nobody can from here on.
@@ -77,38 +70,22 @@ RefBase::~RefBase() {
 }
 
 void RefBase::incStrong(const void* /*id*/) const {
-    const int32_t before = mRefs->addHolder();
+    [[maybe_unused]] const int32_t before = mRefs->addHolder();
     assert(before > 0 && "a reference was taken on an object that is gone");
-    if (before == kNeverHeld) {
-        const_cast<RefBase*>(this)->onFirstRef();
-    }
 }
 
-void RefBase::decStrong(const void* id) const {
+void RefBase::decStrong(const void* /*id*/) const {
     // Acquire and release on the counter itself: what every holder wrote is seen by the destructor.
     const int32_t before = mRefs->mStrong.fetch_sub(1, std::memory_order_acq_rel);
     assert(before > 0 && before != kNeverHeld && "a reference was dropped that nobody held");
     if (before == 1) {
-        const_cast<RefBase*>(this)->onLastStrongRef(id);
         delete this;
     }
-}
-
-int32_t RefBase::getStrongCount() const {
-    return mRefs->mStrong.load(std::memory_order_relaxed);
 }
 
 RefBase::weakref_type* RefBase::createWeak(const void* id) const {
     mRefs->incWeak(id);
     return mRefs;
 }
-
-RefBase::weakref_type* RefBase::getWeakRefs() const {
-    return mRefs;
-}
-
-void RefBase::onFirstRef() {}
-
-void RefBase::onLastStrongRef(const void* /*id*/) {}
 
 }  // namespace android

@@ -18,7 +18,6 @@ class RefBase {
     // Outlives the object for as long as somebody holds a weak reference to it.
     class weakref_type {
       public:
-        RefBase* refBase() const;
         void incWeak(const void* id);
         void decWeak(const void* id);
         // Takes a strong reference. Returns false once the last one was dropped.
@@ -34,20 +33,12 @@ class RefBase {
     // `id` names the holder to the platform's debug builds and is not looked at here.
     void incStrong(const void* id) const;
     void decStrong(const void* id) const;
-    // For tests and logs: out of date at once, and no count before the first strong reference.
-    int32_t getStrongCount() const;
-
     // The caller owes one decWeak() on the result.
     weakref_type* createWeak(const void* id) const;
-    weakref_type* getWeakRefs() const;
 
   protected:
     RefBase();
     virtual ~RefBase();
-
-    virtual void onFirstRef();
-    // Called with the object whole, right before it is deleted.
-    virtual void onLastStrongRef(const void* id);
 
   private:
     class weakref_impl;
@@ -100,19 +91,7 @@ class wp {
     bool operator==(const wp<U>& other) const {
         return mRefs == other.mRefs;
     }
-    template <typename U>
-    bool operator==(const sp<U>& other) const {
-        return mRefs == (other != nullptr ? other->getWeakRefs() : nullptr);
-    }
-    template <typename U>
-    bool operator==(const U* other) const {
-        return mPtr == other;
-    }
     bool operator==(std::nullptr_t) const { return mPtr == nullptr; }
-    template <typename U>
-    bool operator!=(const U& other) const {
-        return !(*this == other);
-    }
 
   private:
     template <typename U>
@@ -127,14 +106,5 @@ class wp {
     T* mPtr = nullptr;
     RefBase::weakref_type* mRefs = nullptr;
 };
-
-template <typename T, typename U>
-bool operator==(const sp<T>& a, const wp<U>& b) {
-    return b == a;
-}
-template <typename T, typename U>
-bool operator!=(const sp<T>& a, const wp<U>& b) {
-    return !(b == a);
-}
 
 }  // namespace android

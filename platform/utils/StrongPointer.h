@@ -40,11 +40,6 @@ class sp {
         return *this;
     }
 
-    template <typename... Args>
-    static sp make(Args&&... args) {
-        return sp(new T(std::forward<Args>(args)...));
-    }
-
     void clear() { *this = sp(); }
 
     T* get() const { return mPtr; }
@@ -65,42 +60,17 @@ template <typename T, typename U>
 bool operator==(const sp<T>& a, const sp<U>& b) {
     return a.get() == b.get();
 }
-template <typename T, typename U>
-bool operator==(const sp<T>& a, const U* b) {
-    return a.get() == b;
-}
-template <typename T, typename U>
-bool operator==(const T* a, const sp<U>& b) {
-    return a == b.get();
-}
 template <typename T>
 bool operator==(const sp<T>& a, std::nullptr_t) {
     return a.get() == nullptr;
 }
-template <typename T>
-bool operator==(std::nullptr_t, const sp<T>& b) {
-    return b.get() == nullptr;
-}
-
 template <typename T, typename U>
 bool operator!=(const sp<T>& a, const sp<U>& b) {
-    return !(a == b);
-}
-template <typename T, typename U>
-bool operator!=(const sp<T>& a, const U* b) {
-    return !(a == b);
-}
-template <typename T, typename U>
-bool operator!=(const T* a, const sp<U>& b) {
     return !(a == b);
 }
 template <typename T>
 bool operator!=(const sp<T>& a, std::nullptr_t) {
     return a.get() != nullptr;
-}
-template <typename T>
-bool operator!=(std::nullptr_t, const sp<T>& b) {
-    return b.get() != nullptr;
 }
 
 }  // namespace android

@@ -74,13 +74,11 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     start.self = this;
     start.name = name;
     start.priority = priority;
-    mStatus = OK;
     mExitPending = false;
 
     const DetachedAttributes attributes(stack);
     pthread_t thread;
     if (pthread_create(&thread, attributes.get(), threadMain, &start) != 0) {
-        mStatus = UNKNOWN_ERROR;
         return UNKNOWN_ERROR;
     }
     // The new thread takes mLock only after it has told its id, so nobody sees it running without.
@@ -97,7 +95,7 @@ void* Thread::threadMain(void* startRecord) {
     start->tellTid(gettid());
 
     const wp<Thread> weak(self);
-    bool wantsMore = self->firstPass();
+    bool wantsMore = !self->exitPending() && self->threadLoop();
     while (!self->endedAfterPass(wantsMore)) {
         // An object that only its own thread holds is not wanted any more, and is deleted here.
         self.clear();
@@ -108,18 +106,6 @@ void* Thread::threadMain(void* startRecord) {
         wantsMore = self->threadLoop();
     }
     return nullptr;
-}
-
-bool Thread::firstPass() {
-    const status_t status = readyToRun();
-    {
-        const std::lock_guard<std::mutex> lock(mLock);
-        mStatus = status;
-        if (status != OK || mExitPending) {
-            return false;
-        }
-    }
-    return threadLoop();
 }
 
 bool Thread::endedAfterPass(bool wantsMore) {
@@ -139,28 +125,13 @@ void Thread::requestExit() {
     mExitPending = true;
 }
 
-status_t Thread::readyToRun() {
-    return OK;
-}
-
-status_t Thread::requestExitAndWait() {
-    std::unique_lock<std::mutex> lock(mLock);
-    if (mTid == gettid()) {
-        return WOULD_BLOCK;
-    }
-    mExitPending = true;
-    mEnded.wait(lock, [this] { return !mRunning; });
-    mExitPending = false;
-    return mStatus;
-}
-
 status_t Thread::join() {
     std::unique_lock<std::mutex> lock(mLock);
     if (mTid == gettid()) {
         return WOULD_BLOCK;
     }
     mEnded.wait(lock, [this] { return !mRunning; });
-    return mStatus;
+    return OK;
 }
 
 bool Thread::isRunning() const {

@@ -32,11 +32,7 @@ class Thread : public virtual RefBase {
     // Asks the thread to end after the current pass and does not wait for it.
     virtual void requestExit();
 
-    // The first thing that the new thread calls. Anything but OK ends it before threadLoop().
-    virtual status_t readyToRun();
-
-    // Both return readyToRun()'s result of the last run, or WOULD_BLOCK from the thread itself.
-    status_t requestExitAndWait();
+    // Waits until the thread has ended. Returns OK, or WOULD_BLOCK from the thread itself.
     status_t join();
 
     // True from run() until the loop has decided to end; the thread may have a few steps left then.
@@ -55,14 +51,12 @@ class Thread : public virtual RefBase {
     virtual bool threadLoop() = 0;
 
     static void* threadMain(void* startRecord);
-    bool firstPass();
     bool endedAfterPass(bool wantsMore);
 
     mutable std::mutex mLock;
     std::condition_variable mEnded;
 
     // Guarded by mLock.
-    status_t mStatus = OK;
     bool mExitPending = false;
     bool mRunning = false;
     pid_t mTid = -1;

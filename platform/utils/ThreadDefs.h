@@ -5,11 +5,8 @@
 namespace android {
 
 enum {
-    PRIORITY_LOWEST = 19,
     PRIORITY_BACKGROUND = 10,
-    PRIORITY_NORMAL = 0,
-    PRIORITY_HIGHEST = -20,
-    PRIORITY_DEFAULT = PRIORITY_NORMAL,
+    PRIORITY_DEFAULT = 0,
 };
 
 }  // namespace android

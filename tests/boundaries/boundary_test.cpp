@@ -1,5 +1,5 @@
 // What hostile input reaches, and what it does not, with one row per line of docs/BOUNDARIES.md.
-// The described formats let some of it out: such a row fails when it no longer does, and the
+// The formats let some of it out by design: such a row fails when it no longer does, and the
 // document has to change with it.
 #include "tests/boundaries/boundary_test.h"
 

@@ -1,5 +1,5 @@
-#include "base/owner_mapping.h"
 #include "brief/permission_record.h"
+#include "base/owner_mapping.h"
 
 #include <gtest/gtest.h>
 #include <host/relabel_observer.h>

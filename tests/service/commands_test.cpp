@@ -53,6 +53,7 @@ TEST_F(CommandsTest, LinesThatQueueNothing) {
         {"nothing to keep alive", "keepalive", -2, {}},
         {"abort of an unknown task", "abort 4711", -1, {"task 4711 is invalidated"}},
         {"abort, octal", "abort 0144", -1, {"task 100 is invalidated"}},
+        {"abort, no binary digits", "abort 0b1100100", -1, {"task 0 is invalidated"}},
         {"abort, hexadecimal", "abort 0x64", -1, {"task 100 is invalidated"}},
         {"abort of no number", "abort x", -1, {"task 0 is invalidated"}},
         {"abort, beyond 64 bits", "abort 99999999999999999999", -1, {"task -1 is invalidated"}},

@@ -35,6 +35,87 @@ TEST_F(SessionTest, WithoutACallbackTasksRunUnheard) {
     EXPECT_TRUE(eventually([&] { return exists(tree / "out/one"); }));
 }
 
+// As a default implementation of the interface is.
+class ClientWithoutBinder : public TestClient {
+  protected:
+    android::IBinder* onAsBinder() override { return nullptr; }
+};
+
+TEST_F(SessionTest, AClientWithoutABinderIsServed) {
+    const android::sp<TestClient> plain = new ClientWithoutBinder();
+    const int32_t session = manager->startBackupSession(plain);
+    EXPECT_EQ(plain->waitForEnd(addCopy(session, "one")), 0);
+    EXPECT_EQ(client->waitForEnd(addCopy(manager->startBackupSession(client), "two")), 0);
+}
+
+class ClientThatCallsInWhenItGoes : public TestClient {
+  public:
+    explicit ClientThatCallsInWhenItGoes(std::function<void()> last) : mLast(std::move(last)) {}
+    ~ClientThatCallsInWhenItGoes() override { mLast(); }
+
+  private:
+    const std::function<void()> mLast;
+};
+
+// The last reference goes with the callback's replacement, or with a queued task that it was given.
+TEST_F(SessionTest, ACallbackIsLetGoWhereItMayCallIn) {
+    const int32_t keeper = manager->startBackupSession(client);
+    runBlocked(keeper, "one");
+    runBlocked(keeper, "two");
+    const std::string drops[] = {"replaced", "aborted", "finished", "refused"};
+    for (const std::string& drop : drops) {
+        SCOPED_TRACE(drop);
+        std::atomic<int32_t> answer{-1};
+        const int32_t session = manager->startBackupSession(
+            new ClientThatCallsInWhenItGoes([&] { answer = execute(keeper, "delay 1"); }));
+        int32_t task = 0;
+        if (drop == "refused") {
+            task = execute(session, "backup file /system/x " + (tree / "out") + " s 0");
+        } else if (drop != "replaced") {
+            task = addCopy(session, drop);
+        }
+        manager->startBackupSession(client);
+        if (drop == "aborted") {
+            EXPECT_EQ(execute(session, "abort " + std::to_string(task)), 0);
+        } else if (drop == "finished") {
+            EXPECT_EQ(manager->finishBackupSession(session), 0);
+        } else if (drop == "refused") {
+            letGo("one");
+        }
+        EXPECT_TRUE(eventually([&] { return answer == 0; }));
+    }
+    letGo("two");
+}
+
+class ClientThatWaits : public TestClient {
+  public:
+    android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
+                                                const std::string& message) override {
+        if (code == 2) {
+            onAbort();
+        }
+        return TestClient::onTaskStatusChanged(session, task, code, message);
+    }
+
+    std::function<void()> onAbort;
+};
+
+TEST_F(SessionTest, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
+    const android::sp<ClientThatWaits> waiting = new ClientThatWaits();
+    const int32_t session = manager->startBackupSession(waiting);
+    const int32_t tasks[] = {addBlocked(session, "one"), addBlocked(session, "two")};
+    EXPECT_EQ(waiting->waitFor(tasks[0], 1), 1);
+    EXPECT_EQ(waiting->waitFor(tasks[1], 1), 1);
+    int32_t other = TestClient::kNone;
+    waiting->onAbort = [&] {
+        letGo("two");
+        other = waiting->waitForEnd(tasks[1]);
+    };
+    EXPECT_EQ(execute(session, "abort " + std::to_string(tasks[0])), 0);
+    EXPECT_EQ(other, 0);
+    letGo("one");
+}
+
 // Of neighbours in the queue every second one survives: the walk steps over what moves up.
 TEST_F(SessionTest, FinishDropsEverySecondOfNeighbouringPendingTasks) {
     const int32_t keeper = manager->startBackupSession(client);

@@ -124,7 +124,8 @@ TEST_F(TaskLoopTest, ATaskQueuedWhileBothWorkersAreLeavingIsServed) {
 }
 
 TEST_F(TaskLoopTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
-    auto doomed = android::sp<android::installd::BackupSessionManager>::make();
+    auto doomed = android::sp<android::installd::BackupSessionManager>(
+        new android::installd::BackupSessionManager());
     const android::wp<android::installd::BackupSessionManager> observed = doomed;
     const int32_t id = doomed->startBackupSession(client);
     int32_t last = 0;

@@ -1,5 +1,3 @@
-// Tested by tests/platform/platform_test.cpp.
-
 #include <android/os/IBackupSessionCallback.h>
 
 namespace android {

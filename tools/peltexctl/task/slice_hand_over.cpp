@@ -140,6 +140,20 @@ std::string SliceHandOver::Step() {
     return "";
 }
 
+// An abort is forgotten like a continuation when it comes before the pause, and is not repeated: each
+// makes a status. Where it is seen first, the slice that was handed over is not packed again.
+void SliceHandOver::Wake() {
+    if (Clock::now() < next_step_) {
+        return;
+    }
+    repeat_after_ = std::clamp<Clock::duration>(2 * repeat_after_, kFirstRepeat, kLastRepeat);
+    next_step_ = Clock::now() + repeat_after_;
+    const std::lock_guard lock(end_mutex_);
+    if (!ended_) {
+        send_(command_, true);
+    }
+}
+
 std::string SliceHandOver::Finish(bool whole) {
     std::string error;
     for (std::optional<Slice> slice = NextSlice(); slice && !failed_; slice = NextSlice()) {

@@ -50,6 +50,9 @@ class SliceHandOver {
     // aborted.
     std::string Step();
 
+    // The backup was asked to stop: makes it see that in its pause, instead of Step().
+    void Wake();
+
     // When Step() is to be called next, whatever is heard until then.
     Clock::time_point next_step() const { return next_step_; }
 

@@ -40,7 +40,7 @@ class Place {
 
     // What is there under the name of `expected`. Its texts live until the next call.
     std::optional<TallyEntry> Find(const TallyEntry& expected) {
-        name_ = expected.path;
+        name_ = WithoutSlashes(expected.path);
         struct stat status = {};
         if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return std::nullopt;
@@ -358,7 +358,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
             VisitRestored(*set_, entries);
             return true;
         case Source::kRecords:
-            if (FirstRecordOf(source_) && !android::installd::isStoragePath(request_.destination.c_str())) {
+            if (RecordsApply()) {
                 return VisitRecords(entries);
             }
             break;
@@ -446,16 +446,21 @@ bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_ou
     return true;
 }
 
-// A record has the path that the entry had, and comes back to.
+// Whether modes are put back: nowhere on shared storage, and at the paths that they were taken from.
+bool TaskCheck::RecordsApply() const {
+    const std::optional<std::string> first = FirstRecordOf(source_);
+    return first && first->rfind(request_.destination + "/", 0) == 0 &&
+           !android::installd::isStoragePath(request_.destination.c_str());
+}
+
 bool TaskCheck::VisitRecords(const EntrySink& entries) const {
     const std::string top = request_.destination + "/";
     return ReadRecords(source_ + ".txt", RecordLines::kJoined, [&](const Record& record) {
         TallyEntry entry;
-        const bool is_below = record.path.rfind(top, 0) == 0;
-        entry.path = is_below ? record.path.substr(top.size()) : record.path;
+        entry.path = record.path.substr(record.path.rfind(top, 0) == 0 ? top.size() : 0);
         entry.type = record.is_directory ? '5' : '0';
         entry.size = record.is_directory ? 0 : record.size;
-        entry.mode = is_below ? std::optional(record.mode) : std::nullopt;
+        entry.mode = record.mode;
         entries(entry);
         return true;
     });

@@ -50,6 +50,7 @@ class TaskCheck {
     bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const;
+    bool RecordsApply() const;
     bool VisitRecords(const EntrySink& entries) const;
     bool VisitListed(const std::string& brief, const EntrySink& entries) const;
     bool VisitExpected(const EntrySink& entries) const;

@@ -124,7 +124,9 @@ TaskRun::Result TaskRun::Follow(int task) {
         return last_code_.has_value();
     };
     while (!has_ended()) {
-        if (slices_ && !stopping_) {
+        if (slices_ && stopping_) {
+            slices_->Wake();
+        } else if (slices_) {
             untaken_ = slices_->Step();
         }
         if (!stopping_ && (is_interrupted_ || !untaken_.empty())) {
@@ -148,7 +150,7 @@ TaskRun::Result TaskRun::Follow(int task) {
 void TaskRun::WaitForNews() {
     const Clock::time_point tick = Clock::now() + kTick;
     std::unique_lock lock(mutex_);
-    changed_.wait_until(lock, slices_ && !stopping_ ? std::min(tick, slices_->next_step()) : tick,
+    changed_.wait_until(lock, slices_ ? std::min(tick, slices_->next_step()) : tick,
                         [this] { return has_news_; });
     has_news_ = false;
 }
