@@ -143,7 +143,7 @@ std::string SliceHandOver::Step() {
 // An abort is forgotten like a continuation when it comes before the pause, and is not repeated: each
 // makes a status. Where it is seen first, the slice that was handed over is not packed again.
 void SliceHandOver::Wake() {
-    if (Clock::now() < next_step_) {
+    if (next_step_ != Clock::time_point::max() && Clock::now() < next_step_) {
         return;
     }
     repeat_after_ = std::clamp<Clock::duration>(2 * repeat_after_, kFirstRepeat, kLastRepeat);
