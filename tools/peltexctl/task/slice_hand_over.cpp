@@ -80,9 +80,10 @@ SliceHandOver::SliceHandOver(const TaskRequest& request, Send send, std::string 
     }
 }
 
-std::string SliceHandOver::Prepare() {
-    const std::string error = take_.empty() ? "" : to_.Make(take_, 0);
-    return error.empty() ? "" : error + ": slices cannot be taken there; give another --take DIR";
+void SliceHandOver::Prepare() {
+    if (!take_.empty()) {
+        to_.Make(take_, 0);
+    }
 }
 
 void SliceHandOver::Heard(const StatusEvent& event) {

@@ -74,9 +74,9 @@ struct TaskKind {
 // The kinds of a subcommand, in the order to show them.
 std::vector<const TaskKind*> KindsOf(const std::string& subcommand);
 
-// The request's row, after a look at every word. REQUIRES: the kind is one of the subcommand's. On
-// failure returns nothing and one line in `error`, which says what is wrong with the request.
-const TaskKind* CheckRequest(const TaskRequest& request, std::string* error);
+// The request's row, after a look at every word. REQUIRES: the kind is one of the subcommand's.
+// Throws Failure.
+const TaskKind& CheckRequest(const TaskRequest& request);
 
 // In MiB.
 int SliceSizeOf(const TaskRequest& request);
