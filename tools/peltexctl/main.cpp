@@ -160,14 +160,16 @@ constexpr Subcommand kSubcommands[] = {
 
 void DeclareOptions(CLI::App* app, Options* options) {
     app->set_help_flag("-h,--help", "Print help and exit");
-    app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION, "Print the version and exit");
+    app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
+                          "Print the version and exit");
     app->add_option("--library", options->library, "The library to load, not the installed one")
         ->type_name("FILE");
     app->add_option("--data", options->data, "Show it as /data, to this process only (needs root)")
         ->type_name("DIR");
     app->add_option("--log", options->output.log, "Show the library's log from this priority on")
         ->type_name("LEVEL")
-        ->check(CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
+        ->check(
+            CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
     app->add_flag("--json", options->output.json, "Print JSON objects, one per line");
     app->add_flag("-q,--quiet", options->output.quiet, "Tell only what went wrong");
     app->require_subcommand(0, 1);

@@ -62,16 +62,17 @@ void RecreateEntry(const RootEntry& entry, const std::string& target) {
 // nowhere, makes room for the new root's own.
 void BuildRoot(const std::string& directory) {
     std::vector<RootEntry> entries;
-    Check(ForEachName(OpenDirectory("/"),
-                      [&entries](const std::string& name) {
-                          const std::string path = "/" + name;
-                          RootEntry entry{name, {}, UniqueFd(open(path.c_str(),
-                                                                  O_PATH | O_NOFOLLOW | O_CLOEXEC))};
-                          Check(lstat(path.c_str(), &entry.status) == 0, "open " + path);
-                          if (path != kData) {
-                              entries.push_back(std::move(entry));
-                          }
-                      }),
+    Check(ForEachName(
+              OpenDirectory("/"),
+              [&entries](const std::string& name) {
+                  const std::string path = "/" + name;
+                  RootEntry entry{
+                      name, {}, UniqueFd(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC))};
+                  Check(lstat(path.c_str(), &entry.status) == 0, "open " + path);
+                  if (path != kData) {
+                      entries.push_back(std::move(entry));
+                  }
+              }),
           "list /");
     Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, "mode=0755") == 0 &&
               mount(nullptr, directory.c_str(), nullptr, MS_UNBINDABLE, nullptr) == 0,

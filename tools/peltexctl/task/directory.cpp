@@ -66,7 +66,8 @@ UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name) {
 }
 
 UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status) {
-    UniqueFd file(openat(parent.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd file(
+        openat(parent.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.isOpen() && fstat(file.get(), status) == 0 && S_ISREG(status->st_mode)) {
         return file;
     }
@@ -109,8 +110,8 @@ void MadeDirectory::Make(const std::string& path, uid_t uid) {
         }
         fd_ = std::move(next);
     }
-    Require(fd_.isOpen() && (made_.empty() || uid == 0 ||
-                             fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0),
+    Require(fd_.isOpen() &&
+                (made_.empty() || uid == 0 || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0),
             path);
 }
 

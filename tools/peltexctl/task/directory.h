@@ -46,7 +46,8 @@ UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name);
 // FIFO not waited for. On failure not open, and errno tells why.
 UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status);
 
-// Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be read.
+// Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be
+// read.
 bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take);
 
 // A directory that is there when a task needs it, with those above it that were missing.

@@ -13,8 +13,8 @@ template <typename Function>
 void Resolve(void* handle, const std::string& file, const char* name, Function** function) {
     *function = reinterpret_cast<Function*>(dlsym(handle, name));
     if (*function == nullptr) {
-        throw Failure(kNoLibraryOrData, fmt::format("{}: has no function {}, so it is not the library",
-                                                    file, name));
+        throw Failure(kNoLibraryOrData,
+                      fmt::format("{}: has no function {}, so it is not the library", file, name));
     }
 }
 

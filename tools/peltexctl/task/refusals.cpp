@@ -72,8 +72,10 @@ void RefuseSameOrNested(const std::string& from, const std::string& to, bool is_
 
 void RefuseRecords(const std::string& copy, const std::string& destination) {
     if (!StatOf(copy + ".txt")) {
-        Refuse("{}.txt: the records of the copy are not there, so no mode comes back; --force goes "
-               "on", copy);
+        Refuse(
+            "{}.txt: the records of the copy are not there, so no mode comes back; --force goes "
+            "on",
+            copy);
     }
     const std::optional<std::string> first = FirstRecordOf(copy);
     if (first && first->rfind(destination + "/", 0) != 0) {
@@ -129,7 +131,8 @@ void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
     }
     if (kind.Copies()) {
         const bool is_file = kind.source == Source::kFile;
-        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.result_path(request), is_file);
+        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.result_path(request),
+                           is_file);
     }
     if (kind.source == Source::kRecords) {
         RefuseRecords(from, request.destination);

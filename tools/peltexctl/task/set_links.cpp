@@ -100,8 +100,8 @@ void SetLinks::Make(const std::string& other) {
 
 uint64_t SetLinks::BytesRead() {
     struct stat status = {};
-    while (done_ < set_.size() && fstatat(fd_.get(), set_.NameOf(done_).c_str(), &status,
-                                          AT_SYMLINK_NOFOLLOW) != 0) {
+    while (done_ < set_.size() &&
+           fstatat(fd_.get(), set_.NameOf(done_).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         done_bytes_ += set_.SizeOf(done_++);
     }
     return done_bytes_ +

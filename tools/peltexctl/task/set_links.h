@@ -1,5 +1,5 @@
-// The names by which the library gets a set that is to be restored. It removes each slice when it is
-// done with it, and with an abort those that it has not read: what it removes here are symbolic
+// The names by which the library gets a set that is to be restored. It removes each slice when it
+// is done with it, and with an abort those that it has not read: what it removes here are symbolic
 // links in a directory of our own beside the set, where a copy of the check file lies too.
 //
 // Not thread-safe.
@@ -25,8 +25,8 @@ class SetLinks {
     // Takes away what restores have left that were killed. Returns its paths, for people.
     std::string RemoveLeftovers() const;
 
-    // Makes the directory and all that is in it; in `other` where the set's is on a file system that
-    // is read only. Throws Failure.
+    // Makes the directory and all that is in it; in `other` where the set's is on a file system
+    // that is read only. Throws Failure.
     void Make(const std::string& other);
 
     // The check file that the library is given.
@@ -46,7 +46,8 @@ class SetLinks {
     uint64_t done_bytes_ = 0;
 };
 
-// How far somebody in this process has read the open file at `path`; 0 where that is not to be seen.
+// How far somebody in this process has read the open file at `path`; 0 where that is not to be
+// seen.
 uint64_t ReadPosition(const std::string& path);
 
 // Takes a set away whose entries are all there: what says that it is one first. Throws Failure.

@@ -267,16 +267,16 @@ void TaskCheck::CompareWithFile(const std::string& result, Differences* differen
         std::string error;
         if (kind_.result == Result::kRecords) {
             VisitBrief(result, keep);
-        } else if (const std::optional<ArchiveSet> set =
-                       ArchiveSet::Open(result, [](const Finding&) {}, &error)) {
+        } else if (const std::optional<ArchiveSet> set = ArchiveSet::Open(
+                       result, [](const Finding&) {}, &error)) {
             VisitRestored(*set, keep);
         }
         std::sort(sums.begin(), sums.end());
         VisitExpected([&](const TallyEntry& entry) {
             const uint64_t sum = SumOf(entry);
             if (sum % parts == part && !std::binary_search(sums.begin(), sums.end(), sum)) {
-                differences->Add(fmt::format("{}/{}: is not in {} as it is there", source_,
-                                             entry.path, result));
+                differences->Add(
+                    fmt::format("{}/{}: is not in {} as it is there", source_, entry.path, result));
             }
             tick_();
         });
@@ -399,7 +399,8 @@ bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_ou
     return true;
 }
 
-// Whether modes are put back: nowhere on shared storage, and at the paths that they were taken from.
+// Whether modes are put back: nowhere on shared storage, and at the paths that they were taken
+// from.
 bool TaskCheck::RecordsApply() const {
     const std::optional<std::string> first = FirstRecordOf(source_);
     return first && first->rfind(request_.destination + "/", 0) == 0 &&
@@ -443,10 +444,11 @@ std::string DescribeFinding(const Finding& finding) {
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    const bool is_read = ReadRecords(copy + ".txt", RecordLines::kJoined, [&](const Record& record) {
-        first = std::string(record.path);
-        return false;
-    });
+    const bool is_read =
+        ReadRecords(copy + ".txt", RecordLines::kJoined, [&](const Record& record) {
+            first = std::string(record.path);
+            return false;
+        });
     return is_read && first ? first : std::nullopt;
 }
 

@@ -115,9 +115,10 @@ class TaskCommand {
         options_.source = request_.source;
         options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
         if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
-            events_.Note(fmt::format("you are not root: what is restored belongs to uid {}, and "
-                                     "other owners are not given",
-                                     geteuid()));
+            events_.Note(
+                fmt::format("you are not root: what is restored belongs to uid {}, and "
+                            "other owners are not given",
+                            geteuid()));
         }
         if (!kind_.Unpacks()) {
             return;

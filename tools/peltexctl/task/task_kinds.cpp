@@ -94,7 +94,8 @@ constexpr TaskKind kKinds[] = {
     {"backup", "file", "one file into the directory DEST", PlainCommand, Source::kFile,
      SourceItself, Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
     {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
-     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage, Modes::kNone},
+     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage,
+     Modes::kNone},
     {"backup", "tar", "a directory into the archive DEST/NAME.tar", PlainCommand, Source::kTree,
      SourceItself, Result::kSet, WholeArchive, kPacks, Modes::kArchived},
     {"backup", "split",
@@ -109,7 +110,8 @@ constexpr TaskKind kKinds[] = {
     {"restore", "tar", "DEST from the archive SRC", PlainCommand, Source::kSet, SourceItself,
      Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
     {"restore", "split", "DEST from the slices that the check file SRC lists", RestoreSplitCommand,
-     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
+     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker),
+     Modes::kArchived},
     {"brief", "dir", "what the directory SRC holds", BriefCommand, Source::kTree, SourceItself,
      Result::kRecords, Destination, kCopies, Modes::kAll},
     {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Source::kSearch,
@@ -170,24 +172,23 @@ std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
 const TaskKind& CheckRequest(const TaskRequest& request) {
     for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
         Expect(!word->empty() && word->find(' ') == std::string::npos,
-                fmt::format("\"{}\" cannot be sent: a word of a command is not empty and holds no "
-                            "blank; rename it or reach it through a link",
-                            *word));
+               fmt::format("\"{}\" cannot be sent: a word of a command is not empty and holds no "
+                           "blank; rename it or reach it through a link",
+                           *word));
     }
     Expect(IsInRange(request.uid, 0, INT_MAX),
-            fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX));
+           fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX));
     Expect(!request.slice_size || IsInRange(*request.slice_size, 1, kLargestSlice),
-            fmt::format("--slice-size: \"{}\" is no number from 1 to {}",
-                        request.slice_size.value_or(""), kLargestSlice));
+           fmt::format("--slice-size: \"{}\" is no number from 1 to {}",
+                       request.slice_size.value_or(""), kLargestSlice));
     for (const OwnOption& option : kOwnOptions) {
         Expect(!option.is_given(request) || request.kind == option.kind ||
-                    request.kind == option.other_kind,
-                fmt::format("{} is an option of {} only", option.name, option.owners));
+                   request.kind == option.other_kind,
+               fmt::format("{} is an option of {} only", option.name, option.owners));
     }
     const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
-    return **std::find_if(kinds.begin(), kinds.end(), [&request](const TaskKind* row) {
-        return row->kind == request.kind;
-    });
+    return **std::find_if(kinds.begin(), kinds.end(),
+                          [&request](const TaskKind* row) { return row->kind == request.kind; });
 }
 
 int SliceSizeOf(const TaskRequest& request) {
@@ -196,9 +197,8 @@ int SliceSizeOf(const TaskRequest& request) {
 
 std::string TargetFile(const TaskRequest& request) {
     const std::optional<struct stat> status = StatOf(request.destination);
-    return status && !S_ISDIR(status->st_mode)
-               ? request.destination
-               : request.destination + "/" + NameOf(request.source);
+    return status && !S_ISDIR(status->st_mode) ? request.destination
+                                               : request.destination + "/" + NameOf(request.source);
 }
 
 }  // namespace peltexctl

@@ -18,7 +18,7 @@ struct TaskRequest {
     std::string uid = "0";
     std::string se_info = "default";
     std::optional<std::string> slice_size;  // MiB; 100 without
-    std::string take;        // where the slices of a split backup go; empty: they stay
+    std::string take;  // where the slices of a split backup go; empty: they stay
     bool no_verify = false;
     bool force = false;
     bool replace = false;
@@ -66,8 +66,8 @@ struct TaskKind {
     bool Unpacks() const { return source == Source::kSet; }
     // Files or trees come to lie beside others that may be the same.
     bool Copies() const {
-        return result == Result::kTree && (source == Source::kFile || source == Source::kTree ||
-                                           source == Source::kRecords);
+        return result == Result::kTree &&
+               (source == Source::kFile || source == Source::kTree || source == Source::kRecords);
     }
 };
 

@@ -45,10 +45,10 @@ std::string ExplainRefusal(int result) {
 
 std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& request,
                            bool log_is_shown) {
-    std::string text = fmt::format(
-        "task {} failed: {}", task,
-        log_is_shown ? "the library's log above tells where"
-                     : "--log error shows the library's log, which tells where");
+    std::string text =
+        fmt::format("task {} failed: {}", task,
+                    log_is_shown ? "the library's log above tells where"
+                                 : "--log error shows the library's log, which tells where");
     if (kind.Unpacks()) {
         text += fmt::format("; \"peltexctl verify {}\" tells what is wrong with the archive",
                             request.source);
@@ -78,9 +78,10 @@ std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Endin
 
 std::string DescribeStop(const TaskKind& kind) {
     return kind.HasArchive() ? "stopping it"
-                             : fmt::format("the library ends it when all is {}; to leave it "
-                                           "unfinished interrupt it again",
-                                           kind.IsBrief() ? "listed" : "copied");
+                             : fmt::format(
+                                   "the library ends it when all is {}; to leave it "
+                                   "unfinished interrupt it again",
+                                   kind.IsBrief() ? "listed" : "copied");
 }
 
 }  // namespace
@@ -224,8 +225,7 @@ void TaskRun::ShowProgress() {
 void TaskRun::Stop() {
     stopping_ = true;
     if (!events_.json() && !events_.quiet()) {
-        view_.Aside(
-            [this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
+        view_.Aside([this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
     }
     Send(fmt::format("abort {}", task_));
 }

@@ -26,10 +26,10 @@ namespace peltexctl {
 class TaskRun {
   public:
     struct Options {
-        std::string source;                   // what the library is given for the request's
-        uint64_t total = 0;                   // bytes to be expected; 0 if that is not known
-        std::function<uint64_t()> bytes_read; // of a restore, whose progress tells no bytes
-        std::string left_too;                 // what else an unfinished task leaves
+        std::string source;                    // what the library is given for the request's
+        uint64_t total = 0;                    // bytes to be expected; 0 if that is not known
+        std::function<uint64_t()> bytes_read;  // of a restore, whose progress tells no bytes
+        std::string left_too;                  // what else an unfinished task leaves
         bool log_is_shown = false;
     };
 

@@ -19,8 +19,7 @@ enum ExitCode : int {
 // Why the program cannot do what was asked for, in one line.
 class Failure : public std::runtime_error {
   public:
-    Failure(ExitCode code, const std::string& message)
-        : std::runtime_error(message), code_(code) {}
+    Failure(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
 
     ExitCode code() const { return code_; }
 
