@@ -84,12 +84,12 @@ class Report {
 };
 
 // The same numbers under the same names, whatever looked at the set.
-Json Numbers(const char* event, const ArchiveSet& set, const Tally& tally) {
-    Json object = {{"event", event}, {"entries", tally.entries()}, {"bytes", tally.bytes()}};
+void SetNumbers(Json* object, const ArchiveSet& set, const Tally& tally) {
     if (set.is_check_file()) {
-        object["slices"] = set.size();
+        (*object)["slices"] = set.size();
     }
-    return object;
+    (*object)["entries"] = tally.entries();
+    (*object)["bytes"] = tally.bytes();
 }
 
 std::string NumbersAsText(const ArchiveSet& set, const Tally& tally) {
@@ -125,8 +125,8 @@ int RunVerify(const ArchiveRequest& request, bool json) {
     CheckSums(*set, report.sink());
     const bool is_whole = report.faults() == 0;
     if (json) {
-        Json object = Numbers("verified", *set, tally);
-        object["whole"] = is_whole;
+        Json object = {{"event", "verified"}, {"whole", is_whole}};
+        SetNumbers(&object, *set, tally);
         object["faults"] = report.faults();
         object["warnings"] = report.warnings();
         PrintLine(stdout, JsonLine(object));
@@ -170,8 +170,9 @@ int RunExport(const ArchiveRequest& request, bool json) {
         return report.Fail(error);
     }
     if (json) {
-        Json object = Numbers("exported", *set, tally);
+        Json object = {{"event", "exported"}};
         SetBytes(&object, "file", request.out);
+        SetNumbers(&object, *set, tally);
         PrintLine(stream, JsonLine(object));
     } else if (stream == stdout && !request.quiet) {
         PrintLine(stdout,

@@ -187,27 +187,16 @@ class SetVerifier {
         } else if (full.find("/com.tencent.mm/tinker/") != std::string::npos) {
             Fault(entry.name, "lies in a directory that a restore passes over");
         } else if (!path.empty()) {
-            if (!MayGoThroughLink(path)) {
-                CheckParent(entry, path);
+            // A restore makes one directory above a file, with what is known: the file's own mode.
+            const std::string_view parent = ParentOf(path);
+            if (!MayGoThroughLink(path) && set_.kind() != ArchiveSet::Kind::kSlice &&
+                !parent.empty() && !seen_.MayHave(parent, PathMark::kDirectory)) {
+                Fault(
+                    entry.name,
+                    "no entry in front of it is its directory: that comes back otherwise, or not");
             }
             Remember(entry, path);
         }
-    }
-
-    // A restore makes one directory above a file, with what is known: the file's own mode.
-    void CheckParent(const ArchiveEntry& entry, std::string_view path) {
-        const std::string_view parent = ParentOf(path);
-        if (set_.kind() == ArchiveSet::Kind::kSlice || HasDirectory(parent)) {
-        } else if (entry.IsFile() && HasDirectory(ParentOf(parent))) {
-            Warn(entry.name, "its directory has no entry in front of it: it gets this file's mode");
-            seen_.Add(parent, PathMark::kDirectory);
-        } else {
-            Fault(entry.name, "its directory has no entry in front of it: it does not come back");
-        }
-    }
-
-    bool HasDirectory(std::string_view path) {
-        return path.empty() || seen_.MayHave(path, PathMark::kDirectory);
     }
 
     bool MayGoThroughLink(std::string_view path) {
