@@ -107,8 +107,8 @@ class ChecksTest(ClientTest):
                     lines = done.stderr.decode().splitlines()
                     if force:
                         self.assertEqual(len(lines), 4, lines)
-                        self.assertRegex(lines[0], r"peltexctl: /data/data/full/.*: (has \d+ bytes of "
-                                         "700000|is missing)")
+                        self.assertRegex(lines[0], r"peltexctl: /data/data/full/.*: (is a file of \d+ bytes|is "
+                                         "missing).*, and should be a file of 700000 bytes")
                         self.assertRegex(lines[3], r"and \d more; make room")
                     else:
                         self.assertRegex(lines[0], r"5\.3 MiB are needed and 2\.0 MiB are free|its records are of")

@@ -37,59 +37,43 @@ struct Options {
     ArchiveRequest archive;
 };
 
-int Fail(ExitCode code, const std::string& message) {
-    PrintError(message);
-    return code;
-}
-
 // Loads the library before the mount, so that its path means what it means to the caller, and
 // makes the mount before the library has a thread.
-std::optional<Library> SetUp(const Options& options) {
-    std::string error;
-    std::optional<Library> library = LoadLibrary(options.library, &error);
-    if (!library || (options.data && !MountData(*options.data, &error))) {
-        Fail(kNoLibraryOrData, error);
-        return std::nullopt;
+Library SetUp(const Options& options) {
+    const Library library = LoadLibrary(options.library);
+    if (options.data) {
+        MountData(*options.data);
     }
     TakeSignals();
     return library;
 }
 
 int RunShellCommand(const Options& options) {
-    const std::optional<Library> library = SetUp(options);
-    if (!library) {
-        return kNoLibraryOrData;
-    }
+    const Library library = SetUp(options);
     ShowLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
     // Never destroyed: the library's threads may report to it until the process is gone.
     static EventWriter* const events = new EventWriter(
         options.output.json || isatty(STDOUT_FILENO) == 0 ? EventWriter::Format::kJson
                                                           : EventWriter::Format::kText,
         options.output.quiet);
-    return RunShell(*library, events);
+    return RunShell(library, events);
 }
 
 int RunTaskCommand(const Options& options) {
-    std::string error;
     TaskRequest request = options.task;
-    for (std::string* path : {&request.source, &request.destination}) {
+    for (std::string* path : {&request.source, &request.destination, &request.take}) {
         // Which completion adds, and by which the library would lose the name before it.
         path->erase(std::max<size_t>(path->find_last_not_of('/') + 1, path->empty() ? 0 : 1));
     }
-    const TaskKind* kind = CheckRequest(request, &error);
-    if (kind == nullptr) {
-        return Fail(kUsage, error);
-    }
-    const std::optional<Library> library = SetUp(options);
-    return library ? RunTask(*library, *kind, request, options.output) : kNoLibraryOrData;
+    const TaskKind& kind = CheckRequest(request);
+    return RunTask(SetUp(options), kind, request, options.output);
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
 template <int (*kRun)(const ArchiveRequest& request, bool json)>
 int RunArchiveCommand(const Options& options) {
-    std::string error;
-    if (options.data && !MountData(*options.data, &error)) {
-        return Fail(kNoLibraryOrData, error);
+    if (options.data) {
+        MountData(*options.data);
     }
     TakeSignals();
     ArchiveRequest request = options.archive;
@@ -176,14 +160,16 @@ constexpr Subcommand kSubcommands[] = {
 
 void DeclareOptions(CLI::App* app, Options* options) {
     app->set_help_flag("-h,--help", "Print help and exit");
-    app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION, "Print the version and exit");
+    app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
+                          "Print the version and exit");
     app->add_option("--library", options->library, "The library to load, not the installed one")
         ->type_name("FILE");
     app->add_option("--data", options->data, "Show it as /data, to this process only (needs root)")
         ->type_name("DIR");
     app->add_option("--log", options->output.log, "Show the library's log from this priority on")
         ->type_name("LEVEL")
-        ->check(CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
+        ->check(
+            CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
     app->add_flag("--json", options->output.json, "Print JSON objects, one per line");
     app->add_flag("-q,--quiet", options->output.quiet, "Tell only what went wrong");
     app->require_subcommand(0, 1);
@@ -197,10 +183,10 @@ void DeclareOptions(CLI::App* app, Options* options) {
 }
 
 // What is wrong with a command line, and which help tells more.
-int FailUsage(const CLI::App& app, const std::string& reason) {
+[[noreturn]] void FailUsage(const CLI::App& app, const std::string& reason) {
     const std::vector<CLI::App*> commands = app.get_subcommands();
-    return Fail(kUsage, fmt::format("{}; see peltexctl {}--help", reason,
-                                    commands.empty() ? "" : commands[0]->get_name() + " "));
+    throw Failure(kUsage, fmt::format("{}; see peltexctl {}--help", reason,
+                                      commands.empty() ? "" : commands[0]->get_name() + " "));
 }
 
 // The first word that is no option, where no subcommand was found.
@@ -246,7 +232,10 @@ int Main(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& end) {
         // Help and version arrive here too, with the exit code 0.
-        return end.get_exit_code() == 0 ? app.exit(end) : FailUsage(app, Describe(app, end));
+        if (end.get_exit_code() == 0) {
+            return app.exit(end);
+        }
+        FailUsage(app, Describe(app, end));
     }
     for (const Subcommand& row : kSubcommands) {
         if (app.got_subcommand(row.name)) {
@@ -259,7 +248,7 @@ int Main(int argc, char** argv) {
             return row.run(options);
         }
     }
-    return FailUsage(app, NoSubcommand(app));
+    FailUsage(app, NoSubcommand(app));
 }
 
 }  // namespace
@@ -270,6 +259,9 @@ int main(int argc, char** argv) {
     int status = peltexctl::kTaskFailed;
     try {
         status = peltexctl::Main(argc, argv);
+    } catch (const peltexctl::Failure& failure) {
+        peltexctl::PrintError(failure.what());
+        status = failure.code();
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "peltexctl: %s\n", failure.what());
     }

@@ -2,21 +2,22 @@
 #include "shell/shell.h"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <iterator>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "shell/task_tracker.h"
-#include "shell/thread_list.h"
+#include "task/directory.h"
 #include "task/session_client.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
@@ -29,7 +30,6 @@ namespace {
 
 constexpr double kDefaultWaitSeconds = 60;
 constexpr double kQuietWaitSeconds = 2;
-constexpr int kNoSession = -1;
 
 using Words = std::vector<std::string>;
 
@@ -38,74 +38,198 @@ TaskTracker::Clock::time_point After(double seconds) {
                                            std::chrono::duration<double>(seconds));
 }
 
+// What a wrong word throws.
+void Expect(bool is_right) {
+    if (!is_right) {
+        throw std::bad_optional_access();
+    }
+}
+
+// The number that is word `index`, or `missing` where there are fewer words. Throws where the word
+// is no number.
+int IntAt(const Words& words, size_t index, int missing = 0) {
+    return index < words.size() ? ParseInt(words[index]).value() : missing;
+}
+
+double SecondsAt(const Words& words, size_t index) {
+    return index < words.size() ? ParseSeconds(words[index]).value() : kDefaultWaitSeconds;
+}
+
+// The threads of this process, by id; one that ends meanwhile is left out.
+std::vector<ThreadInfo> ListThreads() {
+    std::vector<ThreadInfo> threads;
+    ForEachName(OpenDirectory("/proc/self/task"), [&threads](const std::string& tid) {
+        std::ifstream file("/proc/self/task/" + tid + "/comm", std::ios::binary);
+        std::string name{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        errno = 0;
+        const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(*ParseInt(tid)));
+        if (!name.empty() && errno == 0) {
+            name.pop_back();  // the newline that the kernel adds; the name itself may hold others
+            threads.push_back({name, *ParseInt(tid), nice});
+        }
+    });
+    std::sort(threads.begin(), threads.end(),
+              [](const ThreadInfo& a, const ThreadInfo& b) { return a.tid < b.tid; });
+    return threads;
+}
+
 class Shell {
   public:
-    // A line of the shell's own. The handler gets the words behind the name and returns false when
-    // one of them is not what `arguments` says.
-    struct DotLine {
-        const char* name;
-        size_t least, most;  // words behind the name
-        const char* arguments;
-        const char* help;
-        bool (Shell::*handler)(const Words& words);
-    };
-    static const DotLine kDotLines[];
+    Shell(const Library& library, EventWriter* writer)
+        : events(*writer), client(library, [this](const StatusEvent& event) { Heard(event); }) {}
 
-    Shell(const Library& library, EventWriter* events)
-        : events_(*events), client_(library, [this](const StatusEvent& event) { Heard(event); }) {}
+    int Run() {
+        const SignalScope signals([this](int /*times*/) {
+            const std::string left = tasks.DescribeUnfinished();
+            TellLast("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
+            _exit(kInterrupted);
+        });
+        OpenSession();
+        std::string line;
+        while (!quits && std::getline(std::cin, line)) {
+            if (!line.empty() && line[0] == '.') {
+                HandleDotLine(line);
+            } else {
+                events.Result(line, Execute(line));
+            }
+        }
+        return End();
+    }
 
-    int Run();
+    void OpenSession() {
+        session = client.Open();
+        events.Session(session);
+    }
+
+    EventWriter& events;
+    TaskTracker tasks;
+    SessionClient client;
+    int session = -1;
+    bool quits = false;
 
   private:
-    void Heard(const StatusEvent& event);
-    int Execute(const std::string& line);
-    void OpenSession();
-    void HandleLine(const std::string& line);
+    // Reported first: whoever waits for a status finds it printed.
+    void Heard(const StatusEvent& event) {
+        if (events.json() || event.code != kStatusProgress || tasks.IsProgressDue(event.task)) {
+            events.Status(event);
+        }
+        tasks.Heard(event);
+    }
+
+    int Execute(const std::string& line) {
+        const int result = client.Execute(session, line);
+        const Words words = SplitWords(line.c_str(), " ");
+        if (result >= kFirstId) {
+            tasks.Given(result, session);
+        } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
+            tasks.AbortAccepted(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 0)));
+        }
+        return result;
+    }
+
     void HandleDotLine(const std::string& line);
-    int End();
 
-    bool Open(const Words& words);
-    bool Use(const Words& words);
-    bool Finish(const Words& words);
-    bool Wait(const Words& words);
-    bool WaitFor(const Words& words);
-    bool Sleep(const Words& words);
-    bool Die(const Words& words);
-    bool Threads(const Words& words);
-    bool Help(const Words& words);
-    bool Quit(const Words& words);
-
-    EventWriter& events_;
-    TaskTracker tasks_;
-    SessionClient client_;
-    int session_ = kNoSession;
-    bool quit_ = false;
-
-    std::mutex mutex_;
-    // Protected by mutex_.
-    std::map<int, TaskTracker::Clock::time_point> progress_shown_;  // when, by task
+    int End() {
+        const std::vector<int> sessions = client.open_sessions();
+        std::vector<int> unfinished = tasks.WaitAllEnded(sessions, After(kQuietWaitSeconds));
+        if (!unfinished.empty()) {
+            events.Note("waiting for " + tasks.DescribeUnfinished());
+            unfinished =
+                tasks.WaitAllEnded(sessions, After(kDefaultWaitSeconds - kQuietWaitSeconds));
+        }
+        for (const int task : unfinished) {
+            events.Error(fmt::format("task {} has not ended", task));
+        }
+        for (const int open : sessions) {
+            events.Closed(open, client.Finish(open));
+        }
+        return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
+    }
 };
 
-const Shell::DotLine Shell::kDotLines[] = {
-    {".open", 0, 1, "[new]", "open a session with the same or a new callback", &Shell::Open},
-    {".use", 1, 1, "ID", "make ID the current session", &Shell::Use},
-    {".finish", 0, 1, "[ID]", "finish session ID or the current one", &Shell::Finish},
-    {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended", &Shell::Wait},
-    {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK", &Shell::WaitFor},
-    {".sleep", 1, 1, "MS", "do nothing for MS milliseconds", &Shell::Sleep},
-    {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
-     &Shell::Die},
-    {".threads", 0, 0, "", "list the threads of this process", &Shell::Threads},
-    {".help", 0, 0, "", "list these lines and the commands of the library", &Shell::Help},
-    {".quit", 0, 0, "", "end as at the end of input", &Shell::Quit},
-};
+void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
+    if (code) {
+        shell->events.Waited(task, *code);
+    } else {
+        shell->events.Error(fmt::format("task {} has not {}", task, missing));
+    }
+}
 
-struct LibraryCommand {
-    const char* line;
+// A line of the shell's own. `run` gets the words behind the name and throws when one of them is
+// not what `arguments` says.
+struct DotLine {
+    const char* name;
+    size_t least, most;  // words behind the name
+    const char* arguments;
     const char* help;
+    void (*run)(Shell* shell, const Words& words);
 };
 
-constexpr LibraryCommand kLibraryCommands[] = {
+constexpr DotLine kDotLines[] = {
+    {".open", 0, 1, "[new]", "open a session with the same or a new callback",
+     [](Shell* shell, const Words& words) {
+         if (!words.empty()) {
+             Expect(words[0] == "new");
+             shell->client.RenewCallback();
+         }
+         shell->OpenSession();
+     }},
+    {".use", 1, 1, "ID", "make ID the current session",
+     [](Shell* shell, const Words& words) { shell->session = IntAt(words, 0); }},
+    {".finish", 0, 1, "[ID]", "finish session ID or the current one",
+     [](Shell* shell, const Words& words) {
+         const int session = IntAt(words, 0, shell->session);
+         shell->events.Closed(session, shell->client.Finish(session));
+     }},
+    {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
+     [](Shell* shell, const Words& words) {
+         const double seconds = SecondsAt(words, 1);
+         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), After(seconds)),
+                fmt::format("ended within {} s", seconds));
+     }},
+    {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK",
+     [](Shell* shell, const Words& words) {
+         const double seconds = SecondsAt(words, 2);
+         const int code = IntAt(words, 1);
+         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, After(seconds));
+         Waited(shell, IntAt(words, 0), came ? std::optional(code) : std::nullopt,
+                fmt::format("reported code {} within {} s", code, seconds));
+     }},
+    {".sleep", 1, 1, "MS", "do nothing for MS milliseconds",
+     [](Shell* /*shell*/, const Words& words) {
+         const int milliseconds = IntAt(words, 0);
+         Expect(milliseconds >= 0);
+         std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+     }},
+    {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
+     [](Shell* shell, const Words& /*words*/) { shell->client.Die(); }},
+    {".threads", 0, 0, "", "list the threads of this process",
+     [](Shell* shell, const Words& /*words*/) { shell->events.Threads(ListThreads()); }},
+    {".help", 0, 0, "", "list these lines and the commands of the library",
+     [](Shell* /*shell*/, const Words& /*words*/) { fmt::print(stderr, "{}", ShellHelp()); }},
+    {".quit", 0, 0, "", "end as at the end of input",
+     [](Shell* shell, const Words& /*words*/) { shell->quits = true; }},
+};
+
+void Shell::HandleDotLine(const std::string& line) {
+    Words words = SplitWords(line, " \t");
+    const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
+                                    [&words](const DotLine& row) { return row.name == words[0]; });
+    if (known == std::end(kDotLines)) {
+        events.Error(fmt::format("no dot line is called {}; .help lists them", words[0]));
+        return;
+    }
+    words.erase(words.begin());
+    try {
+        Expect(words.size() >= known->least && words.size() <= known->most);
+        known->run(this, words);
+    } catch (const std::bad_optional_access&) {
+        events.Error(fmt::format("wrong arguments in \"{}\": {} {}", line, known->name,
+                                 *known->arguments != '\0' ? known->arguments : "takes none"));
+    }
+}
+
+constexpr const char* kLibraryCommands[][2] = {
     {"backup KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or byfile"},
     {"backup split SRC DEST MIB SEINFO UID", "again: the next slice"},
     {"restore KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or split"},
@@ -116,186 +240,6 @@ constexpr LibraryCommand kLibraryCommands[] = {
     {"setweight tar WEIGHT", "the priority of archive tasks: 0 (lowest) to 100"},
     {"delay NUMBER", "accepted, without effect"},
 };
-
-int Shell::Run() {
-    const SignalScope signals([this](int /*times*/) {
-        const std::string left = tasks_.DescribeUnfinished();
-        TellLast("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
-        _exit(kInterrupted);
-    });
-    OpenSession();
-    std::string line;
-    while (!quit_ && std::getline(std::cin, line)) {
-        HandleLine(line);
-    }
-    return End();
-}
-
-// People are told of a task's progress once a second.
-void Shell::Heard(const StatusEvent& event) {
-    if (!events_.json() && event.code == kStatusProgress) {
-        constexpr std::chrono::seconds kInterval{1};
-        const TaskTracker::Clock::time_point now = TaskTracker::Clock::now();
-        const std::lock_guard lock(mutex_);
-        const auto [shown, is_first] = progress_shown_.emplace(event.task, now);
-        if (is_first || now - shown->second < kInterval) {
-            tasks_.Heard(event);
-            return;
-        }
-        shown->second = now;
-    }
-    // Reported first: whoever waits for a status finds it printed.
-    events_.Status(event);
-    tasks_.Heard(event);
-}
-
-void Shell::OpenSession() {
-    session_ = client_.Open();
-    events_.Session(session_);
-}
-
-void Shell::HandleLine(const std::string& line) {
-    if (!line.empty() && line[0] == '.') {
-        HandleDotLine(line);
-        return;
-    }
-    events_.Result(line, Execute(line));
-}
-
-int Shell::Execute(const std::string& line) {
-    const int result = client_.Execute(session_, line);
-    const Words words = SplitWords(line.c_str(), " ");
-    if (result >= kFirstId) {
-        tasks_.Given(result, session_);
-    } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
-        tasks_.AbortAccepted(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 0)));
-    }
-    return result;
-}
-
-void Shell::HandleDotLine(const std::string& line) {
-    Words words = SplitWords(line, " \t");
-    const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
-                                    [&words](const DotLine& row) { return row.name == words[0]; });
-    if (known == std::end(kDotLines)) {
-        events_.Error(
-            fmt::format("no dot line is called {}; .help lists them", words[0]));
-        return;
-    }
-    words.erase(words.begin());
-    if (words.size() < known->least || words.size() > known->most ||
-        !(this->*known->handler)(words)) {
-        events_.Error(fmt::format("wrong arguments in \"{}\": {} {}", line, known->name,
-                                  *known->arguments != '\0' ? known->arguments : "takes none"));
-    }
-}
-
-int Shell::End() {
-    const std::vector<int> sessions = client_.open_sessions();
-    std::vector<int> unfinished = tasks_.WaitAllEnded(sessions, After(kQuietWaitSeconds));
-    if (!unfinished.empty()) {
-        events_.Note("waiting for " + tasks_.DescribeUnfinished());
-        unfinished =
-            tasks_.WaitAllEnded(sessions, After(kDefaultWaitSeconds - kQuietWaitSeconds));
-    }
-    for (const int task : unfinished) {
-        events_.Error(fmt::format("task {} has not ended", task));
-    }
-    for (const int session : sessions) {
-        events_.Closed(session, client_.Finish(session));
-    }
-    return unfinished.empty() && !tasks_.AnyFailed() ? kDone : kTaskFailed;
-}
-
-bool Shell::Open(const Words& words) {
-    if (!words.empty() && words[0] != "new") {
-        return false;
-    }
-    if (!words.empty()) {
-        client_.RenewCallback();
-    }
-    OpenSession();
-    return true;
-}
-
-bool Shell::Use(const Words& words) {
-    const std::optional<int> session = ParseInt(words[0]);
-    if (!session) {
-        return false;
-    }
-    session_ = *session;
-    return true;
-}
-
-bool Shell::Finish(const Words& words) {
-    const std::optional<int> session = words.empty() ? session_ : ParseInt(words[0]);
-    if (!session) {
-        return false;
-    }
-    events_.Closed(*session, client_.Finish(*session));
-    return true;
-}
-
-bool Shell::Wait(const Words& words) {
-    const std::optional<int> task = ParseInt(words[0]);
-    const std::optional<double> seconds =
-        words.size() > 1 ? ParseSeconds(words[1]) : kDefaultWaitSeconds;
-    if (!task || !seconds) {
-        return false;
-    }
-    if (const std::optional<int> code = tasks_.WaitEnded(*task, After(*seconds))) {
-        events_.Waited(*task, *code);
-    } else {
-        events_.Error(fmt::format("task {} has not ended within {} s", *task, *seconds));
-    }
-    return true;
-}
-
-bool Shell::WaitFor(const Words& words) {
-    const std::optional<int> task = ParseInt(words[0]);
-    const std::optional<int> code = ParseInt(words[1]);
-    const std::optional<double> seconds =
-        words.size() > 2 ? ParseSeconds(words[2]) : kDefaultWaitSeconds;
-    if (!task || !code || !seconds) {
-        return false;
-    }
-    if (tasks_.WaitStatus(*task, *code, After(*seconds))) {
-        events_.Waited(*task, *code);
-    } else {
-        events_.Error(
-            fmt::format("task {} has not reported code {} within {} s", *task, *code, *seconds));
-    }
-    return true;
-}
-
-bool Shell::Sleep(const Words& words) {
-    const std::optional<int> milliseconds = ParseInt(words[0]);
-    if (!milliseconds || *milliseconds < 0) {
-        return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(*milliseconds));
-    return true;
-}
-
-bool Shell::Die(const Words& /*words*/) {
-    client_.Die();
-    return true;
-}
-
-bool Shell::Threads(const Words& /*words*/) {
-    events_.Threads(ListThreads());
-    return true;
-}
-
-bool Shell::Help(const Words& /*words*/) {
-    fmt::print(stderr, "{}", ShellHelp());
-    return true;
-}
-
-bool Shell::Quit(const Words& /*words*/) {
-    quit_ = true;
-    return true;
-}
 
 }  // namespace
 
@@ -308,13 +252,13 @@ int RunShell(const Library& library, EventWriter* events) {
 
 std::string ShellHelp() {
     std::string text = "Lines of the shell itself:\n";
-    for (const Shell::DotLine& row : Shell::kDotLines) {
-        const std::string line = fmt::format("{} {}", row.name, row.arguments);
-        text += fmt::format("  {:<38}{}\n", line, row.help);
+    for (const DotLine& row : kDotLines) {
+        text +=
+            fmt::format("  {:<38}{}\n", fmt::format("{} {}", row.name, row.arguments), row.help);
     }
     text += "\nCommands of the library:\n";
-    for (const LibraryCommand& row : kLibraryCommands) {
-        text += fmt::format("  {:<38}{}\n", row.line, row.help);
+    for (const auto& [line, help] : kLibraryCommands) {
+        text += fmt::format("  {:<38}{}\n", line, help);
     }
     return text;
 }

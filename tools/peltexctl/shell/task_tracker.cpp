@@ -19,6 +19,19 @@ void TaskTracker::Heard(const StatusEvent& event) {
     changed_.notify_all();
 }
 
+bool TaskTracker::IsProgressDue(int id) {
+    constexpr std::chrono::seconds kInterval{1};
+    const std::lock_guard lock(mutex_);
+    Task& task = tasks_[id];
+    const Clock::time_point now = Clock::now();
+    if (task.seen.count(kStatusProgress) == 0) {
+        task.shown = now;
+    }
+    const bool is_due = now - task.shown >= kInterval;
+    task.shown = is_due ? now : task.shown;
+    return is_due;
+}
+
 void TaskTracker::Given(int id, int session) {
     const std::lock_guard lock(mutex_);
     Task& task = tasks_[id];

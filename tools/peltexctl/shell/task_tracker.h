@@ -25,6 +25,9 @@ class TaskTracker {
     // Records one call of the callback. May come before Given() for the same task.
     void Heard(const StatusEvent& event);
 
+    // Whether people are to be told of this task's progress again: once a second.
+    bool IsProgressDue(int task);
+
     // Records that the library answered a command with this task.
     void Given(int task, int session);
 
@@ -53,6 +56,7 @@ class TaskTracker {
     struct Task {
         int session = 0;
         bool given = false;
+        Clock::time_point shown{};  // when progress was
         bool ended = false;
         int last_code = 0;         // of an ended task
         std::string last_words;    // its last status, as people read it

@@ -2,14 +2,13 @@
 #include "task/backup_files.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include "archive/sums.h"
+#include "ui/exit_code.h"
 
 namespace peltexctl {
 
@@ -30,19 +29,13 @@ std::string BackupFiles::First(bool is_set) const {
     return slices.empty() ? "" : directory_ + "/" + slices[0];
 }
 
-std::string BackupFiles::Remove(bool is_set) const {
-    if (!fd_.isOpen()) {
-        return "";
-    }
+void BackupFiles::Remove(bool is_set) const {
     std::vector<std::string> names = is_set ? Slices() : std::vector<std::string>();
     names.insert(names.begin(), {SumsName(base_), is_set ? base_ + ".txt" : base_});
-    for (const std::string& name : names) {
-        if (unlinkat(fd_.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
-            return fmt::format("{}/{}: cannot be removed: {}", directory_, name,
-                               std::generic_category().message(errno));
-        }
+    for (size_t i = 0; fd_.isOpen() && i < names.size(); i++) {
+        Require(unlinkat(fd_.get(), names[i].c_str(), 0) == 0 || errno == ENOENT,
+                "cannot be removed: " + directory_ + "/" + names[i]);
     }
-    return "";
 }
 
 std::vector<std::string> BackupFiles::Slices() const {

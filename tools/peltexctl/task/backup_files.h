@@ -20,8 +20,8 @@ class BackupFiles {
     // is.
     std::string First(bool is_set) const;
 
-    // Takes all of them away, what says that they belong together first. Returns what went wrong.
-    std::string Remove(bool is_set) const;
+    // Takes all of them away, what says that they belong together first. Throws Failure.
+    void Remove(bool is_set) const;
 
   private:
     std::vector<std::string> Slices() const;

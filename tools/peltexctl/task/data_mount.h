@@ -9,9 +9,8 @@ namespace peltexctl {
 
 // Moves this process into a private mount namespace in which `directory` (created where missing)
 // is mounted on /data. Where the host has no /data, the process also gets a root of its own that
-// holds every entry of the old one and /data besides. The working directory stays.
-// On failure returns false and one line in `error`; the process may then be half-way and should
-// end.
-bool MountData(const std::string& directory, std::string* error);
+// holds every entry of the old one and /data besides. The working directory stays. Throws Failure;
+// the process may then be half-way and should end.
+void MountData(const std::string& directory);
 
 }  // namespace peltexctl

@@ -3,14 +3,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <string_view>
-#include <system_error>
-#include <utility>
+
+#include "ui/exit_code.h"
 
 namespace peltexctl {
 
@@ -21,7 +20,7 @@ std::optional<struct stat> StatOf(const std::string& path) {
 
 std::optional<FileId> IdOf(const std::string& path) {
     const std::optional<struct stat> status = StatOf(path);
-    return status ? std::optional(FileId{status->st_dev, status->st_ino}) : std::nullopt;
+    return status ? std::optional(FileId(status->st_dev, status->st_ino)) : std::nullopt;
 }
 
 std::string ParentOf(const std::string& path) {
@@ -67,7 +66,8 @@ UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name) {
 }
 
 UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status) {
-    UniqueFd file(openat(parent.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd file(
+        openat(parent.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.isOpen() && fstat(file.get(), status) == 0 && S_ISREG(status->st_mode)) {
         return file;
     }
@@ -95,37 +95,29 @@ bool ForEachName(const UniqueFd& directory, const std::function<void(const char*
     return errno == 0 || errno == ENOENT;
 }
 
-std::string MadeDirectory::Make(const std::string& path, uid_t uid) {
+void MadeDirectory::Make(const std::string& path, uid_t uid) {
     constexpr mode_t kMode = 0777;  // less the umask
-    std::string there = NearestThere(path);
-    fd_ = OpenDirectory(there);
-    size_t position = there.size();
+    size_t position = NearestThere(path).size();
+    fd_ = OpenDirectory(path.substr(0, position));
     while (fd_.isOpen() && position < path.size()) {
         const size_t begin = path.find_first_not_of('/', position);
-        if (begin == std::string::npos) {
-            break;
-        }
         position = std::min(path.find('/', begin), path.size());
         const std::string name = path.substr(begin, position - begin);
         const bool is_new = mkdirat(fd_.get(), name.c_str(), kMode) == 0;
         UniqueFd next = OpenDirectoryAt(fd_, name);
         if (is_new) {
-            made_.push_back({std::move(fd_), name});
+            made_.emplace_back(std::move(fd_), name);
         }
         fd_ = std::move(next);
     }
-    if (!fd_.isOpen() ||
-        (!made_.empty() && uid != 0 && fchown(fd_.get(), uid, static_cast<gid_t>(uid)) != 0)) {
-        const int error = errno;
-        Remove();
-        return fmt::format("{}: {}", path, std::generic_category().message(error));
-    }
-    return "";
+    Require(fd_.isOpen() &&
+                (made_.empty() || uid == 0 || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0),
+            path);
 }
 
 void MadeDirectory::Remove() {
     for (; !made_.empty(); made_.pop_back()) {
-        unlinkat(made_.back().parent.get(), made_.back().name.c_str(), AT_REMOVEDIR);
+        unlinkat(made_.back().first.get(), made_.back().second.c_str(), AT_REMOVEDIR);
     }
 }
 

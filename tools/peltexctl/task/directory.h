@@ -6,10 +6,10 @@
 
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/file_handles.h"
@@ -19,15 +19,8 @@ namespace peltexctl {
 using android::installd::UniqueDir;
 using android::installd::UniqueFd;
 
-// What a file is, whatever it is called.
-struct FileId {
-    dev_t device;
-    ino_t inode;
-
-    bool operator==(const FileId& other) const {
-        return device == other.device && inode == other.inode;
-    }
-};
+// What a file is, whatever it is called: device and inode.
+using FileId = std::pair<dev_t, ino_t>;
 
 // Of what is at `path`, links followed; nothing where nothing is.
 std::optional<struct stat> StatOf(const std::string& path);
@@ -53,15 +46,15 @@ UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name);
 // FIFO not waited for. On failure not open, and errno tells why.
 UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status);
 
-// Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be read.
+// Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be
+// read.
 bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take);
 
 // A directory that is there when a task needs it, with those above it that were missing.
 class MadeDirectory {
   public:
-    // Makes what is missing of `path`, the last one for `uid`, and holds it. Returns what went
-    // wrong, empty when nothing did.
-    std::string Make(const std::string& path, uid_t uid);
+    // Makes what is missing of `path`, the last one for `uid`, and holds it. Throws Failure.
+    void Make(const std::string& path, uid_t uid);
 
     const UniqueFd& fd() const { return fd_; }
 
@@ -69,13 +62,8 @@ class MadeDirectory {
     void Remove();
 
   private:
-    struct Made {
-        UniqueFd parent;
-        std::string name;
-    };
-
     UniqueFd fd_;
-    std::vector<Made> made_;  // the deepest last
+    std::vector<std::pair<UniqueFd, std::string>> made_;  // parents and names, the deepest last
 };
 
 }  // namespace peltexctl

@@ -17,9 +17,8 @@ struct Library {
     int32_t (*finish)(int session);
 };
 
-// Loads the library at `path`; without one the one beside this program, else the one that
-// the system's loader finds. It stays loaded to the end of the process, because its threads do.
-// On failure returns nothing and one line in `error`.
-std::optional<Library> LoadLibrary(const std::optional<std::string>& path, std::string* error);
+// Loads the library at `path`; without one the one that the system's loader finds, beside this
+// program first. It stays loaded to the end of the process, because its threads do. Throws Failure.
+Library LoadLibrary(const std::optional<std::string>& path);
 
 }  // namespace peltexctl

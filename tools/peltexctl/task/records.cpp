@@ -63,15 +63,16 @@ bool ReadRecords(const std::string& path, RecordLines lines,
         if (line.empty()) {
             return true;
         }
-        const std::string_view text = std::string_view(line).substr(0, line.find_last_not_of('\n') + 1);
+        const std::string_view text =
+            std::string_view(line).substr(0, line.find_last_not_of('\n') + 1);
         const std::optional<Record> record = ParseRecord(text);
         const bool goes_on = record ? take(*record) : (other ? other(text) : void(), true);
         line.clear();
         return goes_on;
     };
     while (fgets(piece, sizeof(piece), file.get()) != nullptr) {
-        const bool begins = lines == RecordLines::kEach || piece[0] == '/' ||
-                            line.size() >= 2 * kMaxLine;
+        const bool begins =
+            lines == RecordLines::kEach || piece[0] == '/' || line.size() >= 2 * kMaxLine;
         if (begins && !give()) {
             return true;
         }

@@ -6,24 +6,28 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <iterator>
-#include <string_view>
+#include <utility>
 
+#include "base/path_rules.h"
 #include "task/backup_files.h"
+#include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
 
 namespace {
 
+using android::installd::is_allow_access;
+
+// As people are told them; is_allow_access() decides.
 constexpr const char* kAreas[] = {
     "/data/data",        "/data/user",           "/data/misc/wifi",
     "/storage/emulated", "/mnt/androidwritable", "/data/misc/apexdata/com.android.wifi",
 };
 
-bool IsInArea(const std::string& path) {
-    return std::any_of(std::begin(kAreas), std::end(kAreas),
-                       [&path](std::string_view area) { return path.rfind(area, 0) == 0; });
+template <typename... Arguments>
+[[noreturn]] void Refuse(fmt::format_string<Arguments...> text, Arguments&&... arguments) {
+    throw Failure(kTaskFailed, fmt::format(text, std::forward<Arguments>(arguments)...));
 }
 
 // Free and total bytes of the file system that `path` is on or will be.
@@ -46,147 +50,129 @@ Space SpaceAt(const std::string& path) {
             block, status->st_dev};
 }
 
-std::string RefuseRoom(const std::string& path, uint64_t needed, const Space& space) {
+void RefuseRoom(const std::string& path, uint64_t needed, const Space& space) {
     // A file system that has no size tells nothing.
-    return space.total == 0 || needed <= space.free
-               ? ""
-               : fmt::format("{}: {} are needed and {} are free; make room, or --force", path,
-                             HumanSize(needed), HumanSize(space.free));
+    if (space.total > 0 && needed > space.free) {
+        Refuse("{}: {} are needed and {} are free; make room, or --force", path, HumanSize(needed),
+               HumanSize(space.free));
+    }
 }
 
-std::string RefuseSameOrNested(const TaskKind& kind, const TaskRequest& request) {
-    const std::string from = kind.source_path(request);
-    const bool is_file = kind.source == Source::kFile;
-    const std::string to = is_file ? TargetFile(request) : kind.result_path(request);
+void RefuseSameOrNested(const std::string& from, const std::string& to, bool is_file) {
     const std::optional<FileId> source = IdOf(from);
     const std::optional<FileId> target = IdOf(to);
-    if (!source) {
-        return "";
+    if (source && source == target) {
+        Refuse("{} and {} are the same; --force goes on", from, to);
     }
-    if (target && *source == *target) {
-        return fmt::format("{} and {} are the same", from, to);
+    const bool is_below = source && !is_file && LiesIn(to, *source);
+    if (is_below || (target && !is_file && LiesIn(from, *target))) {
+        Refuse("{} is inside {}; --force goes on", is_below ? to : from, is_below ? from : to);
     }
-    if (!is_file && LiesIn(to, *source)) {
-        return fmt::format("{} is inside {}", to, from);
-    }
-    return !is_file && target && LiesIn(from, *target) ? fmt::format("{} is inside {}", from, to)
-                                                       : "";
 }
 
-std::string RefuseRecords(const TaskRequest& request, const std::string& copy) {
-    const std::string records = copy + ".txt";
-    if (!StatOf(records)) {
-        return records + ": the records of the copy are not there, so no mode comes back";
+void RefuseRecords(const std::string& copy, const std::string& destination) {
+    if (!StatOf(copy + ".txt")) {
+        Refuse(
+            "{}.txt: the records of the copy are not there, so no mode comes back; --force goes "
+            "on",
+            copy);
     }
     const std::optional<std::string> first = FirstRecordOf(copy);
-    return first && first->rfind(request.destination + "/", 0) != 0
-               ? fmt::format("{}: its records are of {}, not of {}", records, *first,
-                             request.destination)
-               : "";
+    if (first && first->rfind(destination + "/", 0) != 0) {
+        Refuse("{}.txt: its records are of {}, not of {}; --force goes on", copy, *first,
+               destination);
+    }
 }
 
 }  // namespace
 
-std::string Areas() {
-    return fmt::format("{}", fmt::join(kAreas, ", "));
-}
-
-std::string RefusePaths(const TaskKind& kind, const TaskRequest& request) {
+void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
     const char* const hint = "use --data DIR to show a directory as /data";
     for (const std::string& path : {request.source, request.destination}) {
         if (path.find("../") != std::string::npos) {
-            return path + ": has \"../\" in it, which the library refuses; write it without";
+            Refuse("{}: has \"../\" in it, which the library refuses; write it without", path);
         }
-        if (!IsInArea(path)) {
-            return fmt::format("{}: is not in an area that the library takes ({}); {}", path,
-                               Areas(), hint);
+        if (!is_allow_access(path.c_str())) {
+            Refuse("{}: is not in an area that the library takes ({}); {}", path,
+                   fmt::join(kAreas, ", "), hint);
         }
     }
-    const std::string source = kind.source == Source::kRecords ? kind.source_path(request)
-                                                                : request.source;
-    if (StatOf(source) || request.force) {
-        return "";
+    const std::string source = kind.source_path(request);
+    if (!StatOf(source) && !request.force) {
+        Refuse("{}: does not exist{}{}", source,
+               StatOf("/data") ? "" : ", and neither does /data; ", StatOf("/data") ? "" : hint);
     }
-    return source + (StatOf("/data") ? ": does not exist"
-                                     : fmt::format(": does not exist, and neither does /data; {}",
-                                                   hint));
 }
 
-std::string RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
-    if (kind.RestoresSlices() == set.is_check_file()) {
-        return "";
+void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
+    if (kind.RestoresSlices() && !set.is_check_file()) {
+        Refuse("{} is {}: restore split takes the check file, NAME.tar.txt", set.path(),
+               set.kind() == ArchiveSet::Kind::kSlice ? "a slice" : "an archive");
     }
-    return set.is_check_file()
-               ? set.path() + " is a check file: restore split takes it"
-               : fmt::format("{} is {}: restore split takes the check file, NAME.tar.txt",
-                             set.path(),
-                             set.kind() == ArchiveSet::Kind::kSlice ? "a slice" : "an archive");
+    if (!kind.RestoresSlices() && set.is_check_file()) {
+        Refuse("{} is a check file: restore split takes it", set.path());
+    }
 }
 
-bool TakesWhereItWrites(const TaskRequest& request) {
+void RefuseTake(const TaskRequest& request) {
     const std::optional<FileId> take = IdOf(request.take);
-    const std::optional<FileId> destination = IdOf(request.destination);
-    return !request.take.empty() &&
-           (take ? destination && *take == *destination : request.take == request.destination);
+    if (!request.take.empty() &&
+        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
+        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
+    }
 }
 
-std::string RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
-    std::string reason;
-    const std::optional<struct stat> source = StatOf(kind.source_path(request));
+void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
+    const std::string from = kind.source_path(request);
+    const std::optional<struct stat> source = StatOf(from);
     const bool is_tree = kind.source == Source::kTree || kind.source == Source::kRecords;
     if (!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode)) {
-        reason = kind.source_path(request) + ": is no regular file";
-    } else if (kind.Copies()) {
-        reason = RefuseSameOrNested(kind, request);
+        Refuse("{}: is no regular file; --force goes on", from);
     }
-    if (reason.empty() && kind.source == Source::kRecords) {
-        reason = RefuseRecords(request, kind.source_path(request));
+    if (kind.Copies()) {
+        const bool is_file = kind.source == Source::kFile;
+        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.result_path(request),
+                           is_file);
     }
-    return reason.empty() ? "" : reason + "; --force goes on";
+    if (kind.source == Source::kRecords) {
+        RefuseRecords(from, request.destination);
+    }
 }
 
-std::string RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
-    if (kind.result != Result::kSet) {
-        return "";
-    }
+void RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
     for (const std::string& directory : {request.destination, request.take}) {
         const BackupFiles old(directory, NameOf(request.source) + ".tar");
-        if (const std::string first = old.First(kind.HandsOver()); !first.empty()) {
-            return fmt::format("{}: is there already; --replace writes over {}", first,
-                               kind.HandsOver() ? "the set" : "it");
+        const std::string first = kind.result == Result::kSet ? old.First(kind.HandsOver()) : "";
+        if (!first.empty()) {
+            Refuse("{}: is there already; --replace writes over {}", first,
+                   kind.HandsOver() ? "the set" : "it");
         }
     }
-    return "";
 }
 
-std::string RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
+void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
+    const size_t named = check->first_lost().size();
     if (kind.IsMove() && check->lost() > 0) {
-        return fmt::format("{}: a move would delete what it leaves out: {}{}; --force goes on",
-                           request.source, fmt::join(check->first_lost(), ", "),
-                           check->lost() > check->first_lost().size()
-                               ? fmt::format(" and {} more", check->lost() -
-                                                                 check->first_lost().size())
-                               : "");
+        Refuse("{}: a move would delete what it leaves out: {}{}; --force goes on", request.source,
+               fmt::join(check->first_lost(), ", "),
+               check->lost() > named ? fmt::format(" and {} more", check->lost() - named) : "");
     }
     if (kind.IsBrief()) {
-        return "";
+        return;
     }
     const Space space = SpaceAt(request.destination);
+    const Space taken = SpaceAt(request.take.empty() ? request.destination : request.take);
     // Blocks and headers are counted where they may matter.
     const uint64_t most =
         check->expected().bytes() + check->expected().entries() * (space.block + 4096) + 4096;
-    const bool takes_away =
-        !request.take.empty() && SpaceAt(request.take).device != space.device;
-    if (takes_away) {
+    if (taken.device != space.device) {
         const uint64_t slice = static_cast<uint64_t>(SliceSizeOf(request)) << 20;
-        const std::string reason = RefuseRoom(request.destination, std::min(slice, most), space);
-        return !reason.empty() || most <= SpaceAt(request.take).free
-                   ? reason
-                   : RefuseRoom(request.take, check->RoomFor(space.block), SpaceAt(request.take));
+        RefuseRoom(request.destination, std::min(slice, most), space);
     }
-    return most <= space.free
-               ? ""
-               : RefuseRoom(request.destination, check->RoomFor(space.block), space);
+    if (most > taken.free) {
+        RefuseRoom(taken.device != space.device ? request.take : request.destination,
+                   check->RoomFor(space.block), taken);
+    }
 }
 
 std::string HintAtRoom(const std::string& path, uint64_t bytes) {

@@ -5,26 +5,26 @@
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include "archive/sums.h"
+#include "ui/exit_code.h"
 
 namespace peltexctl {
 
 namespace {
 
 constexpr std::string_view kPrefix = ".peltexctl-restore-";
-
-std::string Reason(const std::string& path, int error) {
-    return fmt::format("{}: {}", path, std::generic_category().message(error));
-}
 
 // Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file.
 void RemoveLinks(const UniqueFd& parent, const UniqueFd& directory, const std::string& name) {
@@ -77,60 +77,31 @@ std::string SetLinks::RemoveLeftovers() const {
     return told;
 }
 
-std::string SetLinks::Make(const std::string& other) {
-    std::string error = MakeIn(directory_);
-    if (!error.empty() && errno == EROFS) {
-        error = MakeIn(other);
-    }
-    return error;
-}
-
-std::string SetLinks::MakeIn(const std::string& parent) {
-    std::string path = fmt::format("{}/{}XXXXXX", parent, kPrefix);
-    if (mkdtemp(path.data()) == nullptr) {
-        return Reason(parent, errno) + "; a restore needs to make a directory there";
-    }
-    parent_ = OpenDirectory(parent);
+void SetLinks::Make(const std::string& other) {
+    struct statvfs system = {};
+    const bool is_read_only =
+        statvfs(directory_.c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
+    std::string path = fmt::format("{}/{}XXXXXX", is_read_only ? other : directory_, kPrefix);
+    Require(mkdtemp(path.data()) != nullptr, "a restore makes a directory beside the set: " + path);
+    parent_ = OpenDirectory(ParentOf(path));
     fd_ = OpenDirectoryAt(parent_, peltexctl::NameOf(path));
-    if (!fd_.isOpen() || flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
-        return Reason(path, errno);
-    }
     path_ = path;
-    return CopyCheckFile() && LinkSlices() ? "" : Reason(path, errno);
-}
-
-// As it was read: the library takes no other numbers out of it.
-bool SetLinks::CopyCheckFile() const {
+    Require(fd_.isOpen() && flock(fd_.get(), LOCK_EX | LOCK_NB) == 0, path);
+    // As it was read: the library takes no other numbers out of it.
     const UniqueFd file(openat(fd_.get(), set_.name().c_str(),
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    std::string lines;
-    for (size_t i = 0; i < set_.size(); i++) {
-        lines += fmt::format("{}|{}\n", set_.NameOf(i), set_.SizeOf(i));
-        if (lines.size() > 4096 || i + 1 == set_.size()) {
-            if (write(file.get(), lines.data(), lines.size()) !=
-                static_cast<ssize_t>(lines.size())) {
-                return false;
-            }
-            lines.clear();
-        }
-    }
-    return file.isOpen();
-}
-
-bool SetLinks::LinkSlices() const {
     for (size_t i = 0; i < set_.size(); i++) {
         const std::string name = set_.NameOf(i);
-        if (symlinkat((directory_ + "/" + name).c_str(), fd_.get(), name.c_str()) != 0) {
-            return false;
-        }
+        Require(dprintf(file.get(), "%s|%ju\n", name.c_str(), uintmax_t{set_.SizeOf(i)}) > 0 &&
+                    symlinkat((directory_ + "/" + name).c_str(), fd_.get(), name.c_str()) == 0,
+                path + "/" + name);
     }
-    return true;
 }
 
 uint64_t SetLinks::BytesRead() {
     struct stat status = {};
-    while (done_ < set_.size() && fstatat(fd_.get(), set_.NameOf(done_).c_str(), &status,
-                                          AT_SYMLINK_NOFOLLOW) != 0) {
+    while (done_ < set_.size() &&
+           fstatat(fd_.get(), set_.NameOf(done_).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         done_bytes_ += set_.SizeOf(done_++);
     }
     return done_bytes_ +
@@ -157,15 +128,16 @@ uint64_t ReadPosition(const std::string& path) {
     return position;
 }
 
-std::string RemoveSet(const ArchiveSet& set) {
-    const auto remove = [&](const std::string& name) {
-        return unlinkat(set.directory(), name.c_str(), 0) == 0 || errno == ENOENT;
+void RemoveSet(const ArchiveSet& set) {
+    const auto remove = [&set](const std::string& name) {
+        Require(unlinkat(set.directory(), name.c_str(), 0) == 0 || errno == ENOENT,
+                "the set cannot be removed: " + name);
     };
-    bool is_removed = remove(SumsName(set.name())) && remove(set.name());
+    remove(SumsName(set.name()));
+    remove(set.name());
     for (size_t i = 0; i < set.size(); i++) {
-        is_removed = remove(set.NameOf(i)) && is_removed;
+        remove(set.NameOf(i));
     }
-    return is_removed ? "" : Reason(set.path(), errno) + "; not all of the set could be removed";
 }
 
 }  // namespace peltexctl

@@ -1,5 +1,5 @@
-// The names by which the library gets a set that is to be restored. It removes each slice when it is
-// done with it, and with an abort those that it has not read: what it removes here are symbolic
+// The names by which the library gets a set that is to be restored. It removes each slice when it
+// is done with it, and with an abort those that it has not read: what it removes here are symbolic
 // links in a directory of our own beside the set, where a copy of the check file lies too.
 //
 // Not thread-safe.
@@ -25,9 +25,9 @@ class SetLinks {
     // Takes away what restores have left that were killed. Returns its paths, for people.
     std::string RemoveLeftovers() const;
 
-    // Makes the directory and all that is in it; in `other` where the set's cannot be written.
-    // Returns what went wrong.
-    std::string Make(const std::string& other);
+    // Makes the directory and all that is in it; in `other` where the set's is on a file system
+    // that is read only. Throws Failure.
+    void Make(const std::string& other);
 
     // The check file that the library is given.
     std::string CheckFile() const { return path_ + "/" + set_.name(); }
@@ -37,10 +37,6 @@ class SetLinks {
     uint64_t BytesRead();
 
   private:
-    std::string MakeIn(const std::string& parent);
-    bool CopyCheckFile() const;
-    bool LinkSlices() const;
-
     const ArchiveSet& set_;
     const std::string directory_;
     std::string path_;  // empty until it is made
@@ -50,11 +46,11 @@ class SetLinks {
     uint64_t done_bytes_ = 0;
 };
 
-// How far somebody in this process has read the open file at `path`; 0 where that is not to be seen.
+// How far somebody in this process has read the open file at `path`; 0 where that is not to be
+// seen.
 uint64_t ReadPosition(const std::string& path);
 
-// Takes a set away whose entries are all there: what says that it is one first. Returns what went
-// wrong.
-std::string RemoveSet(const ArchiveSet& set);
+// Takes a set away whose entries are all there: what says that it is one first. Throws Failure.
+void RemoveSet(const ArchiveSet& set);
 
 }  // namespace peltexctl

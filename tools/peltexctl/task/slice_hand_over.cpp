@@ -60,8 +60,7 @@ bool CopyFile(const UniqueFd& from, const struct stat& status, const UniqueFd& t
             return false;
         }
     }
-    return length == 0 &&
-           (fchown(to.get(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
+    return length == 0 && (fchown(to.get(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
            fchmod(to.get(), status.st_mode & 0777) == 0 && fsync(to.get()) == 0;
 }
 
@@ -80,9 +79,10 @@ SliceHandOver::SliceHandOver(const TaskRequest& request, Send send, std::string 
     }
 }
 
-std::string SliceHandOver::Prepare() {
-    const std::string error = take_.empty() ? "" : to_.Make(take_, 0);
-    return error.empty() ? "" : error + ": slices cannot be taken there; give another --take DIR";
+void SliceHandOver::Prepare() {
+    if (!take_.empty()) {
+        to_.Make(take_, 0);
+    }
 }
 
 void SliceHandOver::Heard(const StatusEvent& event) {
@@ -140,10 +140,10 @@ std::string SliceHandOver::Step() {
     return "";
 }
 
-// An abort is forgotten like a continuation when it comes before the pause, and is not repeated: each
-// makes a status. Where it is seen first, the slice that was handed over is not packed again.
+// An abort is forgotten like a continuation when it comes before the pause, and is not repeated:
+// each makes a status. Where it is seen first, the slice that was handed over is not packed again.
 void SliceHandOver::Wake() {
-    if (Clock::now() < next_step_) {
+    if (next_step_ != Clock::time_point::max() && Clock::now() < next_step_) {
         return;
     }
     repeat_after_ = std::clamp<Clock::duration>(2 * repeat_after_, kFirstRepeat, kLastRepeat);
@@ -171,7 +171,8 @@ std::string SliceHandOver::Finish(bool whole) {
     std::string sums_error;
     if (fstatat(directory.get(), (base_ + ".txt").c_str(), &like, AT_SYMLINK_NOFOLLOW) != 0 ||
         !summer_->Finish(directory.get(), SumsName(base_), like, &sums_error)) {
-        return fmt::format("{}/{}: cannot be written: {}", Directory(), SumsName(base_), sums_error);
+        return fmt::format("{}/{}: cannot be written: {}", Directory(), SumsName(base_),
+                           sums_error);
     }
     return "";
 }

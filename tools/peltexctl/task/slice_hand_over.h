@@ -40,8 +40,8 @@ class SliceHandOver {
     SliceHandOver(const SliceHandOver&) = delete;
     SliceHandOver& operator=(const SliceHandOver&) = delete;
 
-    // Makes and holds the directory that slices are taken to. Returns what went wrong.
-    std::string Prepare();
+    // Makes and holds the directory that slices are taken to. Throws Failure.
+    void Prepare();
 
     // Every status of the backup.
     void Heard(const StatusEvent& event);

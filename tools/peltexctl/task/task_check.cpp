@@ -17,7 +17,7 @@
 #include "base/path_rules.h"
 #include "brief/search_rules.h"
 #include "task/records.h"
-#include "ui/text.h"
+#include "ui/exit_code.h"
 
 namespace peltexctl {
 
@@ -66,28 +66,12 @@ class Place {
     char target_[PATH_MAX] = {};
 };
 
-const char* NameOfType(char type) {
-    return type == '0' ? "file" : type == '2' ? "link" : type == '5' ? "directory" : "special file";
-}
-
-// How two entries of one name differ; empty when they do not.
-std::string Compare(const TallyEntry& expected, const std::optional<TallyEntry>& found) {
-    if (!found) {
-        return "is missing";
-    }
-    if (found->type != expected.type) {
-        return fmt::format("is a {}, not a {}", NameOfType(found->type), NameOfType(expected.type));
-    }
-    if (found->size != expected.size) {
-        return fmt::format("has {} bytes of {}", found->size, expected.size);
-    }
-    if (found->link != expected.link) {
-        return fmt::format("leads to {}, not to {}", found->link, expected.link);
-    }
-    return found->mode == expected.mode
-               ? ""
-               : fmt::format("has mode {:04o}, not {:04o}", found->mode.value_or(0),
-                             expected.mode.value_or(0));
+std::string Describe(const TallyEntry& entry) {
+    const std::string text = entry.type == '0'   ? fmt::format("a file of {} bytes", entry.size)
+                             : entry.type == '2' ? fmt::format("a link to {}", entry.link)
+                             : entry.type == '5' ? "a directory"
+                                                 : "a special file";
+    return entry.mode ? fmt::format("{} with mode {:04o}", text, *entry.mode) : text;
 }
 
 TallyEntry WithoutMode(TallyEntry entry) {
@@ -129,47 +113,6 @@ class TaskCheck::Differences {
     uint64_t more_ = 0;
 };
 
-// Entries in a file that has no name: path, type and size of each.
-class TaskCheck::Spool {
-  public:
-    Spool() : file_(std::tmpfile()) {}
-
-    void Add(const TallyEntry& entry) {
-        const size_t length = entry.path.size();
-        is_whole_ = is_whole_ && file_ != nullptr &&
-                    std::fwrite(&length, sizeof(length), 1, file_.get()) == 1 &&
-                    std::fwrite(entry.path.data(), 1, length, file_.get()) == length &&
-                    std::fwrite(&entry.type, 1, 1, file_.get()) == 1 &&
-                    std::fwrite(&entry.size, sizeof(entry.size), 1, file_.get()) == 1;
-    }
-
-    bool Visit(const EntrySink& entries) const {
-        size_t length = 0;
-        std::string path;
-        TallyEntry entry;
-        if (!is_whole_ || std::fseek(file_.get(), 0, SEEK_SET) != 0) {
-            return false;
-        }
-        while (std::fread(&length, sizeof(length), 1, file_.get()) == 1) {
-            path.resize(length);
-            if (std::fread(path.data(), 1, length, file_.get()) != length ||
-                std::fread(&entry.type, 1, 1, file_.get()) != 1 ||
-                std::fread(&entry.size, sizeof(entry.size), 1, file_.get()) != 1) {
-                return false;
-            }
-            entry.path = path;
-            entries(entry);
-        }
-        return true;
-    }
-
-    bool is_whole() const { return is_whole_ && std::fflush(file_.get()) == 0; }
-
-  private:
-    const android::installd::UniqueFile file_;
-    bool is_whole_ = true;
-};
-
 TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
                      std::function<void()> tick)
     : kind_(kind),
@@ -178,11 +121,11 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       tick_(std::move(tick)),
       source_(kind.source_path(request)),
       set_faults_(std::make_unique<Differences>()),
-      spool_(kind.IsMove() ? std::make_unique<Spool>() : nullptr) {}
+      spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
 TaskCheck::~TaskCheck() = default;
 
-std::string TaskCheck::Before() {
+void TaskCheck::Before() {
     if (set_ != nullptr) {
         const FindingSink tell = [this](const Finding& finding) {
             if (finding.severity != Finding::Severity::kWarning) {
@@ -192,13 +135,14 @@ std::string TaskCheck::Before() {
         };
         expected_ = VerifySet(*set_, request_.destination, tell).tally;
         CheckSums(*set_, tell);
-        return "";
+        return;
     }
     const bool is_read = VisitSource(
         [this](const TallyEntry& entry) {
             expected_.Add(entry);
             if (spool_) {
-                spool_->Add(entry);
+                fmt::print(spool_.get(), "/{};0;{:d};{};0\n", entry.path, entry.type == '5',
+                           entry.size);
             }
             tick_();
         },
@@ -209,10 +153,11 @@ std::string TaskCheck::Before() {
                 first_lost_.emplace_back(path);
             }
         });
-    if (spool_ && !spool_->is_whole()) {
-        return "there is no room for a list of what is moved in the directory for temporary files";
+    if (!is_read || (kind_.IsMove() && (!spool_ || std::fflush(spool_.get()) != 0))) {
+        throw Failure(kTaskFailed,
+                      fmt::format("{}: {}; --force goes on without a check", source_,
+                                  is_read ? "no room for a list of it in /tmp" : "cannot be read"));
     }
-    return is_read ? "" : source_ + ": cannot be read";
 }
 
 uint64_t TaskCheck::lost() const {
@@ -270,7 +215,7 @@ bool TaskCheck::TallyResult(const std::string& result, Differences* faults) {
             }
         });
     } else if (kind_.result == Result::kRecords) {
-        if (!VisitListed(result, add)) {
+        if (!VisitBrief(result, add)) {
             faults->Add(result + ": cannot be read");
             return false;
         }
@@ -297,8 +242,11 @@ bool TaskCheck::TallyResult(const std::string& result, Differences* faults) {
 void TaskCheck::CompareInTree(const std::string& result, Differences* differences) const {
     Place place(result, kind_.source == Source::kSet);
     VisitExpected([&](const TallyEntry& entry) {
-        if (const std::string how = Compare(entry, place.Find(entry)); !how.empty()) {
-            differences->Add(fmt::format("{}/{}: {}", result, entry.path, how));
+        const std::optional<TallyEntry> found = place.Find(entry);
+        const std::string is_there = found ? "is " + Describe(*found) : "is missing";
+        if (const std::string expected = "is " + Describe(entry); expected != is_there) {
+            differences->Add(fmt::format("{}/{}: {}, and should be {}", result, entry.path,
+                                         is_there, expected.substr(3)));
         }
         tick_();
     });
@@ -318,17 +266,17 @@ void TaskCheck::CompareWithFile(const std::string& result, Differences* differen
         };
         std::string error;
         if (kind_.result == Result::kRecords) {
-            VisitListed(result, keep);
-        } else if (const std::optional<ArchiveSet> set =
-                       ArchiveSet::Open(result, [](const Finding&) {}, &error)) {
+            VisitBrief(result, keep);
+        } else if (const std::optional<ArchiveSet> set = ArchiveSet::Open(
+                       result, [](const Finding&) {}, &error)) {
             VisitRestored(*set, keep);
         }
         std::sort(sums.begin(), sums.end());
         VisitExpected([&](const TallyEntry& entry) {
             const uint64_t sum = SumOf(entry);
             if (sum % parts == part && !std::binary_search(sums.begin(), sums.end(), sum)) {
-                differences->Add(fmt::format("{}/{}: is not in {} as it is there", source_,
-                                             entry.path, result));
+                differences->Add(
+                    fmt::format("{}/{}: is not in {} as it is there", source_, entry.path, result));
             }
             tick_();
         });
@@ -337,7 +285,12 @@ void TaskCheck::CompareWithFile(const std::string& result, Differences* differen
 
 // What the task is to bring, as far as it is still there to be asked.
 bool TaskCheck::VisitExpected(const EntrySink& entries) const {
-    return spool_ ? spool_->Visit(entries) : VisitSource(entries, kIgnore);
+    return spool_ ? VisitRecords("/proc/self/fd/" + std::to_string(fileno(spool_.get())), "/",
+                                 [&entries](TallyEntry entry) {
+                                     entry.mode = std::nullopt;
+                                     entries(entry);
+                                 })
+                  : VisitSource(entries, kIgnore);
 }
 
 bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const {
@@ -359,7 +312,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
             return true;
         case Source::kRecords:
             if (RecordsApply()) {
-                return VisitRecords(entries);
+                return VisitRecords(source_ + ".txt", request_.destination + "/", entries);
             }
             break;
         case Source::kTree:
@@ -446,16 +399,18 @@ bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_ou
     return true;
 }
 
-// Whether modes are put back: nowhere on shared storage, and at the paths that they were taken from.
+// Whether modes are put back: nowhere on shared storage, and at the paths that they were taken
+// from.
 bool TaskCheck::RecordsApply() const {
     const std::optional<std::string> first = FirstRecordOf(source_);
     return first && first->rfind(request_.destination + "/", 0) == 0 &&
            !android::installd::isStoragePath(request_.destination.c_str());
 }
 
-bool TaskCheck::VisitRecords(const EntrySink& entries) const {
-    const std::string top = request_.destination + "/";
-    return ReadRecords(source_ + ".txt", RecordLines::kJoined, [&](const Record& record) {
+// Paths are those below `top`.
+bool TaskCheck::VisitRecords(const std::string& file, const std::string& top,
+                             const EntrySink& entries) const {
+    return ReadRecords(file, RecordLines::kJoined, [&](const Record& record) {
         TallyEntry entry;
         entry.path = record.path.substr(record.path.rfind(top, 0) == 0 ? top.size() : 0);
         entry.type = record.is_directory ? '5' : '0';
@@ -466,18 +421,14 @@ bool TaskCheck::VisitRecords(const EntrySink& entries) const {
     });
 }
 
-bool TaskCheck::VisitListed(const std::string& brief, const EntrySink& entries) const {
+// A brief may list itself, as far as it is written by then.
+bool TaskCheck::VisitBrief(const std::string& brief, const EntrySink& entries) const {
     const std::string top = kind_.source == Source::kTree ? source_ + "/" : "/";
-    return ReadRecords(brief, RecordLines::kJoined, [&](const Record& record) {
-        TallyEntry entry;
-        entry.path = record.path.substr(record.path.rfind(top, 0) == 0 ? top.size() : 0);
-        entry.type = record.is_directory ? '5' : '0';
-        entry.size = record.is_directory ? 0 : record.size;
-        entry.mode = record.mode;
-        if (record.path != request_.destination) {
+    return VisitRecords(brief, top, [&](const TallyEntry& entry) {
+        if (top.compare(0, top.size(), brief, 0, top.size()) != 0 ||
+            entry.path != std::string_view(brief).substr(top.size())) {
             entries(entry);
         }
-        return true;
     });
 }
 
@@ -493,10 +444,11 @@ std::string DescribeFinding(const Finding& finding) {
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    const bool is_read = ReadRecords(copy + ".txt", RecordLines::kJoined, [&](const Record& record) {
-        first = std::string(record.path);
-        return false;
-    });
+    const bool is_read =
+        ReadRecords(copy + ".txt", RecordLines::kJoined, [&](const Record& record) {
+            first = std::string(record.path);
+            return false;
+        });
     return is_read && first ? first : std::nullopt;
 }
 

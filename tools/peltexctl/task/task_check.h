@@ -25,8 +25,8 @@ class TaskCheck {
               std::function<void()> tick);
     ~TaskCheck();
 
-    // Tallies what the task is to bring. Returns why that cannot be known, empty when it is.
-    std::string Before();
+    // Tallies what the task is to bring. Throws Failure where that cannot be known.
+    void Before();
 
     // What the task brings, and what it leaves out.
     const Tally& expected() const { return expected_; }
@@ -44,15 +44,15 @@ class TaskCheck {
     uint64_t missing_bytes() const;
 
   private:
-    class Spool;
     class Differences;
 
     bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool RecordsApply() const;
-    bool VisitRecords(const EntrySink& entries) const;
-    bool VisitListed(const std::string& brief, const EntrySink& entries) const;
+    bool VisitRecords(const std::string& file, const std::string& top,
+                      const EntrySink& entries) const;
+    bool VisitBrief(const std::string& brief, const EntrySink& entries) const;
     bool VisitExpected(const EntrySink& entries) const;
     bool TallyResult(const std::string& result, Differences* faults);
     void CompareInTree(const std::string& result, Differences* differences) const;
@@ -67,7 +67,7 @@ class TaskCheck {
     Tally found_;
     std::vector<std::string> first_lost_;
     std::unique_ptr<Differences> set_faults_;
-    std::unique_ptr<Spool> spool_;  // of a move, whose source is gone afterwards
+    android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
 };
 
 // "SLICE: ENTRY: MESSAGE", not escaped.

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "archive/set.h"
@@ -31,22 +30,20 @@ namespace {
 // A task with what comes before and behind the library's part.
 class TaskCommand {
   public:
-    TaskCommand(const TaskKind& kind, const TaskRequest& request, const TaskOutput& output,
-                EventWriter* events, ProgressView* view)
-        : kind_(kind), request_(request), output_(output), events_(*events), view_(*view) {}
+    TaskCommand(const TaskKind& kind, const TaskRequest& request, EventWriter* events,
+                ProgressView* view)
+        : kind_(kind), request_(request), events_(*events), view_(*view) {}
 
-    int Run(const Library& library) {
+    // Returns the program's exit status. Throws Failure.
+    int Run(const Library& library, const TaskOutput& output) {
         const SignalScope signals([this](int /*times*/) {
-            TellLast(is_over_ ? told_unchecked_ : "interrupted: nothing was begun");
+            TellLast(is_over_ ? "interrupted: it is done, but not checked"
+                              : "interrupted: nothing was begun");
             _exit(kInterrupted);
         });
-        if (TakesWhereItWrites(request_)) {
-            PrintError("--take " + request_.take + " is DEST itself");
-            return kUsage;
-        }
-        if (!MayBegin() || !Prepare()) {
-            return kTaskFailed;
-        }
+        RefuseAll();
+        Prepare();
+        options_.log_is_shown = output.log != "silent";
         // Never destroyed: the last callback may be on its way out.
         static TaskRun* const run =
             new TaskRun(library, kind_, request_, options_, &events_, &view_);
@@ -55,146 +52,113 @@ class TaskCommand {
             made_.Remove();
             return result.status;
         }
+        is_over_ = true;
         return Conclude(result);
     }
 
   private:
-    bool Refuse(const std::string& reason) {
-        if (!reason.empty()) {
-            view_.Aside([&] { events_.Error(reason); });
-        }
-        return !reason.empty();
-    }
-
-    // Whether nothing speaks against it. Changes nothing.
-    bool MayBegin() {
-        if (Refuse(RefusePaths(kind_, request_))) {
-            return false;
-        }
+    // Changes nothing.
+    void RefuseAll() {
+        RefuseTake(request_);
+        RefusePaths(kind_, request_);
         if (kind_.Unpacks()) {
-            std::string error;
-            // What is wrong with a check file's lines is wrong with the set.
-            set_ = ArchiveSet::Open(
-                request_.source,
-                [this](const Finding& finding) { line_faults_.push_back(DescribeFinding(finding)); },
-                &error);
-            if (Refuse(set_ ? RefuseArchive(kind_, *set_) : error)) {
-                return false;
-            }
-            if (set_->size() == 0 && !request_.force) {
-                return !Refuse(line_faults_.empty() ? request_.source + ": lists no slice"
-                                                    : line_faults_[0]);
-            }
+            OpenSet();
         }
-        const ArchiveSet* const set = set_ ? &*set_ : nullptr;
-        if ((!request_.force && Refuse(RefuseLoss(kind_, request_))) ||
-            (!request_.replace && Refuse(RefuseReplacing(kind_, request_)))) {
-            return false;
+        if (!request_.force) {
+            RefuseLoss(kind_, request_);
+        }
+        if (!request_.replace) {
+            RefuseReplacing(kind_, request_);
         }
         if (request_.no_verify) {
-            return true;
+            return;
         }
         view_.Begin("looking at " + EscapeBytes(request_.source));
-        view_.Tick();
-        check_.emplace(kind_, request_, set, [this] { Tick(); });
-        const std::string unknown = check_->Before();
-        view_.End();
-        if (!unknown.empty()) {
+        check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
+        try {
+            check_->Before();
+        } catch (const Failure&) {
+            if (!request_.force) {
+                throw;
+            }
             check_.reset();
-            return request_.force || !Refuse(unknown + "; --force goes on without a check");
         }
-        return request_.force || !Refuse(RefuseByTally(kind_, request_, &*check_));
+        if (!request_.force) {
+            RefuseByTally(kind_, request_, &*check_);
+        }
+        view_.End();
     }
 
-    void Tick() {
-        constexpr unsigned kEvery = 256;
-        if (++ticks_ % kEvery == 0) {
-            view_.Tick();
+    void OpenSet() {
+        std::string error;
+        set_ = ArchiveSet::Open(
+            request_.source,
+            [this](const Finding& finding) { line_faults_.push_back(DescribeFinding(finding)); },
+            &error);
+        if (!set_) {
+            throw Failure(kTaskFailed, error);
+        }
+        RefuseArchive(kind_, *set_);
+        if (set_->size() == 0 && !request_.force) {
+            throw Failure(kTaskFailed, line_faults_.empty() ? request_.source + ": lists no slice"
+                                                            : line_faults_[0]);
         }
     }
 
-    // Makes what the task needs.
-    bool Prepare() {
-        const bool is_root = geteuid() == 0;
-        if (!is_root && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
-            events_.Note(fmt::format("you are not root: all that is restored belongs to you, uid "
-                                     "{}, and other owners, and modes of what is not yours, are "
-                                     "not given",
-                                     geteuid()));
-        }
+    // Makes what the task needs, and takes away what it replaces.
+    void Prepare() {
         if (request_.replace) {
             for (const std::string& directory : {request_.destination, request_.take}) {
-                const BackupFiles old(directory, NameOf(request_.source) + ".tar");
-                if (Refuse(old.Remove(kind_.HandsOver()))) {
-                    return false;
-                }
+                BackupFiles(directory, NameOf(request_.source) + ".tar").Remove(kind_.HandsOver());
             }
         }
         options_.source = request_.source;
-        options_.log_is_shown = output_.log != "silent";
         options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
+        if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
+            events_.Note(
+                fmt::format("you are not root: what is restored belongs to uid {}, and "
+                            "other owners are not given",
+                            geteuid()));
+        }
         if (!kind_.Unpacks()) {
-            return true;
+            return;
         }
-        if (Refuse(made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid))))) {
-            return false;
-        }
-        return kind_.RestoresSlices() ? PrepareLinks() : PrepareArchive();
-    }
-
-    bool PrepareArchive() {
-        options_.total = set_->SizeOf(0);
-        options_.bytes_read = [this] { return ReadPosition(request_.source); };
-        return true;
-    }
-
-    bool PrepareLinks() {
-        links_.emplace(*set_, ParentOf(request_.source));
-        if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
-            events_.Note(left + ": left by a restore that was killed, removed");
-        }
-        if (Refuse(links_->Make(request_.destination))) {
-            made_.Remove();
-            return false;
-        }
-        options_.source = links_->CheckFile();
+        made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid)));
         options_.total = 0;
         for (size_t i = 0; i < set_->size(); i++) {
             options_.total += set_->SizeOf(i);
         }
-        options_.bytes_read = [this] { return links_->BytesRead(); };
-        options_.left_too =
-            fmt::format("; {} is left, which the next restore removes", links_->path());
-        return true;
+        options_.bytes_read = [this] {
+            return links_ ? links_->BytesRead() : ReadPosition(request_.source);
+        };
+        if (kind_.RestoresSlices()) {
+            links_.emplace(*set_, ParentOf(request_.source));
+            if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
+                events_.Note(left + ": left by a restore that was killed, removed");
+            }
+            links_->Make(request_.destination);
+            options_.source = links_->CheckFile();
+            options_.left_too = "; " + links_->path() + " is left, which the next restore removes";
+        }
     }
 
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
     int Conclude(const TaskRun::Result& result) {
+        const std::string result_path = kind_.result_path(request_);
         const std::string written =
-            request_.take.empty() ? kind_.result_path(request_)
-                                  : request_.take + "/" + NameOf(kind_.result_path(request_));
-        bool is_whole = true;
-        told_unchecked_ = fmt::format("interrupted: {} is there, but not checked", written);
-        is_over_ = true;
-        if (check_) {
-            view_.Begin("checking " + EscapeBytes(written));
-            view_.Tick();
-            is_whole = Check(written);
-            view_.End();
-        }
+            request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
+        const bool is_whole = !check_ || Check(written);
         if (is_whole && request_.sums && !kind_.HandsOver()) {
-            is_whole = !Refuse(WriteSums(written));
+            WriteSums(written);
         }
         if (is_whole && request_.consume) {
-            is_whole = !Refuse(RemoveSet(*set_));
+            RemoveSet(*set_);
         }
-        TaskSummary summary;
-        summary.task = result.task;
-        summary.seconds = result.seconds;
-        summary.has_rate = !kind_.IsBrief();
-        summary.slices = kind_.RestoresSlices() ? std::optional<uint64_t>(set_->size())
-                                                : result.slices;
+        TaskSummary summary{result.task, result.seconds, {}, result.slices, !kind_.IsBrief()};
+        if (kind_.RestoresSlices()) {
+            summary.slices = set_->size();
+        }
         if (check_ && is_whole) {
             summary.tally = check_->expected();
         }
@@ -203,39 +167,35 @@ class TaskCommand {
     }
 
     bool Check(const std::string& written) {
-        std::vector<std::string> lines = line_faults_;
-        for (const std::string& line : check_->After(written)) {
-            lines.push_back(line);
-        }
+        view_.Begin("checking " + EscapeBytes(written));
+        std::vector<std::string> lines = check_->After(written);
+        lines.insert(lines.begin(), line_faults_.begin(), line_faults_.end());
+        view_.End();
         if (!lines.empty()) {
             lines.back() += HintAtRoom(written, check_->missing_bytes());
             PrintKeptLog();
         }
         for (const std::string& line : lines) {
-            Refuse(line);
+            events_.Error(line);
         }
         return lines.empty();
     }
 
-    // Returns what went wrong.
-    static std::string WriteSums(const std::string& archive) {
+    static void WriteSums(const std::string& archive) {
         const UniqueFd directory = OpenDirectory(ParentOf(archive));
         struct stat status = {};
         UniqueFd file = OpenRegularAt(directory, NameOf(archive), &status);
-        std::string error = std::generic_category().message(errno);
-        if (file.isOpen()) {
-            Summer summer;
-            summer.Add(std::move(file), NameOf(archive));
-            if (summer.Finish(directory.get(), SumsName(NameOf(archive)), status, &error)) {
-                return "";
-            }
+        Require(file.isOpen(), archive);
+        Summer summer;
+        std::string error;
+        summer.Add(std::move(file), NameOf(archive));
+        if (!summer.Finish(directory.get(), SumsName(NameOf(archive)), status, &error)) {
+            throw Failure(kTaskFailed, error);
         }
-        return fmt::format("{}: its sums could not be written: {}", archive, error);
     }
 
     const TaskKind& kind_;
     const TaskRequest& request_;
-    const TaskOutput& output_;
     EventWriter& events_;
     ProgressView& view_;
     std::optional<ArchiveSet> set_;  // of a restore
@@ -244,8 +204,6 @@ class TaskCommand {
     std::optional<SetLinks> links_;
     MadeDirectory made_;
     TaskRun::Options options_;
-    unsigned ticks_ = 0;
-    std::string told_unchecked_;
     std::atomic<bool> is_over_{false};
 };
 
@@ -262,7 +220,13 @@ int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& req
     } else {
         ShowLibraryLog(output.log, view);
     }
-    return TaskCommand(kind, request, output, events, view).Run(library);
+    try {
+        return TaskCommand(kind, request, events, view).Run(library, output);
+    } catch (const Failure& failure) {
+        view->End();
+        events->Error(failure.what());
+        return failure.code();
+    }
 }
 
 }  // namespace peltexctl

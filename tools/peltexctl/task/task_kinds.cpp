@@ -7,6 +7,7 @@
 #include <climits>
 #include <optional>
 
+#include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -93,7 +94,8 @@ constexpr TaskKind kKinds[] = {
     {"backup", "file", "one file into the directory DEST", PlainCommand, Source::kFile,
      SourceItself, Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
     {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
-     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage, Modes::kNone},
+     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage,
+     Modes::kNone},
     {"backup", "tar", "a directory into the archive DEST/NAME.tar", PlainCommand, Source::kTree,
      SourceItself, Result::kSet, WholeArchive, kPacks, Modes::kArchived},
     {"backup", "split",
@@ -108,7 +110,8 @@ constexpr TaskKind kKinds[] = {
     {"restore", "tar", "DEST from the archive SRC", PlainCommand, Source::kSet, SourceItself,
      Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
     {"restore", "split", "DEST from the slices that the check file SRC lists", RestoreSplitCommand,
-     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
+     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker),
+     Modes::kArchived},
     {"brief", "dir", "what the directory SRC holds", BriefCommand, Source::kTree, SourceItself,
      Result::kRecords, Destination, kCopies, Modes::kAll},
     {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Source::kSearch,
@@ -117,57 +120,37 @@ constexpr TaskKind kKinds[] = {
      Result::kTree, Destination, kCopies, Modes::kNone},
 };
 
-bool IsOneWord(const std::string& text) {
-    return !text.empty() && text.find(' ') == std::string::npos;
-}
-
 bool IsInRange(const std::string& text, int least, int most) {
     const std::optional<int> number = ParseInt(text);
     return number && *number >= least && *number <= most;
 }
 
-// An option that another kind of task has.
+// An option of one kind of task or two.
 struct OwnOption {
     const char* name;
     bool (*is_given)(const TaskRequest& request);
-    const char* subcommand;
-    const char* kinds[2];
+    const char* kind;
+    const char* other_kind;
+    const char* owners;
 };
 
 constexpr OwnOption kOwnOptions[] = {
-    {"--slice-size", [](const TaskRequest& r) { return r.slice_size.has_value(); }, "backup",
-     {"split", ""}},
-    {"--take", [](const TaskRequest& r) { return !r.take.empty(); }, "backup", {"split", ""}},
-    {"--sums", [](const TaskRequest& r) { return r.sums; }, "backup", {"split", "tar"}},
-    {"--replace", [](const TaskRequest& r) { return r.replace; }, "backup", {"split", "tar"}},
-    {"--consume", [](const TaskRequest& r) { return r.consume; }, "restore", {"split", ""}},
+    {"--slice-size", [](const TaskRequest& request) { return request.slice_size.has_value(); },
+     "split", "split", "backup split"},
+    {"--take", [](const TaskRequest& request) { return !request.take.empty(); }, "split", "split",
+     "backup split"},
+    {"--sums", [](const TaskRequest& request) { return request.sums; }, "split", "tar",
+     "backup split and tar"},
+    {"--replace", [](const TaskRequest& request) { return request.replace; }, "split", "tar",
+     "backup split and tar"},
+    {"--consume", [](const TaskRequest& request) { return request.consume; }, "split", "split",
+     "restore split"},
 };
 
-std::string WhatIsWrongWith(const TaskRequest& request) {
-    for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
-        if (!IsOneWord(*word)) {
-            return fmt::format(
-                "\"{}\" cannot be sent: a word of a command is not empty and holds no blank; "
-                "rename it or reach it through a link",
-                *word);
-        }
+void Expect(bool is_right, const std::string& message) {
+    if (!is_right) {
+        throw Failure(kUsage, message);
     }
-    if (!IsInRange(request.uid, 0, INT_MAX)) {
-        return fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX);
-    }
-    if (request.slice_size && !IsInRange(*request.slice_size, 1, kLargestSlice)) {
-        return fmt::format("--slice-size: \"{}\" is no number from 1 to {}", *request.slice_size,
-                           kLargestSlice);
-    }
-    for (const OwnOption& option : kOwnOptions) {
-        if (option.is_given(request) && request.kind != option.kinds[0] &&
-            (*option.kinds[1] == '\0' || request.kind != option.kinds[1])) {
-            return fmt::format("{} is an option of {} {}{}{} only", option.name, option.subcommand,
-                               option.kinds[0], *option.kinds[1] == '\0' ? "" : " and ",
-                               option.kinds[1]);
-        }
-    }
-    return "";
 }
 
 }  // namespace
@@ -186,14 +169,26 @@ std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
     return kinds;
 }
 
-const TaskKind* CheckRequest(const TaskRequest& request, std::string* error) {
+const TaskKind& CheckRequest(const TaskRequest& request) {
+    for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
+        Expect(!word->empty() && word->find(' ') == std::string::npos,
+               fmt::format("\"{}\" cannot be sent: a word of a command is not empty and holds no "
+                           "blank; rename it or reach it through a link",
+                           *word));
+    }
+    Expect(IsInRange(request.uid, 0, INT_MAX),
+           fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX));
+    Expect(!request.slice_size || IsInRange(*request.slice_size, 1, kLargestSlice),
+           fmt::format("--slice-size: \"{}\" is no number from 1 to {}",
+                       request.slice_size.value_or(""), kLargestSlice));
+    for (const OwnOption& option : kOwnOptions) {
+        Expect(!option.is_given(request) || request.kind == option.kind ||
+                   request.kind == option.other_kind,
+               fmt::format("{} is an option of {} only", option.name, option.owners));
+    }
     const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
-    *error = WhatIsWrongWith(request);
-    return error->empty() ? *std::find_if(kinds.begin(), kinds.end(),
-                                          [&request](const TaskKind* row) {
-                                              return row->kind == request.kind;
-                                          })
-                          : nullptr;
+    return **std::find_if(kinds.begin(), kinds.end(),
+                          [&request](const TaskKind* row) { return row->kind == request.kind; });
 }
 
 int SliceSizeOf(const TaskRequest& request) {
@@ -202,9 +197,8 @@ int SliceSizeOf(const TaskRequest& request) {
 
 std::string TargetFile(const TaskRequest& request) {
     const std::optional<struct stat> status = StatOf(request.destination);
-    return status && !S_ISDIR(status->st_mode)
-               ? request.destination
-               : request.destination + "/" + NameOf(request.source);
+    return status && !S_ISDIR(status->st_mode) ? request.destination
+                                               : request.destination + "/" + NameOf(request.source);
 }
 
 }  // namespace peltexctl

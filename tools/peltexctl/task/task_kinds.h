@@ -18,7 +18,7 @@ struct TaskRequest {
     std::string uid = "0";
     std::string se_info = "default";
     std::optional<std::string> slice_size;  // MiB; 100 without
-    std::string take;        // where the slices of a split backup go; empty: they stay
+    std::string take;  // where the slices of a split backup go; empty: they stay
     bool no_verify = false;
     bool force = false;
     bool replace = false;
@@ -66,17 +66,17 @@ struct TaskKind {
     bool Unpacks() const { return source == Source::kSet; }
     // Files or trees come to lie beside others that may be the same.
     bool Copies() const {
-        return result == Result::kTree && (source == Source::kFile || source == Source::kTree ||
-                                           source == Source::kRecords);
+        return result == Result::kTree &&
+               (source == Source::kFile || source == Source::kTree || source == Source::kRecords);
     }
 };
 
 // The kinds of a subcommand, in the order to show them.
 std::vector<const TaskKind*> KindsOf(const std::string& subcommand);
 
-// The request's row, after a look at every word. REQUIRES: the kind is one of the subcommand's. On
-// failure returns nothing and one line in `error`, which says what is wrong with the request.
-const TaskKind* CheckRequest(const TaskRequest& request, std::string* error);
+// The request's row, after a look at every word. REQUIRES: the kind is one of the subcommand's.
+// Throws Failure.
+const TaskKind& CheckRequest(const TaskRequest& request);
 
 // In MiB.
 int SliceSizeOf(const TaskRequest& request);

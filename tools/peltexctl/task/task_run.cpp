@@ -26,6 +26,64 @@ std::string Compose(const TaskKind& kind, TaskRequest request, const std::string
     return kind.compose(kind, request);
 }
 
+enum class Ending {
+    kSucceeded,  // in spite of the abort
+    kFailed,
+    kUnfinished,  // it was not waited for
+};
+
+std::string ExplainRefusal(int result) {
+    switch (result) {
+        case -1:
+            return "the library could not start a worker thread";
+        case -4:
+            return "an equal task is waiting or running";
+        default:
+            return fmt::format("the library refuses the command with {}", result);
+    }
+}
+
+std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& request,
+                           bool log_is_shown) {
+    std::string text =
+        fmt::format("task {} failed: {}", task,
+                    log_is_shown ? "the library's log above tells where"
+                                 : "--log error shows the library's log, which tells where");
+    if (kind.Unpacks()) {
+        text += fmt::format("; \"peltexctl verify {}\" tells what is wrong with the archive",
+                            request.source);
+    }
+    return text;
+}
+
+std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Ending ending) {
+    const std::string result = kind.result_path(request);
+    if (kind.Unpacks()) {
+        return fmt::format("what was unpacked is in {}{}", request.destination,
+                           kind.RestoresSlices() ? ", the set is as it was" : "");
+    }
+    if (kind.HasArchive()) {
+        return StatOf(result) ? fmt::format("{} may lack entries, remove it", result)
+                              : fmt::format("nothing is left of {}", result);
+    }
+    if (ending == Ending::kSucceeded) {
+        return kind.IsMove()
+                   ? fmt::format("everything had been moved to {} by then", request.destination)
+                   : fmt::format("{} had been completed by then", request.destination);
+    }
+    return kind.IsMove() ? fmt::format("what was moved is in {}, the rest in {}",
+                                       request.destination, request.source)
+                         : fmt::format("{} is not complete", request.destination);
+}
+
+std::string DescribeStop(const TaskKind& kind) {
+    return kind.HasArchive() ? "stopping it"
+                             : fmt::format(
+                                   "the library ends it when all is {}; to leave it "
+                                   "unfinished interrupt it again",
+                                   kind.IsBrief() ? "listed" : "copied");
+}
+
 }  // namespace
 
 TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest& request,
@@ -54,9 +112,8 @@ TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest
 
 TaskRun::Result TaskRun::Run() {
     const SignalScope signals([this](int times) { Interrupt(times); });
-    if (const std::string error = slices_ ? slices_->Prepare() : ""; !error.empty()) {
-        Tell(error);
-        return {};
+    if (slices_) {
+        slices_->Prepare();
     }
     session_ = client_.Open();
     if (events_.json()) {
@@ -168,8 +225,7 @@ void TaskRun::ShowProgress() {
 void TaskRun::Stop() {
     stopping_ = true;
     if (!events_.json() && !events_.quiet()) {
-        view_.Aside(
-            [this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
+        view_.Aside([this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
     }
     Send(fmt::format("abort {}", task_));
 }
@@ -180,7 +236,10 @@ int TaskRun::End(bool succeeded) {
         untaken_ = untaken_.empty() ? error : untaken_;
     }
     if (is_interrupted_) {
-        Tell("interrupted: " + LeftBehind(succeeded ? Ending::kSucceeded : Ending::kFailed));
+        Tell("interrupted: " +
+             (slices_ ? slices_->DescribeLeft() + ", of a set that is not complete"
+                      : DescribeLeft(kind_, request_,
+                                     succeeded ? Ending::kSucceeded : Ending::kFailed)));
         return kInterrupted;
     }
     if (!untaken_.empty()) {
@@ -192,7 +251,7 @@ int TaskRun::End(bool succeeded) {
         return kDone;
     }
     PrintKeptLog();
-    Tell(path_refused_ ? "the library refuses a path: " + RefusePaths(kind_, request_)
+    Tell(path_refused_ ? "the library refuses a path"
                        : ExplainFailure(task_, kind_, request_, options_.log_is_shown));
     return kTaskFailed;
 }
@@ -208,11 +267,6 @@ void TaskRun::Interrupt(int times) {
     const std::lock_guard lock(mutex_);
     has_news_ = true;
     changed_.notify_all();
-}
-
-std::string TaskRun::LeftBehind(Ending ending) const {
-    return slices_ ? slices_->DescribeLeft() + (stopping_ ? ", of a set that is not complete" : "")
-                   : DescribeLeft(kind_, request_, ending);
 }
 
 }  // namespace peltexctl

@@ -17,7 +17,6 @@
 #include "task/session_client.h"
 #include "task/slice_hand_over.h"
 #include "task/task_kinds.h"
-#include "task/task_words.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/progress_view.h"
@@ -27,10 +26,10 @@ namespace peltexctl {
 class TaskRun {
   public:
     struct Options {
-        std::string source;                   // what the library is given for the request's
-        uint64_t total = 0;                   // bytes to be expected; 0 if that is not known
-        std::function<uint64_t()> bytes_read; // of a restore, whose progress tells no bytes
-        std::string left_too;                 // what else an unfinished task leaves
+        std::string source;                    // what the library is given for the request's
+        uint64_t total = 0;                    // bytes to be expected; 0 if that is not known
+        std::function<uint64_t()> bytes_read;  // of a restore, whose progress tells no bytes
+        std::string left_too;                  // what else an unfinished task leaves
         bool log_is_shown = false;
     };
 
@@ -48,6 +47,7 @@ class TaskRun {
     TaskRun(const TaskRun&) = delete;
     TaskRun& operator=(const TaskRun&) = delete;
 
+    // Throws Failure.
     Result Run();
 
   private:
@@ -62,7 +62,6 @@ class TaskRun {
     void Stop();
     int End(bool succeeded);
     void Interrupt(int times);
-    std::string LeftBehind(Ending ending) const;
 
     const TaskKind& kind_;
     const TaskRequest& request_;

@@ -79,7 +79,7 @@ class Walk {
         if (packs && type != S_IFDIR && status.st_nlink >= 2) {
             return LeftOut::kHardLinked;
         }
-        if (options_.own && *options_.own == FileId{status.st_dev, status.st_ino}) {
+        if (options_.own && *options_.own == FileId(status.st_dev, status.st_ino)) {
             return LeftOut::kOwnArchive;
         }
         if (type == S_IFDIR) {

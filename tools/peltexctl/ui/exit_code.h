@@ -1,5 +1,10 @@
-// The program's exit statuses.
+// The program's exit statuses, and what ends it early.
 #pragma once
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <system_error>
 
 namespace peltexctl {
 
@@ -11,17 +16,22 @@ enum ExitCode : int {
     kInterrupted = 130,
 };
 
-struct ExitCodeText {
-    ExitCode code;
-    const char* text;
+// Why the program cannot do what was asked for, in one line.
+class Failure : public std::runtime_error {
+  public:
+    Failure(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
+
+    ExitCode code() const { return code_; }
+
+  private:
+    ExitCode code_;
 };
 
-inline constexpr ExitCodeText kExitCodeTexts[] = {
-    {kDone, "done, and all of it is there"},
-    {kTaskFailed, "refused, failed or incomplete; an archive is not whole"},
-    {kUsage, "the command line is wrong"},
-    {kNoLibraryOrData, "no library, or --data could not be mounted"},
-    {kInterrupted, "ended by SIGINT, SIGTERM or SIGHUP"},
-};
+// Throws "MESSAGE: what errno says" where `is_done` is false, which a system call has just told.
+inline void Require(bool is_done, const std::string& message, ExitCode status = kTaskFailed) {
+    if (!is_done) {
+        throw Failure(status, message + ": " + std::generic_category().message(errno));
+    }
+}
 
 }  // namespace peltexctl

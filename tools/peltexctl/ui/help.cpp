@@ -7,7 +7,6 @@
 
 #include "shell/shell.h"
 #include "task/task_kinds.h"
-#include "ui/exit_code.h"
 
 namespace peltexctl {
 
@@ -76,10 +75,15 @@ std::string HelpFooter(const std::string& subcommand) {
         footer += "\n" + ShellHelp();
     }
     if (subcommand.empty()) {
-        footer += "\n\nExit status:\n";
-        for (const ExitCodeText& row : kExitCodeTexts) {
-            footer += fmt::format("  {:<5}{}\n", static_cast<int>(row.code), row.text);
-        }
+        footer += R"(
+
+Exit status:
+  0    done, and all of it is there
+  1    refused, failed or incomplete; an archive is not whole
+  2    the command line is wrong
+  3    no library, or --data could not be mounted
+  130  ended by SIGINT, SIGTERM or SIGHUP
+)";
     }
     return footer;
 }

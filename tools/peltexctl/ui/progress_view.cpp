@@ -79,10 +79,9 @@ void ProgressView::DrawBar() {
     if (total_ > 0 && columns > taken + kMinBar + 3) {
         const size_t width = std::min(columns - taken - 3, kMaxBar);
         const auto filled = static_cast<size_t>(Share() * static_cast<double>(width));
-        line =
-            fmt::format("{}: [{}{}] {}", label_,
-                        Paint(stderr, Colour::kGreen, std::string(filled, '#')),
-                        std::string(width - filled, '.'), line);
+        line = fmt::format("{}: [{}{}] {}", label_,
+                           Paint(stderr, Colour::kGreen, std::string(filled, '#')),
+                           std::string(width - filled, '.'), line);
     } else {
         line = fmt::format("{}: {}", label_, line).substr(0, columns);
     }

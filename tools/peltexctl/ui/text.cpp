@@ -115,9 +115,9 @@ std::string EscapeBytes(std::string_view bytes) {
         const size_t length = CharacterLength(bytes);
         const auto first = static_cast<unsigned char>(bytes[0]);
         // The control characters above ASCII, too: terminals obey them.
-        const bool is_control = first < 0x20 || first == 0x7f ||
-                                (length == 2 && first == 0xc2 &&
-                                 static_cast<unsigned char>(bytes[1]) < 0xa0);
+        const bool is_control =
+            first < 0x20 || first == 0x7f ||
+            (length == 2 && first == 0xc2 && static_cast<unsigned char>(bytes[1]) < 0xa0);
         const std::string_view character = bytes.substr(0, length == 0 ? 1 : length);
         if (first == '\n') {
             escaped += "\\n";
