@@ -12,7 +12,9 @@ ARCHIVES = f"{DATA}/archives"
 STDOUT = "/run/stdout"  # where a program's standard output goes
 SLICE_MIB = 100
 
-OURS, FLOOR, CTL = "ours", "floor", "peltexctl"
+OURS, FLOOR = "ours", "floor"
+# What people run: with a look at the trees before and after, and without.
+CHECKED, CTL = "peltexctl", "peltexctl --no-verify"
 TARS = {
     "GNU tar": ["tar"],
     "bsdtar": ["bsdtar"],
@@ -61,9 +63,10 @@ class Job:
     def driver(self, command):
         return [f"{self.build}/bench_driver", f"{command} default {OWNER}"]
 
-    def ctl(self, *words):
-        return [f"{self.build}/peltexctl", "--json", "--log", "silent", *words,
-                "--uid", str(OWNER)]
+    def clients(self, *words):
+        """Our client's two ways to do it, by name."""
+        checked = [f"{self.build}/peltexctl", "--json", *words, "--uid", str(OWNER)]
+        return {CHECKED: checked, CTL: [*checked, "--no-verify"]}
 
     def floor(self, *words):
         return [f"{self.build}/bench_floor", *words]
@@ -88,15 +91,15 @@ class Pack(Job):
     def ours(self):
         source = self.tree.path
         return (self.driver(f"backup tar {source} {OUT}"),
-                self.ctl("backup", "tar", source, OUT, "--no-verify"))
+                self.clients("backup", "tar", source, OUT))
 
     def commands(self):
-        driver, ctl = self.ours()
+        driver, clients = self.ours()
         made = {OURS: driver}
         for name, program in TARS.items():
             made[name] = [*program, "-cf", f"{OUT}/{name}.tar", *TAR_OPTIONS.get(name, []),
                           "-C", self.tree.path, "."]
-        made[CTL] = ctl
+        made.update(clients)
         made[FLOOR] = self.floor("pack", self.tree.path, f"{OUT}/floor.tar")
         return made
 
@@ -120,8 +123,7 @@ class Split(Pack):
         source = self.tree.path
         return ([f"{self.build}/bench_driver",
                  f"backup split {source} {OUT} {SLICE_MIB} default {OWNER}"],
-                self.ctl("backup", "split", source, OUT, "--slice-size", str(SLICE_MIB),
-                         "--no-verify"))
+                self.clients("backup", "split", source, OUT, "--slice-size", str(SLICE_MIB)))
 
 
 class Unpack(Job):
@@ -131,15 +133,15 @@ class Unpack(Job):
 
     def ours(self):
         return (self.driver(f"restore tar {self.archive} {OUT}"),
-                self.ctl("restore", "tar", self.archive, OUT))
+                self.clients("restore", "tar", self.archive, OUT))
 
     def commands(self):
-        driver, ctl = self.ours()
+        driver, clients = self.ours()
         made = {OURS: driver}
         for name, program in TARS.items():
             made[name] = [*program, "-xpf", self.archive, *TAR_OPTIONS.get(name, []),
                           "--numeric-owner", "-C", OUT]
-        made[CTL] = ctl
+        made.update(clients)
         made[FLOOR] = self.floor("unpack", self.archive, OUT)
         return made
 
@@ -164,7 +166,7 @@ class Unsplit(Unpack):
         check_file = f"{ARCHIVES}/set/{self.name}.tar.txt"
         # peltexctl is given the directory itself, a command one component more.
         return (self.driver(f"restore split {check_file} {OUT}/tree"),
-                self.ctl("restore", "split", check_file, OUT))
+                self.clients("restore", "split", check_file, OUT))
 
 
 class Copy(Job):
@@ -174,14 +176,14 @@ class Copy(Job):
             OURS: self.driver(f"backup dir {source} {OUT}"),
             "rsync": ["rsync", "-a", "--fsync", source, OUT],
             "cp": ["cp", "-a", source, OUT],
-            CTL: self.ctl("backup", "dir", source, OUT),
+            **self.clients("backup", "dir", source, OUT),
             FLOOR: self.floor("copy", source, OUT),
         }
 
     def check(self, name):
         tree = self.tree
         path = OUT if name == FLOOR else f"{OUT}/{self.name}"
-        links = 0 if name in (OURS, CTL, FLOOR) else tree.links  # ours passes over links
+        links = 0 if name in (OURS, CHECKED, CTL, FLOOR) else tree.links  # ours passes over links
         require(count_below(path), [tree.files, tree.directories, links, tree.bytes])
 
 
@@ -191,7 +193,7 @@ class Brief(Job):
         return {
             OURS: self.driver(f"get_brief dir {source} {brief}"),
             "find": ["find", source, "-printf", "%p;%m;%s;%T@\\n"],
-            CTL: self.ctl("brief", "dir", source, brief),
+            **self.clients("brief", "dir", source, brief),
             FLOOR: self.floor("brief", source, brief),
         }
 

@@ -18,6 +18,7 @@ from matplotlib import pyplot  # noqa: E402
 
 PROJECT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 OURS, FLOOR = "ours", "floor"
+CHECKED, CTL = "peltexctl", "peltexctl --no-verify"
 OURS_COLOUR, PEER_COLOUR, FLOOR_COLOUR, GOAL_COLOUR = "#1f6feb", "#8b949e", "#2da44e", "#cf222e"
 
 
@@ -52,12 +53,15 @@ def summary(rows, micro):
     for name, row in rows.items():
         job, tree = name.split("-")
         goal = row["goal"]
-        ours = row["figures"][OURS]
         lines.append([
             job, tree, row["reference"], f"{reference(row)['wall']:.2f}",
-            "" if goal is None else f"{goal:.2f}", f"{reference(row)['cpu']:.2f}",
-            f"{row['ratios'][FLOOR]['wall']:.2f}", mib(ours["peak"])])
-    head = ["job", "tree", "compared with", "elapsed", "goal", "processor", "to the least", "MiB"]
+            "" if goal is None else f"{goal:.2f}",
+            f"{reference(row)['wall'] / row['ratios'][CTL]['wall']:.2f}",
+            f"{reference(row)['wall'] / row['ratios'][CHECKED]['wall']:.2f}",
+            f"{reference(row)['cpu']:.2f}", f"{row['ratios'][FLOOR]['wall']:.2f}",
+            mib(row["figures"][CHECKED]["peak"])])
+    head = ["job", "tree", "compared with", "library", "goal", CTL, CHECKED, "processor",
+            "to the least", "MiB"]
     slowest = max(value for name, value in micro.items() if name.startswith("Command/"))
     return (f"{table(head, lines)}\n\nA command that acts at once takes {slowest:.2f} µs; a worker "
             f"has begun a task {micro['TaskStart']:.0f} µs after it was sent.")

@@ -28,13 +28,13 @@ configure_file(cmake/peltexinstalld.pc.in peltexinstalld.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/peltexinstalld.pc
     DESTINATION ${pkgconfig_dir} COMPONENT development)
 
-# The program looks for the library when it runs, and finds the one it was installed with.
+# The program looks for the library when it runs, and finds the one it was built or installed with.
 file(RELATIVE_PATH bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-set_target_properties(peltexctl PROPERTIES INSTALL_RPATH $ORIGIN/${bin_to_lib})
+set_target_properties(peltexctl PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${bin_to_lib}")
 install(TARGETS peltexctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
-install(FILES ${CMAKE_BINARY_DIR}/peltexctl.1
+install(FILES docs/peltexctl.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-install(FILES ${CMAKE_BINARY_DIR}/peltexctl.bash RENAME peltexctl
+install(FILES tools/peltexctl.bash RENAME peltexctl
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
 
 # Laid out as here, so that they find each other.

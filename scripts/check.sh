@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Looks at the sources without running them: format, lint, exported symbols, that every list of the
-# library's sources names the same files, and that folders stand on those below them.
+# Looks at the sources without running them: format, lint, exported symbols, where programs look for
+# libraries, that every list of the library's sources names the same files, and that folders stand on
+# those below them.
 #
-#   scripts/check.sh [format|tidy|exports|sources|arrows]...      all of them by default
+#   scripts/check.sh [format|tidy|exports|runpath|sources|arrows]...      all of them by default
 . "$(dirname "$0")/lib.sh"
 cd "$project"
 
@@ -57,6 +58,20 @@ check_exports() {
     exported=$(nm -D --defined-only build/release/libpeltexinstalld.so | awk '{print $3}' | sort | xargs)
     [ "$exported" = "executeBackupTask finishBackupSession startBackupSession" ] ||
         fail "the library exports: $exported"
+}
+
+# An empty element of the path is the working directory of whoever runs the program.
+check_runpath() {
+    need_packages $packages_build
+    build release
+    local installed path
+    installed=$(mktemp -d)
+    cmake --install build/release --prefix "$installed" >/dev/null
+    find build/release "$installed" -maxdepth 3 -type f \( -name peltexctl -o -name 'lib*.so*' \) \
+        -exec readelf -d {} + | sed -nE 's/.*R(UN)?PATH.*\[(.*)\]/\2/p' >"$installed/paths"
+    path=$(grep -vE '^\$ORIGIN[^:]*(:\$ORIGIN[^:]*)*$' "$installed/paths" || :)
+    [ -s "$installed/paths" ] && [ -z "$path" ] || fail "a program looks for libraries in: $path"
+    rm -r "$installed"
 }
 
 # compare_sources FILE TREE: the sources that FILE names, on standard input, with those there are.
@@ -118,7 +133,7 @@ check_circles() {
     [ -z "$circle" ] || fail "these files include each other:"$'\n'"$circle"
 }
 
-[ $# -gt 0 ] || set -- format sources arrows exports tidy
+[ $# -gt 0 ] || set -- format sources arrows exports runpath tidy
 for check in "$@"; do
     printf 'check %s\n' "$check"
     "check_$check"

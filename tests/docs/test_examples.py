@@ -22,8 +22,9 @@ import threading
 import time
 import unittest
 
-DOCUMENTS = [pathlib.Path(__file__).parents[2] / "docs" / name
-             for name in ("COMMANDS.md", "FORMATS.md")]
+PROJECT = pathlib.Path(__file__).parents[2]
+DOCUMENTS = [PROJECT / name
+             for name in ("docs/COMMANDS.md", "docs/FORMATS.md", "tests/docs/cases.md")]
 FENCE = re.compile(r"^```(session|files) (\S+)( realtime)?\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 TYPED = re.compile(r"[$>]( |$)")
 OPENED = '{"event":"session","session":100}'

@@ -2,6 +2,7 @@
 
 import json
 import os
+import subprocess
 import unittest
 
 from client import ClientTest, of_event, read_until
@@ -65,7 +66,10 @@ class ShellTest(ClientTest):
         for command, shown in cases.items():
             with self.subTest(command):
                 lines = self.run_program("shell", stdin=command + b"\n").stdout.splitlines()
-                expected = f'{{"event":"result","command":"{shown}","result":-3}}'
+                # Bytes that are no text are told as they are.
+                raw = "" if command.decode(errors="ignore").encode() == command else \
+                    f',"raw":"{command.hex()}"'
+                expected = f'{{"event":"result","command":"{shown}"{raw},"result":-3}}'
                 self.assertEqual(lines[1].decode("ascii"), expected)
 
     def test_failed_task_is_waited_for_and_makes_the_exit_status(self):
@@ -78,33 +82,34 @@ class ShellTest(ClientTest):
         self.assertEqual(len(of_event(objects, "error")), 1)
         self.assertEqual(status, 1)
 
-    def test_tasks_that_leave_the_queue_have_ended(self):
-        """Two tasks keep the workers busy while others are queued, dropped and aborted."""
+    def test_end_of_input_waits_for_the_tasks_of_open_sessions(self):
+        """Two tasks keep the workers busy while others are queued, aborted and dropped."""
         # Of two workers that make the same directory at once one fails.
         os.mkdir(self.path("data/copies"))
         for name in "12":
             os.mkfifo(self.path("data", name))
-        for name in "3456":
+        for name in "345":
             self.write("data/" + name)
-        commands = [f"backup file /data/data/{name} /data/data/copies default 0"
-                    for name in "123456"]
-        shell = self.start("shell")
+        commands = [f"backup file /data/data/{name} /data/data/copies default 0" for name in "12345"]
+        shell = self.start("shell", stderr=subprocess.PIPE)
         shell.stdin.write("\n".join([
-            *commands[:2], ".waitfor 101 1", ".waitfor 102 1", ".open", *commands[2:],
-            "abort 0x6b", ".wait 107", ".finish", ".wait 104", ".wait 106", ".wait 105 0", "",
+            *commands[:2], ".waitfor 101 1", ".waitfor 102 1", commands[2], ".open", *commands[3:],
+            "abort 0x6a", ".wait 106", ".finish", "",
         ]).encode())
-        shell.stdin.flush()
-        told = read_until(shell, "error")
-        # The walk over the queue passes over the task behind each one that it drops.
+        shell.stdin.close()
+        told = read_until(shell, "closed", session=104)
         self.assertEqual([(entry["task"], entry["code"]) for entry in of_event(told, "waited")[2:]],
-                         [(107, 2), (104, 2), (106, 2)])
+                         [(106, 2)])
+        self.assertRegex(shell.stderr.readline(), rb"waiting for task 101: started, task 102: .*103: waiting")
         for name in "12":
             self.open_fifo("data/" + name)
-        rest = [json.loads(line) for line in shell.communicate(timeout=100)[0].splitlines()]
-        self.assertIn((105, 0), [(entry["task"], entry["code"])
-                                 for entry in of_event(rest, "status")])
-        self.assertEqual(of_event(rest, "closed"), [closed(100)])
-        self.assertEqual(shell.returncode, 0)
+        rest = [json.loads(line) for line in shell.stdout]
+        self.assertIn((103, 0), [(entry["task"], entry["code"]) for entry in of_event(rest, "status")])
+        self.assertEqual((of_event(rest, "closed"), shell.wait(60)), ([closed(100)], 0))
+
+    def test_help(self):
+        done = self.run_program("shell", stdin=b".help\n")
+        self.assertIn(b".waitfor TASK CODE", done.stderr)
 
 
 if __name__ == "__main__":

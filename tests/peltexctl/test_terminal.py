@@ -8,8 +8,10 @@ import unittest
 
 from client import ClientTest
 
-BAR = rb"\r\[%s\] +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, [\d.]+ .?i?B/s, 0:\d\d\x1b\[K"
-LINE = rb"task 101: +\d+ %, [\d.]+ .?i?B of 8\.0 GiB, [\d.]+ .?i?B/s, 0:\d\d\r?\n"
+STANDING = rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, ([\d.]+ .?i?B/s, )?0:\d\d( left)?"
+LOOKING = rb"\rlooking at /data/data/src: 0:\d\d\x1b\[K\r\x1b\[K"
+BAR = LOOKING + rb"\rbackup tar: \[%s\]" + STANDING + rb"\x1b\[K"
+LINE = rb"backup tar:" + STANDING.replace(b"%%", b"%") + rb"\r?\n"
 
 
 class TerminalTest(ClientTest):

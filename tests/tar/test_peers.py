@@ -3,6 +3,7 @@
 import codecs
 import hashlib
 import os
+import shutil
 import stat
 import subprocess
 import sys
@@ -220,10 +221,16 @@ class PeersTest(ClientTest):
                 if form != "v7":  # which knows no such thing
                     os.mkfifo(source + "/d/fifo")
                     passed_over.append("d/fifo")
-                run(program, "--format", form, "-cf", self.path("data/a.tar"), "-C", source,
-                    "--no-recursion", "d", "d/file", *passed_over, *list(plain)[2:], *packed)
                 refused = restored is None
-                self.assertEqual(self.restore("a.tar", f"came{number}"), int(refused))
+                # Whoever takes an archive of which not all comes back is told so.
+                for also, is_whole in ([], restored == packed), (passed_over, False):
+                    shutil.rmtree(came, ignore_errors=True)
+                    run(program, "--format", form, "-cf", self.path("data/a.tar"), "-C", source,
+                        "--no-recursion", "d", "d/file", *also, *list(plain)[2:], *packed)
+                    status = subprocess.run([PROGRAM, "verify", self.path("data/a.tar")],
+                                            capture_output=True).returncode
+                    self.assertEqual((status, self.restore("a.tar", f"came{number}")),
+                                     (int(not is_whole),) * 2)
                 make_tree(went, {} if refused else {
                     name: (mode, moved.get(uid, uid), moved.get(gid, gid), *rest)
                     for name, (mode, uid, gid, *rest) in {**plain, **restored}.items()})

@@ -1,12 +1,11 @@
 // Options, and the table of subcommands.
-#include <android/log.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
-#include <fmt/ranges.h>
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <iterator>
@@ -14,17 +13,17 @@
 #include <string>
 #include <vector>
 
-#include "archive_commands.h"
-#include "data_mount.h"
-#include "events.h"
-#include "exit_code.h"
-#include "library.h"
-#include "manual.h"
-#include "shell.h"
-#include "signals.h"
-#include "task_command.h"
-#include "terminal.h"
-#include "text.h"
+#include "archive/commands.h"
+#include "shell/shell.h"
+#include "task/data_mount.h"
+#include "task/library.h"
+#include "task/task_command.h"
+#include "ui/events.h"
+#include "ui/exit_code.h"
+#include "ui/help.h"
+#include "ui/library_log.h"
+#include "ui/signals.h"
+#include "ui/terminal.h"
 
 namespace peltexctl {
 
@@ -33,82 +32,53 @@ namespace {
 struct Options {
     std::optional<std::string> library;
     std::optional<std::string> data;
-    std::string log = "error";
-    std::string generate;
-    bool json = false;
+    TaskOutput output;
     TaskRequest task;
     ArchiveRequest archive;
 };
 
-struct LogLevel {
-    const char* name;
-    int priority;
-};
-
-constexpr LogLevel kLogLevels[] = {
-    {"debug", ANDROID_LOG_DEBUG}, {"info", ANDROID_LOG_INFO},     {"warn", ANDROID_LOG_WARN},
-    {"error", ANDROID_LOG_ERROR}, {"silent", ANDROID_LOG_SILENT},
-};
-
-int Fail(ExitCode code, const std::string& message) {
-    PrintError(message);
-    return code;
-}
-
 // Loads the library before the mount, so that its path means what it means to the caller, and
 // makes the mount before the library has a thread.
-std::optional<Library> SetUp(const Options& options) {
-    for (const LogLevel& level : kLogLevels) {
-        if (options.log == level.name) {
-            __android_log_set_minimum_priority(level.priority);
-        }
-    }
-    std::string error;
-    std::optional<Library> library = LoadLibrary(options.library, &error);
-    if (!library || (options.data && !MountData(*options.data, &error))) {
-        Fail(kNoLibraryOrData, error);
-        return std::nullopt;
+Library SetUp(const Options& options) {
+    const Library library = LoadLibrary(options.library);
+    if (options.data) {
+        MountData(*options.data);
     }
     TakeSignals();
     return library;
 }
 
 int RunShellCommand(const Options& options) {
-    const std::optional<Library> library = SetUp(options);
-    if (!library) {
-        return kNoLibraryOrData;
-    }
+    const Library library = SetUp(options);
+    ShowLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
     // Never destroyed: the library's threads may report to it until the process is gone.
-    static EventWriter* const events =
-        new EventWriter(options.json || isatty(STDOUT_FILENO) == 0 ? EventWriter::Format::kJson
-                                                                   : EventWriter::Format::kText);
-    return RunShell(*library, events);
+    static EventWriter* const events = new EventWriter(
+        options.output.json || isatty(STDOUT_FILENO) == 0 ? EventWriter::Format::kJson
+                                                          : EventWriter::Format::kText,
+        options.output.quiet);
+    return RunShell(library, events);
 }
 
 int RunTaskCommand(const Options& options) {
-    std::string error;
     TaskRequest request = options.task;
-    for (std::string* path : {&request.source, &request.destination}) {
+    for (std::string* path : {&request.source, &request.destination, &request.take}) {
         // Which completion adds, and by which the library would lose the name before it.
         path->erase(std::max<size_t>(path->find_last_not_of('/') + 1, path->empty() ? 0 : 1));
     }
-    const TaskKind* kind = CheckRequest(request, &error);
-    if (kind == nullptr) {
-        return Fail(kUsage, error);
-    }
-    const std::optional<Library> library = SetUp(options);
-    return library ? RunTask(*library, *kind, request, options.json) : kNoLibraryOrData;
+    const TaskKind& kind = CheckRequest(request);
+    return RunTask(SetUp(options), kind, request, options.output);
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
 template <int (*kRun)(const ArchiveRequest& request, bool json)>
 int RunArchiveCommand(const Options& options) {
-    std::string error;
-    if (options.data && !MountData(*options.data, &error)) {
-        return Fail(kNoLibraryOrData, error);
+    if (options.data) {
+        MountData(*options.data);
     }
     TakeSignals();
-    return kRun(options.archive, options.json);
+    ArchiveRequest request = options.archive;
+    request.quiet = options.output.quiet;
+    return kRun(request, options.output.json);
 }
 
 void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
@@ -137,16 +107,18 @@ void DeclareTask(CLI::App* command, Options* options) {
     command->add_option("--seinfo", task.se_info, "SELinux information for its labels")
         ->type_name("INFO")
         ->capture_default_str();
+    command->add_flag("--no-verify", task.no_verify, "Do not look at the trees before and after");
+    command->add_flag("--force", task.force, "Go on where something would be lost");
     if (command->get_name() == "backup") {
-        command->add_option("--slice-size", task.slice_size, "Of a split backup, 1 to 2047 MiB")
-            ->type_name("MIB")
-            ->capture_default_str();
-        command
-            ->add_option("--take", task.take,
-                         "Move the slices of a split backup there as they are handed over")
+        command->add_option("--slice-size", task.slice_size, "Of a split backup, 1 to 2047 (100)")
+            ->type_name("MIB");
+        command->add_option("--take", task.take, "Where its slices go as they are handed over")
             ->type_name("DIR");
-        command->add_flag("--no-verify", task.no_verify,
-                          "Do not verify the archive that was written");
+        command->add_flag("--replace", task.replace, "Write over an archive or set of that name");
+        command->add_flag("--sums", task.sums, "Write NAME.tar.sha256 for sha256sum -c, too");
+    }
+    if (command->get_name() == "restore") {
+        command->add_flag("--consume", task.consume, "Remove a set when all of it is there");
     }
 }
 
@@ -187,48 +159,34 @@ constexpr Subcommand kSubcommands[] = {
 };
 
 void DeclareOptions(CLI::App* app, Options* options) {
-    std::vector<std::string> levels;
-    for (const LogLevel& level : kLogLevels) {
-        levels.emplace_back(level.name);
-    }
-    app->formatter_fn([](const CLI::App* asked, const std::string&, CLI::AppFormatMode) {
-        return HelpPage(*asked);
-    });
     app->set_help_flag("-h,--help", "Print help and exit");
     app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
                           "Print the version and exit");
-    app->add_option("--library", options->library,
-                    "The library to load instead of the installed one")
+    app->add_option("--library", options->library, "The library to load, not the installed one")
         ->type_name("FILE");
-    app->add_option("--data", options->data,
-                    "Show this directory as /data, to this process only (needs root)")
+    app->add_option("--data", options->data, "Show it as /data, to this process only (needs root)")
         ->type_name("DIR");
-    app->add_option("--log", options->log, "Lowest priority of the library's log to show")
+    app->add_option("--log", options->output.log, "Show the library's log from this priority on")
         ->type_name("LEVEL")
-        ->check(CLI::IsMember(levels))
-        ->capture_default_str();
-    app->add_flag("--json", options->json, "Print JSON objects, one per line");
-    app->add_option("--generate", options->generate, "What the build makes of this program")
-        ->check(CLI::IsMember({"1", "bash"}))
-        ->group("");
+        ->check(
+            CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
+    app->add_flag("--json", options->output.json, "Print JSON objects, one per line");
+    app->add_flag("-q,--quiet", options->output.quiet, "Tell only what went wrong");
     app->require_subcommand(0, 1);
+    app->footer(HelpFooter(""));
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
         command->fallthrough();
+        command->footer(HelpFooter(row.name));
         row.declare(command, options);
     }
 }
 
-int Generate(const CLI::App& app, const std::string& form) {
-    fmt::print("{}", form == "1" ? ManPage(app) : BashCompletion(app));
-    return kDone;
-}
-
 // What is wrong with a command line, and which help tells more.
-int FailUsage(const CLI::App& app, const std::string& reason) {
+[[noreturn]] void FailUsage(const CLI::App& app, const std::string& reason) {
     const std::vector<CLI::App*> commands = app.get_subcommands();
-    return Fail(kUsage, fmt::format("{}; see peltexctl {}--help", reason,
-                                    commands.empty() ? "" : commands[0]->get_name() + " "));
+    throw Failure(kUsage, fmt::format("{}; see peltexctl {}--help", reason,
+                                      commands.empty() ? "" : commands[0]->get_name() + " "));
 }
 
 // The first word that is no option, where no subcommand was found.
@@ -244,40 +202,53 @@ std::string NoSubcommand(const CLI::App& app) {
                        fmt::join(names, ", "));
 }
 
+// What is wrong with a command line. CLI11 says what is missing before what is too much.
+std::string Describe(const CLI::App& app, const CLI::ParseError& failure) {
+    const std::vector<std::string> words = app.remaining(true);
+    const auto option = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+        return word.size() > 1 && word[0] == '-';
+    });
+    if (option != words.end()) {
+        return fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}", *option);
+    }
+    return app.get_subcommands().empty() && !words.empty() ? NoSubcommand(app) : failure.what();
+}
+
+// What is opened later takes the lowest free number, and must not become an output by that.
+void OpenMissingStreams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            [[maybe_unused]] const int opened = open("/dev/null", O_RDWR);
+        }
+    }
+}
+
 int Main(int argc, char** argv) {
+    OpenMissingStreams();
     CLI::App app("Back up and restore application data, and read such archives", "peltexctl");
     Options options;
     DeclareOptions(&app, &options);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::ExtrasError& extra) {
-        return FailUsage(app, app.get_subcommands().empty() ? NoSubcommand(app) : extra.what());
     } catch (const CLI::ParseError& end) {
         // Help and version arrive here too, with the exit code 0.
-        return end.get_exit_code() == 0 ? app.exit(end) : FailUsage(app, end.what());
-    }
-    if (!options.generate.empty()) {
-        return Generate(app, options.generate);
+        if (end.get_exit_code() == 0) {
+            return app.exit(end);
+        }
+        FailUsage(app, Describe(app, end));
     }
     for (const Subcommand& row : kSubcommands) {
         if (app.got_subcommand(row.name)) {
             options.task.subcommand = row.name;
             HoldSignals();
-            const auto start = std::chrono::steady_clock::now();
-            const SignalScope signals(
-                [&row, start] {
-                    const std::chrono::duration<double> run =
-                        std::chrono::steady_clock::now() - start;
-                    fmt::print(stderr, "{}: running for {}\n", row.name, HumanTime(run.count()));
-                },
-                [] {
-                    PrintError("interrupted");
-                    _exit(kInterrupted);
-                });
+            const SignalScope signals([](int /*times*/) {
+                TellLast("interrupted");
+                _exit(kInterrupted);
+            });
             return row.run(options);
         }
     }
-    return FailUsage(app, NoSubcommand(app));
+    FailUsage(app, NoSubcommand(app));
 }
 
 }  // namespace
@@ -288,6 +259,9 @@ int main(int argc, char** argv) {
     int status = peltexctl::kTaskFailed;
     try {
         status = peltexctl::Main(argc, argv);
+    } catch (const peltexctl::Failure& failure) {
+        peltexctl::PrintError(failure.what());
+        status = failure.code();
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "peltexctl: %s\n", failure.what());
     }

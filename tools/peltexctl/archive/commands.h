@@ -1,0 +1,19 @@
+// The subcommands that look at archives: no session, no library, no root.
+#pragma once
+
+#include <string>
+
+namespace peltexctl {
+
+struct ArchiveRequest {
+    std::string file;  // an archive, one slice, or a check file
+    std::string out;   // of an export; "-" for standard output
+    bool quiet = false;
+};
+
+// Each returns the program's exit status.
+int RunList(const ArchiveRequest& request, bool json);
+int RunVerify(const ArchiveRequest& request, bool json);
+int RunExport(const ArchiveRequest& request, bool json);
+
+}  // namespace peltexctl

@@ -1,0 +1,268 @@
+// Tested by tests/peltexctl/test_archives.py.
+#include "archive/reader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "ui/text.h"
+
+namespace peltexctl {
+
+using namespace android::installd;
+
+namespace {
+
+bool IsHeader(const TarBlock& block) {
+    const tar_header& header = block.header;
+    return std::memcmp(header.magic, "ustar", 5) == 0 &&
+           checksumOf(header) ==
+               static_cast<uint32_t>(ParseOctalStr(header.chksum, sizeof(header.chksum)));
+}
+
+// A number as other programs read it: octal digits behind spaces, nothing is 0. Nothing for a
+// binary number, which the first bit marks.
+std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
+    if ((*field & 0x80) != 0) {
+        return std::nullopt;
+    }
+    const char* const end = field + width;
+    uint64_t value = 0;
+    std::from_chars(std::find_if(field, end, [](char byte) { return byte != ' '; }), end, value, 8);
+    return value;
+}
+
+}  // namespace
+
+std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& name, int flags,
+                                             std::string* error) {
+    // A device is not even opened, and a FIFO that takes the file's place not waited for.
+    ArchiveFile file;
+    struct stat info = {};
+    const bool is_other = fstatat(directory, name.c_str(), &info, 0) == 0 && !S_ISREG(info.st_mode);
+    file.fd_ = std::make_shared<const UniqueFd>(
+        is_other ? -1 : openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
+    if (!is_other && (file.fd() == -1 || fstat(file.fd(), &info) != 0)) {
+        *error = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
+        return std::nullopt;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        *error = "is no regular file: an archive, a slice or a check file is wanted";
+        return std::nullopt;
+    }
+    file.size_ = static_cast<uint64_t>(info.st_size);
+    return file;
+}
+
+bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
+    return offset <= size_ && size <= size_ - offset &&
+           pread(fd(), buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+}
+
+std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {
+    char buffer[16384];
+    while (offset < size_) {
+        // Where holes are not known, everything is data.
+        if (const off_t data = lseek(fd(), static_cast<off_t>(offset), SEEK_DATA); data != -1) {
+            offset = static_cast<uint64_t>(data);
+        } else if (errno == ENXIO) {
+            return size_;
+        }
+        const auto count = static_cast<size_t>(
+            std::min<uint64_t>(sizeof(buffer), size_ - std::min(offset, size_)));
+        if (!ReadAt(offset, buffer, count)) {
+            return std::nullopt;
+        }
+        const char* const found =
+            std::find_if(buffer, buffer + count, [](char byte) { return byte != '\0'; });
+        offset += static_cast<uint64_t>(found - buffer);
+        if (found != buffer + count) {
+            return offset;
+        }
+    }
+    return size_;
+}
+
+bool ArchiveEntry::FillsSlice() const {
+    return type == TYPE_MIDDLE_PART ||
+           (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
+}
+
+bool ArchiveEntry::Continues() const {
+    return type == TYPE_MIDDLE_PART || type == TYPE_LAST_PART;
+}
+
+bool ArchiveEntry::IsFile() const {
+    return type == TYPE_REGULAR || type == TYPE_FIRST_PART || Continues();
+}
+
+bool ArchiveEntry::IsRestored() const {
+    return IsFile() || type == TYPE_SYMLINK || type == TYPE_DIRECTORY;
+}
+
+std::string ArchiveEntry::Path() const {
+    std::string path;
+    for (size_t begin = 0; begin < name.size();) {
+        const size_t end = std::min(name.find('/', begin), name.size());
+        const std::string_view component = std::string_view(name).substr(begin, end - begin);
+        if (!component.empty() && component != ".") {
+            path.append(path.empty() ? "" : "/").append(component);
+        }
+        begin = end + 1;
+    }
+    return path;
+}
+
+const char* DescribeEnd(ArchiveEnd end) {
+    constexpr const char* kWords[] = {
+        "",
+        "ends with its end blocks",
+        "a single zero block ends it here",
+        "ends without its end blocks",
+        "no valid header where one should be",
+        "a restore ends here: it refuses names with \"../\" and paths of more than 2,047 bytes",
+        "the bytes that its header promises are not there",
+    };
+    return kWords[static_cast<size_t>(end)];
+}
+
+bool IsHeaderAt(const ArchiveFile& file, uint64_t offset) {
+    TarBlock block;
+    return file.ReadAt(offset, &block.header, kBlockSize) && IsHeader(block);
+}
+
+bool ArchiveReader::Next(ArchiveEntry* entry) {
+    while (ReadHeader()) {
+        const tar_header& header = block_.header;
+        // Of records, too: a restore looks at the name before it looks at the type.
+        entry->name = long_name_ ? *long_name_ : block_.bytes();
+        if (entry->name.find("../") != std::string::npos || entry->name.size() > name_room_) {
+            return Finish(ArchiveEnd::kRefusedName);
+        }
+        if (header.typeflag == TYPE_LONG_NAME) {
+            TakeRecord(&long_name_, "name");
+        } else if (header.typeflag == TYPE_LONG_LINK) {
+            TakeRecord(&long_link_, "target");
+        } else {
+            FillEntry(entry);
+            return SkipContent(entry->size);
+        }
+        entry->name.clear();  // of a record that is cut, there is no entry to blame
+    }
+    return false;
+}
+
+// Reads a block that is a header; otherwise this is the end.
+bool ArchiveReader::ReadHeader() {
+    if (end_ != ArchiveEnd::kNotYet) {
+        return false;
+    }
+    block_offset_ = position_;
+    if (!file_.ReadAt(position_, &block_.header, kBlockSize)) {
+        return Finish(ArchiveEnd::kNoEndBlocks);
+    }
+    position_ += kBlockSize;
+    if (*block_.bytes() == '\0') {
+        char second = 'x';
+        const bool ended = file_.ReadAt(position_ + kBlockSize - 1, &second, 1) &&
+                           file_.ReadAt(position_, &second, 1) && second == '\0';
+        return Finish(ended ? ArchiveEnd::kEndBlocks : ArchiveEnd::kLoneZeroBlock);
+    }
+    return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
+}
+
+// A restore passes over a record of more bytes than a path has.
+void ArchiveReader::TakeRecord(std::optional<std::string>* text, std::string_view what) {
+    const uint64_t size =
+        NumberAt(offsetof(tar_header, size), sizeof(tar_header::size), UINT64_MAX, "size");
+    char buffer[kTarPathSize] = {};
+    text->reset();
+    if (size >= kTarPathSize) {
+        misread_ = what;
+    } else if (file_.ReadAt(position_, buffer, static_cast<size_t>(size))) {
+        *text = buffer;
+    }
+    SkipContent(size);
+}
+
+void ArchiveReader::FillEntry(ArchiveEntry* entry) {
+    const tar_header& header = block_.header;
+    const bool is_link = header.typeflag == TYPE_SYMLINK || header.typeflag == '1';
+    entry->header = header;
+    entry->type =
+        header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR) : header.typeflag;
+    entry->mode = static_cast<uint32_t>(
+        NumberAt(offsetof(tar_header, mode), sizeof(header.mode), 07777, "mode") & 07777);
+    entry->uid = NumberAt(offsetof(tar_header, uid), sizeof(header.uid), UINT32_MAX, "uid");
+    entry->gid = NumberAt(offsetof(tar_header, gid), sizeof(header.gid), UINT32_MAX, "gid");
+    entry->mtime = NumberAt(offsetof(tar_header, mtime), sizeof(header.mtime), 0, "");
+    // Links and directories have no content, whatever their size says.
+    const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
+    entry->size =
+        has_content ? NumberAt(offsetof(tar_header, size), sizeof(header.size), UINT64_MAX, "size")
+                    : 0;
+    entry->data_offset = position_;
+    // Other programs put the front of a long name into the prefix; theirs is the other version.
+    const std::string_view marks(block_.bytes() + offsetof(tar_header, magic), 8);
+    if (!long_name_ && header.prefix[0] != '\0' &&
+        marks == std::string_view("ustar\0"
+                                  "00",
+                                  8)) {
+        misread_ = "name";
+    }
+    entry->name = TextAt(offsetof(tar_header, name), sizeof(header.name), &long_name_, "name");
+    entry->link = TextAt(offsetof(tar_header, linkname), is_link ? sizeof(header.linkname) : 0,
+                         &long_link_, "target");
+    entry->misread = std::exchange(misread_, {});
+}
+
+// The field as a restore reads it: one without a digit takes its value from what follows. Makes a
+// note when the bits of `mask`, those that are used, say something else to other programs.
+uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask,
+                                 std::string_view what) {
+    const char* const field = block_.bytes() + offset;
+    const uint64_t value = ParseOctalStr(field, width);
+    const std::optional<uint64_t> standard = StandardNumber(field, width);
+    if (mask != 0 && (!standard || ((*standard ^ value) & mask) != 0)) {
+        misread_ = what;
+    }
+    return value;
+}
+
+// The text of a record, which is used up, or else of the field: a restore reads on behind one that
+// is full. Empty for a field without a width.
+std::string ArchiveReader::TextAt(size_t offset, size_t width, std::optional<std::string>* record,
+                                  std::string_view what) {
+    const char* const field = block_.bytes() + offset;
+    std::string text = width == 0 ? "" : *record ? **record : field;
+    if (width > 0 && !*record && text.size() >= width) {
+        misread_ = what;
+    }
+    record->reset();
+    return text;
+}
+
+// Moves behind `size` bytes of content and what fills their last block.
+bool ArchiveReader::SkipContent(uint64_t size) {
+    const uint64_t there = file_.size() - position_;
+    if (size > there) {
+        return Finish(ArchiveEnd::kDataCut);
+    }
+    position_ += size;
+    position_ += std::min(file_.size() - position_, (kBlockSize - size % kBlockSize) % kBlockSize);
+    return true;
+}
+
+bool ArchiveReader::Finish(ArchiveEnd end) {
+    end_ = end;
+    return false;
+}
+
+}  // namespace peltexctl

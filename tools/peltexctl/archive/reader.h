@@ -1,0 +1,126 @@
+// Reads an archive, or one slice of a set, exactly as a restore does, and writes nothing. Archives
+// come from anywhere: whatever a block says, memory stays bounded, every read stays inside the file
+// and every step moves forward.
+//
+// Not thread-safe: each object belongs to one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/file_handles.h"
+#include "tar/tar_header.h"
+
+namespace peltexctl {
+
+// A regular file that is open for reading, as long as there is a copy of this.
+class ArchiveFile {
+  public:
+    // Opens `name` in the directory `directory`, or a path from AT_FDCWD. `flags` are added to
+    // those of open(). On failure returns nothing and says why in `error`.
+    static std::optional<ArchiveFile> Open(int directory, const std::string& name, int flags,
+                                           std::string* error);
+
+    // In bytes, as it was when the file was opened.
+    uint64_t size() const { return size_; }
+    int fd() const { return fd_->get(); }
+
+    // Fills `buffer` from `offset` on. Returns false when fewer than `size` bytes are there or they
+    // cannot be read; the buffer is undefined then.
+    bool ReadAt(uint64_t offset, void* buffer, size_t size) const;
+
+    // Where the first byte from `offset` on lies that is not zero; the file's size where there is
+    // none. Holes are not read. Nothing when it cannot be read.
+    std::optional<uint64_t> FindNonZero(uint64_t offset) const;
+
+  private:
+    std::shared_ptr<const android::installd::UniqueFd> fd_;
+    uint64_t size_ = 0;
+};
+
+struct ArchiveEntry {
+    char type = '\0';   // as stored, but '0' for the old mark of a regular file, NUL
+    std::string name;   // as a restore takes it
+    std::string link;   // the target of a link
+    uint32_t mode = 0;  // permission bits
+    uint64_t uid = 0;
+    uint64_t gid = 0;
+    uint64_t size = 0;  // bytes of content that the header promises
+    uint64_t mtime = 0;
+    uint64_t data_offset = 0;
+    android::installd::tar_header header{};
+    std::string_view misread;  // what of it other programs read otherwise, "size" or the like
+
+    // A file's part that was cut because its slice was full, so that more must follow. A first part
+    // of any other size is that of a file which ended just there.
+    bool FillsSlice() const;
+    // A part of a file that began in an earlier slice.
+    bool Continues() const;
+    bool IsFile() const;
+    // Whether a restore makes something of it, or passes over it.
+    bool IsRestored() const;
+    // Where a restore puts it below its destination: the name without what does not change where it
+    // leads, empty components and single dots. Empty for the destination itself.
+    std::string Path() const;
+};
+
+// Why there are no more entries.
+enum class ArchiveEnd {
+    kNotYet,
+    kEndBlocks,      // two zero blocks, as it should be
+    kLoneZeroBlock,  // one zero block
+    kNoEndBlocks,    // the file ends where a header should be
+    kInvalidBlock,   // a block that is no header
+    kRefusedName,    // a name with "../", or longer than a path can be: a restore fails here
+    kDataCut,        // the last entry's content is not all there
+};
+const char* DescribeEnd(ArchiveEnd end);
+
+// Whether the block at `offset` is a header.
+bool IsHeaderAt(const ArchiveFile& file, uint64_t offset);
+
+class ArchiveReader {
+  public:
+    // `file` must outlive the reader. Names may have `name_room` bytes: what the path of a
+    // restore's destination leaves of the longest path.
+    ArchiveReader(const ArchiveFile& file, size_t name_room) : file_(file), name_room_(name_room) {}
+    explicit ArchiveReader(const ArchiveFile& file) : ArchiveReader(file, kLongestName) {}
+
+    // Reads the next header with the records in front of it. Returns false at the end; `entry` is
+    // then the one to blame, if the end is kRefusedName or kDataCut.
+    bool Next(ArchiveEntry* entry);
+
+    ArchiveEnd end() const { return end_; }
+
+    // Where the block lies that ended the archive.
+    uint64_t end_offset() const { return block_offset_; }
+
+    // Below the shortest destination, one byte and a slash.
+    static constexpr size_t kLongestName = android::installd::kTarPathSize - 3;
+
+  private:
+    bool ReadHeader();
+    void TakeRecord(std::optional<std::string>* text, std::string_view what);
+    void FillEntry(ArchiveEntry* entry);
+    uint64_t NumberAt(size_t offset, size_t width, uint64_t mask, std::string_view what);
+    std::string TextAt(size_t offset, size_t width, std::optional<std::string>* record,
+                       std::string_view what);
+    bool SkipContent(uint64_t size);
+    bool Finish(ArchiveEnd end);
+
+    const ArchiveFile& file_;
+    const size_t name_room_;
+    android::installd::TarBlock block_;
+    uint64_t block_offset_ = 0;
+    uint64_t position_ = 0;
+    ArchiveEnd end_ = ArchiveEnd::kNotYet;
+    std::optional<std::string> long_name_;
+    std::optional<std::string> long_link_;
+    std::string_view misread_;
+};
+
+}  // namespace peltexctl

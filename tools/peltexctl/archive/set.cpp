@@ -1,0 +1,157 @@
+// Tested by tests/peltexctl/test_archives.py.
+#include "archive/set.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+#include <system_error>
+
+#include "ui/text.h"
+
+namespace peltexctl {
+
+using namespace android::installd;
+
+namespace {
+
+using Severity = Finding::Severity;
+
+// A restore takes longer lines, with their line feed, in pieces.
+constexpr size_t kMaxLine = 2046;
+constexpr size_t kMostSlices = 100000;
+constexpr uint64_t kLargestCheckFile = 32 << 20;
+
+bool EndsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+// What has no header in front and a '|' in its first line, or the name of one.
+bool IsCheckFile(std::string_view content, std::string_view name) {
+    constexpr size_t kMagic = offsetof(tar_header, magic);
+    if ((!content.empty() && content[0] == '\0') ||
+        (content.size() > kMagic && content.substr(kMagic, 5) == "ustar")) {
+        return false;
+    }
+    return EndsWith(name, ".txt") ||
+           content.substr(0, content.find('\n')).find('|') != std::string_view::npos;
+}
+
+bool NamesSlice(std::string_view name) {
+    const size_t dot = name.rfind('.');
+    return dot != std::string_view::npos && dot + 1 < name.size() &&
+           name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
+}
+
+// The decimal number that is all of `text`, without a sign, spaces or zeros in front: whatever else
+// is a number to a restore, it is one of another value.
+std::optional<uint64_t> PlainNumber(std::string_view text) {
+    int64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    const bool is_plain = !text.empty() && text[0] != '-' && (text[0] != '0' || text.size() == 1);
+    return is_plain && error == std::errc() && stop == end
+               ? std::optional(static_cast<uint64_t>(value))
+               : std::nullopt;
+}
+
+}  // namespace
+
+// Takes a check file line by line, as a restore does. Returns what is wrong with it, in words, up
+// to the first such line; empty when nothing is.
+std::string ArchiveSet::ReadCheckFile() {
+    const UniqueFile stream(fdopen(fcntl(file_.fd(), F_DUPFD_CLOEXEC, 0), "re"));
+    char line[kMaxLine + 1] = {};
+    uint64_t taken = 0;
+    while (stream != nullptr && fgets(line, sizeof(line), stream.get()) != nullptr) {
+        std::string_view text = line;
+        taken += text.size();
+        const bool ends = !text.empty() && text.back() == '\n';
+        if (!ends && taken != file_.size()) {
+            return fmt::format(
+                "line {} has a NUL, or more than 2,046 bytes, so that a restore takes "
+                "it in pieces",
+                sizes_.size() + 1);
+        }
+        text.remove_suffix(ends ? 1 : 0);
+        const std::string fault = sizes_.size() == kMostSlices || taken > kLargestCheckFile
+                                      ? "is more than 100,000 lines and 32 MiB can hold"
+                                      : TakeLine(text);
+        if (!fault.empty()) {
+            return fmt::format("line {} {}", sizes_.size() + 1, fault);
+        }
+    }
+    return taken != file_.size() ? "cannot be read" : taken == 0 ? "lists no slice" : "";
+}
+
+std::string ArchiveSet::TakeLine(std::string_view line) {
+    const size_t bar = std::min(line.rfind('|'), line.size());
+    const std::string_view name = line.substr(0, bar);
+    const auto size = PlainNumber(line.substr(std::min(bar + 1, line.size())));
+    if (!size || name.empty()) {
+        return fmt::format("is not NAME|SIZE with a size in plain decimal digits: {}",
+                           line.substr(0, 300));
+    }
+    if (name.find('/') != std::string_view::npos) {
+        return fmt::format("names a file elsewhere: {}", name);
+    }
+    if (sizes_.empty()) {
+        base_ = name.substr(0, name.rfind('.'));
+    }
+    // Slices are numbered from 0 on, so no name is there twice.
+    if (const std::string expected = NameOf(sizes_.size()); name != expected) {
+        return fmt::format("lists {} where {} should be", name, expected);
+    }
+    sizes_.push_back(*size);
+    return "";
+}
+
+std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const FindingSink& sink,
+                                           std::string* error) {
+    const size_t slash = path.rfind('/');
+    const size_t begin = slash == std::string::npos ? 0 : slash + 1;
+    UniqueFd directory(
+        open(begin == 0 ? "." : path.substr(0, begin).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::string name = path.substr(begin);
+    std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
+    std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
+    if (!file) {
+        *error = fmt::format("{}: {}", path, *error);
+        return std::nullopt;
+    }
+    if (!file->ReadAt(0, content.data(), content.size())) {
+        *error = fmt::format("{}: cannot be read", path);
+        return std::nullopt;
+    }
+    ArchiveSet set(std::move(*file));
+    set.path_ = path;
+    set.name_ = std::move(name);
+    set.directory_ = std::move(directory);
+    if (!IsCheckFile(content, set.name_)) {
+        set.kind_ = NamesSlice(set.name_) ? Kind::kSlice : Kind::kArchive;
+        return set;
+    }
+    set.kind_ = Kind::kCheckFile;
+    if (const std::string fault = set.ReadCheckFile(); !fault.empty()) {
+        sink({Severity::kFault, set.name_, "", fault});
+        set.sizes_.clear();
+    } else if (const std::string next = set.NameOf(set.size());
+               faccessat(set.directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+        sink({Severity::kWarning, next, "", "is there but not listed"});
+    }
+    return set;
+}
+
+std::string ArchiveSet::NameOf(size_t index) const {
+    return is_check_file() ? fmt::format("{}.{}", base_, index) : name_;
+}
+
+std::optional<ArchiveFile> ArchiveSet::OpenSlice(size_t index, std::string* error) const {
+    return is_check_file() ? ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error)
+                           : file_;
+}
+
+}  // namespace peltexctl

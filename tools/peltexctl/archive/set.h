@@ -1,0 +1,81 @@
+// What makes up an archive: one file, or the slices that a check file lists with their sizes, one
+// NAME|SIZE per line, beside which they lie. Everything is opened through the directory that was
+// found first, and slices never through a link.
+//
+// Not thread-safe. Memory grows by a number per slice.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "archive/reader.h"
+#include "base/file_handles.h"
+
+namespace peltexctl {
+
+// Something that keeps an archive from coming back as it was, or may.
+struct Finding {
+    enum class Severity {
+        kFault,
+        // It cannot be told from a fault by the archive alone, but by the directory it was made of.
+        kSuspicion,
+        kWarning,
+    };
+
+    Severity severity;
+    std::string slice;  // the file's name; empty when it is about no single one
+    std::string entry;  // the entry's name; empty when it is about no single one
+    std::string message;
+};
+
+using FindingSink = std::function<void(const Finding&)>;
+
+class ArchiveSet {
+  public:
+    enum class Kind {
+        kArchive,
+        kSlice,  // one slice without its set: a name that ends in a dot and a number
+        kCheckFile,
+    };
+
+    // Finds out by its content what the file at `path` is, and reads a check file, once. What is
+    // wrong with its lines goes to `sink`; such a line lists nothing. On failure returns nothing
+    // and one line in `error`.
+    static std::optional<ArchiveSet> Open(const std::string& path, const FindingSink& sink,
+                                          std::string* error);
+
+    Kind kind() const { return kind_; }
+    bool is_check_file() const { return kind_ == Kind::kCheckFile; }
+    const std::string& path() const { return path_; }  // as it was given
+    const std::string& name() const { return name_; }  // of the file itself, in its directory
+    // The set's directory, open as long as this object lives.
+    int directory() const { return directory_.get(); }
+    // The archive, the slice, or the check file itself.
+    const ArchiveFile& file() const { return file_; }
+
+    // The slices; of an archive or a single slice, itself alone.
+    size_t size() const { return is_check_file() ? sizes_.size() : 1; }
+    std::string NameOf(size_t index) const;
+    uint64_t SizeOf(size_t index) const { return is_check_file() ? sizes_[index] : file_.size(); }
+    // On failure returns nothing and says why in `error`.
+    std::optional<ArchiveFile> OpenSlice(size_t index, std::string* error) const;
+
+  private:
+    explicit ArchiveSet(ArchiveFile file) : file_(std::move(file)) {}
+    std::string ReadCheckFile();
+    std::string TakeLine(std::string_view line);
+
+    Kind kind_ = Kind::kArchive;
+    std::string path_;
+    std::string name_;
+    android::installd::UniqueFd directory_;
+    ArchiveFile file_;
+    std::string base_;  // slices are named BASE.0, BASE.1 and so on
+    std::vector<uint64_t> sizes_;
+};
+
+}  // namespace peltexctl

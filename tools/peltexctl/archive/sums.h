@@ -1,0 +1,44 @@
+// SHA-256 sums over an archive, or over the slices of a set and its check file, in the file
+// NAME.tar.sha256 beside them, which `sha256sum -c` reads. Archives themselves hold no sums.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <future>
+#include <string>
+
+#include "archive/set.h"
+#include "base/file_handles.h"
+
+namespace peltexctl {
+
+// The sums' file of the archive NAME.tar, the check file NAME.tar.txt or the slice NAME.tar.0.
+std::string SumsName(const std::string& name);
+
+// Sums files, each read once on a thread of its own while the caller goes on.
+//
+// To be used by one thread at a time.
+class Summer {
+  public:
+    // `file` is open for reading; `name` is what the sums' file calls it. Waits for the one before.
+    void Add(android::installd::UniqueFd file, const std::string& name);
+
+    // Waits for all sums, then writes them to `name` in `directory`, in place of one that is there,
+    // with owner and mode of `like`. On failure nothing is left, and one line is in `error`.
+    bool Finish(int directory, const std::string& name, const struct stat& like,
+                std::string* error);
+
+  private:
+    void Collect();
+
+    std::string name_;
+    std::future<std::string> sum_;
+    std::string lines_;
+    std::string error_;
+};
+
+// Compares the files of `set` with their sums, where there is a file of them; what differs is a
+// fault. Returns how many faults there were. Reads everything.
+uint64_t CheckSums(const ArchiveSet& set, const FindingSink& sink);
+
+}  // namespace peltexctl

@@ -1,0 +1,71 @@
+// A tree in a few numbers: how many entries and bytes it has, what a task of some kind leaves out
+// of it, and a sum over what every entry is. Two trees with equal tallies hold the same entries,
+// whatever the order in which they were met. Memory is constant.
+//
+// Not thread-safe: a tally belongs to one thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace peltexctl {
+
+// Why a task leaves an entry out of what it makes.
+enum class LeftOut {
+    kHardLinked,  // a file with more than one name
+    kDex,         // compiled code, *.dex
+    kLib,         // native libraries
+    kLink,        // a symbolic link
+    kSpecial,     // a socket, FIFO or device
+    kTinker,      // patches that an application downloads for itself
+    kOwnArchive,  // the archive that is being written
+    kUnreadable,  // cannot be looked at or opened
+};
+inline constexpr size_t kLeftOutReasons = 8;
+
+// One entry as its tally sees it.
+struct TallyEntry {
+    std::string_view path;         // below the tree's top, without '/' at either end
+    char type = '0';               // as archives have it: '0' file, '2' link, '5' directory
+    uint64_t size = 0;             // bytes of content; 0 for links and directories
+    std::string_view link;         // a link's target
+    std::optional<uint32_t> mode;  // permission bits, where the task's kind brings them back
+};
+
+// The permission bits that a restore of an archive brings back: links have none, and a file loses
+// its set-id bits to the change of owner.
+inline std::optional<uint32_t> ArchivedMode(char type, uint32_t mode) {
+    return type == '2' ? std::nullopt : std::optional(mode & (type == '5' ? 07777U : 01777U));
+}
+
+class Tally {
+  public:
+    void Add(const TallyEntry& entry);
+
+    // A directory that is left out counts as one, whatever it holds.
+    void LeaveOut(LeftOut reason) { ++left_out_[static_cast<size_t>(reason)]; }
+
+    uint64_t entries() const { return entries_; }
+    uint64_t bytes() const { return bytes_; }
+    uint64_t left_out(LeftOut reason) const { return left_out_[static_cast<size_t>(reason)]; }
+    uint64_t left_out() const;
+
+    // A number for all entries, whatever their order; for a single one, of that one.
+    uint64_t sum() const { return sum_[0]; }
+
+    // What is left out takes no part.
+    bool operator==(const Tally& other) const {
+        return entries_ == other.entries_ && bytes_ == other.bytes_ && sum_ == other.sum_;
+    }
+    bool operator!=(const Tally& other) const { return !(*this == other); }
+
+  private:
+    uint64_t entries_ = 0;
+    uint64_t bytes_ = 0;
+    std::array<uint64_t, 2> sum_ = {};  // of the entries' hashes, wrapping
+    std::array<uint64_t, kLeftOutReasons> left_out_ = {};
+};
+
+}  // namespace peltexctl

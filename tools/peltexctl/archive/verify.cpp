@@ -1,0 +1,400 @@
+// Tested by tests/peltexctl/test_archives.py.
+#include "archive/verify.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+
+#include "archive/listing.h"
+#include "archive/seen_paths.h"
+
+namespace peltexctl {
+
+namespace {
+
+using namespace android::installd;
+using Severity = Finding::Severity;
+
+constexpr uint64_t kMiB = 1 << 20;
+constexpr uint64_t kFirstApplicationUid = 10000;
+constexpr size_t kLongestComponent = 255;
+constexpr size_t kMostDoubtful = 10000;
+
+std::string_view ParentOf(std::string_view path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+// Calls `take` with `path` and each directory above it, the deepest first, until it returns true.
+template <typename Take>
+bool AnyUpwards(std::string_view path, const Take& take) {
+    for (; !path.empty(); path = ParentOf(path)) {
+        if (take(path)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The last component of an entry's name, a directory's without the slash behind it.
+std::string_view LastComponent(const ArchiveEntry& entry) {
+    std::string_view name = entry.name;
+    if (entry.type == TYPE_DIRECTORY && !name.empty() && name.back() == '/') {
+        name.remove_suffix(1);
+    }
+    return name.substr(name.rfind('/') + 1);
+}
+
+// Gives what a restore makes of an entry to `visit`, but for the destination itself.
+EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
+    return [&visit](const ArchiveEntry& entry) {
+        const std::string path = entry.Path();
+        const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
+        if (entry.IsRestored() && !path.empty()) {
+            visit({path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
+        }
+    };
+}
+
+class SetVerifier {
+  public:
+    SetVerifier(const ArchiveSet& set, const std::string& destination, const FindingSink& sink)
+        : set_(set),
+          destination_(destination.empty() || destination.back() == '/' ? destination
+                                                                        : destination + "/"),
+          sink_(sink),
+          begin_known_(set.is_check_file()) {}
+
+    Verdict Run() {
+        for (size_t i = 0; i < set_.size(); i++) {
+            slice_ = set_.NameOf(i);
+            CheckSlice(i);
+        }
+        joiner_.Finish();
+        if (set_.is_check_file() && set_.size() > 0) {
+            CloseOpenPart(false,
+                          "ends just where the last slice does: a further one may be missing");
+            CheckLastSliceFull();
+        }
+        LookAgain();
+        return verdict_;
+    }
+
+  private:
+    enum class Met { kNot, kLink, kOther };
+
+    void Tell(Severity severity, const std::string& slice, const std::string& entry,
+              const std::string& message) {
+        ++(severity == Severity::kFault     ? verdict_.faults
+           : severity == Severity::kWarning ? verdict_.warnings
+                                            : verdict_.suspicions);
+        sink_({severity, slice, entry, message});
+    }
+    void Warn(const std::string& entry, const std::string& message) {
+        Tell(Severity::kWarning, slice_, entry, message);
+    }
+    void Fault(const std::string& entry, const std::string& message) {
+        Tell(Severity::kFault, slice_, entry, message);
+    }
+
+    size_t NameRoom() const {
+        return destination_.empty()
+                   ? ArchiveReader::kLongestName
+                   : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1);
+    }
+
+    void CheckSlice(size_t index) {
+        std::string error;
+        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
+        if (!file) {
+            Fault("", error);
+            open_part_.reset();
+            begin_known_ = false;
+            return;
+        }
+        const bool has_size = CheckSize(*file, index);
+        ArchiveReader reader(*file, NameRoom());
+        ArchiveEntry entry;
+        for (is_first_ = true; reader.Next(&entry); is_first_ = false) {
+            CheckEntry(*file, entry);
+            joiner_.Take(entry, is_first_);
+        }
+        // What of the end follows from such a size goes without saying.
+        if (has_size && (entry.misread != "size" || reader.end() == ArchiveEnd::kEndBlocks)) {
+            CheckEnd(*file, reader, entry);
+        }
+        begin_known_ = reader.end() == ArchiveEnd::kEndBlocks && set_.is_check_file();
+        if (!begin_known_) {
+            open_part_.reset();
+        }
+    }
+
+    bool CheckSize(const ArchiveFile& file, size_t index) {
+        const bool is_listed = file.size() == set_.SizeOf(index);
+        if (!is_listed) {
+            Fault("", fmt::format("has {} bytes, the check file says {}", file.size(),
+                                  set_.SizeOf(index)));
+        } else if (file.size() % kBlockSize != 0) {
+            Fault("", fmt::format("has {} bytes, no multiple of 512: a restore takes nothing of it",
+                                  file.size()));
+        }
+        return is_listed && file.size() % kBlockSize == 0;
+    }
+
+    void CheckEntry(const ArchiveFile& file, const ArchiveEntry& entry) {
+        if (!entry.misread.empty()) {
+            Fault(entry.name, fmt::format("a restore and other programs read its {} differently",
+                                          entry.misread));
+        }
+        if (entry.IsRestored()) {
+            CheckPlace(entry);
+        } else {
+            // These two hold nothing that could come back.
+            const bool is_needless = entry.type == 'g' || entry.type == 'V';
+            Tell(is_needless ? Severity::kWarning : Severity::kFault, slice_, entry.name,
+                 fmt::format("a restore passes over this {}", TypeName(entry.type)));
+        }
+        CheckPart(file, entry);
+        // Owners from the first application's on become the one that a restore is for.
+        if (entry.IsFile() && !entry.Continues() && (entry.mode & S_ISUID) != 0 &&
+            entry.uid < kFirstApplicationUid) {
+            Warn(entry.name, fmt::format("is a set-user-id file of uid {}", entry.uid));
+        }
+    }
+
+    // Where a restore puts the entry: what no file system takes, what it passes over, what lies
+    // outside the destination or may.
+    void CheckPlace(const ArchiveEntry& entry) {
+        const std::string path = entry.Path();
+        const std::string_view last = LastComponent(entry);
+        const auto is_long = [](std::string_view each) {
+            return each.size() - (each.rfind('/') + 1) > kLongestComponent;
+        };
+        if (last == "..") {
+            Fault(entry.name, "leaves the directory to be restored");
+        } else if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
+            Fault(entry.name, "is no name that a restore can make something of");
+        } else if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
+            Fault(entry.name, "a link without a target, which no file system takes");
+        } else if (AnyUpwards(path, is_long)) {
+            Fault(entry.name, "no file system takes a component of more than 255 bytes");
+        } else if (entry.name.find("tinker/") != std::string::npos &&
+                   ((destination_.empty() ? "/" : destination_) + entry.name)
+                           .find("/com.tencent.mm/tinker/") != std::string::npos) {
+            Fault(entry.name, "lies in a directory that a restore passes over");
+        } else if (!path.empty()) {
+            // A restore makes one directory above a file, with what is known: the file's own mode.
+            const std::string_view parent = ParentOf(path);
+            if (!MayGoThroughLink(path) && set_.kind() != ArchiveSet::Kind::kSlice &&
+                !parent.empty() && !seen_.MayHave(parent, PathMark::kDirectory)) {
+                Fault(
+                    entry.name,
+                    "no entry in front of it is its directory: that comes back otherwise, or not");
+            }
+            Remember(entry, path);
+        }
+    }
+
+    bool MayGoThroughLink(std::string_view path) {
+        bool may_go = false;
+        for (; has_links_ && !path.empty(); path = ParentOf(path)) {
+            if (seen_.MayHave(path, PathMark::kLink)) {
+                may_go = true;
+                LookAgainFor(path);
+            }
+        }
+        return may_go;
+    }
+
+    void Remember(const ArchiveEntry& entry, std::string_view path) {
+        if (!entry.Continues() && seen_.MayHave(path, PathMark::kAny)) {
+            LookAgainFor(path);
+        }
+        seen_.Add(path, PathMark::kAny);
+        if (entry.type == TYPE_SYMLINK) {
+            has_links_ = true;
+            seen_.Add(path, PathMark::kLink);
+        } else if (entry.type == TYPE_DIRECTORY) {
+            seen_.Add(path, PathMark::kDirectory);
+        }
+    }
+
+    void LookAgainFor(std::string_view path) {
+        if (doubtful_.size() < kMostDoubtful) {
+            doubtful_.emplace(HashOfPath(path), Met::kNot);
+        } else {
+            has_more_doubts_ = true;
+        }
+    }
+
+    // Reads the entries once more for the paths that may have come before.
+    void LookAgain() {
+        const uint64_t faults = verdict_.faults;
+        slice_.clear();
+        if (!doubtful_.empty()) {
+            ListSet(
+                set_, [](const Finding&) {},
+                [this](const ArchiveEntry& entry) {
+                    if (entry.IsRestored()) {
+                        LookAgainAt(entry, entry.Path());
+                    }
+                });
+        }
+        if (has_more_doubts_ && faults == verdict_.faults) {
+            Warn("", "too many entries to tell whether a name is there twice");
+        }
+    }
+
+    void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
+        // A link itself replaces one of its name; all else is written through it.
+        const bool is_link = entry.type == TYPE_SYMLINK;
+        const bool is_through =
+            AnyUpwards(is_link ? ParentOf(path) : path, [&](std::string_view each) {
+                const auto row = doubtful_.find(HashOfPath(each));
+                const bool leads_on = row != doubtful_.end() && row->second == Met::kLink;
+                if (leads_on) {
+                    Fault(entry.name, fmt::format("goes through the link {} of the archive", each));
+                }
+                return leads_on;
+            });
+        const auto own = doubtful_.find(HashOfPath(path));
+        if (own == doubtful_.end()) {
+            return;
+        }
+        if (own->second != Met::kNot && !is_through && !entry.Continues()) {
+            Fault(entry.name, "is there again: this one comes back, those before it do not");
+        }
+        if (own->second != Met::kLink) {
+            own->second = is_link ? Met::kLink : Met::kOther;
+        }
+    }
+
+    void CheckPart(const ArchiveFile& file, const ArchiveEntry& entry) {
+        if (set_.kind() == ArchiveSet::Kind::kArchive &&
+            (entry.Continues() || entry.FillsSlice())) {
+            return Fault(entry.name, "one part of a cut file: the others lie in other slices");
+        }
+        const bool goes_on =
+            open_part_ && is_first_ && entry.Continues() && open_part_->entry == entry.name;
+        if (!goes_on && entry.Continues() && (begin_known_ || !is_first_)) {
+            Fault(entry.name, "continues a file that does not go on here");
+        } else if (!goes_on) {
+            CloseOpenPart(!is_first_, "");
+        }
+        open_part_.reset();
+        if (entry.FillsSlice()) {
+            open_part_ = Finding{Severity::kWarning, slice_, entry.name, ""};
+            if (entry.type == TYPE_MIDDLE_PART) {
+                open_part_->severity = Severity::kFault;
+                open_part_->message = "its next part is not there";
+            } else if (HasOddEnd(file, entry)) {
+                open_part_->severity = Severity::kSuspicion;
+                open_part_->message =
+                    "ends just where its slice does, in bytes that may not be its own";
+            }
+        }
+    }
+
+    // Nothing goes on with the part that filled its slice. A first part may be a file that ended
+    // just there, or one whose header promises too much, so that what lies behind its content
+    // passes for it.
+    void CloseOpenPart(bool is_in_slice, const std::string& at_end) {
+        if (open_part_ && is_in_slice) {
+            Fault(open_part_->entry,
+                  "promises more content than there is: its slice goes on behind");
+        } else if (open_part_ && !(open_part_->message + at_end).empty()) {
+            const std::string& own = open_part_->message;
+            Tell(open_part_->severity, open_part_->slice, open_part_->entry,
+                 own.empty() ? at_end : own);
+        }
+    }
+
+    // Whether the end of a part may be something else's: zeros that fill its last block, or entries
+    // behind it. No path sets aside so much that more of them could be taken for the part's own.
+    static bool HasOddEnd(const ArchiveFile& file, const ArchiveEntry& entry) {
+        constexpr uint64_t kMaxTaken = 4 * kBlockSize;
+        const uint64_t end = entry.data_offset + entry.size;
+        char last = 'x';
+        bool odd = file.ReadAt(end - 1, &last, 1) && last == '\0';
+        for (uint64_t i = kBlockSize; i <= std::min(entry.size, kMaxTaken); i += kBlockSize) {
+            odd = odd || IsHeaderAt(file, end - i);
+        }
+        return odd;
+    }
+
+    void CheckEnd(const ArchiveFile& file, const ArchiveReader& reader, const ArchiveEntry& entry) {
+        switch (reader.end()) {
+            case ArchiveEnd::kEndBlocks:
+                return CheckBehindEnd(file, reader.end_offset());
+            case ArchiveEnd::kRefusedName:
+            case ArchiveEnd::kDataCut:
+                return Fault(entry.name, DescribeEnd(reader.end()));
+            default:
+                Fault("", fmt::format("{}, at {}{}", DescribeEnd(reader.end()), reader.end_offset(),
+                                      entry.name.empty() ? "" : ", behind " + entry.name));
+        }
+    }
+
+    // Others fill up behind the end blocks, with zeros. All else was something once: a header that
+    // is overwritten with zeros ends an archive early.
+    void CheckBehindEnd(const ArchiveFile& file, uint64_t offset) {
+        const std::optional<uint64_t> used = file.FindNonZero(offset);
+        if (!used) {
+            Fault("", "its end cannot be read");
+        } else if (*used < file.size()) {
+            Fault("", fmt::format("ends at {}, and what follows at {} does not come back", offset,
+                                  *used));
+        }
+    }
+
+    // A slice that is not the last is closed by the write that makes it reach the slice size. When
+    // the last one is as full, another was begun, which is dropped if it holds empty files alone.
+    void CheckLastSliceFull() {
+        const uint64_t last = set_.SizeOf(set_.size() - 1);
+        uint64_t slice_size = UINT64_MAX;
+        for (size_t i = 0; i + 1 < set_.size(); i++) {
+            slice_size = std::min(slice_size, set_.SizeOf(i) / kMiB * kMiB);
+        }
+        if (last >= kEndBlocksSize && last - kEndBlocksSize >= slice_size) {
+            Warn("", "the last slice is full: empty files behind it, if there were any, are lost");
+        }
+    }
+
+    const ArchiveSet& set_;
+    const std::string destination_;
+    const FindingSink& sink_;
+    Verdict verdict_;
+    const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
+        verdict_.tally.Add(entry);
+    };
+    const EntryVisitor visit_ = ForTally(add_);
+    PartJoiner joiner_{set_, visit_};
+
+    std::string slice_;                 // the name of the one at hand
+    bool is_first_ = true;              // the next entry is its slice's first
+    bool begin_known_;                  // the slice before this one was read to its end
+    std::optional<Finding> open_part_;  // what to tell of it when nothing goes on with it
+
+    PathFilter seen_;
+    std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
+    bool has_more_doubts_ = false;
+    bool has_links_ = false;
+};
+
+}  // namespace
+
+Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink) {
+    return SetVerifier(set, destination, sink).Run();
+}
+
+void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit) {
+    ListSet(
+        set, [](const Finding&) {}, ForTally(visit));
+}
+
+}  // namespace peltexctl

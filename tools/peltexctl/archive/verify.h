@@ -1,0 +1,35 @@
+// Whether an archive or a set of slices would come back whole, found by reading it as a restore
+// does: sizes, header chain, end blocks, and the parts of each cut file. And whether it would reach
+// what it should not: entries that lead out of the directory or through a link, set-user-id files.
+//
+// Not thread-safe. Memory is constant.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "archive/set.h"
+#include "archive/tally.h"
+
+namespace peltexctl {
+
+struct Verdict {
+    Tally tally;  // of what a restore makes below its destination
+    uint64_t faults = 0;
+    uint64_t suspicions = 0;
+    uint64_t warnings = 0;
+
+    // A suspicion counts: only the directory that a set was made of can settle it.
+    bool is_whole() const { return faults + suspicions == 0; }
+};
+
+// Gives each finding to `sink`. `destination` is where a restore would go, empty where that is not
+// known: the longer its path, the shorter the names that come back.
+Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink);
+
+// Gives every entry that makes up the tally to `visit`, in the order of the archive, a cut file
+// once with its whole size. Its texts live as long as the call.
+void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit);
+
+}  // namespace peltexctl

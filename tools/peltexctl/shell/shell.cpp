@@ -1,0 +1,266 @@
+// Tested by tests/peltexctl/test_shell.py.
+#include "shell/shell.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "shell/task_tracker.h"
+#include "task/directory.h"
+#include "task/session_client.h"
+#include "ui/exit_code.h"
+#include "ui/signals.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
+
+namespace peltexctl {
+
+namespace {
+
+constexpr double kDefaultWaitSeconds = 60;
+constexpr double kQuietWaitSeconds = 2;
+
+using Words = std::vector<std::string>;
+
+TaskTracker::Clock::time_point After(double seconds) {
+    return TaskTracker::Clock::now() + std::chrono::duration_cast<TaskTracker::Clock::duration>(
+                                           std::chrono::duration<double>(seconds));
+}
+
+// What a wrong word throws.
+void Expect(bool is_right) {
+    if (!is_right) {
+        throw std::bad_optional_access();
+    }
+}
+
+// The number that is word `index`, or `missing` where there are fewer words. Throws where the word
+// is no number.
+int IntAt(const Words& words, size_t index, int missing = 0) {
+    return index < words.size() ? ParseInt(words[index]).value() : missing;
+}
+
+double SecondsAt(const Words& words, size_t index) {
+    return index < words.size() ? ParseSeconds(words[index]).value() : kDefaultWaitSeconds;
+}
+
+// The threads of this process, by id; one that ends meanwhile is left out.
+std::vector<ThreadInfo> ListThreads() {
+    std::vector<ThreadInfo> threads;
+    ForEachName(OpenDirectory("/proc/self/task"), [&threads](const std::string& tid) {
+        std::ifstream file("/proc/self/task/" + tid + "/comm", std::ios::binary);
+        std::string name{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        errno = 0;
+        const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(*ParseInt(tid)));
+        if (!name.empty() && errno == 0) {
+            name.pop_back();  // the newline that the kernel adds; the name itself may hold others
+            threads.push_back({name, *ParseInt(tid), nice});
+        }
+    });
+    std::sort(threads.begin(), threads.end(),
+              [](const ThreadInfo& a, const ThreadInfo& b) { return a.tid < b.tid; });
+    return threads;
+}
+
+class Shell {
+  public:
+    Shell(const Library& library, EventWriter* writer)
+        : events(*writer), client(library, [this](const StatusEvent& event) { Heard(event); }) {}
+
+    int Run() {
+        const SignalScope signals([this](int /*times*/) {
+            const std::string left = tasks.DescribeUnfinished();
+            TellLast("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
+            _exit(kInterrupted);
+        });
+        OpenSession();
+        std::string line;
+        while (!quits && std::getline(std::cin, line)) {
+            if (!line.empty() && line[0] == '.') {
+                HandleDotLine(line);
+            } else {
+                events.Result(line, Execute(line));
+            }
+        }
+        return End();
+    }
+
+    void OpenSession() {
+        session = client.Open();
+        events.Session(session);
+    }
+
+    EventWriter& events;
+    TaskTracker tasks;
+    SessionClient client;
+    int session = -1;
+    bool quits = false;
+
+  private:
+    // Reported first: whoever waits for a status finds it printed.
+    void Heard(const StatusEvent& event) {
+        if (events.json() || event.code != kStatusProgress || tasks.IsProgressDue(event.task)) {
+            events.Status(event);
+        }
+        tasks.Heard(event);
+    }
+
+    int Execute(const std::string& line) {
+        const int result = client.Execute(session, line);
+        const Words words = SplitWords(line.c_str(), " ");
+        if (result >= kFirstId) {
+            tasks.Given(result, session);
+        } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
+            tasks.AbortAccepted(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 0)));
+        }
+        return result;
+    }
+
+    void HandleDotLine(const std::string& line);
+
+    int End() {
+        const std::vector<int> sessions = client.open_sessions();
+        std::vector<int> unfinished = tasks.WaitAllEnded(sessions, After(kQuietWaitSeconds));
+        if (!unfinished.empty()) {
+            events.Note("waiting for " + tasks.DescribeUnfinished());
+            unfinished =
+                tasks.WaitAllEnded(sessions, After(kDefaultWaitSeconds - kQuietWaitSeconds));
+        }
+        for (const int task : unfinished) {
+            events.Error(fmt::format("task {} has not ended", task));
+        }
+        for (const int open : sessions) {
+            events.Closed(open, client.Finish(open));
+        }
+        return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
+    }
+};
+
+void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
+    if (code) {
+        shell->events.Waited(task, *code);
+    } else {
+        shell->events.Error(fmt::format("task {} has not {}", task, missing));
+    }
+}
+
+// A line of the shell's own. `run` gets the words behind the name and throws when one of them is
+// not what `arguments` says.
+struct DotLine {
+    const char* name;
+    size_t least, most;  // words behind the name
+    const char* arguments;
+    const char* help;
+    void (*run)(Shell* shell, const Words& words);
+};
+
+constexpr DotLine kDotLines[] = {
+    {".open", 0, 1, "[new]", "open a session with the same or a new callback",
+     [](Shell* shell, const Words& words) {
+         if (!words.empty()) {
+             Expect(words[0] == "new");
+             shell->client.RenewCallback();
+         }
+         shell->OpenSession();
+     }},
+    {".use", 1, 1, "ID", "make ID the current session",
+     [](Shell* shell, const Words& words) { shell->session = IntAt(words, 0); }},
+    {".finish", 0, 1, "[ID]", "finish session ID or the current one",
+     [](Shell* shell, const Words& words) {
+         const int session = IntAt(words, 0, shell->session);
+         shell->events.Closed(session, shell->client.Finish(session));
+     }},
+    {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
+     [](Shell* shell, const Words& words) {
+         const double seconds = SecondsAt(words, 1);
+         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), After(seconds)),
+                fmt::format("ended within {} s", seconds));
+     }},
+    {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK",
+     [](Shell* shell, const Words& words) {
+         const double seconds = SecondsAt(words, 2);
+         const int code = IntAt(words, 1);
+         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, After(seconds));
+         Waited(shell, IntAt(words, 0), came ? std::optional(code) : std::nullopt,
+                fmt::format("reported code {} within {} s", code, seconds));
+     }},
+    {".sleep", 1, 1, "MS", "do nothing for MS milliseconds",
+     [](Shell* /*shell*/, const Words& words) {
+         const int milliseconds = IntAt(words, 0);
+         Expect(milliseconds >= 0);
+         std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+     }},
+    {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
+     [](Shell* shell, const Words& /*words*/) { shell->client.Die(); }},
+    {".threads", 0, 0, "", "list the threads of this process",
+     [](Shell* shell, const Words& /*words*/) { shell->events.Threads(ListThreads()); }},
+    {".help", 0, 0, "", "list these lines and the commands of the library",
+     [](Shell* /*shell*/, const Words& /*words*/) { fmt::print(stderr, "{}", ShellHelp()); }},
+    {".quit", 0, 0, "", "end as at the end of input",
+     [](Shell* shell, const Words& /*words*/) { shell->quits = true; }},
+};
+
+void Shell::HandleDotLine(const std::string& line) {
+    Words words = SplitWords(line, " \t");
+    const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
+                                    [&words](const DotLine& row) { return row.name == words[0]; });
+    if (known == std::end(kDotLines)) {
+        events.Error(fmt::format("no dot line is called {}; .help lists them", words[0]));
+        return;
+    }
+    words.erase(words.begin());
+    try {
+        Expect(words.size() >= known->least && words.size() <= known->most);
+        known->run(this, words);
+    } catch (const std::bad_optional_access&) {
+        events.Error(fmt::format("wrong arguments in \"{}\": {} {}", line, known->name,
+                                 *known->arguments != '\0' ? known->arguments : "takes none"));
+    }
+}
+
+constexpr const char* kLibraryCommands[][2] = {
+    {"backup KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or byfile"},
+    {"backup split SRC DEST MIB SEINFO UID", "again: the next slice"},
+    {"restore KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or split"},
+    {"move dir SRC DEST SEINFO UID", "a directory's content"},
+    {"get_brief KIND SRC BRIEF SEINFO UID", "KIND: dir or byfile"},
+    {"abort TASK", "take a task out of the queue, or ask it to stop"},
+    {"keepalive", "keep a backup that pauses after a slice waiting"},
+    {"setweight tar WEIGHT", "the priority of archive tasks: 0 (lowest) to 100"},
+    {"delay NUMBER", "accepted, without effect"},
+};
+
+}  // namespace
+
+int RunShell(const Library& library, EventWriter* events) {
+    std::ios::sync_with_stdio(false);
+    // Never destroyed: tasks that have not ended report to it until the process is gone.
+    static Shell* const shell = new Shell(library, events);
+    return shell->Run();
+}
+
+std::string ShellHelp() {
+    std::string text = "Lines of the shell itself:\n";
+    for (const DotLine& row : kDotLines) {
+        text +=
+            fmt::format("  {:<38}{}\n", fmt::format("{} {}", row.name, row.arguments), row.help);
+    }
+    text += "\nCommands of the library:\n";
+    for (const auto& [line, help] : kLibraryCommands) {
+        text += fmt::format("  {:<38}{}\n", line, help);
+    }
+    return text;
+}
+
+}  // namespace peltexctl

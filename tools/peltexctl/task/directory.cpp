@@ -1,0 +1,124 @@
+// Tested by tests/peltexctl/test_refusals.py and test_archive_tasks.py.
+#include "task/directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+
+#include "ui/exit_code.h"
+
+namespace peltexctl {
+
+std::optional<struct stat> StatOf(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
+}
+
+std::optional<FileId> IdOf(const std::string& path) {
+    const std::optional<struct stat> status = StatOf(path);
+    return status ? std::optional(FileId(status->st_dev, status->st_ino)) : std::nullopt;
+}
+
+std::string ParentOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+}
+
+std::string NameOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string NearestThere(std::string path) {
+    while (path.size() > 1 && !StatOf(path)) {
+        path = ParentOf(path);
+    }
+    return path;
+}
+
+bool LiesIn(const std::string& inner, const FileId& outer) {
+    UniqueFd directory = OpenDirectory(NearestThere(inner));
+    std::optional<FileId> below;
+    for (struct stat status = {}; directory.isOpen() && fstat(directory.get(), &status) == 0;) {
+        const FileId id{status.st_dev, status.st_ino};
+        if (id == outer) {
+            return true;
+        }
+        if (below && *below == id) {
+            return false;  // the root is its own parent
+        }
+        below = id;
+        directory = UniqueFd(openat(directory.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return false;
+}
+
+UniqueFd OpenDirectory(const std::string& path) {
+    return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name) {
+    return UniqueFd(
+        openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status) {
+    UniqueFd file(
+        openat(parent.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.isOpen() && fstat(file.get(), status) == 0 && S_ISREG(status->st_mode)) {
+        return file;
+    }
+    if (file.isOpen()) {
+        errno = EINVAL;
+    }
+    return UniqueFd();
+}
+
+bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take) {
+    // A descriptor of its own: the stream closes what it reads from.
+    const int again = openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const UniqueDir stream(again < 0 ? nullptr : fdopendir(again));
+    if (stream == nullptr) {
+        return false;
+    }
+    errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no two threads share a stream
+    for (const dirent* entry; (entry = readdir(stream.get())) != nullptr; errno = 0) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            take(entry->d_name);
+        }
+    }
+    return errno == 0 || errno == ENOENT;
+}
+
+void MadeDirectory::Make(const std::string& path, uid_t uid) {
+    constexpr mode_t kMode = 0777;  // less the umask
+    size_t position = NearestThere(path).size();
+    fd_ = OpenDirectory(path.substr(0, position));
+    while (fd_.isOpen() && position < path.size()) {
+        const size_t begin = path.find_first_not_of('/', position);
+        position = std::min(path.find('/', begin), path.size());
+        const std::string name = path.substr(begin, position - begin);
+        const bool is_new = mkdirat(fd_.get(), name.c_str(), kMode) == 0;
+        UniqueFd next = OpenDirectoryAt(fd_, name);
+        if (is_new) {
+            made_.emplace_back(std::move(fd_), name);
+        }
+        fd_ = std::move(next);
+    }
+    Require(fd_.isOpen() &&
+                (made_.empty() || uid == 0 || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0),
+            path);
+}
+
+void MadeDirectory::Remove() {
+    for (; !made_.empty(); made_.pop_back()) {
+        unlinkat(made_.back().first.get(), made_.back().second.c_str(), AT_REMOVEDIR);
+    }
+}
+
+}  // namespace peltexctl

@@ -1,0 +1,69 @@
+// Directories that are held by a descriptor, and what is made, looked at and removed in them.
+// Others may rename and replace whatever has a path; what a descriptor stands for stays.
+//
+// Not thread-safe.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/file_handles.h"
+
+namespace peltexctl {
+
+using android::installd::UniqueDir;
+using android::installd::UniqueFd;
+
+// What a file is, whatever it is called: device and inode.
+using FileId = std::pair<dev_t, ino_t>;
+
+// Of what is at `path`, links followed; nothing where nothing is.
+std::optional<struct stat> StatOf(const std::string& path);
+std::optional<FileId> IdOf(const std::string& path);
+
+// "/a" of "/a/b", "b" of "/a/b".
+std::string ParentOf(const std::string& path);
+std::string NameOf(const std::string& path);
+
+// The path itself, or the nearest one above it that is there.
+std::string NearestThere(std::string path);
+
+// Whether the directory `inner`, or the nearest one above it that is there, is `outer` or lies
+// inside it.
+bool LiesIn(const std::string& inner, const FileId& outer);
+
+UniqueFd OpenDirectory(const std::string& path);
+
+// The directory `name` of `parent`, which is no link.
+UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name);
+
+// The regular file `name` of `parent` for reading, with its status. A link is not followed, and a
+// FIFO not waited for. On failure not open, and errno tells why.
+UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status);
+
+// Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be
+// read.
+bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take);
+
+// A directory that is there when a task needs it, with those above it that were missing.
+class MadeDirectory {
+  public:
+    // Makes what is missing of `path`, the last one for `uid`, and holds it. Throws Failure.
+    void Make(const std::string& path, uid_t uid);
+
+    const UniqueFd& fd() const { return fd_; }
+
+    // Takes back what was made and is still empty.
+    void Remove();
+
+  private:
+    UniqueFd fd_;
+    std::vector<std::pair<UniqueFd, std::string>> made_;  // parents and names, the deepest last
+};
+
+}  // namespace peltexctl

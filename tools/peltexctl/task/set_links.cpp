@@ -1,0 +1,143 @@
+// Tested by tests/peltexctl/test_restores.py.
+#include "task/set_links.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string_view>
+#include <vector>
+
+#include "archive/sums.h"
+#include "ui/exit_code.h"
+
+namespace peltexctl {
+
+namespace {
+
+constexpr std::string_view kPrefix = ".peltexctl-restore-";
+
+// Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file.
+void RemoveLinks(const UniqueFd& parent, const UniqueFd& directory, const std::string& name) {
+    ForEachName(directory, [&](const char* inside) {
+        struct stat status = {};
+        const std::string_view text = inside;
+        if (fstatat(directory.get(), inside, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            (S_ISLNK(status.st_mode) ||
+             (S_ISREG(status.st_mode) && text.substr(text.rfind('.') + 1) == "txt"))) {
+            unlinkat(directory.get(), inside, 0);
+        }
+    });
+    unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
+}
+
+// Whether a directory is one of ours that no running program holds.
+bool IsLeftover(const UniqueFd& directory) {
+    struct stat status = {};
+    return directory.isOpen() && fstat(directory.get(), &status) == 0 &&
+           status.st_uid == geteuid() && (status.st_mode & 0777) == 0700 &&
+           flock(directory.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+}  // namespace
+
+SetLinks::~SetLinks() {
+    if (!path_.empty()) {
+        RemoveLinks(parent_, fd_, peltexctl::NameOf(path_));
+    }
+}
+
+std::string SetLinks::RemoveLeftovers() const {
+    const UniqueFd parent = OpenDirectory(directory_);
+    std::vector<std::string> names;
+    if (parent.isOpen()) {
+        ForEachName(parent, [&](const char* name) {
+            if (std::string_view(name).substr(0, kPrefix.size()) == kPrefix) {
+                names.emplace_back(name);
+            }
+        });
+    }
+    std::string told;
+    for (const std::string& name : names) {
+        const UniqueFd directory = OpenDirectoryAt(parent, name);
+        if (IsLeftover(directory)) {
+            RemoveLinks(parent, directory, name);
+            told += fmt::format("{}{}/{}", told.empty() ? "" : ", ", directory_, name);
+        }
+    }
+    return told;
+}
+
+void SetLinks::Make(const std::string& other) {
+    struct statvfs system = {};
+    const bool is_read_only =
+        statvfs(directory_.c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
+    std::string path = fmt::format("{}/{}XXXXXX", is_read_only ? other : directory_, kPrefix);
+    Require(mkdtemp(path.data()) != nullptr, "a restore makes a directory beside the set: " + path);
+    parent_ = OpenDirectory(ParentOf(path));
+    fd_ = OpenDirectoryAt(parent_, peltexctl::NameOf(path));
+    path_ = path;
+    Require(fd_.isOpen() && flock(fd_.get(), LOCK_EX | LOCK_NB) == 0, path);
+    // As it was read: the library takes no other numbers out of it.
+    const UniqueFd file(openat(fd_.get(), set_.name().c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    for (size_t i = 0; i < set_.size(); i++) {
+        const std::string name = set_.NameOf(i);
+        Require(dprintf(file.get(), "%s|%ju\n", name.c_str(), uintmax_t{set_.SizeOf(i)}) > 0 &&
+                    symlinkat((directory_ + "/" + name).c_str(), fd_.get(), name.c_str()) == 0,
+                path + "/" + name);
+    }
+}
+
+uint64_t SetLinks::BytesRead() {
+    struct stat status = {};
+    while (done_ < set_.size() &&
+           fstatat(fd_.get(), set_.NameOf(done_).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        done_bytes_ += set_.SizeOf(done_++);
+    }
+    return done_bytes_ +
+           (done_ < set_.size() ? ReadPosition(directory_ + "/" + set_.NameOf(done_)) : 0);
+}
+
+uint64_t ReadPosition(const std::string& path) {
+    struct stat file = {};
+    const UniqueFd list = OpenDirectory("/proc/self/fdinfo");
+    uint64_t position = 0;
+    if (!list.isOpen() || stat(path.c_str(), &file) != 0) {
+        return 0;
+    }
+    ForEachName(list, [&](const char* name) {
+        struct stat status = {};
+        std::string key;
+        uint64_t value = 0;
+        if (fstat(std::atoi(name), &status) == 0 && status.st_ino == file.st_ino &&
+            status.st_dev == file.st_dev &&
+            std::ifstream(std::string("/proc/self/fdinfo/") + name) >> key >> value) {
+            position = std::max(position, value);
+        }
+    });
+    return position;
+}
+
+void RemoveSet(const ArchiveSet& set) {
+    const auto remove = [&set](const std::string& name) {
+        Require(unlinkat(set.directory(), name.c_str(), 0) == 0 || errno == ENOENT,
+                "the set cannot be removed: " + name);
+    };
+    remove(SumsName(set.name()));
+    remove(set.name());
+    for (size_t i = 0; i < set.size(); i++) {
+        remove(set.NameOf(i));
+    }
+}
+
+}  // namespace peltexctl

@@ -1,0 +1,79 @@
+// The one check of every task: what its kind takes is tallied before, what is there afterwards. Two
+// passes in constant memory, and further ones, where they differ, that tell in what.
+//
+// Not thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "archive/set.h"
+#include "archive/tally.h"
+#include "task/task_kinds.h"
+
+namespace peltexctl {
+
+class TaskCheck {
+  public:
+    // `tick` is called for each entry that is looked at. `set` is what a restore of an archive
+    // reads, else null. All must outlive the check.
+    TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
+              std::function<void()> tick);
+    ~TaskCheck();
+
+    // Tallies what the task is to bring. Throws Failure where that cannot be known.
+    void Before();
+
+    // What the task brings, and what it leaves out.
+    const Tally& expected() const { return expected_; }
+    // The bytes that it takes on a file system with blocks of this size.
+    uint64_t RoomFor(uint64_t block_size);
+    // The first of those that a move leaves out and would delete, and how many there are.
+    const std::vector<std::string>& first_lost() const { return first_lost_; }
+    uint64_t lost() const;
+
+    // Tallies what is there; `result` is where it is. Returns one line for each of the first
+    // differences and one that counts the others; none when all is there.
+    std::vector<std::string> After(const std::string& result);
+
+    // Bytes that After() has not found.
+    uint64_t missing_bytes() const;
+
+  private:
+    class Differences;
+
+    bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
+    bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
+    bool VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const;
+    bool RecordsApply() const;
+    bool VisitRecords(const std::string& file, const std::string& top,
+                      const EntrySink& entries) const;
+    bool VisitBrief(const std::string& brief, const EntrySink& entries) const;
+    bool VisitExpected(const EntrySink& entries) const;
+    bool TallyResult(const std::string& result, Differences* faults);
+    void CompareInTree(const std::string& result, Differences* differences) const;
+    void CompareWithFile(const std::string& result, Differences* differences) const;
+
+    const TaskKind& kind_;
+    const TaskRequest& request_;
+    const ArchiveSet* const set_;
+    const std::function<void()> tick_;
+    const std::string source_;
+    Tally expected_;
+    Tally found_;
+    std::vector<std::string> first_lost_;
+    std::unique_ptr<Differences> set_faults_;
+    android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
+};
+
+// "SLICE: ENTRY: MESSAGE", not escaped.
+std::string DescribeFinding(const Finding& finding);
+
+// Whether the attribute file of a copy holds records, and the path of the first, if there is one.
+std::optional<std::string> FirstRecordOf(const std::string& copy);
+
+}  // namespace peltexctl

@@ -1,0 +1,232 @@
+// Tested by tests/peltexctl/test_command_line.py, test_checks.py and test_restores.py.
+#include "task/task_command.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "archive/set.h"
+#include "archive/sums.h"
+#include "task/backup_files.h"
+#include "task/refusals.h"
+#include "task/set_links.h"
+#include "task/task_check.h"
+#include "task/task_run.h"
+#include "ui/library_log.h"
+#include "ui/signals.h"
+#include "ui/terminal.h"
+#include "ui/text.h"
+
+namespace peltexctl {
+
+namespace {
+
+// A task with what comes before and behind the library's part.
+class TaskCommand {
+  public:
+    TaskCommand(const TaskKind& kind, const TaskRequest& request, EventWriter* events,
+                ProgressView* view)
+        : kind_(kind), request_(request), events_(*events), view_(*view) {}
+
+    // Returns the program's exit status. Throws Failure.
+    int Run(const Library& library, const TaskOutput& output) {
+        const SignalScope signals([this](int /*times*/) {
+            TellLast(is_over_ ? "interrupted: it is done, but not checked"
+                              : "interrupted: nothing was begun");
+            _exit(kInterrupted);
+        });
+        RefuseAll();
+        Prepare();
+        options_.log_is_shown = output.log != "silent";
+        // Never destroyed: the last callback may be on its way out.
+        static TaskRun* const run =
+            new TaskRun(library, kind_, request_, options_, &events_, &view_);
+        const TaskRun::Result result = run->Run();
+        if (result.status != kDone) {
+            made_.Remove();
+            return result.status;
+        }
+        is_over_ = true;
+        return Conclude(result);
+    }
+
+  private:
+    // Changes nothing.
+    void RefuseAll() {
+        RefuseTake(request_);
+        RefusePaths(kind_, request_);
+        if (kind_.Unpacks()) {
+            OpenSet();
+        }
+        if (!request_.force) {
+            RefuseLoss(kind_, request_);
+        }
+        if (!request_.replace) {
+            RefuseReplacing(kind_, request_);
+        }
+        if (request_.no_verify) {
+            return;
+        }
+        view_.Begin("looking at " + EscapeBytes(request_.source));
+        check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
+        try {
+            check_->Before();
+        } catch (const Failure&) {
+            if (!request_.force) {
+                throw;
+            }
+            check_.reset();
+        }
+        if (!request_.force) {
+            RefuseByTally(kind_, request_, &*check_);
+        }
+        view_.End();
+    }
+
+    void OpenSet() {
+        std::string error;
+        set_ = ArchiveSet::Open(
+            request_.source,
+            [this](const Finding& finding) { line_faults_.push_back(DescribeFinding(finding)); },
+            &error);
+        if (!set_) {
+            throw Failure(kTaskFailed, error);
+        }
+        RefuseArchive(kind_, *set_);
+        if (set_->size() == 0 && !request_.force) {
+            throw Failure(kTaskFailed, line_faults_.empty() ? request_.source + ": lists no slice"
+                                                            : line_faults_[0]);
+        }
+    }
+
+    // Makes what the task needs, and takes away what it replaces.
+    void Prepare() {
+        if (request_.replace) {
+            for (const std::string& directory : {request_.destination, request_.take}) {
+                BackupFiles(directory, NameOf(request_.source) + ".tar").Remove(kind_.HandsOver());
+            }
+        }
+        options_.source = request_.source;
+        options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
+        if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
+            events_.Note(
+                fmt::format("you are not root: what is restored belongs to uid {}, and "
+                            "other owners are not given",
+                            geteuid()));
+        }
+        if (!kind_.Unpacks()) {
+            return;
+        }
+        made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid)));
+        options_.total = 0;
+        for (size_t i = 0; i < set_->size(); i++) {
+            options_.total += set_->SizeOf(i);
+        }
+        options_.bytes_read = [this] {
+            return links_ ? links_->BytesRead() : ReadPosition(request_.source);
+        };
+        if (kind_.RestoresSlices()) {
+            links_.emplace(*set_, ParentOf(request_.source));
+            if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
+                events_.Note(left + ": left by a restore that was killed, removed");
+            }
+            links_->Make(request_.destination);
+            options_.source = links_->CheckFile();
+            options_.left_too = "; " + links_->path() + " is left, which the next restore removes";
+        }
+    }
+
+    // What is done about a task that the library has brought to a good end. Returns the program's
+    // exit status.
+    int Conclude(const TaskRun::Result& result) {
+        const std::string result_path = kind_.result_path(request_);
+        const std::string written =
+            request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
+        const bool is_whole = !check_ || Check(written);
+        if (is_whole && request_.sums && !kind_.HandsOver()) {
+            WriteSums(written);
+        }
+        if (is_whole && request_.consume) {
+            RemoveSet(*set_);
+        }
+        TaskSummary summary{result.task, result.seconds, {}, result.slices, !kind_.IsBrief()};
+        if (kind_.RestoresSlices()) {
+            summary.slices = set_->size();
+        }
+        if (check_ && is_whole) {
+            summary.tally = check_->expected();
+        }
+        events_.Summary(summary);
+        return is_whole ? kDone : kTaskFailed;
+    }
+
+    bool Check(const std::string& written) {
+        view_.Begin("checking " + EscapeBytes(written));
+        std::vector<std::string> lines = check_->After(written);
+        lines.insert(lines.begin(), line_faults_.begin(), line_faults_.end());
+        view_.End();
+        if (!lines.empty()) {
+            lines.back() += HintAtRoom(written, check_->missing_bytes());
+            PrintKeptLog();
+        }
+        for (const std::string& line : lines) {
+            events_.Error(line);
+        }
+        return lines.empty();
+    }
+
+    static void WriteSums(const std::string& archive) {
+        const UniqueFd directory = OpenDirectory(ParentOf(archive));
+        struct stat status = {};
+        UniqueFd file = OpenRegularAt(directory, NameOf(archive), &status);
+        Require(file.isOpen(), archive);
+        Summer summer;
+        std::string error;
+        summer.Add(std::move(file), NameOf(archive));
+        if (!summer.Finish(directory.get(), SumsName(NameOf(archive)), status, &error)) {
+            throw Failure(kTaskFailed, error);
+        }
+    }
+
+    const TaskKind& kind_;
+    const TaskRequest& request_;
+    EventWriter& events_;
+    ProgressView& view_;
+    std::optional<ArchiveSet> set_;  // of a restore
+    std::vector<std::string> line_faults_;
+    std::optional<TaskCheck> check_;  // none with --no-verify
+    std::optional<SetLinks> links_;
+    MadeDirectory made_;
+    TaskRun::Options options_;
+    std::atomic<bool> is_over_{false};
+};
+
+}  // namespace
+
+int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request,
+            const TaskOutput& output) {
+    // Never destroyed: the library's threads may report to them until the process is gone.
+    static EventWriter* const events = new EventWriter(
+        output.json ? EventWriter::Format::kJson : EventWriter::Format::kText, output.quiet);
+    static ProgressView* const view = new ProgressView(output.quiet || output.json);
+    if (output.log.empty()) {
+        KeepLibraryLog();
+    } else {
+        ShowLibraryLog(output.log, view);
+    }
+    try {
+        return TaskCommand(kind, request, events, view).Run(library, output);
+    } catch (const Failure& failure) {
+        view->End();
+        events->Error(failure.what());
+        return failure.code();
+    }
+}
+
+}  // namespace peltexctl

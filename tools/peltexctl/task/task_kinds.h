@@ -1,0 +1,87 @@
+// The kinds of task: how people name them, what the library reads for each, and what each takes and
+// brings.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "task/tree_walk.h"
+
+namespace peltexctl {
+
+struct TaskRequest {
+    std::string subcommand;
+    std::string kind;
+    std::string source;
+    std::string destination;
+    std::string uid = "0";
+    std::string se_info = "default";
+    std::optional<std::string> slice_size;  // MiB; 100 without
+    std::string take;  // where the slices of a split backup go; empty: they stay
+    bool no_verify = false;
+    bool force = false;
+    bool replace = false;
+    bool consume = false;
+    bool sums = false;
+};
+
+// What the entries are read from that a task is to bring.
+enum class Source {
+    kFile,
+    kTree,
+    kList,     // the records of a brief, one for each file to copy
+    kSearch,   // include and exclude rules
+    kRecords,  // the records of a copy, and the copy where there are none
+    kSet,      // an archive, or a set of slices by its check file
+};
+
+// Where they are afterwards.
+enum class Result { kTree, kRecords, kSet };
+
+struct TaskKind {
+    const char* subcommand;
+    const char* kind;  // empty for a subcommand of one kind
+    const char* help;
+    // The command line for the library.
+    std::string (*compose)(const TaskKind& kind, const TaskRequest& request);
+    Source source;
+    std::string (*source_path)(const TaskRequest& request);
+    Result result;
+    // The directory that the entries are in, or the file that lists or holds them.
+    std::string (*result_path)(const TaskRequest& request);
+    Rules leaves_out;
+    Modes modes;
+
+    bool Is(const char* command, const char* kind_name) const;
+    bool IsBackup() const { return Is("backup", kind); }
+    bool IsBrief() const { return Is("brief", kind); }
+    bool IsMove() const { return Is("move", kind); }
+    // A backup that hands over slices and waits for the client after each.
+    bool HandsOver() const { return Is("backup", "split"); }
+    bool RestoresSlices() const { return Is("restore", "split"); }
+    // An archive is written or unpacked, which an abort stops.
+    bool HasArchive() const { return source == Source::kSet || result == Result::kSet; }
+    // A restore of an archive unpacks into a directory that has to be there.
+    bool Unpacks() const { return source == Source::kSet; }
+    // Files or trees come to lie beside others that may be the same.
+    bool Copies() const {
+        return result == Result::kTree &&
+               (source == Source::kFile || source == Source::kTree || source == Source::kRecords);
+    }
+};
+
+// The kinds of a subcommand, in the order to show them.
+std::vector<const TaskKind*> KindsOf(const std::string& subcommand);
+
+// The request's row, after a look at every word. REQUIRES: the kind is one of the subcommand's.
+// Throws Failure.
+const TaskKind& CheckRequest(const TaskRequest& request);
+
+// In MiB.
+int SliceSizeOf(const TaskRequest& request);
+
+// The file that a file task writes.
+std::string TargetFile(const TaskRequest& request);
+
+}  // namespace peltexctl

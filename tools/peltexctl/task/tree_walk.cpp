@@ -1,0 +1,145 @@
+// Tested by tests/peltexctl/test_checks.py.
+#include "task/tree_walk.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+
+namespace peltexctl {
+
+namespace {
+
+bool EndsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+class Walk {
+  public:
+    Walk(const std::string& top, const WalkOptions& options, const EntrySink& entries,
+         const LeftOutSink& left_out)
+        : options_(options), entries_(entries), left_out_(left_out), path_(top + "/") {}
+
+    bool Run() {
+        const size_t top = path_.size();
+        UniqueFd directory = OpenDirectory(path_);
+        below_ = top;
+        return directory.isOpen() && Directory(directory);
+    }
+
+  private:
+    bool Directory(const UniqueFd& directory) {
+        const size_t length = path_.size();
+        return ForEachName(directory, [&](const char* name) {
+            path_.append(name);
+            Entry(directory, name, length == below_);
+            path_.resize(length);
+        });
+    }
+
+    void Entry(const UniqueFd& directory, const char* name, bool is_top) {
+        if (is_top && options_.is_excluded && options_.is_excluded(path_)) {
+            return;
+        }
+        struct stat status = {};
+        if (fstatat(directory.get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            left_out_(LeftOut::kUnreadable, Below());
+            return;
+        }
+        if (const std::optional<LeftOut> reason = WhyLeftOut(name, status, is_top)) {
+            left_out_(*reason, Below());
+            return;
+        }
+        TallyEntry entry = EntryOf(Below(), status);
+        if (options_.modes == Modes::kNone) {
+            entry.mode = std::nullopt;
+        } else if (options_.modes == Modes::kArchived) {
+            entry.mode = ArchivedMode(entry.type, *entry.mode);
+        }
+        if (S_ISLNK(status.st_mode)) {
+            const ssize_t length = readlinkat(directory.get(), name, target_, sizeof(target_));
+            entry.link = {target_, static_cast<size_t>(length < 0 ? 0 : length)};
+        }
+        entries_(entry);
+        if (S_ISDIR(status.st_mode)) {
+            const UniqueFd inner = OpenDirectoryAt(directory, name);
+            path_ += '/';
+            if (!inner.isOpen() || !Directory(inner)) {
+                left_out_(LeftOut::kUnreadable, Below());
+            }
+        }
+    }
+
+    // In the order in which the library looks.
+    std::optional<LeftOut> WhyLeftOut(std::string_view name, const struct stat& status,
+                                      bool is_top) const {
+        const mode_t type = status.st_mode & S_IFMT;
+        const bool packs = Has(LeftOut::kHardLinked);
+        if (packs && type != S_IFDIR && status.st_nlink >= 2) {
+            return LeftOut::kHardLinked;
+        }
+        if (options_.own && *options_.own == FileId(status.st_dev, status.st_ino)) {
+            return LeftOut::kOwnArchive;
+        }
+        if (type == S_IFDIR) {
+            if (Has(LeftOut::kTinker) && EndsWith(path_, "/com.tencent.mm/tinker")) {
+                return LeftOut::kTinker;
+            }
+            return Has(LeftOut::kLib) && is_top && name == "lib" ? std::optional(LeftOut::kLib)
+                                                                 : std::nullopt;
+        }
+        if (Has(LeftOut::kLink) && type == S_IFLNK) {
+            return LeftOut::kLink;
+        }
+        // A copy takes what a device holds.
+        const bool is_device = type == S_IFCHR || type == S_IFBLK;
+        if (Has(LeftOut::kSpecial) &&
+            (type == S_IFSOCK || type == S_IFIFO || (packs && is_device))) {
+            return LeftOut::kSpecial;
+        }
+        // An archive keeps a link of such a name.
+        return Has(LeftOut::kDex) && (type == S_IFREG || !packs) && EndsWith(name, ".dex")
+                   ? std::optional(LeftOut::kDex)
+                   : std::nullopt;
+    }
+
+    bool Has(LeftOut reason) const { return (options_.rules & Bit(reason)) != 0; }
+    std::string_view Below() const { return std::string_view(path_).substr(below_); }
+
+    const WalkOptions& options_;
+    const EntrySink& entries_;
+    const LeftOutSink& left_out_;
+    std::string path_;
+    size_t below_ = 0;  // where paths below the top begin
+    char target_[PATH_MAX] = {};
+};
+
+}  // namespace
+
+TallyEntry EntryOf(std::string_view path, const struct stat& status) {
+    TallyEntry entry;
+    entry.path = path;
+    switch (status.st_mode & S_IFMT) {
+        case S_IFREG:
+            entry.size = static_cast<uint64_t>(status.st_size);
+            break;
+        case S_IFDIR:
+            entry.type = '5';
+            break;
+        case S_IFLNK:
+            entry.type = '2';
+            break;
+        default:
+            entry.type = '3';
+    }
+    entry.mode = status.st_mode & 07777;
+    return entry;
+}
+
+bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
+              const LeftOutSink& left_out) {
+    return Walk(top, options, entries, left_out).Run();
+}
+
+}  // namespace peltexctl

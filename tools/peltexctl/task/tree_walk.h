@@ -1,0 +1,44 @@
+// A walk over a tree that takes what a task of some kind takes, and tells what it leaves out.
+//
+// Not thread-safe. Memory grows with the depth of the tree alone. Nothing is followed or changed.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "archive/tally.h"
+#include "task/directory.h"
+
+namespace peltexctl {
+
+// The reasons for which a kind of task leaves entries out: one bit for each.
+using Rules = unsigned;
+constexpr Rules Bit(LeftOut reason) {
+    return Rules{1} << static_cast<unsigned>(reason);
+}
+
+using EntrySink = std::function<void(const TallyEntry& entry)>;
+using LeftOutSink = std::function<void(LeftOut reason, std::string_view path)>;
+
+// Which permission bits a kind of task brings.
+enum class Modes { kNone, kAll, kArchived };
+
+struct WalkOptions {
+    Rules rules = 0;
+    Modes modes = Modes::kNone;
+    std::optional<FileId> own;  // the archive that the task writes
+    // Further entries of the top directory that are passed over without a word.
+    std::function<bool(const std::string& path)> is_excluded;
+};
+
+// Walks the directory `top`. Paths are those below it, in the order of the file system, a directory
+// before its entries. Returns false when `top` cannot be read.
+bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
+              const LeftOutSink& left_out);
+
+// An entry as its status shows it, with its mode and without its link's target.
+TallyEntry EntryOf(std::string_view path, const struct stat& status);
+
+}  // namespace peltexctl

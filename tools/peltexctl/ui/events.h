@@ -1,0 +1,96 @@
+// What the program reports, one line per event on standard output: JSON objects for programs, or
+// the same in words for people. Every line is written whole and flushed.
+//
+// Thread-safe: the library's threads and the program's own write through one object.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "archive/tally.h"
+
+namespace peltexctl {
+
+// The codes of a task's statuses.
+enum StatusCode : int {
+    kStatusFailed = -1,
+    kStatusSuccess = 0,
+    kStatusStarted = 1,
+    kStatusAborted = 2,
+    kStatusProgress = 3,
+    kStatusSlicePackaged = 4,
+    kStatusTimeout = 5,
+    kStatusBriefSize = 6,
+};
+
+// One call of a client callback.
+struct StatusEvent {
+    int session;
+    int task;
+    int code;
+    std::string message;
+    int callback;  // the callback object's number, from 1
+};
+
+// Whether a task is over with this status.
+bool EndsTask(const StatusEvent& event);
+
+// Whether a task never began, because of one of its paths.
+bool RefusesPath(const StatusEvent& event);
+
+// A status in words, such as "started".
+std::string DescribeStatus(const StatusEvent& event);
+
+// What a task has done, as far as it is known.
+struct TaskSummary {
+    int task = 0;
+    double seconds = 0;
+    std::optional<Tally> tally;  // of what it has brought
+    std::optional<uint64_t> slices;
+    bool has_rate = false;  // whether the bytes were moved in these seconds
+};
+
+struct ThreadInfo {
+    std::string name;  // raw bytes, at most 15
+    int tid;
+    int nice;
+};
+
+class EventWriter {
+  public:
+    enum class Format { kJson, kText };
+
+    // A `quiet` one tells only what went wrong.
+    explicit EventWriter(Format format, bool quiet = false) : format_(format), quiet_(quiet) {}
+
+    EventWriter(const EventWriter&) = delete;
+    EventWriter& operator=(const EventWriter&) = delete;
+
+    bool json() const { return format_ == Format::kJson; }
+    bool quiet() const { return quiet_; }
+
+    void Session(int session);
+    void Result(const std::string& command, int result);
+    void Status(const StatusEvent& event);
+    void Closed(int session, int result);
+    void Waited(int task, int code);
+    void Summary(const TaskSummary& summary);
+    void Threads(const std::vector<ThreadInfo>& threads);
+    // In words it goes to standard error.
+    void Error(const std::string& message);
+    // The same for what is no failure.
+    void Note(const std::string& message);
+
+  private:
+    void WriteLine(std::string_view line);
+
+    const Format format_;
+    const bool quiet_;
+    std::mutex mutex_;  // one line at a time
+};
+
+}  // namespace peltexctl

@@ -1,0 +1,124 @@
+// Tested by tests/peltexctl/test_terminal.py.
+#include "ui/progress_view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "ui/terminal.h"
+#include "ui/text.h"
+
+namespace peltexctl {
+
+namespace {
+
+constexpr std::chrono::milliseconds kBarInterval{100};
+constexpr std::chrono::seconds kLineInterval{1};
+constexpr size_t kMaxBar = 40;
+constexpr size_t kMinBar = 10;
+
+}  // namespace
+
+ProgressView::ProgressView(bool quiet) : quiet_(quiet), redraws_(CanRedraw(stderr)) {}
+
+ProgressView::~ProgressView() {
+    End();
+}
+
+void ProgressView::Begin(const std::string& label, uint64_t total) {
+    const std::lock_guard lock(mutex_);
+    done_ = 0;
+    label_ = label;
+    note_.clear();
+    total_ = total;
+    start_ = Clock::now();
+    // A bar is there at once; a line tells of what has gone on for a while.
+    next_shown_ = start_ + (redraws_ ? Clock::duration::zero() : kLineInterval);
+}
+
+void ProgressView::SetNote(const std::string& note) {
+    const std::lock_guard lock(mutex_);
+    note_ = note;
+}
+
+void ProgressView::End() {
+    const std::lock_guard lock(mutex_);
+    label_.clear();
+    EraseBar();
+}
+
+void ProgressView::Aside(const std::function<void()>& print) {
+    const std::lock_guard lock(mutex_);
+    EraseBar();
+    print();
+}
+
+void ProgressView::Tick() {
+    if (quiet_) {
+        return;
+    }
+    const std::lock_guard lock(mutex_);
+    const Clock::time_point now = Clock::now();
+    if (label_.empty() || now < next_shown_) {
+        return;
+    }
+    next_shown_ = now + (redraws_ ? Clock::duration(kBarInterval) : kLineInterval);
+    if (redraws_) {
+        DrawBar();
+    } else {
+        fmt::print(stderr, "{}: {}\n", label_, Standing());
+    }
+}
+
+void ProgressView::DrawBar() {
+    std::string line = Standing();
+    const size_t columns = Columns(stderr) - 1;
+    const size_t taken = label_.size() + 2 + line.size();
+    if (total_ > 0 && columns > taken + kMinBar + 3) {
+        const size_t width = std::min(columns - taken - 3, kMaxBar);
+        const auto filled = static_cast<size_t>(Share() * static_cast<double>(width));
+        line = fmt::format("{}: [{}{}] {}", label_,
+                           Paint(stderr, Colour::kGreen, std::string(filled, '#')),
+                           std::string(width - filled, '.'), line);
+    } else {
+        line = fmt::format("{}: {}", label_, line).substr(0, columns);
+    }
+    fmt::print(stderr, "\r{}\x1b[K", line);
+    bar_shown_ = true;
+}
+
+void ProgressView::EraseBar() {
+    if (std::exchange(bar_shown_, false)) {
+        fmt::print(stderr, "\r\x1b[K");
+    }
+}
+
+// Of the expected bytes, 0 to 1. Files may have grown since those were counted.
+double ProgressView::Share() const {
+    return static_cast<double>(std::min(done_.load(), total_)) / static_cast<double>(total_);
+}
+
+std::string ProgressView::Standing() const {
+    const std::chrono::duration<double> elapsed = Clock::now() - start_;
+    const uint64_t done = done_;
+    std::string text;
+    if (total_ > 0) {
+        text = fmt::format("{:2} %, {} of {}, ", static_cast<int>(100 * Share()), HumanSize(done),
+                           HumanSize(total_));
+    } else if (done > 0) {
+        text = HumanSize(done) + ", ";
+    }
+    if (done > 0) {
+        text += HumanRate(done, elapsed.count()) + ", ";
+    }
+    if (total_ > 0 && done > 0) {
+        text += HumanTime(elapsed.count() * (1 / Share() - 1)) + " left";
+    } else {
+        text += HumanTime(elapsed.count());
+    }
+    return note_.empty() ? text : text + ", " + note_;
+}
+
+}  // namespace peltexctl

@@ -1,0 +1,48 @@
+// Small text helpers: numbers as people type them, words, bytes that need not be UTF-8.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace peltexctl {
+
+// The decimal number that is the whole of `word`, with an optional minus; nothing if it is not one
+// or does not fit.
+std::optional<int> ParseInt(std::string_view word);
+
+// A number of seconds, 0 to a million, with or without a fraction.
+std::optional<double> ParseSeconds(std::string_view word);
+
+// The words of `line` between runs of any character of `separators`.
+std::vector<std::string> SplitWords(std::string_view line, std::string_view separators);
+
+// `bytes` with each byte that is not part of valid UTF-8 replaced by the code point of the same
+// value, so that a reader sees which byte it was. Overlong forms and surrogates are not valid.
+std::string BytesToUtf8(std::string_view bytes);
+
+// `bytes` for a terminal, as ls and GNU tar write them: control characters, backslashes and what is
+// no UTF-8 as escapes.
+std::string EscapeBytes(std::string_view bytes);
+
+// Two lower-case digits for each byte.
+std::string Hexadecimal(std::string_view bytes);
+
+// "1 entry", "2 entries".
+std::string Counted(uint64_t number, std::string_view one, std::string_view many);
+
+// "512 B", "1.5 MiB": binary units, one decimal from KiB on.
+std::string HumanSize(uint64_t bytes);
+
+// "1.5 MiB/s": what that many bytes in that many seconds make.
+std::string HumanRate(uint64_t bytes, double seconds);
+
+// "0:07", "1:02:03": whole seconds.
+std::string HumanTime(double seconds);
+
+// The system's words for an errno value.
+std::string ErrorText(int error);
+
+}  // namespace peltexctl
