@@ -209,7 +209,8 @@ std::string Describe(const CLI::App& app, const CLI::ParseError& failure) {
         return word.size() > 1 && word[0] == '-';
     });
     if (option != words.end()) {
-        return fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}", *option);
+        return fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}",
+                           *option);
     }
     return app.get_subcommands().empty() && !words.empty() ? NoSubcommand(app) : failure.what();
 }
