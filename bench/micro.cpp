@@ -36,8 +36,9 @@
 #include "brief/permission_record.h"
 #include "brief/search_rules.h"
 #include "service/peltexinstalld.h"
-#include "tar/tar_file.h"
 #include "tar/tar_header.h"
+#include "tar/tar_stream.h"
+#include "tar/whole_writer.h"
 
 namespace {
 
@@ -67,10 +68,13 @@ void Header(benchmark::State& state) {
     const std::string path =
         std::string(kDirectory) + '/' + std::string(static_cast<size_t>(state.range(0)), 'n');
     const struct stat status = statusOf(kDirectory);
-    TarFile tar(nullptr);
-    require(tar.CheckDir(kDirectory) && tar.openTar(kSink), "openTar");
+    const std::string root = kDirectory;
+    NoCallBack callBack;
+    TarStream sink;
+    require(sink.open(kSink), "open");
+    WholeWriter writer(sink, root, callBack);
     for (auto _ : state) {
-        require(tar.AddFile(path.c_str(), &status, false), "AddFile");
+        require(writer.AddDirectory(Place(path.c_str()), status), "AddDirectory");
     }
 }
 BENCHMARK(Header)->Arg(30)->Arg(300);

@@ -14,7 +14,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "brief/permission_record.h"
+#include "base/owner_mapping.h"
 #include "fuzz/support/archive_input.h"
 #include "fuzz/support/files.h"
 #include "fuzz/support/jail.h"

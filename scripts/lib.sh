@@ -2,18 +2,23 @@
 
 set -euo pipefail
 
+# Somebody's shell may export them. Where `cd` goes, what `tar` writes, how `ls` shows names and where
+# `cmake --install` puts files is ours to say, also in what the scripts start.
+unset CDPATH TAR_OPTIONS QUOTING_STYLE DESTDIR
+
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# What building and testing with each preset takes on Debian 12.
+# What building and testing with each preset takes on Debian 12 and 13.
 packages_build="g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev
     libssl-dev python3 libarchive-tools tar pkg-config groff-base"
-packages_clang="clang-14 clang libclang-rt-14-dev llvm-14"
+packages_clang="clang libclang-rt-dev llvm"
 packages_bench="libbenchmark-dev libarchive-tools toybox busybox rsync"
-packages_libcxx="libc++-14-dev libc++abi-14-dev googletest"
+packages_libcxx="libc++-dev libc++abi-dev googletest"
 packages_aarch64="g++-aarch64-linux-gnu qemu-user googletest"
 packages_plots="python3-matplotlib"
-packages_package="git dpkg-dev lintian debootstrap"
-packages_lint="git clang-format-14 clang-format clang-tidy-14 clang-tidy"
+packages_package="git dpkg-dev lintian"
+packages_debian="debootstrap"
+packages_lint="git clang-format clang-tidy"
 
 fail() {
     printf '%s: %s\n' "$(basename "$0")" "$*" >&2

@@ -1,19 +1,15 @@
 #!/usr/bin/env bash
-# Installs the packages beside this script, uses what they bring, and purges them. For a Debian that is
-# thrown away afterwards; scripts/package.sh --try makes one.
-set -euo pipefail
-cd "$(dirname "$0")"
-
-fail() {
-    printf '%s: %s\n' "$(basename "$0")" "$*" >&2
-    exit 1
-}
+# Installs the packages in build/package/, uses what they bring, and purges them. For a Debian that is
+# thrown away afterwards: scripts/package.sh --try runs this in one.
+. "$(dirname "$0")/lib.sh"
+cd "$project"
+export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
 
 step() { printf '\n\033[1m%s\033[0m\n' "$*"; }
 
 # Everything but what is apt's and dpkg's own, or a cache that others make.
 files() {
-    find / -xdev \( -path /proc -o -path /tmp -o -path /packages -o -path /var/lib/apt -o \
+    find / -xdev \( -path /proc -o -path /tmp -o -path "$project" -o -path /var/lib/apt -o \
         -path /var/lib/dpkg -o -path /var/cache -o -path /var/log \) -prune -o -print | sort
 }
 
@@ -21,7 +17,7 @@ step "A fresh Debian $(cat /etc/debian_version), $(dpkg-query -f '\n' -W | wc -l
 files >/tmp/before
 
 step "Install"
-apt-get install -y --no-install-recommends ./*.deb | grep -E '^(The following NEW|  [a-z]|Setting up)'
+apt-get install -y --no-install-recommends ./build/package/*.deb | grep -E '^(The following NEW|  [a-z]|Setting up)'
 
 step "Use"
 peltexctl --version
@@ -44,7 +40,7 @@ bash -c '. /usr/share/bash-completion/completions/peltexctl; complete -p peltexc
 
 step "Embed"
 # Unquoted: what it prints are words.
-g++ -std=c++17 embed.cpp -o /tmp/embed $(pkg-config --cflags --libs peltexinstalld)
+g++ -std=c++17 tests/embed/embed.cpp -o /tmp/embed $(pkg-config --cflags --libs peltexinstalld)
 mkdir -p /data/data
 /tmp/embed "get_brief dir /data/data /data/data/brief default 0"
 rm -r /data

@@ -22,4 +22,13 @@ class TarCallBack {
     virtual void WaitTaskLocked() = 0;
 };
 
+// In place of a callback that is null: nobody listens, and nobody aborts.
+class NoCallBack final : public TarCallBack {
+  public:
+    bool IsAborted() override { return false; }
+    void OnTaskProgress(unsigned long /*bytes*/) override {}
+    void OnPackagedOneSplitTar(const char* /*sliceInfo*/) override {}
+    void WaitTaskLocked() override {}
+};
+
 }  // namespace android::installd

@@ -1,4 +1,5 @@
-// The archive format: ustar header blocks with the departures that our archives have always had.
+// The archive format: ustar header blocks, with departures that every device that restores our
+// archives relies on.
 //
 //   archive = { ['K' record] ['L' record] header data padding } 1024 zero bytes
 //
@@ -59,6 +60,10 @@ enum TypeFlag : char {
     TYPE_LONG_NAME = 'L',
 };
 
+inline const char* bytesOf(const tar_header& header) {
+    return reinterpret_cast<const char*>(&header);
+}
+
 // A block as it is read. What reads a field may run past the field's end, up to an octal digit or a
 // NUL; the bytes behind the header stop it inside memory of ours.
 struct TarBlock {
@@ -66,7 +71,11 @@ struct TarBlock {
     char sentinel[3];
 
     TarBlock() : header{}, sentinel{'\0', '0', '\0'} {}
-    const char* bytes() const { return reinterpret_cast<const char*>(&header); }
+    const char* bytes() const { return bytesOf(header); }
+
+    // As texts up to a NUL: one that fills its field goes on into the fields behind it.
+    const char* name() const { return bytes(); }
+    const char* linkName() const { return bytes() + offsetof(tar_header, linkname); }
 };
 
 // The value of an octal field. Bytes before the first octal digit are skipped without regard to
@@ -74,7 +83,14 @@ struct TarBlock {
 // when `length` is used up. Returns 0 when no digit was read. REQUIRES: `text` lies in a TarBlock.
 uint64_t ParseOctalStr(const char* text, unsigned long length);
 
+// The counterpart: writes the last `width` octal digits of `value`, or where the first of them is a
+// 0, the others and a NUL. REQUIRES: `width` is 1 to 24, and the field has room for it.
+void I2Ocs(char* field, int width, long value);
+
 // The sum of all bytes of a header as unsigned values, its own field counted as spaces.
 uint32_t checksumOf(const tar_header& header);
+
+// Writes the sum into a header whose other fields are final.
+void FillSum(tar_header& hdr);
 
 }  // namespace android::installd

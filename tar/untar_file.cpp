@@ -1,32 +1,76 @@
-// Reading an archive: blocks, headers, long-name records and the rules of its end.
-// Tested by tests/tar/untar_file_test.cpp and, against other programs, tests/tar/test_peers.py.
+// Tested by tests/tar/untar_file_test.cpp, tests/tar/tar_split_test.cpp and, against other
+// programs, tests/tar/test_peers.py.
 #include "tar/untar_file.h"
 
 #include <log/log.h>
+#include <stdio.h>
 #include <string.h>
+#include <utils/Vector.h>
 
+#include <memory>
 #include <new>
 
-#include "base/owner_mapping.h"
 #include "bounded/bounded.h"
-#include "tar/untar_entry.h"
+#include "tar/check_file.h"
 
 namespace android::installd {
 
 namespace {
 
-constexpr size_t kMagicLength = 5;
-constexpr uint64_t kLongestLongName = kTarPathSize - 1;
-// A slice may claim more than it holds: reading may end this far behind its end.
-constexpr int64_t kSliceSlack = kContentChunk;
+constexpr int kFailed = -1;
+constexpr int kNoDestination = -2;
+constexpr int kNoArchive = -3;
+constexpr int kNoMemory = -4;
+constexpr int kCutArchive = -5;
+
+// Builds the path of an entry below `destDir` in `path`, of kTarPathSize bytes. False for one that
+// climbs or is too long.
+bool GenRealPath(const char* destDir, const char* name, char* path) {
+    if (strstr(name, "../") != nullptr) {
+        ALOGE("GenRealPath invalid pathName.");
+        return false;
+    }
+    const size_t dirLength = strlen(destDir);
+    const bool needsSlash = dirLength == 0 || destDir[dirLength - 1] != '/';
+    const size_t prefixLength = dirLength + (needsSlash ? 1 : 0);
+    const size_t nameLength = strlen(name);
+    const size_t length = prefixLength + nameLength;
+    if (length < 1 || length > kTarPathSize - 1) {
+        return false;
+    }
+    if (strncpy_s(path, kTarPathSize, destDir, dirLength) != 0) {
+        ALOGE("GenRealPath get realPath error");
+        return false;
+    }
+    if (needsSlash) {
+        path[dirLength] = '/';
+    }
+    if (strncpy_s(path + prefixLength, kTarPathSize - prefixLength, name, nameLength) != 0) {
+        ALOGE("GenRealPath get realPath by curLen error");
+        return false;
+    }
+    return true;
+}
+
+int resultOf(TarReader::Found end) {
+    switch (end) {
+        case TarReader::Found::kInvalid:
+            return kNoArchive;
+        case TarReader::Found::kTruncated:
+            return kCutArchive;
+        default:
+            return 0;
+    }
+}
 
 }  // namespace
 
-UnTarFile::UnTarFile(const char* archivePath, TarCallBack* callback) : m_callBack(callback) {
+UnTarFile::UnTarFile(const char* archivePath, TarCallBack* callback)
+    : m_callBack(callback == nullptr ? m_noCallBack : *callback) {
     ALOGD("untarfile begin..[%s]", archivePath == nullptr ? "(null)" : archivePath);
     if (archivePath != nullptr) {
         m_tarPath = archivePath;
-        openStream(archivePath);
+        m_reader.open(archivePath, false);
     }
 }
 
@@ -38,210 +82,106 @@ int UnTarFile::UnPack(const char* destDir, uint32_t uid) {
 }
 
 std::vector<std::string> UnTarFile::GetFileNames() {
-    if (m_fileNames.isEmpty()) {
+    if (m_fileNames.empty()) {
         ParseTarFile("", PARSE_LIST);
     }
-    return {m_fileNames.begin(), m_fileNames.end()};
+    return m_fileNames;
+}
+
+bool UnTarFile::FilterDir(const char* path) {
+    return isIgnoredPatch(path);
 }
 
 int UnTarFile::ParseTarFile(const char* destDir, EParseType type) {
-    if (m_tarFp == nullptr) {
+    if (!m_reader.isOpen()) {
         ALOGE("read tar happened error!\n");
-        return -1;
+        return kFailed;
     }
     if (destDir == nullptr) {
-        return -2;
+        return kNoDestination;
     }
-    measure();
-    if (m_tarSize % static_cast<int64_t>(kBlockSize) != 0) {
-        ALOGE("tarfile size should be a multiple of 512 bytes: %jd\n",
-              static_cast<intmax_t>(m_tarSize));
-        return -3;
+    if (!m_reader.begin()) {
+        return kNoArchive;
     }
     const std::unique_ptr<char[]> path(new (std::nothrow) char[kTarPathSize]);
     if (path == nullptr) {
-        return -4;
+        return kNoMemory;
     }
     memset_s(path.get(), kTarPathSize, 0, kTarPathSize);
-    return parseEntries(destDir, type, path.get());
-}
-
-// A buffer larger than a stream's own brings several small files with one read.
-void UnTarFile::openStream(const char* path) {
-    m_tarFp.reset(fopen(path, "rbe"));
-    if (m_tarBuf == nullptr) {
-        m_tarBuf.reset(new (std::nothrow) char[kStreamBuffer]);
-    }
-    if (m_tarFp != nullptr && m_tarBuf != nullptr) {
-        setvbuf(m_tarFp.get(), m_tarBuf.get(), _IOFBF, kStreamBuffer);
-    }
-}
-
-void UnTarFile::measure() {
-    fseeko(m_tarFp.get(), 0, SEEK_END);
-    m_tarSize = ftello(m_tarFp.get());
-    fseeko(m_tarFp.get(), 0, SEEK_SET);
-}
-
-size_t UnTarFile::readBlock(TarBlock& block) {
-    return fread(&block.header, 1, sizeof(block.header), m_tarFp.get());
-}
-
-int UnTarFile::parseEntries(const char* destDir, EParseType type, char* path) {
-    std::optional<std::string> longName;
-    std::optional<std::string> longLink;
-    Next next = Next::kHeader;
-    while (next == Next::kHeader) {
-        TarBlock block;
-        if (const size_t got = readBlock(block); got < kBlockSize) {
-            return endOfHeaders(got);
+    EntryUnpacker unpacker(m_reader, m_callBack, m_uid);
+    TarEntry entry;
+    TarReader::Found found = m_reader.next(entry);
+    for (; found == TarReader::Found::kEntry; found = m_reader.next(entry)) {
+        if (!GenRealPath(destDir, entry.name.c_str(), path.get())) {
+            return kFailed;
         }
-        if (IsEmptyBlock(block.bytes())) {
-            TarBlock second;
-            if (readBlock(second) == kBlockSize && IsEmptyBlock(second.bytes())) {
-                ALOGD("untarfile is end.Success!");
-                return 0;
-            }
-            // One empty block alone is no end, and no header either.
-            ALOGE("Invalid tar format.\n");
-            return endAtInvalidBlock(block);
-        }
-        if (!IsValidTarBlock(&block.header)) {
-            return endAtInvalidBlock(block);
-        }
-        Entry entry = readEntry(block);
-        entry.hasLongName = longName.has_value();
-        entry.hasLongLink = longLink.has_value();
-        entry.name = longName ? longName->c_str() : block.bytes();
-        entry.linkName = longLink ? longLink->c_str() : block.header.linkname;
-        if (const int refused = GenRealPath(destDir, entry.name, path); refused != 0) {
-            return refused;
-        }
-        if (entry.typeflag == TYPE_LONG_LINK) {
-            next = readLongString(entry, longLink);
-        } else if (entry.typeflag == TYPE_LONG_NAME) {
-            next = readLongString(entry, longName);
-        } else {
-            next = type == PARSE_UNPACK ? unpackEntry(entry, path) : listEntry(entry, type, path);
-            longName.reset();
-            longLink.reset();
+        if (!handleEntry(entry, type, unpacker, path.get())) {
+            return 0;
         }
     }
-    return next == Next::kEnd ? 0 : endBehindArchive();
+    return resultOf(found);
 }
 
-// The numbers of the header. Names come from it or from the records before it.
-UnTarFile::Entry UnTarFile::readEntry(const TarBlock& block) {
-    const tar_header& header = block.header;
-    Entry entry;
-    entry.mode = static_cast<uint32_t>(ParseOctalStr(header.mode, sizeof(header.mode)));
-    const auto uid = static_cast<uint32_t>(ParseOctalStr(header.uid, sizeof(header.uid)));
-    const auto gid = static_cast<uint32_t>(ParseOctalStr(header.gid, sizeof(header.gid)));
-    entry.owner = fixup_owner_dir_file(uid, gid, m_uid, entry.group);
-    entry.size = ParseOctalStr(header.size, sizeof(header.size));
-    entry.dataPosition = ftello(m_tarFp.get());
-    entry.typeflag = header.typeflag;
-    return entry;
-}
-
-bool UnTarFile::VerifyChecksum(const tar_header* hdr) {
-    return hdr != nullptr && checksumOf(*hdr) == static_cast<uint32_t>(ParseOctalStr(
-                                                     hdr->chksum, sizeof(hdr->chksum)));
-}
-
-bool UnTarFile::IsValidTarBlock(const tar_header* hdr) {
-    if (hdr == nullptr) {
-        return false;
+// False when the task was aborted.
+bool UnTarFile::handleEntry(const TarEntry& entry, EParseType type, EntryUnpacker& unpacker,
+                            char* path) {
+    if (entry.isLongString()) {
+        m_reader.keepLongString(entry);
+        return true;
     }
-    if (strncmp(hdr->magic, "ustar", kMagicLength) != 0 || !VerifyChecksum(hdr)) {
-        ALOGE("Invalid tar format.\n");
-        return false;
+    m_reader.dropLongStrings();
+    if (type == PARSE_UNPACK) {
+        return unpacker.unpack(entry, path);
+    }
+    // Data of what is no file is not skipped: what is in it is listed like the archive's headers.
+    if (type == PARSE_LIST && isRegular(entry.typeflag)) {
+        m_fileNames.push_back(entry.name);
+        m_reader.skipData(entry);
+    }
+    if (!entry.hasLongName && !entry.hasLongLink) {
+        unpacker.applyOwnerAndMode(entry, path);
     }
     return true;
 }
 
-bool UnTarFile::IsEmptyBlock(const char* block) {
-    return block[0] == '\0';
-}
-
-// Reads the text of a long-name record, for the next entry. One that is too long, or cut by the
-// archive's end, is dropped: the entry's own header then names it.
-UnTarFile::Next UnTarFile::readLongString(const Entry& entry, std::optional<std::string>& text) {
-    text.reset();
-    if (entry.size <= kLongestLongName) {
-        char buffer[kTarPathSize] = {};
-        const auto size = static_cast<size_t>(entry.size);
-        if (fread(buffer, 1, size, m_tarFp.get()) == size) {
-            text = buffer;
+int UnTarFile::UnSplitPack(const char* destDir, uint32_t uid) {
+    if (destDir == nullptr) {
+        return kNoDestination;
+    }
+    m_uid = uid;
+    Vector<std::string> slices;
+    int count = 0;
+    const std::string extractionDir = parentOf(destDir);
+    if (!HandleCheckFile(m_tarPath.c_str(), slices, count)) {
+        ALOGE("UnTarFile::UnSplitPack, handleCheckFile %s, num %d failed!", m_tarPath.c_str(),
+              count);
+        return kFailed;
+    }
+    for (const std::string& slice : slices) {
+        if (const int result = unpackSlice(slice.c_str(), extractionDir.c_str()); result != 0) {
+            return result;
+        }
+        if (remove(slice.c_str()) != 0) {
+            ALOGD("delete failed, split tar path %s", slice.c_str());
         }
     }
-    return skipData(entry);
-}
-
-// Builds the path of an entry below `destDir` in `path`, of kTarPathSize bytes. Returns 0, or -1
-// for a path that climbs or is too long.
-int UnTarFile::GenRealPath(const char* destDir, const char* name, char* path) {
-    if (strstr(name, "../") != nullptr) {
-        ALOGE("GenRealPath invalid pathName.");
-        return -1;
-    }
-    const size_t dirLength = strlen(destDir);
-    const bool needsSlash = dirLength == 0 || destDir[dirLength - 1] != '/';
-    const size_t prefixLength = dirLength + (needsSlash ? 1 : 0);
-    const size_t nameLength = strlen(name);
-    const size_t length = prefixLength + nameLength;
-    if (length < 1 || length > kTarPathSize - 1) {
-        return -1;
-    }
-    if (strncpy_s(path, kTarPathSize, destDir, dirLength) != 0) {
-        ALOGE("GenRealPath get realPath error");
-        return -1;
-    }
-    if (needsSlash) {
-        path[dirLength] = '/';
-    }
-    if (strncpy_s(path + prefixLength, kTarPathSize - prefixLength, name, nameLength) != 0) {
-        ALOGE("GenRealPath get realPath by curLen error");
-        return -1;
-    }
+    ALOGD("UnTarFile::UnSplitPack, untar split finish!");
     return 0;
 }
 
-// Goes to the header behind the entry's data, which may lie behind the end of the archive. A size
-// that no file position can hold is where the archive ends.
-UnTarFile::Next UnTarFile::skipData(const Entry& entry) {
-    constexpr auto kLargestPosition = static_cast<uint64_t>(INT64_MAX);
-    const uint64_t blocks = entry.size / kBlockSize + (entry.size % kBlockSize == 0 ? 0 : 1);
-    const auto position = static_cast<uint64_t>(entry.dataPosition);
-    if (blocks > (kLargestPosition - position) / kBlockSize) {
-        return Next::kTruncated;
+// A slice that cannot be opened is passed over: it was there when the set was checked.
+int UnTarFile::unpackSlice(const char* slicePath, const char* destDir) {
+    if (!m_reader.open(slicePath, true)) {
+        return 0;
     }
-    const auto next = static_cast<int64_t>(position + blocks * kBlockSize);
-    return fseeko(m_tarFp.get(), next, SEEK_SET) == 0 ? Next::kHeader : Next::kTruncated;
-}
-
-bool UnTarFile::isWithinSlice() {
-    return m_isSplit && ftello(m_tarFp.get()) - kSliceSlack <= m_tarSize;
-}
-
-// The archive has no more headers. A whole one should have said so with its two empty blocks.
-int UnTarFile::endOfHeaders(size_t got) {
-    ALOGE("read short than 512 expected, got %zu, tarSize %jd\n", got,
-          static_cast<intmax_t>(m_tarSize));
-    return got == 0 && isWithinSlice() ? 0 : -5;
-}
-
-// The data of the last entry is said to end where no archive does.
-int UnTarFile::endBehindArchive() {
-    ALOGE("read short than 512 expected, got %zu, tarSize %jd\n", size_t{0},
-          static_cast<intmax_t>(m_tarSize));
-    return -5;
-}
-
-int UnTarFile::endAtInvalidBlock(const TarBlock& block) {
-    ALOGE("isSplit cur size %jd, tarSize %jd", static_cast<intmax_t>(ftello(m_tarFp.get())),
-          static_cast<intmax_t>(m_tarSize));
-    return isWithinSlice() && IsEmptyBlock(block.bytes()) ? 0 : -3;
+    const int result = ParseTarFile(destDir, PARSE_UNPACK);
+    if (result != 0) {
+        ALOGE("UnTarFile::UnSplitPack, untar split %s failed!", slicePath);
+    } else {
+        ALOGD("UnTarFile::UnSplitPack, untar split %s suc!", slicePath);
+    }
+    m_reader.close();
+    return result;
 }
 
 }  // namespace android::installd

@@ -2,25 +2,20 @@
 // owners mapped to the target application; or lists an archive's files. It knows its TarCallBack
 // and nothing of who is behind it.
 //
-// Archives are hostile bytes: every read of one stays inside the object's own buffers, and every
-// parse moves forward to the archive's end. What extraction does with a well-formed entry is what
-// the entry says: it follows links that are there, and sets the owners and modes that are recorded.
+// Archives are hostile bytes: TarReader keeps to that, and refused are only paths that climb or are
+// too long. What extraction does with a well-formed entry is what the entry says.
 //
 // One thread per object. Failures are logged where they are met.
 #pragma once
 
 #include <stdint.h>
-#include <stdio.h>
-#include <utils/Vector.h>
 
-#include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "base/file_handles.h"
+#include "tar/entry_unpacker.h"
 #include "tar/tar_callback.h"
-#include "tar/tar_header.h"
+#include "tar/tar_reader.h"
 
 namespace android::installd {
 
@@ -70,60 +65,15 @@ class UnTarFile {
     int ParseTarFile(const char* destDir, EParseType type);
 
   private:
-    struct Entry;
-
-    // What comes after an entry.
-    enum class Next { kHeader, kEnd, kTruncated };
-
-    // Reading: tar/untar_file.cpp
-    void openStream(const char* path);
-    void measure();
-    size_t readBlock(TarBlock& block);
-    int parseEntries(const char* destDir, EParseType type, char* path);
-    bool VerifyChecksum(const tar_header* hdr);
-    bool IsValidTarBlock(const tar_header* hdr);
-    bool IsEmptyBlock(const char* block);
-    Entry readEntry(const TarBlock& block);
-    Next readLongString(const Entry& entry, std::optional<std::string>& text);
-    int GenRealPath(const char* destDir, const char* name, char* path);
-    Next skipData(const Entry& entry);
-    int endOfHeaders(size_t got);
-    int endBehindArchive();
-    int endAtInvalidBlock(const TarBlock& block);
-    bool isWithinSlice();
-
-    // Entries: tar/untar_entry.cpp
-    Next unpackEntry(const Entry& entry, char* path);
-    Next unpackFile(const Entry& entry, char* path);
-    bool copyContent(const Entry& entry, FILE* target, bool& isAborted);
-    void unpackLink(const Entry& entry, const char* path);
-    void unpackDirectory(const Entry& entry, char* path);
-    Next listEntry(const Entry& entry, EParseType type, const char* path);
-
-    // Slices: tar/untar_split.cpp
     int unpackSlice(const char* slicePath, const char* destDir);
-    bool HandleCheckFile(const char* checkFilePath, Vector<std::string>& slices, int& count);
-    bool CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices);
+    bool handleEntry(const TarEntry& entry, EParseType type, EntryUnpacker& unpacker, char* path);
 
-    std::unique_ptr<char[]> m_tarBuf;  // the stream's, from the first archive on; outlives it
-    UniqueFile m_tarFp;
-    int64_t m_tarSize = 0;
-    uint32_t m_uid = 0;
+    NoCallBack m_noCallBack;
+    TarCallBack& m_callBack;
+    TarReader m_reader;
     std::string m_tarPath;
-    bool m_isSplit = false;
-    TarCallBack* const m_callBack;
-    Vector<std::string> m_fileNames;
-    Vector<int64_t> m_fileSizes;
-    Vector<int64_t> m_dataOffsets;
-    std::unique_ptr<char[]> m_copyBuffer;  // kContentChunk bytes, from the first content on
+    uint32_t m_uid = 0;
+    std::vector<std::string> m_fileNames;
 };
-
-// Opens the target of a regular file for writing, at its end for the later parts of a cut file.
-// Makes the parent directory, with the file's mode, when it is missing: one level, no more. Returns
-// null on failure. `path` is changed and restored.
-FILE* CreateFile(char* path, uint32_t mode, char typeflag);
-
-// Makes one directory when it is missing. Cuts a trailing '/' off `path`. Returns 0 or mkdir's -1.
-int CreateDir(char* path, uint32_t mode);
 
 }  // namespace android::installd

@@ -22,7 +22,7 @@ echo hello >"$work/device/data/app/file"
 "$prefix/bin/peltexctl" --data "$work/device" restore tar /data/data/backup/app.tar /data/data/back
 cmp "$work/device/data/app/file" "$work/device/data/back/file"
 
-cmake -S "$sources" -B "$work/by-cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$1" \
+cmake -G Ninja -S "$sources" -B "$work/by-cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$1" \
     -DCMAKE_CXX_FLAGS="${*:2}" >/dev/null
 cmake --build "$work/by-cmake" >/dev/null
 

@@ -16,6 +16,7 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <new>
 #include <utility>

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/fast_waits.h"
 #include "tests/support/service_test.h"
 
@@ -136,6 +138,7 @@ TEST_F(SplitHandOffTest, SevenWaitsWithoutAWordAbortTheTask) {
     EXPECT_EQ(client->waitForEnd(task), -1);
     EXPECT_EQ(told(task), (Lines{"1 processTask start", "4 " + slice("app", 0), "5 timout caused",
                                  "-1 processTask finish"}));
+    EXPECT_TRUE(exists(slice("app", 0)));
     EXPECT_EQ(waitsSeen(), 7);
     EXPECT_EQ(messagesOf(log, ANDROID_LOG_INFO)[0], "timeout abort task " + std::to_string(task));
 }
@@ -167,6 +170,7 @@ TEST_F(SplitHandOffTest, AnAbortEndsThePauseAtOnce) {
     std::sort(texts.begin(), texts.end());  // the worker and the abort tell at the same time
     EXPECT_EQ(texts, (Lines{"-1 processTask finish", "1 processTask start", "2 ",
                             "4 " + slice("app", 0)}));
+    EXPECT_TRUE(exists(slice("app", 0)));
     EXPECT_EQ(waitsSeen(), 1);
 }
 
@@ -176,6 +180,7 @@ TEST_F(SplitHandOffTest, TheSessionsEndEndsThePauseAtOnce) {
     EXPECT_EQ(client->waitForEnd(task), -1);
     EXPECT_EQ(told(task),
               (Lines{"1 processTask start", "4 " + slice("app", 0), "-1 processTask finish"}));
+    EXPECT_TRUE(exists(slice("app", 0)));
     EXPECT_TRUE(workersEnd());
 }
 

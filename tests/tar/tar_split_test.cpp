@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "tar/check_file.h"
 #include "tar/tar_file.h"
 #include "tar/untar_file.h"
 #include "tests/support/tar_test.h"
@@ -239,12 +240,10 @@ TEST_F(TarSplitTest, ANegativeSliceSizeGoesOnUntilItIsAborted) {
     EXPECT_FALSE(pack("2048"));
     EXPECT_EQ(callBack.slices, (Lines{slice(0), slice(1), slice(2), slice(3)}));
     EXPECT_EQ(headersOf(readFile(slice(2))).size(), 1u);
-    EXPECT_EQ(left(), (Lines{"app.tar.0", "app.tar.1", "app.tar.2"}));
+    EXPECT_EQ(left(), (Lines{"app.tar.0", "app.tar.1", "app.tar.2", "app.tar.3"}));
 }
 
-// The slice that is removed is the last one opened, also when it has been handed over, until all
-// are finished.
-TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
+TEST_F(TarSplitTest, FailuresLeaveTheSlicesThatWereHandedOver) {
     const std::string file = tree / "src/file";
     const auto abort = [this] { callBack.isAborted = true; };
     const auto abortLater = [this] { callBack.isAborted = callBack.slices.size() == 1; };
@@ -266,7 +265,7 @@ TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
         std::string error;
     } rows[] = {
         {"abort in a file", "", abortLater, none, {".0"}, {"app.tar.0"}, content},
-        {"abort while waiting", "", none, abort, {".0"}, {}, data},
+        {"abort while waiting", "", none, abort, {".0"}, {"app.tar.0"}, data},
         {"file gone", "", none, lose, {".0"}, {"app.tar.0"}, lost},
         {"first label", ".0", none, none, {}, {}, label + ".0 error!"},
         {"last label", ".1", none, none, {".0"}, {"app.tar.0"}, label + ".1 error!"},
@@ -296,6 +295,21 @@ TEST_F(TarSplitTest, FailuresLeaveTheSlicesBeforeTheCurrentOne) {
         EXPECT_EQ(left(), row.left);
         ASSERT_FALSE(errors().empty());
         EXPECT_EQ(errors()[0].substr(0, row.error.size()), row.error);
+    }
+}
+
+// What is still in the stream's buffer has to get out before a slice counts as finished.
+TEST_F(TarSplitTest, AFullDiskTakesTheSliceThatIsWrittenAway) {
+    for (const size_t behindSlice : {size_t{kChunk}, size_t{10}}) {
+        SCOPED_TRACE(behindSlice);
+        writeFile(tree / "src/file", std::string(size_t{kSlice} + behindSlice, 'c'));
+        emptyOut();
+        makeLink("/dev/full", slice(1));
+        callBack = RecordingCallBack();
+        EXPECT_FALSE(pack());
+        EXPECT_EQ(callBack.slices, Lines{slice(0)});
+        EXPECT_EQ(left(), Lines{"app.tar.0"});
+        ASSERT_FALSE(errors().empty());
     }
 }
 

@@ -242,10 +242,7 @@ int Main(int argc, char** argv) {
         if (app.got_subcommand(row.name)) {
             options.task.subcommand = row.name;
             HoldSignals();
-            const SignalScope signals([](int /*times*/) {
-                TellLast("interrupted");
-                _exit(kInterrupted);
-            });
+            const SignalScope signals([](int /*times*/) { EndInterrupted("interrupted"); });
             return row.run(options);
         }
     }

@@ -1,15 +1,15 @@
-// Restoring a split archive: the check file says which slices there are; all are checked before the
-// first is unpacked, and each is removed when it has been.
 // Tested by tests/tar/tar_split_test.cpp.
+#include "tar/check_file.h"
+
 #include <log/log.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/error_text.h"
+#include "base/file_handles.h"
 #include "base/numbers.h"
 #include "bounded/bounded.h"
-#include "tar/untar_file.h"
 
 namespace android::installd {
 
@@ -17,58 +17,44 @@ namespace {
 
 constexpr size_t kLineSize = 2048;
 
-// The text before the last '/', all of it where there is none.
-std::string parentOf(const char* path) {
-    const std::string text = path;
-    return text.substr(0, text.rfind('/'));
-}
-
 }  // namespace
 
-int UnTarFile::UnSplitPack(const char* destDir, uint32_t uid) {
-    if (destDir == nullptr) {
-        return -2;
-    }
-    m_uid = uid;
-    m_isSplit = true;
-    Vector<std::string> slices;
-    int count = 0;
-    const std::string extractionDir = parentOf(destDir);
-    if (!HandleCheckFile(m_tarPath.c_str(), slices, count)) {
-        ALOGE("UnTarFile::UnSplitPack, handleCheckFile %s, num %d failed!", m_tarPath.c_str(),
-              count);
-        return -1;
-    }
-    for (const std::string& slice : slices) {
-        if (const int result = unpackSlice(slice.c_str(), extractionDir.c_str()); result != 0) {
-            return result;
-        }
-        if (remove(slice.c_str()) != 0) {
-            ALOGD("delete failed, split tar path %s", slice.c_str());
-        }
-    }
-    ALOGD("UnTarFile::UnSplitPack, untar split finish!");
-    return 0;
+std::string UdtoString(unsigned int value) {
+    return std::to_string(value);
 }
 
-// A slice that cannot be opened is passed over: it was there when the set was checked.
-int UnTarFile::unpackSlice(const char* slicePath, const char* destDir) {
-    openStream(slicePath);
-    if (m_tarFp == nullptr) {
-        return 0;
+std::string HandleSplitInfo(std::string basePath, unsigned long long size, unsigned int index) {
+    if (size == 0) {
+        ALOGE("tar size is 0");
+        return "";
     }
-    const int result = ParseTarFile(destDir, PARSE_UNPACK);
-    if (result != 0) {
-        ALOGE("UnTarFile::UnSplitPack, untar split %s failed!", slicePath);
-    } else {
-        ALOGD("UnTarFile::UnSplitPack, untar split %s suc!", slicePath);
-    }
-    m_tarFp.reset();
-    return result;
+    basePath.erase(0, basePath.rfind('/') + 1);
+    return basePath + "." + UdtoString(index) + "|" + std::to_string(size) + "\n";
 }
 
-bool UnTarFile::HandleCheckFile(const char* checkFilePath, Vector<std::string>& slices,
-                                int& count) {
+bool writeCheckFile(const std::string& path, const std::string& basePath,
+                    const Vector<long>& sizes) {
+    const UniqueFile file(fopen(path.c_str(), "wb+e"));
+    if (file == nullptr) {
+        ALOGE("TarFile::createCheckFile: open splitted tar info file: %s, error: %s", path.c_str(),
+              ErrorText().c_str());
+        return false;
+    }
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        const std::string line = HandleSplitInfo(
+            basePath, static_cast<unsigned long long>(sizes[i]), static_cast<unsigned int>(i));
+        // Each line is brought to the file system: one that stays in a buffer is not written.
+        if (fwrite(line.data(), 1, line.size(), file.get()) < line.size() ||
+            fflush(file.get()) != 0) {
+            ALOGE("TarFile::createCheckFile:write split tar info error ,error: %s",
+                  ErrorText().c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+bool HandleCheckFile(const char* checkFilePath, Vector<std::string>& slices, int& count) {
     if (checkFilePath == nullptr) {
         return false;
     }
@@ -94,7 +80,7 @@ bool UnTarFile::HandleCheckFile(const char* checkFilePath, Vector<std::string>& 
     return true;
 }
 
-bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices) {
+bool CheckSliceTar(const char* line, const char* checkDir, Vector<std::string>& slices) {
     if (line == nullptr) {
         ALOGE("tarInfo is NULL");
         return false;
@@ -126,6 +112,11 @@ bool UnTarFile::CheckSliceTar(const char* line, const char* checkDir, Vector<std
     }
     slices.add(path);
     return true;
+}
+
+std::string parentOf(const char* path) {
+    const std::string text = path;
+    return text.substr(0, text.rfind('/'));
 }
 
 }  // namespace android::installd
