@@ -62,18 +62,8 @@ std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& n
 }
 
 bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
-    if (offset > size_ || size > size_ - offset) {
-        return false;
-    }
-    for (size_t done = 0; done < size;) {
-        const ssize_t count = pread(fd(), static_cast<char*>(buffer) + done, size - done,
-                                    static_cast<off_t>(offset + done));
-        if (count == 0 || (count == -1 && errno != EINTR)) {
-            return false;
-        }
-        done += count > 0 ? static_cast<size_t>(count) : 0;
-    }
-    return true;
+    return offset <= size_ && size <= size_ - offset &&
+           pread(fd(), buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
 }
 
 std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {

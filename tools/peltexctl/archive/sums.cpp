@@ -36,7 +36,7 @@ void* FindFunction(const char* name) {
         dlopen(fmt::format("libcrypto.so.{}", OPENSSL_SHLIB_VERSION).c_str(), RTLD_NOW);
     return library == nullptr ? nullptr : dlsym(library, name);
 }
-#define OPENSSL_FUNCTION(name) reinterpret_cast<decltype(&name)>(FindFunction(#name))
+#define OPENSSL_FUNCTION(name) reinterpret_cast<decltype(&(name))>(FindFunction(#name))
 
 // The sum of all of the file in hexadecimal; empty when it cannot be read.
 std::string SumOf(int fd) {
@@ -74,7 +74,7 @@ std::optional<size_t> IndexOf(const ArchiveSet& set, const std::string& name) {
         return set.size();
     }
     size_t index = 0;
-    std::from_chars(name.data() + name.rfind('.') + 1, name.data() + name.size(), index);
+    std::from_chars(name.data() + (name.rfind('.') + 1), name.data() + name.size(), index);
     index = set.is_check_file() ? index : 0;
     return index < set.size() && set.NameOf(index) == name ? std::optional(index) : std::nullopt;
 }

@@ -171,7 +171,6 @@ class SetVerifier {
     // outside the destination or may.
     void CheckPlace(const ArchiveEntry& entry) {
         const std::string path = entry.Path();
-        const std::string full = (destination_.empty() ? "/" : destination_) + entry.name;
         const std::string_view last = LastComponent(entry);
         const auto is_long = [](std::string_view each) {
             return each.size() - (each.rfind('/') + 1) > kLongestComponent;
@@ -184,7 +183,9 @@ class SetVerifier {
             Fault(entry.name, "a link without a target, which no file system takes");
         } else if (AnyUpwards(path, is_long)) {
             Fault(entry.name, "no file system takes a component of more than 255 bytes");
-        } else if (full.find("/com.tencent.mm/tinker/") != std::string::npos) {
+        } else if (entry.name.find("tinker/") != std::string::npos &&
+                   ((destination_.empty() ? "/" : destination_) + entry.name)
+                           .find("/com.tencent.mm/tinker/") != std::string::npos) {
             Fault(entry.name, "lies in a directory that a restore passes over");
         } else if (!path.empty()) {
             // A restore makes one directory above a file, with what is known: the file's own mode.
