@@ -21,7 +21,7 @@ bounded
 # What is built around it. tests/support is the vocabulary of all tests.
 around="
 platform
-tools          platform bounded base tar
+tools          platform bounded base brief tar
 tests/support  service handlers fileops brief tar task base bounded platform
 tests          tests/support service handlers fileops brief tar task base bounded platform
 fuzz           tests/support service handlers fileops brief tar task base bounded platform

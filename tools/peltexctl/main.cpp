@@ -209,7 +209,8 @@ std::string Describe(const CLI::App& app, const CLI::ParseError& failure) {
         return word.size() > 1 && word[0] == '-';
     });
     if (option != words.end()) {
-        return fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}", *option);
+        return fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}",
+                           *option);
     }
     return app.get_subcommands().empty() && !words.empty() ? NoSubcommand(app) : failure.what();
 }
@@ -241,10 +242,7 @@ int Main(int argc, char** argv) {
         if (app.got_subcommand(row.name)) {
             options.task.subcommand = row.name;
             HoldSignals();
-            const SignalScope signals([](int /*times*/) {
-                TellLast("interrupted");
-                _exit(kInterrupted);
-            });
+            const SignalScope signals([](int /*times*/) { EndInterrupted("interrupted"); });
             return row.run(options);
         }
     }

@@ -91,10 +91,10 @@ class Output {
     }
 
     [[noreturn]] void Interrupt() {
-        TellLast(fmt::format(file_.Discard() ? "interrupted: nothing of {} is left"
-                                             : "interrupted: {} is left as far as it was written",
-                             path_));
-        _exit(kInterrupted);
+        EndInterrupted(fmt::format(file_.Discard()
+                                       ? "interrupted: nothing of {} is left"
+                                       : "interrupted: {} is left as far as it was written",
+                                   path_));
     }
 
   private:

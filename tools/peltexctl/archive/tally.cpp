@@ -19,9 +19,8 @@ class Hash {
         TakeByte(0);
     }
     void Take(uint64_t number) {
-        for (int shift = 0; shift < 64; shift += 8) {
-            TakeByte(static_cast<unsigned char>(number >> shift));
-        }
+        value_ = (value_ ^ number) * 0x9FB21C651E98DF25;
+        value_ ^= value_ >> 32;
     }
     uint64_t Finish() const {
         uint64_t value = value_;

@@ -81,8 +81,7 @@ class Shell {
     int Run() {
         const SignalScope signals([this](int /*times*/) {
             const std::string left = tasks.DescribeUnfinished();
-            TellLast("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
-            _exit(kInterrupted);
+            EndInterrupted("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
         });
         OpenSession();
         std::string line;

@@ -116,11 +116,9 @@ uint64_t ReadPosition(const std::string& path) {
         return 0;
     }
     ForEachName(list, [&](const char* name) {
-        struct stat status = {};
         std::string key;
         uint64_t value = 0;
-        if (fstat(std::atoi(name), &status) == 0 && status.st_ino == file.st_ino &&
-            status.st_dev == file.st_dev &&
+        if (IdOf(std::string("/proc/self/fd/") + name) == FileId(file.st_dev, file.st_ino) &&
             std::ifstream(std::string("/proc/self/fdinfo/") + name) >> key >> value) {
             position = std::max(position, value);
         }

@@ -37,9 +37,8 @@ class TaskCommand {
     // Returns the program's exit status. Throws Failure.
     int Run(const Library& library, const TaskOutput& output) {
         const SignalScope signals([this](int /*times*/) {
-            TellLast(is_over_ ? "interrupted: it is done, but not checked"
-                              : "interrupted: nothing was begun");
-            _exit(kInterrupted);
+            EndInterrupted(is_over_ ? "interrupted: it is done, but not checked"
+                                    : "interrupted: nothing was begun");
         });
         RefuseAll();
         Prepare();

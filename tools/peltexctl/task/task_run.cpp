@@ -260,8 +260,7 @@ int TaskRun::End(bool succeeded) {
 // FIFO.
 void TaskRun::Interrupt(int times) {
     if (times > 1) {
-        TellLast(left_unfinished_);
-        _exit(kInterrupted);
+        EndInterrupted(left_unfinished_);
     }
     is_interrupted_ = true;
     const std::lock_guard lock(mutex_);

@@ -4,11 +4,13 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string_view>
 
+#include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -44,12 +46,15 @@ void PrintError(const std::string& message) {
     fmt::print(stderr, "{} {}\n", Paint(stderr, Colour::kRed, "peltexctl:"), EscapeBytes(message));
 }
 
-void TellLast(const std::string& message) {
+void EndInterrupted(const std::string& message) {
     const std::string line = fmt::format("peltexctl: {}\n", EscapeBytes(message));
     pollfd ready = {STDERR_FILENO, POLLOUT, 0};
     if (poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT) != 0) {
         [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.data(), line.size());
     }
+    // Past those who would flush streams, which may wait for a reader.
+    syscall(SYS_exit_group, kInterrupted);
+    __builtin_unreachable();
 }
 
 }  // namespace peltexctl

@@ -25,8 +25,8 @@ size_t Columns(FILE* stream);
 // "peltexctl: MESSAGE" on standard error, as one line whatever bytes are in it.
 void PrintError(const std::string& message);
 
-// The same for a program that ends: takes no lock and waits for nobody. What a full pipe does not
-// take is not told.
-void TellLast(const std::string& message);
+// Ends the program as interrupted with the same, from any thread: takes no lock and waits for
+// nobody. What a full pipe does not take is not told.
+[[noreturn]] void EndInterrupted(const std::string& message);
 
 }  // namespace peltexctl
