@@ -27,7 +27,7 @@ struct Area {
 };
 
 // In the order of their tests. The fourth row is reached by no path, since the first admits what it
-// names; it records a grant of its own that would outlive the first row.
+// names: it stands for a grant of its own, should the first be narrowed.
 constexpr Area kAllowedAreas[] = {
     {Match::kPrefix, "/data/data"},
     {Match::kPrefix, "/data/misc/wifi"},

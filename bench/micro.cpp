@@ -138,7 +138,7 @@ void FilterPaths(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(FilterPaths)->Arg(10)->Arg(1000);
+BENCHMARK(FilterPaths)->Arg(10)->Arg(1000)->Arg(10000);
 
 void Excluded(benchmark::State& state) {
     const Vector<std::string> rules = folders(state.range(0), "");

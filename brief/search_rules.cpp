@@ -4,6 +4,7 @@
 #include "brief/search_rules.h"
 
 #include <log/log.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -21,24 +22,22 @@ constexpr char kExclude[] = "[exclude]";
 constexpr size_t kTagLength = sizeof(kInclude) - 1;
 static_assert(sizeof(kInclude) == sizeof(kExclude), "both tags are cut off alike");
 
+// memmem is several times as fast as std::string::find.
 bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
+    return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-bool endsIn(std::string_view text, std::string_view ending) {
-    return text.size() >= ending.size() &&
-           text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
-bool isLessFromTheEnd(std::string_view a, std::string_view b) {
-    return std::lexicographical_compare(a.rbegin(), a.rend(), b.rbegin(), b.rend());
+bool beginsWith(std::string_view text, std::string_view beginning) {
+    return text.substr(0, beginning.size()) == beginning;
 }
 
 // Whether some text of which `entries` were made, other than `path` itself, occurs in it.
-bool containsAnother(std::string_view path, const Endings& entries) {
-    for (size_t end = 0; end <= path.size(); ++end) {
-        const std::string_view* entry = entries.find(path.substr(0, end));
-        if (entry != nullptr && *entry != path) {
+bool containsAnother(const std::string& path, const Endings& entries) {
+    const std::string reversed(path.rbegin(), path.rend());
+    for (size_t behind = 0; behind <= reversed.size(); ++behind) {
+        const std::optional<Endings::Found> entry =
+            entries.findReversed(std::string_view(reversed).substr(behind));
+        if (entry && entry->length != path.size()) {
             return true;
         }
     }
@@ -63,8 +62,8 @@ void appendLine(std::string line, Vector<std::string>& includes, Vector<std::str
 }
 
 // An exclude is kept when some include does not contain it. Each is taken once: how often it stands
-// in the list changes nothing. Plain loops do: excludes of which none contains another begin at
-// different bytes of an include, so one include holds 2047 of them at most, and settles all others.
+// in the list changes nothing. Plain loops do: of excludes that do not contain one another, no
+// include holds more than it has bytes, and the others are settled by the first.
 void keepUsefulExcludes(const Vector<std::string>& includes, const Vector<std::string>& excludes,
                         Vector<std::string>& result) {
     for (const std::string& exclude : excludes) {
@@ -89,44 +88,68 @@ void cutLastCharacters(Vector<std::string>& paths) {
 
 // Reversed, a text that ends in another begins with it, and in their order stands behind it with
 // nothing in between but what begins with it, too.
-Endings::Endings(const Vector<std::string>& texts) : mTexts(texts.begin(), texts.end()) {
-    std::stable_sort(mTexts.begin(), mTexts.end(), isLessFromTheEnd);
+Endings::Endings(const Vector<std::string>& texts) {
+    size_t bytes = 0;
+    for (const std::string& text : texts) {
+        bytes += text.size();
+    }
+    mBytes.reserve(bytes);
+    mTexts.reserve(texts.size());
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const std::string_view reversed(mBytes.data() + mBytes.size(), texts[i].size());
+        mBytes.insert(mBytes.end(), texts[i].rbegin(), texts[i].rend());
+        mTexts.push_back({reversed, i});
+    }
+    std::stable_sort(mTexts.begin(), mTexts.end(),
+                     [](const Text& a, const Text& b) { return a.reversed < b.reversed; });
     size_t kept = 0;
-    for (const std::string_view text : mTexts) {
-        if (kept == 0 || !endsIn(text, mTexts[kept - 1])) {
+    for (const Text& text : mTexts) {
+        if (kept == 0 || !beginsWith(text.reversed, mTexts[kept - 1].reversed)) {
             mTexts[kept++] = text;
         }
     }
     mTexts.resize(kept);
 }
 
-const std::string_view* Endings::find(std::string_view text) const {
-    const auto behind = std::upper_bound(mTexts.begin(), mTexts.end(), text, isLessFromTheEnd);
-    return behind != mTexts.begin() && endsIn(text, *(behind - 1)) ? &*(behind - 1) : nullptr;
+std::optional<Endings::Found> Endings::findReversed(std::string_view reversed) const {
+    const auto behind = std::upper_bound(
+        mTexts.begin(), mTexts.end(), reversed,
+        [](std::string_view text, const Text& kept) { return text < kept.reversed; });
+    if (behind == mTexts.begin() || !beginsWith(reversed, (behind - 1)->reversed)) {
+        return std::nullopt;
+    }
+    return Found{(behind - 1)->index, (behind - 1)->reversed.size()};
 }
 
 bool ExcludeRules::cover(std::string_view path) const {
     if (mFolders.isEmpty()) {
         return false;
     }
-    for (size_t slash = path.find('/'); slash != std::string_view::npos;
-         slash = path.find('/', slash + 1)) {
-        if (mFolders.find(path.substr(0, slash)) != nullptr) {
+    const std::string reversed(path.rbegin(), path.rend());
+    const std::string_view rest = reversed;
+    if (rest.empty() || rest[0] != '/') {
+        if (mFolders.findReversed(rest)) {
             return true;
         }
     }
-    return (path.empty() || path.back() != '/') && mFolders.find(path) != nullptr;
+    for (size_t slash = rest.find('/'); slash != std::string_view::npos;
+         slash = rest.find('/', slash + 1)) {
+        if (mFolders.findReversed(rest.substr(slash + 1))) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void FilterPath(const Vector<std::string>& paths, Vector<std::string>& result) {
     const Endings entries(paths);
     const size_t held = result.size();
-    for (const std::string& path : paths) {
+    for (size_t i = 0; i < paths.size(); ++i) {
         // Of equal entries the first is the one that is in the set.
-        const bool isFirst = entries.find(path)->data() == path.data();
-        if (isFirst && !containsAnother(path, entries) &&
-            std::find(result.begin(), result.begin() + held, path) == result.begin() + held) {
-            result.add(path);
+        const std::string reversed(paths[i].rbegin(), paths[i].rend());
+        if (entries.findReversed(reversed)->index == i && !containsAnother(paths[i], entries) &&
+            std::find(result.begin(), result.begin() + held, paths[i]) == result.begin() + held) {
+            result.add(paths[i]);
         }
     }
 }

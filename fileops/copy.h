@@ -2,7 +2,8 @@
 // is made here belongs to the task's uid and has kCreatedMode.
 //
 // Both return 0, or -1 after logging why, and undo nothing then. Paths are plain bytes of at most
-// 2047; longer ones are cut silently. Two workers may copy at once for different tasks.
+// 2047. A longer destination is cut silently; a name that has no room fails. Two workers may copy
+// at once for different tasks.
 #pragma once
 
 #include <stdio.h>

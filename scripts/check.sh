@@ -47,8 +47,11 @@ check_format() {
 check_tidy() {
     need_packages $packages_build $packages_clang $packages_lint
     cmake --preset asan >/dev/null
-    sources $(folders "$library") platform tools | grep '\.cpp$' |
-        xargs -P "$(nproc)" -n 1 clang-tidy -p build/asan --quiet 2>/dev/null
+    local linted
+    linted=$(folders "$library$around" | grep -vE '^(tests|fuzz|bench)')
+    sources $linted | grep '\.cpp$' |
+        xargs -P "$(nproc)" -n 1 clang-tidy -p build/asan --quiet \
+            --header-filter="/($(paste -sd '|' <<<"$linted"))/" 2>/dev/null
 }
 
 check_exports() {
@@ -92,12 +95,15 @@ check_sources() {
         compare_sources Android.bp "$tree"
 }
 
-# Includes of the project's own files are in quotes and begin with their folder, those of the platform
-# in angle brackets, open to everybody.
+# The library includes its own files in quotes by their whole path, the platform's in angle brackets.
+# The client and the platform layer have roots of their own, where quoted paths are looked for first.
 check_arrows() {
     local bad
-    bad=$(sources $(folders "$library$around") | xargs grep -nE '^#include "[^"]+/' |
-        awk -v table="$library$around" '
+    bad=$(git ls-files -co --exclude-standard | grep -E '\.(c|cc|cpp|h|hpp|inc)$' |
+        grep -vE "^($(folders "$library$around" | paste -sd '|'))/.*\.(cpp|h)$" || true)
+    [ -z "$bad" ] || fail "these sources are in no folder of the table, or have another ending:"$'\n'"$bad"
+    bad=$(sources $(folders "$library$around") | xargs grep -nE '^[[:space:]]*#[[:space:]]*include' |
+        awk -v table="$library$around" -v library="$library" '
             # folder_of(PATH): the longest folder of the table that PATH is in.
             function folder_of(path, folder, found) {
                 for (folder in below)
@@ -112,21 +118,25 @@ check_arrows() {
                 }
             }
             {
-                match($0, /#include "[^"]+"/)
-                path = substr($0, RSTART + 10, RLENGTH - 11)
+                match($0, /["<][^">]+[">]/)
+                path = substr($0, RSTART + 1, RLENGTH - 2)
+                quoted = substr($0, RSTART, 1) == "\""
                 from = folder_of($0)
                 to = folder_of(path)
-                # The client has folders of its own, below a root of its own.
-                if (from == "tools" && (getline < ("tools/peltexctl/" path)) >= 0) next
-                if (to != "" && index(below[from], " " to " ") == 0) print
+                root = from == "tools" ? "tools/peltexctl/" : from == "platform" ? "platform/" : ""
+                if (quoted && root != "" && (getline < (root path)) >= 0) next
+                if (path ~ /\.\./ || (to != "" && index(below[from], " " to " ") == 0) ||
+                    (to == "" && quoted && index(library, "\n" from " "))) print
             }')
     [ -z "$bad" ] || fail "these includes lead to folders that theirs does not stand on:"$'\n'"$bad"
     check_circles
 }
 
-# Within a folder no file may lead back to itself: tsort names the circle.
+# No folder of the table may lead back to itself, and no file: tsort names the circle.
 check_circles() {
     local circle
+    circle=$(awk '{ for (i = 2; i <= NF; ++i) print $1, $i }' <<<"$library" | tsort 2>&1 >/dev/null) || true
+    [ -z "$circle" ] || fail "the table leads back to:"$'\n'"$circle"
     circle=$(sources $(folders "$library") |
         xargs grep -oE '^#include "[^"]+"' | sed -E 's/:#include "/ /; s/"$//; s/\.(h|cpp) / /; s/\.h$//' |
         awk '$1 != $2' | tsort 2>&1 >/dev/null) || true

@@ -69,8 +69,8 @@ int32_t BackupSessionManager::finishBackupSession(int32_t sessionId) {
         ALOGE("invalid session id=%d", sessionId);
         return COMMAND_FAILED;
     }
-    // The index moves on after a removal too: of two neighbouring tasks of the session the second
-    // stays queued. Clients know the queue this way.
+    // The index moves on after a removal too, so of two neighbouring tasks of the session the
+    // second stays queued: docs/LIMITS.md tells clients what to do about it.
     for (size_t i = 0; i < mPendingTasks.size(); ++i) {
         if (mPendingTasks[i]->sessionId == sessionId) {
             dropped.add(mPendingTasks[i]);
@@ -110,7 +110,7 @@ int32_t BackupSessionManager::processKeepAlive(int32_t sessionId) {
         }
     }
     ALOGD("processKeepAlive: session id[%d] is invalid", sessionId);
-    return COMMAND_NOT_PAUSED;
+    return COMMAND_NO_SPLIT;
 }
 
 ssize_t BackupSessionManager::indexOfSessionLocked(int32_t sessionId) const {

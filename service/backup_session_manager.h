@@ -3,8 +3,8 @@
 //
 // Threads: clients call from any thread, tasks run on the workers. Everything is under mLock unless
 // said otherwise; members whose names end in Locked expect it to be held. Lock order: mLock, then
-// mCallbackLock or a task's own, never the reverse. Handlers run without any of them. What may hold
-// the last reference to a callback is let go without them, too: a callback's destructor is the
+// any of the others or a task's own, never the reverse. Handlers run without any of them. What may
+// hold the last reference to a callback is let go without them, too: a callback's destructor is the
 // client's, and may call in.
 #pragma once
 
@@ -27,11 +27,11 @@ namespace android::installd {
 
 // Why a command got no task and was not done.
 enum CommandResult : int32_t {
-    COMMAND_FAILED = -1,      // unknown session or task; weight out of range; no worker could start
-    COMMAND_NOT_PAUSED = -2,  // nothing to keep alive
-    COMMAND_REFUSED = -3,     // unknown command or kind, wrong number of words, no uid
-    COMMAND_DUPLICATE = -4,   // an equal task is queued or running
-    COMMAND_NOT_WOKEN = -5,   // a paused split backup could not be continued
+    COMMAND_FAILED = -1,     // unknown session or task; weight out of range; no worker could start
+    COMMAND_NO_SPLIT = -2,   // the session runs no split backup to keep alive
+    COMMAND_REFUSED = -3,    // unknown command or kind, wrong number of words, no uid
+    COMMAND_DUPLICATE = -4,  // an equal task is queued or running
+    COMMAND_NOT_WOKEN = -5,  // a paused split backup could not be continued
 };
 
 class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipient {
@@ -68,7 +68,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
 
     // Parses one command line and acts on it, splitting it in place (see service/peltexinstalld.h).
     // Returns a task's id, 0 when the command is done, or a CommandResult. A move without a source
-    // and a brief of an unknown kind are done with nothing done.
+    // and a brief with an unknown option are done with nothing done.
     int32_t executeBackupTask(int32_t sessionId, const std::string& taskCmd) PELTEX_EXCLUDES(mLock);
 
     // Queues a task for the kCommandWords words at `args`. Returns its id or a negative code.
@@ -113,7 +113,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     void exitForIndex(size_t index);
     int32_t checkIsRunning() const;
 
-    // --- What carries out a task: service/task_handlers.cpp. Each is the function of its name in
+    // --- What carries out a task: service/task_dispatch.cpp. Each is the function of its name in
     // handlers/, and in base/path_rules.h. ---
 
     int32_t backupFileBase(sp<BackupTask>& task);
@@ -177,7 +177,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     void settleWorkerLocked(size_t index) PELTEX_REQUIRES(mLock);
     bool isOpenSessionWaitingLocked() const PELTEX_REQUIRES(mLock);
     int32_t runHandler(sp<BackupTask>& task) PELTEX_EXCLUDES(mLock);
-    int32_t applyWeight() PELTEX_EXCLUDES(mLock);
+    int32_t applyWeight() PELTEX_EXCLUDES(mWeightLock);
 
     // The callback of the moment, null for none.
     sp<os::IBackupSessionCallback> currentCallback() const PELTEX_EXCLUDES(mCallbackLock);
@@ -189,10 +189,13 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     mutable Mutex mLock;
     Condition mCond;  // a task was queued, or workers were asked to exit
 
-    // Guards mCallback alone, and no call of it: a callback that takes its time, with mLock held or
-    // without, holds up no other worker's statuses.
+    // What a task needs between its first status and its last is not behind mLock: a callback that
+    // takes its time with mLock held keeps queued tasks from starting, and no running one from its
+    // statuses.
     mutable Mutex mCallbackLock;
     sp<os::IBackupSessionCallback> mCallback PELTEX_GUARDED_BY(mCallbackLock);
+    Mutex mWeightLock;
+    int32_t mWeight PELTEX_GUARDED_BY(mWeightLock) = 100;
 
     Vector<int32_t> mSessions
         PELTEX_GUARDED_BY(mLock);  // ids of the open sessions, in opening order
@@ -201,8 +204,7 @@ class BackupSessionManager : public virtual RefBase, public IBinder::DeathRecipi
     sp<BackupTask> mAbortedTask PELTEX_GUARDED_BY(mLock);  // taken from the queue by a command
     Vector<sp<BackupWorkerThread>> mWorkers;               // constant after construction
     int64_t mDelay PELTEX_GUARDED_BY(mLock) = 0;           // stored for the client, not read
-    int32_t mWeight PELTEX_GUARDED_BY(mLock) = 100;
-    std::atomic<int32_t> mNextId{100};  // of sessions and tasks alike
+    std::atomic<int32_t> mNextId{100};                     // of sessions and tasks alike
 
     // Whether a worker is inside loopOnce, where it still sees what is queued. Set without mLock on
     // the way in, cleared under mLock by the decision that ends the pass.

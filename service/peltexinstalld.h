@@ -2,9 +2,9 @@
 // be called from any thread at any time.
 //
 // The library calls the callback from its worker threads and from inside executeBackupTask, at
-// times with one of its locks held. A callback may take its time, which holds up its own task and
-// at most the commands. It must not call the library, nor wait for a thread that does, nor call
-// exit(), which waits for the workers.
+// times with one of its locks held. A callback may take its time: that holds up its own task, and
+// with a lock held commands and tasks that have not begun. It must not call the library, nor wait
+// for a thread that does, nor call exit(), which waits for the workers.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>

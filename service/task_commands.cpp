@@ -4,7 +4,9 @@
 
 #include <log/log.h>
 #include <string.h>
+#include <utils/AndroidThreads.h>
 
+#include <optional>
 #include <utility>
 
 #include "base/numbers.h"
@@ -27,14 +29,14 @@ bool checkByFileOption(std::string_view option) {
     return option == "byfile";
 }
 
-// The option word chooses the kind of task.
-struct Kind {
+// The option word chooses the type of task.
+struct Option {
     std::string_view command;
     bool (*checkOption)(std::string_view option);
     BackupTaskType type;
 };
 
-constexpr Kind kKinds[] = {
+constexpr Option kOptions[] = {
     {"backup", checkFileOption, BACKUP_FILE},
     {"backup", BackupSessionManager::checkDirOption, BACKUP_DIR},
     {"backup", BackupSessionManager::checkTarOption, BACKUP_TAR},
@@ -50,13 +52,13 @@ constexpr Kind kKinds[] = {
 
 constexpr int32_t kMaxWeight = 100;
 
-const Kind* findKind(std::string_view command, std::string_view option) {
-    for (const Kind& kind : kKinds) {
-        if (command == kind.command && kind.checkOption(option)) {
-            return &kind;
+std::optional<BackupTaskType> findType(std::string_view command, std::string_view word) {
+    for (const Option& option : kOptions) {
+        if (command == option.command && option.checkOption(word)) {
+            return option.type;
         }
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 int32_t numberOf(const std::string& word) {
@@ -135,8 +137,8 @@ int32_t BackupSessionManager::executeBackupTask(int32_t sessionId, const std::st
 }
 
 int32_t BackupSessionManager::runTaskLocked(int32_t sessionId, const std::string* args) {
-    const Kind* kind = findKind(args[0], args[1]);
-    return kind == nullptr ? COMMAND_REFUSED : addTaskLocked(sessionId, kind->type, args);
+    const std::optional<BackupTaskType> type = findType(args[0], args[1]);
+    return type ? addTaskLocked(sessionId, *type, args) : COMMAND_REFUSED;
 }
 
 int32_t BackupSessionManager::runAbortLocked(int32_t /*sessionId*/, const std::string* args) {
@@ -160,10 +162,10 @@ int32_t BackupSessionManager::runKeepAliveLocked(int32_t sessionId, const std::s
     return processKeepAlive(sessionId);
 }
 
-// A brief of an unknown kind is done with nothing done.
+// A brief with an unknown option is done with nothing done.
 int32_t BackupSessionManager::runGetBriefLocked(int32_t sessionId, const std::string* args) {
-    const Kind* kind = findKind(args[0], args[1]);
-    return kind == nullptr ? 0 : addTaskLocked(sessionId, kind->type, args);
+    const std::optional<BackupTaskType> type = findType(args[0], args[1]);
+    return type ? addTaskLocked(sessionId, *type, args) : 0;
 }
 
 int32_t BackupSessionManager::addTaskLocked(int32_t sessionId, BackupTaskType type,
@@ -235,6 +237,7 @@ int32_t BackupSessionManager::setWeightLocked(int32_t weight) {
         ALOGE("setWeight:%d exceed 0~100!!", weight);
         return COMMAND_FAILED;
     }
+    MutexLock lock(mWeightLock);
     mWeight = weight;
     for (size_t i = 0; i < mProcessingTasks.size(); ++i) {
         const size_t index = mProcessingTasks[i]->workerIndex;

@@ -18,6 +18,7 @@
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
+#include <utils/AndroidThreads.h>
 
 #include "base/path_rules.h"
 #include "service/backup_session_manager.h"
@@ -42,7 +43,7 @@ bool BackupWorkerThread::threadLoop() {
 
 bool BackupSessionManager::loopOnce(size_t workerIndex) {
     mInPass[workerIndex] = true;
-    Turn turn;
+    Turn turn = Turn::kNoneLeft;
     sp<BackupTask> task;
     bool isTaken = false;
     {
@@ -56,6 +57,8 @@ bool BackupSessionManager::loopOnce(size_t workerIndex) {
         processTask(task);
         finishTask(task);
     }
+    // Before the pass is over: with the task may go a callback, and its destructor may call in.
+    task.clear();
     endPass(workerIndex);
     return turn != Turn::kNoneLeft;
 }
@@ -138,9 +141,10 @@ bool BackupSessionManager::startWorkerLocked(size_t index) {
 }
 
 // Waits until a worker that was asked to exit between two passes has either ended or come into its
-// next pass. It needs no lock of ours for either and has only a few steps to go, so this is short;
-// once it is in its pass it stays there, because it needs mLock to get any further. A client that
-// waits for mLock meanwhile waits for a thread of lower priority, but for microseconds of its work.
+// next pass. It needs no lock of ours for either, runs nothing of the client's and has only a few
+// steps to go, so this is short; once it is in its pass it stays there, because it needs mLock to
+// get any further. A client that waits for mLock meanwhile waits for a thread of lower priority,
+// but for microseconds of its work.
 void BackupSessionManager::settleWorkerLocked(size_t index) {
     while (mWorkers[index]->isRunning() && mWorkers[index]->exitPending() && !mInPass[index]) {
         nanosleep(&kSettleInterval, nullptr);
@@ -225,9 +229,10 @@ int32_t BackupSessionManager::processTask(sp<BackupTask>& task) {
 }
 
 // Gives this worker the priority of the present weight, which it returns; finishTask takes the
-// priority back. Under mLock, so that a weight that is set meanwhile is not undone by an older one.
+// priority back. Under the weight's lock, so that one that is set meanwhile is not undone by an
+// older one.
 int32_t BackupSessionManager::applyWeight() {
-    MutexLock lock(mLock);
+    MutexLock lock(mWeightLock);
     const int32_t priority = getPrioritybyWeight(mWeight);
     if (androidGetThreadPriority(0) != priority) {
         androidSetThreadPriority(0, priority);

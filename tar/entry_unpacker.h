@@ -1,5 +1,5 @@
-// What an entry of an archive becomes on disk: what a well-formed entry says. Links that are there
-// are followed, and recorded modes set.
+// Makes on disk what an entry of an archive says, whatever that is: links that are there are
+// followed, and recorded modes set.
 #pragma once
 
 #include <stdint.h>

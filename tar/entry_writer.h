@@ -7,12 +7,15 @@
 
 namespace android::installd {
 
-// Each operation writes one entry: its long-name records, its header and, for a file, its content.
+// Each Add operation writes one entry: its long-name records, its header and, for a file, its content.
 // `st` is of the entry itself, not of what a link leads to. False after a failure, which ends the
 // pack, and after an abort.
 class EntryWriter {
   public:
     virtual ~EntryWriter() = default;
+
+    // An entry that is not left out comes now; what no archive holds is not added after it.
+    virtual void Begin(const Place& /*entry*/) {}
 
     virtual bool AddDirectory(const Place& entry, const struct stat& st) = 0;
     virtual bool AddLink(const Place& entry, const struct stat& st) = 0;

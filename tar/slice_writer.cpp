@@ -20,13 +20,11 @@ void tellOf(const Place& file, char typeflag, long size) {
 }  // namespace
 
 bool SliceWriter::AddDirectory(const Place& entry, const struct stat& st) {
-    m_curFile = entry.path();
     tar_header hdr = {};
     return m_headers.fillDirectory(entry, st, hdr) && writeHeaderAlone(entry, hdr);
 }
 
 bool SliceWriter::AddLink(const Place& entry, const struct stat& st) {
-    m_curFile = entry.path();
     tar_header hdr = {};
     return m_headers.fillLink(entry, st, hdr) && writeHeaderAlone(entry, hdr);
 }
@@ -41,7 +39,6 @@ bool SliceWriter::writeHeaderAlone(const Place& entry, const tar_header& hdr) {
 }
 
 bool SliceWriter::AddFile(const Place& entry, const struct stat& st) {
-    m_curFile = entry.path();
     const Part part = FlushTarSizeAndFlag(entry, st.st_size);
     tar_header hdr = {};
     if (!m_headers.fillFile(entry, st, part.typeflag, part.size, hdr)) {

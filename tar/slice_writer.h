@@ -28,6 +28,7 @@ class SliceWriter : public EntryWriter {
                 TarCallBack& callBack)
         : m_slices(slices), m_stream(stream), m_headers(stream, rootPath), m_callBack(callBack) {}
 
+    void Begin(const Place& entry) override { m_curFile = entry.path(); }
     bool AddDirectory(const Place& entry, const struct stat& st) override;
     bool AddLink(const Place& entry, const struct stat& st) override;
     bool AddFile(const Place& entry, const struct stat& st) override;

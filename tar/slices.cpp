@@ -4,7 +4,6 @@
 #include <log/log.h>
 #include <selinux/android.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include <utility>
 

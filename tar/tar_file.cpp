@@ -201,6 +201,7 @@ int TarFile::DoPack(EntryWriter& writer, const Place& entry) {
         ALOGI("TarFile::PackDir, filter file: %s", path);
         return kPackedOrLeftOut;
     }
+    writer.Begin(entry);
     switch (status.st_mode & S_IFMT) {
         case S_IFDIR:
             return writer.AddDirectory(entry, status) ? kPackedDirectory : kPackFailed;

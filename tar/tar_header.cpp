@@ -20,7 +20,7 @@ bool isOctalDigit(char c) {
 
 uint64_t ParseOctalStr(const char* text, unsigned long length) {
     unsigned long left = length;
-    // The count may pass 0 here and wraps then: such a field has no end but the number's own.
+    // The count may pass 0 here and wraps: the number then ends at its first byte that is no digit.
     for (; !isOctalDigit(*text); ++text) {
         --left;
     }

@@ -63,7 +63,8 @@ class TarReader {
     void dropLongStrings();
 
     // Reads `size` bytes of the entry's data behind the `done` that are read. Returns how many
-    // there were.
+    // there were. REQUIRES: the entry is the one that next() found last, and `done` what was read
+    // of it so far.
     size_t readData(const TarEntry& entry, uint64_t done, char* buffer, size_t size);
 
     // Goes to the header behind the entry's data, which may lie behind the end of the archive.

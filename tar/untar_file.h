@@ -2,8 +2,8 @@
 // owners mapped to the target application; or lists an archive's files. It knows its TarCallBack
 // and nothing of who is behind it.
 //
-// Archives are hostile bytes: TarReader keeps to that, and refused are only paths that climb or are
-// too long. What extraction does with a well-formed entry is what the entry says.
+// Archives are hostile bytes: no read leaves the buffers, and entries whose paths climb or are too
+// long end the parse. Any other well-formed entry is unpacked as it says.
 //
 // One thread per object. Failures are logged where they are met.
 #pragma once

@@ -1,4 +1,5 @@
-// Tested by tests/service/commands_test.cpp and tests/fileops/file_operations_test.cpp.
+// Tested by tests/service/commands_test.cpp, tests/service/split_hand_off_test.cpp (the pause) and
+// tests/fileops/file_operations_test.cpp (progress).
 #define LOG_TAG "BackupSessionManager"
 
 #include "task/backup_task.h"

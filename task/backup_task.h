@@ -99,7 +99,8 @@ class BackupTask : public virtual RefBase {
     uint64_t task_copy_len = 0;
     uint64_t lastReportedLen = 0;
 
-    // Only ever goes from false to true: by an abort, the session's end or a time-out.
+    // Only ever goes from false to true: by an abort, the session's end, a time-out or the
+    // manager's end.
     std::atomic<bool> isAborted{false};
 
     const int32_t uid;
@@ -110,7 +111,8 @@ class BackupTask : public virtual RefBase {
     char* realDestPath = nullptr;
 
   private:
-    // How many waits a pause has left when it begins.
+    // How many waits a pause has left behind its first one when it begins. A keep-alive sets it
+    // again, and wakes the worker, which takes one.
     static constexpr int32_t kWaitBudget = 6;
 
     bool waitForResume() PELTEX_REQUIRES(taskLock);

@@ -22,8 +22,7 @@ class IBinder : public virtual RefBase {
     virtual status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
                                  uint32_t flags = 0) = 0;
 
-    // Drops the first link of `recipient` with these flags; a null recipient stands for any one
-    // that was linked with `cookie`. `outRecipient`, where given, receives it.
+    // Drops the first link of `recipient` with these flags.
     // Returns OK, NAME_NOT_FOUND when there is none, DEAD_OBJECT after the death.
     virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
                                    uint32_t flags = 0,

@@ -7,7 +7,7 @@
 namespace android {
 namespace host {
 
-status_t LocalBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,
+status_t LocalBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* /*cookie*/,
                                   uint32_t flags) {
     if (recipient == nullptr) {
         return BAD_VALUE;
@@ -16,26 +16,21 @@ status_t LocalBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* coo
     if (mDead) {
         return DEAD_OBJECT;
     }
-    mLinks.push_back({recipient, cookie, flags});
+    mLinks.push_back({recipient, flags});
     return OK;
 }
 
-status_t LocalBinder::unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie,
-                                    uint32_t flags, wp<DeathRecipient>* outRecipient) {
+status_t LocalBinder::unlinkToDeath(const wp<DeathRecipient>& recipient, void* /*cookie*/,
+                                    uint32_t flags, wp<DeathRecipient>* /*outRecipient*/) {
     const std::lock_guard<std::mutex> lock(mLock);
     if (mDead) {
         return DEAD_OBJECT;
     }
     const auto link = std::find_if(mLinks.begin(), mLinks.end(), [&](const Link& candidate) {
-        const bool named =
-            recipient == nullptr ? candidate.cookie == cookie : candidate.recipient == recipient;
-        return named && candidate.flags == flags;
+        return candidate.recipient == recipient && candidate.flags == flags;
     });
     if (link == mLinks.end()) {
         return NAME_NOT_FOUND;
-    }
-    if (outRecipient != nullptr) {
-        *outRecipient = link->recipient;
     }
     mLinks.erase(link);
     return OK;

@@ -14,7 +14,8 @@ namespace host {
 
 class LocalBinder : public IBinder {
   public:
-    // A null recipient is refused with BAD_VALUE. One that is linked twice is told twice.
+    // A null recipient is refused with BAD_VALUE. One that is linked twice is told twice. Links are
+    // found again by recipient and flags; cookies are not kept.
     status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
                          uint32_t flags = 0) override;
     status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
@@ -27,7 +28,6 @@ class LocalBinder : public IBinder {
   private:
     struct Link {
         wp<DeathRecipient> recipient;
-        void* cookie;
         uint32_t flags;
     };
 

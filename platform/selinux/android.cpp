@@ -1,5 +1,3 @@
-// Tested by tests/platform/platform_test.cpp.
-
 #include <errno.h>
 #include <selinux/android.h>
 #include <sys/stat.h>

@@ -80,8 +80,6 @@ class wp {
         return result;
     }
 
-    void clear() { *this = wp(); }
-
     // The address alone: what it points to may be gone.
     T* unsafe_get() const { return mPtr; }
 

@@ -57,12 +57,12 @@ class ClientThatCallsInWhenItGoes : public TestClient {
     const std::function<void()> mLast;
 };
 
-// The last reference goes with the callback's replacement, or with a queued task that it was given.
+// The last reference goes with the callback's replacement, or with a task that it was given.
 TEST_F(SessionTest, ACallbackIsLetGoWhereItMayCallIn) {
     const int32_t keeper = manager->startBackupSession(client);
     runBlocked(keeper, "one");
     runBlocked(keeper, "two");
-    const std::string drops[] = {"replaced", "aborted", "finished", "refused"};
+    const std::string drops[] = {"replaced", "aborted", "finished", "refused", "run"};
     for (const std::string& drop : drops) {
         SCOPED_TRACE(drop);
         std::atomic<int32_t> answer{-1};
@@ -87,32 +87,58 @@ TEST_F(SessionTest, ACallbackIsLetGoWhereItMayCallIn) {
     letGo("two");
 }
 
+// On the worker that is about to end, which has to be there for it or be replaced.
+TEST_F(SessionTest, ACallbackThatGoesWithItsTaskMayQueueAnother) {
+    const int32_t keeper = manager->startBackupSession(client);
+    std::atomic<int32_t> queued{0};
+    android::sp<TestClient> going =
+        new ClientThatCallsInWhenItGoes([&] { queued = addCopy(keeper, "next"); });
+    const int32_t session = manager->startBackupSession(going);
+    EXPECT_EQ(going->waitFor(addBlocked(session, "one"), 1), 1);
+    going.clear();
+    manager->startBackupSession(client);
+    EXPECT_EQ(manager->finishBackupSession(session), 0);
+    letGo("one");
+    EXPECT_TRUE(eventually([&] { return queued > 0; }));
+    EXPECT_EQ(client->waitForEnd(queued), 0);
+}
+
 class ClientThatWaits : public TestClient {
   public:
     android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
                                                 const std::string& message) override {
-        if (code == 2) {
-            onAbort();
-        }
+        onStatus(task, code);
         return TestClient::onTaskStatusChanged(session, task, code, message);
     }
 
-    std::function<void()> onAbort;
+    std::function<void(int32_t task, int32_t code)> onStatus = [](int32_t, int32_t) {};
 };
 
+// It waits with the manager's lock held, for all statuses of a task that has begun to begin.
 TEST_F(SessionTest, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
     const android::sp<ClientThatWaits> waiting = new ClientThatWaits();
     const int32_t session = manager->startBackupSession(waiting);
-    const int32_t tasks[] = {addBlocked(session, "one"), addBlocked(session, "two")};
-    EXPECT_EQ(waiting->waitFor(tasks[0], 1), 1);
-    EXPECT_EQ(waiting->waitFor(tasks[1], 1), 1);
-    int32_t other = TestClient::kNone;
-    waiting->onAbort = [&] {
-        letGo("two");
-        other = waiting->waitForEnd(tasks[1]);
+    const int32_t first = addBlocked(session, "one");
+    EXPECT_EQ(waiting->waitFor(first, 1), 1);
+    writeFile(tree / "source/file", "x");
+    std::atomic<bool> hasBegun{false};
+    std::atomic<bool> isAborting{false};
+    std::atomic<int32_t> end{TestClient::kNone};
+    waiting->onStatus = [&](int32_t task, int32_t code) {
+        if (task == first && code == 2) {
+            isAborting = true;
+            end = waiting->waitForEnd(first + 1);
+        } else if (task != first && code == 1) {
+            hasBegun = true;
+            eventually([&] { return isAborting.load(); });
+        }
     };
-    EXPECT_EQ(execute(session, "abort " + std::to_string(tasks[0])), 0);
-    EXPECT_EQ(other, 0);
+    const int32_t second =
+        execute(session, "backup tar " + (tree / "source") + " " + (tree / "out") + " s 0");
+    EXPECT_EQ(second, first + 1);
+    EXPECT_TRUE(eventually([&] { return hasBegun.load(); }));
+    EXPECT_EQ(execute(session, "abort " + std::to_string(first)), 0);
+    EXPECT_EQ(end, 0);
     letGo("one");
 }
 
