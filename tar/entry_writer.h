@@ -7,9 +7,9 @@
 
 namespace android::installd {
 
-// Each Add operation writes one entry: its long-name records, its header and, for a file, its content.
-// `st` is of the entry itself, not of what a link leads to. False after a failure, which ends the
-// pack, and after an abort.
+// Each Add operation writes one entry: its long-name records, its header and, for a file, its
+// content. `st` is of the entry itself, not of what a link leads to. False after a failure, which
+// ends the pack, and after an abort.
 class EntryWriter {
   public:
     virtual ~EntryWriter() = default;
