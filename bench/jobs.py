@@ -126,6 +126,15 @@ class Split(Pack):
                 self.clients("backup", "split", source, OUT, "--slice-size", str(SLICE_MIB)))
 
 
+class SlicesOrOne(Split):
+    """What slices cost over our own whole archive."""
+
+    def commands(self):
+        made = super().commands()
+        whole = self.driver(f"backup tar {self.tree.path} {OUT}")
+        return {OURS: made.pop(OURS), "one archive": whole, **made}
+
+
 class Unpack(Job):
     def prepare(self):
         if not os.path.exists(self.archive):

@@ -198,6 +198,9 @@ TEST_F(FileListBriefTest, ManyRulesDoNotHoldTheWorkerUp) {
     for (size_t length = 1; length < 2000; ++length) {
         rules += "[include]/" + std::string(length, 'x') + std::to_string(length) + "\n";
     }
+    for (int i = 0; i < 1000; ++i) {
+        rules += "[include]" + std::to_string(i) + std::string(2000, '/') + "\n";
+    }
     writeFile(tree / "ab/i", "1");
     EXPECT_EQ(briefOf(rules), Lines{"ab/i"});
 }
