@@ -113,8 +113,12 @@ int isDir(const char* path) {
         ALOGE("Failed to isDir, path is NULL or length of path is 0");
         return -1;
     }
+    return isDir(Place(path));
+}
+
+int isDir(const Place& place) {
     struct stat status = {};
-    return isDir(Place(path), status);
+    return isDir(place, status);
 }
 
 int isDir(const Place& place, struct stat& status) {

@@ -26,6 +26,7 @@ int CheckFilePath(const char* path, const char* realOrgPath);
 // Returns 1 for a directory, 0 for anything else but a symbolic link, -1 for a link and on failure.
 // Links are never followed.
 int isDir(const char* path);
+int isDir(const Place& place);
 
 // The same, leaving what was found in `status`, for the functions below that take one.
 int isDir(const Place& place, struct stat& status);

@@ -35,10 +35,12 @@ class BriefWalk {
   private:
     int writeEntries(WalkLevel& level, const ExcludeRules& excludes);
     int writeEntry(const Place& entry);
-    int writeDirectory(const Place& directory, const struct stat& status);
-    int writeFile(const Place& file, const struct stat& status);
+    int writeDirectory(const Place& directory);
+    int writeFile(const Place& file);
 
     PathBuffer mPath;
+    struct stat mStatus = {};     // of the entry looked at last: one for all levels of a deep tree
+    const ExcludeRules mNoRules;  // those of all levels but the first
     FILE* const mAttrFp;
     int64_t& mTotal;
 };
@@ -82,37 +84,37 @@ int BriefWalk::writeEntries(WalkLevel& level, const ExcludeRules& excludes) {
 }
 
 int BriefWalk::writeEntry(const Place& entry) {
-    struct stat status = {};
-    switch (isDir(entry, status)) {
+    switch (isDir(entry, mStatus)) {
         case 0:
-            return writeFile(entry, status);
+            return writeFile(entry);
         case 1:
-            return writeDirectory(entry, status);
+            return writeDirectory(entry);
         default:
             return 0;
     }
 }
 
-int BriefWalk::writeDirectory(const Place& directory, const struct stat& status) {
+int BriefWalk::writeDirectory(const Place& directory) {
     // A name that was cut to fit can have become one of these.
     if (isDotName(directory.name())) {
         return 0;
     }
-    if (do_backup_perm(directory.path(), status, mAttrFp) != 0) {
+    if (do_backup_perm(directory.path(), mStatus, mAttrFp) != 0) {
         return -1;
     }
-    if (write(directory, ExcludeRules()) != 0) {
+    if (write(directory, mNoRules) != 0) {
         ALOGE("Failed to WriteBriefUnderDir, WriteBriefUnderDir(%s) error", directory.path());
         return -1;
     }
     return 0;
 }
 
-int BriefWalk::writeFile(const Place& file, const struct stat& status) {
-    if (filterFile(file.path(), status) == 0 && do_backup_perm(file.path(), status, mAttrFp) != 0) {
+int BriefWalk::writeFile(const Place& file) {
+    if (filterFile(file.path(), mStatus) == 0 &&
+        do_backup_perm(file.path(), mStatus, mAttrFp) != 0) {
         return -1;
     }
-    addSize(status, mTotal);
+    addSize(mStatus, mTotal);
     return 0;
 }
 

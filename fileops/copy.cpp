@@ -147,13 +147,14 @@ class TreeCopier {
     int copyEntries(WalkLevel& level, bool filterLibrary);
     int copyEntry(const WalkLevel& level, bool filterLibrary);
     int copyDirectory(const WalkLevel& level, bool filterLibrary);
-    int copyRegular(const Place& from, const struct stat& status);
+    int copyRegular(const Place& from);
     int handleFailedCopy();
     int writeRecord(const Place& from);
     bool isMove() const { return mTask->taskType == MOVE_DIR; }
 
     PathBuffer mFrom;
     PathBuffer mTo;
+    struct stat mStatus = {};  // of the entry looked at last: one for all levels of a deep tree
     FILE* const mPermFile;
     sp<BackupTask>& mTask;
 };
@@ -204,10 +205,9 @@ int TreeCopier::copyEntries(WalkLevel& level, bool filterLibrary) {
 }
 
 int TreeCopier::copyEntry(const WalkLevel& level, bool filterLibrary) {
-    struct stat status = {};
-    switch (isDir(level.entry(), status)) {
+    switch (isDir(level.entry(), mStatus)) {
         case 0:
-            return copyRegular(level.entry(), status);
+            return copyRegular(level.entry());
         case 1:
             return copyDirectory(level, filterLibrary);
         default:
@@ -242,8 +242,8 @@ int TreeCopier::copyDirectory(const WalkLevel& level, bool filterLibrary) {
     return 0;
 }
 
-int TreeCopier::copyRegular(const Place& from, const struct stat& status) {
-    if (filterFile(from.path(), status) != 0) {
+int TreeCopier::copyRegular(const Place& from) {
+    if (filterFile(from.path(), mStatus) != 0) {
         return 0;
     }
     // A target that is not there yet leads nowhere.
@@ -253,7 +253,7 @@ int TreeCopier::copyRegular(const Place& from, const struct stat& status) {
               mTo.c_str());
         return 0;
     }
-    const Opener opener = S_ISREG(status.st_mode) ? openRegular : openDevice;
+    const Opener opener = S_ISREG(mStatus.st_mode) ? openRegular : openDevice;
     if (copyOpened(from, opener, mTo.c_str(), mTask) != 0) {
         return handleFailedCopy();
     }

@@ -5,7 +5,6 @@
 
 #include <log/log.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/path_buffer.h"
@@ -20,8 +19,7 @@ namespace {
 
 // Returns 0 for an entry that is gone or is left alone, -1 for one that could not be removed.
 int deleteEntry(const Place& entry, PathBuffer& path) {
-    struct stat status = {};
-    const int kind = isDir(entry, status);
+    const int kind = isDir(entry);
     if (kind == 0 && unlinkat(entry.dirFd(), entry.name(), 0) != 0) {
         ALOGE("Failed to deleteDir, remove(%s) error", entry.path());
         return -1;
