@@ -163,6 +163,7 @@ void TaskRun::Heard(const StatusEvent& event) {
     if (event.code != kStatusProgress) {
         const std::lock_guard lock(mutex_);
         has_news_ = true;
+        is_aborted_ = is_aborted_ || event.code == kStatusAborted;
         if (EndsTask(event)) {
             last_code_ = event.code;
         }
@@ -227,7 +228,12 @@ void TaskRun::Stop() {
     if (!events_.json() && !events_.quiet()) {
         view_.Aside([this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
     }
-    Send(fmt::format("abort {}", task_));
+    const int result = Send(fmt::format("abort {}", task_));
+    const std::lock_guard lock(mutex_);
+    // One that has not begun leaves the queue without a status; of a running one it has come.
+    if (result == 0 && !is_aborted_ && !last_code_) {
+        last_code_ = kStatusAborted;
+    }
 }
 
 int TaskRun::End(bool succeeded) {

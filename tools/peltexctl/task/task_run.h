@@ -83,6 +83,7 @@ class TaskRun {
     std::condition_variable changed_;
     // Protected by mutex_.
     bool has_news_ = false;
+    bool is_aborted_ = false;
     std::optional<int> last_code_;  // of the task that has ended
 };
 
