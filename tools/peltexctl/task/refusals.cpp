@@ -97,7 +97,7 @@ void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
                    fmt::join(kAreas, ", "), hint);
         }
     }
-    const std::string source = kind.source_path(request);
+    const std::string source = kind.SourcePath(request);
     if (!StatOf(source) && !request.force) {
         Refuse("{}: does not exist{}{}", source,
                StatOf("/data") ? "" : ", and neither does /data; ", StatOf("/data") ? "" : hint);
@@ -123,7 +123,7 @@ void RefuseTake(const TaskRequest& request) {
 }
 
 void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
-    const std::string from = kind.source_path(request);
+    const std::string from = kind.SourcePath(request);
     const std::optional<struct stat> source = StatOf(from);
     const bool is_tree = kind.source == Source::kTree || kind.source == Source::kRecords;
     if (!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode)) {
@@ -131,8 +131,7 @@ void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
     }
     if (kind.Copies()) {
         const bool is_file = kind.source == Source::kFile;
-        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.result_path(request),
-                           is_file);
+        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request), is_file);
     }
     if (kind.source == Source::kRecords) {
         RefuseRecords(from, request.destination);

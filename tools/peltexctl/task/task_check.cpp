@@ -18,6 +18,7 @@
 #include "brief/search_rules.h"
 #include "task/records.h"
 #include "ui/exit_code.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -119,7 +120,7 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       request_(request),
       set_(set),
       tick_(std::move(tick)),
-      source_(kind.source_path(request)),
+      source_(kind.SourcePath(request)),
       set_faults_(std::make_unique<Differences>()),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
@@ -322,7 +323,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
     options.rules = kind_.leaves_out;
     options.modes = kind_.source == Source::kTree ? kind_.modes : Modes::kNone;
     if (kind_.result == Result::kSet) {
-        options.own = IdOf(kind_.result_path(request_));
+        options.own = IdOf(kind_.ResultPath(request_));
     }
     if (kind_.IsBrief()) {
         // It is listed as far as it is written by then.
@@ -350,8 +351,7 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
                 left_out(LeftOut::kLink, path);
             } else if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
                 left_out(LeftOut::kSpecial, path);
-            } else if (!record.is_directory && path.size() >= 4 &&
-                       path.compare(path.size() - 4, 4, ".dex") == 0) {
+            } else if (!record.is_directory && EndsWith(path, ".dex")) {
                 left_out(LeftOut::kDex, path);
             } else if (!below.empty()) {
                 entries(WithoutMode(EntryOf(below, status)));

@@ -111,7 +111,7 @@ class TaskCommand {
                 BackupFiles(directory, NameOf(request_.source) + ".tar").Remove(kind_.HandsOver());
             }
         }
-        options_.source = request_.source;
+        options_.command = kind_.Command(request_);
         options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
         if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
             events_.Note(
@@ -136,7 +136,9 @@ class TaskCommand {
                 events_.Note(left + ": left by a restore that was killed, removed");
             }
             links_->Make(request_.destination);
-            options_.source = links_->CheckFile();
+            TaskRequest of_links = request_;
+            of_links.source = links_->CheckFile();
+            options_.command = kind_.Command(of_links);
             options_.left_too = "; " + links_->path() + " is left, which the next restore removes";
         }
     }
@@ -144,7 +146,7 @@ class TaskCommand {
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
     int Conclude(const TaskRun::Result& result) {
-        const std::string result_path = kind_.result_path(request_);
+        const std::string result_path = kind_.ResultPath(request_);
         const std::string written =
             request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
         const bool is_whole = !check_ || Check(written);

@@ -21,11 +21,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kTick{100};
 
-std::string Compose(const TaskKind& kind, TaskRequest request, const std::string& source) {
-    request.source = source;
-    return kind.compose(kind, request);
-}
-
 enum class Ending {
     kSucceeded,  // in spite of the abort
     kFailed,
@@ -57,7 +52,7 @@ std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& re
 }
 
 std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Ending ending) {
-    const std::string result = kind.result_path(request);
+    const std::string result = kind.ResultPath(request);
     if (kind.Unpacks()) {
         return fmt::format("what was unpacked is in {}{}", request.destination,
                            kind.RestoresSlices() ? ", the set is as it was" : "");
@@ -91,7 +86,7 @@ TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest
     : kind_(kind),
       request_(request),
       options_(options),
-      command_(Compose(kind, request, options.source)),
+      command_(options.command),
       events_(*events),
       view_(*view),
       slices_(kind.HandsOver()

@@ -13,7 +13,6 @@
 #include <optional>
 #include <string>
 
-#include "task/library.h"
 #include "task/session_client.h"
 #include "task/slice_hand_over.h"
 #include "task/task_kinds.h"
@@ -26,7 +25,7 @@ namespace peltexctl {
 class TaskRun {
   public:
     struct Options {
-        std::string source;                    // what the library is given for the request's
+        std::string command;
         uint64_t total = 0;                    // bytes to be expected; 0 if that is not known
         std::function<uint64_t()> bytes_read;  // of a restore, whose progress tells no bytes
         std::string left_too;                  // what else an unfinished task leaves

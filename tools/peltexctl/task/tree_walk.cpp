@@ -5,15 +5,12 @@
 #include <unistd.h>
 
 #include <climits>
-#include <cstring>
+
+#include "ui/text.h"
 
 namespace peltexctl {
 
 namespace {
-
-bool EndsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
 
 class Walk {
   public:
