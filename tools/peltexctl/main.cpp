@@ -41,6 +41,9 @@ struct Options {
 // Loads the library before the mount, so that its path means what it means to the caller, and
 // makes the mount before the library has a thread.
 Library SetUp(const Options& options) {
+    if (access("/proc/self/fd", F_OK) != 0) {
+        throw Failure(kNoLibraryOrData, "/proc is not mounted, which the library needs");
+    }
     const Library library = LoadLibrary(options.library);
     if (options.data) {
         MountData(*options.data);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "base/path_rules.h"
 #include "task/backup_files.h"
@@ -84,7 +85,13 @@ void RefuseRecords(const std::string& copy, const std::string& destination) {
     }
 }
 
-}  // namespace
+void RefuseTake(const TaskRequest& request) {
+    const std::optional<FileId> take = IdOf(request.take);
+    if (!request.take.empty() &&
+        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
+        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
+    }
+}
 
 void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
     const char* const hint = "use --data DIR to show a directory as /data";
@@ -101,24 +108,6 @@ void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
     if (!StatOf(source) && !request.force) {
         Refuse("{}: does not exist{}{}", source,
                StatOf("/data") ? "" : ", and neither does /data; ", StatOf("/data") ? "" : hint);
-    }
-}
-
-void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
-    if (kind.RestoresSlices() && !set.is_check_file()) {
-        Refuse("{} is {}: restore split takes the check file, NAME.tar.txt", set.path(),
-               set.kind() == ArchiveSet::Kind::kSlice ? "a slice" : "an archive");
-    }
-    if (!kind.RestoresSlices() && set.is_check_file()) {
-        Refuse("{} is a check file: restore split takes it", set.path());
-    }
-}
-
-void RefuseTake(const TaskRequest& request) {
-    const std::optional<FileId> take = IdOf(request.take);
-    if (!request.take.empty() &&
-        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
-        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
     }
 }
 
@@ -139,13 +128,39 @@ void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
 }
 
 void RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
+    if (kind.result != Result::kSet) {
+        return;
+    }
     for (const std::string& directory : {request.destination, request.take}) {
-        const BackupFiles old(directory, NameOf(request.source) + ".tar");
-        const std::string first = kind.result == Result::kSet ? old.First(kind.HandsOver()) : "";
-        if (!first.empty()) {
-            Refuse("{}: is there already; --replace writes over {}", first,
+        const std::vector<std::string> old = BackupFiles(
+            OpenDirectory(directory), NameOf(request.source) + ".tar", kind.HandsOver());
+        if (!old.empty()) {
+            Refuse("{}/{}: is there already; --replace writes over {}", directory, old[0],
                    kind.HandsOver() ? "the set" : "it");
         }
+    }
+}
+
+}  // namespace
+
+void RefuseRequest(const TaskKind& kind, const TaskRequest& request) {
+    RefuseTake(request);
+    RefusePaths(kind, request);
+    if (!request.force) {
+        RefuseLoss(kind, request);
+    }
+    if (!request.replace) {
+        RefuseReplacing(kind, request);
+    }
+}
+
+void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
+    if (kind.RestoresSlices() && !set.is_check_file()) {
+        Refuse("{} is {}: restore split takes the check file, NAME.tar.txt", set.path(),
+               set.kind() == ArchiveSet::Kind::kSlice ? "a slice" : "an archive");
+    }
+    if (!kind.RestoresSlices() && set.is_check_file()) {
+        Refuse("{} is a check file: restore split takes it", set.path());
     }
 }
 

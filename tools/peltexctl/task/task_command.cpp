@@ -46,28 +46,21 @@ class TaskCommand {
         // Never destroyed: the last callback may be on its way out.
         static TaskRun* const run =
             new TaskRun(library, kind_, request_, options_, &events_, &view_);
-        const TaskRun::Result result = run->Run();
-        if (result.status != kDone) {
+        TaskSummary summary;
+        if (const int status = run->Run(&summary); status != kDone) {
             made_.Remove();
-            return result.status;
+            return status;
         }
         is_over_ = true;
-        return Conclude(result);
+        return Conclude(summary);
     }
 
   private:
     // Changes nothing.
     void RefuseAll() {
-        RefuseTake(request_);
-        RefusePaths(kind_, request_);
+        RefuseRequest(kind_, request_);
         if (kind_.Unpacks()) {
             OpenSet();
-        }
-        if (!request_.force) {
-            RefuseLoss(kind_, request_);
-        }
-        if (!request_.replace) {
-            RefuseReplacing(kind_, request_);
         }
         if (request_.no_verify) {
             return;
@@ -108,16 +101,18 @@ class TaskCommand {
     void Prepare() {
         if (request_.replace) {
             for (const std::string& directory : {request_.destination, request_.take}) {
-                BackupFiles(directory, NameOf(request_.source) + ".tar").Remove(kind_.HandsOver());
+                const UniqueFd held = OpenDirectory(directory);
+                RemoveFiles(held.get(),
+                            BackupFiles(held, NameOf(request_.source) + ".tar", kind_.HandsOver()));
             }
         }
         options_.command = kind_.Command(request_);
         options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
         if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
-            events_.Note(
-                fmt::format("you are not root: what is restored belongs to uid {}, and "
-                            "other owners are not given",
-                            geteuid()));
+            events_.Note(fmt::format(
+                "you are not root: what is restored belongs to uid {}, and other owners "
+                "and the set-group-id bits of groups that are not yours are not given",
+                geteuid()));
         }
         if (!kind_.Unpacks()) {
             return;
@@ -145,7 +140,7 @@ class TaskCommand {
 
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
-    int Conclude(const TaskRun::Result& result) {
+    int Conclude(TaskSummary summary) {
         const std::string result_path = kind_.ResultPath(request_);
         const std::string written =
             request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
@@ -156,7 +151,7 @@ class TaskCommand {
         if (is_whole && request_.consume) {
             RemoveSet(*set_);
         }
-        TaskSummary summary{result.task, result.seconds, {}, result.slices, !kind_.IsBrief()};
+        summary.has_rate = !kind_.IsBrief();
         if (kind_.RestoresSlices()) {
             summary.slices = set_->size();
         }

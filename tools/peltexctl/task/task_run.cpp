@@ -105,7 +105,7 @@ TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest
                        options.left_too),
       client_(library, [this](const StatusEvent& event) { Heard(event); }) {}
 
-TaskRun::Result TaskRun::Run() {
+int TaskRun::Run(TaskSummary* summary) {
     const SignalScope signals([this](int times) { Interrupt(times); });
     if (slices_) {
         slices_->Prepare();
@@ -117,9 +117,9 @@ TaskRun::Result TaskRun::Run() {
     view_.Begin(fmt::format("{}{}{}", kind_.subcommand, *kind_.kind == '\0' ? "" : " ", kind_.kind),
                 options_.total);
     task_ = Send(command_);
-    Result result;
+    int status = kTaskFailed;
     if (task_ >= kFirstId) {
-        result = Follow(task_);
+        status = Follow(summary);
     } else {
         view_.End();
         PrintKeptLog();
@@ -129,7 +129,7 @@ TaskRun::Result TaskRun::Run() {
     if (events_.json()) {
         events_.Closed(session_, closed);
     }
-    return result;
+    return status;
 }
 
 int TaskRun::Send(const std::string& command, bool is_repeated) {
@@ -170,7 +170,7 @@ void TaskRun::Tell(const std::string& error) {
     view_.Aside([this, &error] { events_.Error(error); });
 }
 
-TaskRun::Result TaskRun::Follow(int task) {
+int TaskRun::Follow(TaskSummary* summary) {
     const Clock::time_point start = Clock::now();
     const auto has_ended = [this] {
         const std::lock_guard lock(mutex_);
@@ -190,14 +190,13 @@ TaskRun::Result TaskRun::Follow(int task) {
     }
     const std::chrono::duration<double> elapsed = Clock::now() - start;
     view_.End();
-    Result result;
-    result.status = End(*last_code_ == kStatusSuccess);
-    result.task = task;
-    result.seconds = elapsed.count();
+    const int status = End(*last_code_ == kStatusSuccess);
+    summary->task = task_;
+    summary->seconds = elapsed.count();
     if (slices_) {
-        result.slices = slices_->Count();
+        summary->slices = slices_->Count();
     }
-    return result;
+    return status;
 }
 
 void TaskRun::WaitForNews() {

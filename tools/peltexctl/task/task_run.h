@@ -32,13 +32,6 @@ class TaskRun {
         bool log_is_shown = false;
     };
 
-    struct Result {
-        int status = kTaskFailed;  // the program's exit status, as far as the task decides it
-        int task = 0;
-        double seconds = 0;
-        std::optional<uint64_t> slices;
-    };
-
     // All must outlive the run.
     TaskRun(const Library& library, const TaskKind& kind, const TaskRequest& request,
             const Options& options, EventWriter* events, ProgressView* view);
@@ -46,8 +39,9 @@ class TaskRun {
     TaskRun(const TaskRun&) = delete;
     TaskRun& operator=(const TaskRun&) = delete;
 
-    // Throws Failure.
-    Result Run();
+    // Returns the program's exit status as far as the task decides it, and fills `summary` in for
+    // one that it has given an id. Throws Failure.
+    int Run(TaskSummary* summary);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -55,7 +49,7 @@ class TaskRun {
     int Send(const std::string& command, bool is_repeated = false);
     void Heard(const StatusEvent& event);
     void Tell(const std::string& error);
-    Result Follow(int task);
+    int Follow(TaskSummary* summary);
     void WaitForNews();
     void ShowProgress();
     void Stop();
