@@ -125,7 +125,7 @@ class Shell {
 
     int Execute(const std::string& line) {
         const int result = client.Execute(session, line);
-        const Words words = SplitWords(line.c_str(), " ");
+        const Words words = SplitWords(line.c_str());
         if (result >= kFirstId) {
             tasks.Given(result, session);
         } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
@@ -220,7 +220,7 @@ constexpr DotLine kDotLines[] = {
 };
 
 void Shell::HandleDotLine(const std::string& line) {
-    Words words = SplitWords(line, " \t");
+    Words words = SplitWords(line);
     const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
                                     [&words](const DotLine& row) { return row.name == words[0]; });
     if (known == std::end(kDotLines)) {

@@ -416,12 +416,11 @@ std::string DescribeFinding(const Finding& finding) {
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    const bool is_read =
-        ReadRecords(copy + ".txt", RecordLines::kJoined, [&](const Record& record) {
-            first = std::string(record.path);
-            return false;
-        });
-    return is_read && first ? first : std::nullopt;
+    ReadRecords(copy + ".txt", RecordLines::kJoined, [&first](const Record& record) {
+        first = std::string(record.path);
+        return false;
+    });
+    return first;
 }
 
 }  // namespace peltexctl

@@ -21,12 +21,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kTick{100};
 
-enum class Ending {
-    kSucceeded,  // in spite of the abort
-    kFailed,
-    kUnfinished,  // it was not waited for
-};
-
 std::string ExplainRefusal(int result) {
     switch (result) {
         case -1:
@@ -51,7 +45,8 @@ std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& re
     return text;
 }
 
-std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Ending ending) {
+// Of a task that was interrupted, whether it succeeded in spite of that or not.
+std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, bool succeeded) {
     const std::string result = kind.ResultPath(request);
     if (kind.Unpacks()) {
         return fmt::format("what was unpacked is in {}{}", request.destination,
@@ -61,7 +56,7 @@ std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Endin
         return StatOf(result) ? fmt::format("{} may lack entries, remove it", result)
                               : fmt::format("nothing is left of {}", result);
     }
-    if (ending == Ending::kSucceeded) {
+    if (succeeded) {
         return kind.IsMove()
                    ? fmt::format("everything had been moved to {} by then", request.destination)
                    : fmt::format("{} had been completed by then", request.destination);
@@ -101,7 +96,7 @@ TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest
                   : nullptr),
       left_unfinished_("interrupted: " +
                        (slices_ ? "the set in " + slices_->Directory() + " is not complete"
-                                : DescribeLeft(kind, request, Ending::kUnfinished)) +
+                                : DescribeLeft(kind, request, false)) +
                        options.left_too),
       client_(library, [this](const StatusEvent& event) { Heard(event); }) {}
 
@@ -236,10 +231,9 @@ int TaskRun::End(bool succeeded) {
         untaken_ = untaken_.empty() ? error : untaken_;
     }
     if (is_interrupted_) {
-        Tell("interrupted: " +
-             (slices_ ? slices_->DescribeLeft() + ", of a set that is not complete"
-                      : DescribeLeft(kind_, request_,
-                                     succeeded ? Ending::kSucceeded : Ending::kFailed)));
+        Tell("interrupted: " + (slices_
+                                    ? slices_->DescribeLeft() + ", of a set that is not complete"
+                                    : DescribeLeft(kind_, request_, succeeded)));
         return kInterrupted;
     }
     if (!untaken_.empty()) {

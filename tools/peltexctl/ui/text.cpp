@@ -7,6 +7,7 @@
 #include <array>
 #include <charconv>
 #include <cwchar>
+#include <iterator>
 #include <sstream>
 #include <system_error>
 
@@ -46,15 +47,9 @@ std::optional<double> ParseSeconds(std::string_view word) {
     return seconds;
 }
 
-std::vector<std::string> SplitWords(std::string_view line, std::string_view separators) {
-    std::vector<std::string> words;
-    size_t begin = line.find_first_not_of(separators);
-    while (begin != std::string_view::npos) {
-        const size_t end = std::min(line.find_first_of(separators, begin), line.size());
-        words.emplace_back(line.substr(begin, end - begin));
-        begin = line.find_first_not_of(separators, end);
-    }
-    return words;
+std::vector<std::string> SplitWords(const std::string& line) {
+    std::istringstream stream(line);
+    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 std::string BytesToUtf8(std::string_view bytes) {

@@ -17,8 +17,8 @@ std::optional<int> ParseInt(std::string_view word);
 // A number of seconds, 0 to a million, with or without a fraction.
 std::optional<double> ParseSeconds(std::string_view word);
 
-// The words of `line` between runs of any character of `separators`.
-std::vector<std::string> SplitWords(std::string_view line, std::string_view separators);
+// The words of `line` between blanks.
+std::vector<std::string> SplitWords(const std::string& line);
 
 // `bytes` with each byte that is not part of valid UTF-8 replaced by the code point of the same
 // value, so that a reader sees which byte it was. Overlong forms and surrogates are not valid.
