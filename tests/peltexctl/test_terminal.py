@@ -10,7 +10,10 @@ import unittest
 
 from client import ClientTest
 
-STANDING = rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, ([\d.]+ .?i?B/s, )?0:\d\d( left)?"
+# A machine that is busy has hours left.
+TIME = rb"(\d+:)?\d+:\d\d"
+STANDING = (rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, "
+            rb"(" + TIME + rb"|[\d.]+ .?i?B/s, " + TIME + rb" left)")
 LOOKING = rb"\rlooking at /data/data/src: 0:\d\d\x1b\[K\r\x1b\[K"
 BAR = LOOKING + rb"\rbackup tar: \[%s\]" + STANDING + rb"\x1b\[K"
 LINE = rb"backup tar:" + STANDING.replace(b"%%", b"%") + rb"\r?\n"
@@ -48,10 +51,10 @@ class TerminalTest(ClientTest):
             ({}, True, LINE),
             ({"TERM": "xterm"}, False, LINE),
         ]
-        for environment, is_terminal, expected in rows:
+        for number, (environment, is_terminal, expected) in enumerate(rows):
             with self.subTest(environment=environment, is_terminal=is_terminal):
                 end, other_end = pty.openpty() if is_terminal else os.pipe()
-                process = self.start("backup", "tar", "/data/data/src", "/data/data/bk",
+                process = self.start("backup", "tar", "/data/data/src", f"/data/data/{number}",
                                      stdout=subprocess.DEVNULL, stderr=other_end, env=environment)
                 os.close(other_end)
                 told = self.read_progress(end, process)

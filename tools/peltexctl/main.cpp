@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <clocale>
 #include <cstdio>
 #include <exception>
 #include <iterator>
@@ -16,7 +17,7 @@
 #include "archive/commands.h"
 #include "shell/shell.h"
 #include "task/data_mount.h"
-#include "task/library.h"
+#include "task/session_client.h"
 #include "task/task_command.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
@@ -40,6 +41,9 @@ struct Options {
 // Loads the library before the mount, so that its path means what it means to the caller, and
 // makes the mount before the library has a thread.
 Library SetUp(const Options& options) {
+    if (access("/proc/self/fd", F_OK) != 0) {
+        throw Failure(kNoLibraryOrData, "/proc is not mounted, which the library needs");
+    }
     const Library library = LoadLibrary(options.library);
     if (options.data) {
         MountData(*options.data);
@@ -225,6 +229,9 @@ void OpenMissingStreams() {
 }
 
 int Main(int argc, char** argv) {
+    // Names are read as UTF-8 whatever the terminal is set to.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
+    std::setlocale(LC_CTYPE, "C.UTF-8");
     OpenMissingStreams();
     CLI::App app("Back up and restore application data, and read such archives", "peltexctl");
     Options options;

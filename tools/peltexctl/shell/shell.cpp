@@ -2,6 +2,7 @@
 #include "shell/shell.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "task/directory.h"
 #include "task/session_client.h"
 #include "ui/exit_code.h"
+#include "ui/json.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
 #include "ui/text.h"
@@ -55,22 +57,28 @@ double SecondsAt(const Words& words, size_t index) {
     return index < words.size() ? ParseSeconds(words[index]).value() : kDefaultWaitSeconds;
 }
 
-// The threads of this process, by id; one that ends meanwhile is left out.
-std::vector<ThreadInfo> ListThreads() {
-    std::vector<ThreadInfo> threads;
-    ForEachName(OpenDirectory("/proc/self/task"), [&threads](const std::string& tid) {
+// The threads of this process, oldest first; one that ends meanwhile is left out.
+void TellThreads(EventWriter* events) {
+    Json threads = Json::array();
+    std::vector<std::string> lines;
+    ForEachName(OpenDirectory("/proc/self/task"), [&](const std::string& tid) {
         std::ifstream file("/proc/self/task/" + tid + "/comm", std::ios::binary);
         std::string name{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
         errno = 0;
         const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(*ParseInt(tid)));
-        if (!name.empty() && errno == 0) {
-            name.pop_back();  // the newline that the kernel adds; the name itself may hold others
-            threads.push_back({name, *ParseInt(tid), nice});
+        if (name.empty() || errno != 0) {
+            return;
         }
+        name.pop_back();  // the newline that the kernel adds; the name itself may hold others
+        lines.push_back(fmt::format("thread {:>7}  nice {:>3}  {}", tid, nice, EscapeBytes(name)));
+        Json thread;
+        SetBytes(&thread, "name", name);
+        thread["tid"] = *ParseInt(tid);
+        thread["nice"] = nice;
+        threads.push_back(std::move(thread));
     });
-    std::sort(threads.begin(), threads.end(),
-              [](const ThreadInfo& a, const ThreadInfo& b) { return a.tid < b.tid; });
-    return threads;
+    events->Tell({{"event", "threads"}, {"threads", threads}},
+                 fmt::format("{}", fmt::join(lines, "\n")));
 }
 
 class Shell {
@@ -117,7 +125,7 @@ class Shell {
 
     int Execute(const std::string& line) {
         const int result = client.Execute(session, line);
-        const Words words = SplitWords(line.c_str(), " ");
+        const Words words = SplitWords(line.c_str());
         if (result >= kFirstId) {
             tasks.Given(result, session);
         } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
@@ -148,7 +156,8 @@ class Shell {
 
 void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
     if (code) {
-        shell->events.Waited(task, *code);
+        shell->events.Tell({{"event", "waited"}, {"task", task}, {"code", *code}},
+                           fmt::format("waited for task {}: code {}", task, *code));
     } else {
         shell->events.Error(fmt::format("task {} has not {}", task, missing));
     }
@@ -203,7 +212,7 @@ constexpr DotLine kDotLines[] = {
     {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
      [](Shell* shell, const Words& /*words*/) { shell->client.Die(); }},
     {".threads", 0, 0, "", "list the threads of this process",
-     [](Shell* shell, const Words& /*words*/) { shell->events.Threads(ListThreads()); }},
+     [](Shell* shell, const Words& /*words*/) { TellThreads(&shell->events); }},
     {".help", 0, 0, "", "list these lines and the commands of the library",
      [](Shell* /*shell*/, const Words& /*words*/) { fmt::print(stderr, "{}", ShellHelp()); }},
     {".quit", 0, 0, "", "end as at the end of input",
@@ -211,7 +220,7 @@ constexpr DotLine kDotLines[] = {
 };
 
 void Shell::HandleDotLine(const std::string& line) {
-    Words words = SplitWords(line, " \t");
+    Words words = SplitWords(line);
     const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
                                     [&words](const DotLine& row) { return row.name == words[0]; });
     if (known == std::end(kDotLines)) {

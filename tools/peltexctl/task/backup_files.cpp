@@ -4,50 +4,40 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <utility>
+#include <functional>
 
 #include "archive/sums.h"
 #include "ui/exit_code.h"
 
 namespace peltexctl {
 
-BackupFiles::BackupFiles(const std::string& directory, std::string base)
-    : directory_(directory), base_(std::move(base)), fd_(OpenDirectory(directory)) {}
-
-std::string BackupFiles::First(bool is_set) const {
-    if (!fd_.isOpen()) {
-        return "";
-    }
-    struct stat status = {};
-    for (const std::string& name : {is_set ? base_ + ".txt" : base_, SumsName(base_)}) {
-        if (fstatat(fd_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-            return directory_ + "/" + name;
-        }
-    }
-    const std::vector<std::string> slices = is_set ? Slices() : std::vector<std::string>();
-    return slices.empty() ? "" : directory_ + "/" + slices[0];
-}
-
-void BackupFiles::Remove(bool is_set) const {
-    std::vector<std::string> names = is_set ? Slices() : std::vector<std::string>();
-    names.insert(names.begin(), {SumsName(base_), is_set ? base_ + ".txt" : base_});
-    for (size_t i = 0; fd_.isOpen() && i < names.size(); i++) {
-        Require(unlinkat(fd_.get(), names[i].c_str(), 0) == 0 || errno == ENOENT,
-                "cannot be removed: " + directory_ + "/" + names[i]);
-    }
-}
-
-std::vector<std::string> BackupFiles::Slices() const {
-    std::vector<std::string> slices;
-    const std::string start = base_ + ".";
-    ForEachName(fd_, [&](const std::string& name) {
-        if (name.size() > start.size() && name.compare(0, start.size(), start) == 0 &&
-            name.find_first_not_of("0123456789", start.size()) == std::string::npos) {
-            slices.push_back(name);
+std::vector<std::string> BackupFiles(const UniqueFd& directory, const std::string& base,
+                                     bool is_set) {
+    std::vector<std::string> names;
+    const std::string start = base + ".";
+    ForEachName(directory, [&](const std::string& name) {
+        const bool is_slice =
+            name.size() > start.size() && name.rfind(start, 0) == 0 &&
+            name.find_first_not_of("0123456789", start.size()) == std::string::npos;
+        if (name == SumsName(base) || (is_set ? is_slice || name == start + "txt" : name == base)) {
+            names.push_back(name);
         }
     });
-    return slices;
+    // "txt" and "sha256" are behind the numbers of slices, the archive is before its sums.
+    std::sort(names.begin(), names.end());
+    if (is_set) {
+        std::reverse(names.begin(), names.end());
+    }
+    return names;
+}
+
+void RemoveFiles(int directory, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        Require(unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT,
+                "cannot be removed: " + name);
+    }
 }
 
 }  // namespace peltexctl

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "base/path_rules.h"
 #include "task/backup_files.h"
@@ -84,7 +85,13 @@ void RefuseRecords(const std::string& copy, const std::string& destination) {
     }
 }
 
-}  // namespace
+void RefuseTake(const TaskRequest& request) {
+    const std::optional<FileId> take = IdOf(request.take);
+    if (!request.take.empty() &&
+        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
+        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
+    }
+}
 
 void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
     const char* const hint = "use --data DIR to show a directory as /data";
@@ -97,10 +104,53 @@ void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
                    fmt::join(kAreas, ", "), hint);
         }
     }
-    const std::string source = kind.source_path(request);
+    const std::string source = kind.SourcePath(request);
     if (!StatOf(source) && !request.force) {
         Refuse("{}: does not exist{}{}", source,
                StatOf("/data") ? "" : ", and neither does /data; ", StatOf("/data") ? "" : hint);
+    }
+}
+
+void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
+    const std::string from = kind.SourcePath(request);
+    const std::optional<struct stat> source = StatOf(from);
+    const bool is_tree = kind.source == Source::kTree || kind.source == Source::kRecords;
+    if (!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode)) {
+        Refuse("{}: is no regular file; --force goes on", from);
+    }
+    if (kind.Copies()) {
+        const bool is_file = kind.source == Source::kFile;
+        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request), is_file);
+    }
+    if (kind.source == Source::kRecords) {
+        RefuseRecords(from, request.destination);
+    }
+}
+
+void RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
+    if (kind.result != Result::kSet) {
+        return;
+    }
+    for (const std::string& directory : {request.destination, request.take}) {
+        const std::vector<std::string> old = BackupFiles(
+            OpenDirectory(directory), NameOf(request.source) + ".tar", kind.HandsOver());
+        if (!old.empty()) {
+            Refuse("{}/{}: is there already; --replace writes over {}", directory, old[0],
+                   kind.HandsOver() ? "the set" : "it");
+        }
+    }
+}
+
+}  // namespace
+
+void RefuseRequest(const TaskKind& kind, const TaskRequest& request) {
+    RefuseTake(request);
+    RefusePaths(kind, request);
+    if (!request.force) {
+        RefuseLoss(kind, request);
+    }
+    if (!request.replace) {
+        RefuseReplacing(kind, request);
     }
 }
 
@@ -111,42 +161,6 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
     }
     if (!kind.RestoresSlices() && set.is_check_file()) {
         Refuse("{} is a check file: restore split takes it", set.path());
-    }
-}
-
-void RefuseTake(const TaskRequest& request) {
-    const std::optional<FileId> take = IdOf(request.take);
-    if (!request.take.empty() &&
-        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
-        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
-    }
-}
-
-void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
-    const std::string from = kind.source_path(request);
-    const std::optional<struct stat> source = StatOf(from);
-    const bool is_tree = kind.source == Source::kTree || kind.source == Source::kRecords;
-    if (!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode)) {
-        Refuse("{}: is no regular file; --force goes on", from);
-    }
-    if (kind.Copies()) {
-        const bool is_file = kind.source == Source::kFile;
-        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.result_path(request),
-                           is_file);
-    }
-    if (kind.source == Source::kRecords) {
-        RefuseRecords(from, request.destination);
-    }
-}
-
-void RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
-    for (const std::string& directory : {request.destination, request.take}) {
-        const BackupFiles old(directory, NameOf(request.source) + ".tar");
-        const std::string first = kind.result == Result::kSet ? old.First(kind.HandsOver()) : "";
-        if (!first.empty()) {
-            Refuse("{}: is there already; --replace writes over {}", first,
-                   kind.HandsOver() ? "the set" : "it");
-        }
     }
 }
 

@@ -11,20 +11,12 @@
 
 namespace peltexctl {
 
-// Paths that the library would not take: one is in no area, or the source is not there.
-void RefusePaths(const TaskKind& kind, const TaskRequest& request);
+// By its words and paths: a --take that names DEST, what the library would not take or what is not
+// there, what would lose something without --force, and what is there already without --replace.
+void RefuseRequest(const TaskKind& kind, const TaskRequest& request);
 
 // A restore that cannot take what it was given.
 void RefuseArchive(const TaskKind& kind, const ArchiveSet& set);
-
-// A --take that names DEST itself, by whatever path.
-void RefuseTake(const TaskRequest& request);
-
-// What would lose something, as far as a look at the paths tells; --force does without.
-void RefuseLoss(const TaskKind& kind, const TaskRequest& request);
-
-// An archive or set of the name that the backup writes; --replace does without.
-void RefuseReplacing(const TaskKind& kind, const TaskRequest& request);
 
 // What would lose something by what was tallied; --force does without.
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check);

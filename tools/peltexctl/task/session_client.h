@@ -4,17 +4,31 @@
 // library's lock held: it must neither call the library nor wait for a thread that does.
 #pragma once
 
+#include <android/os/IBackupSessionCallback.h>
 #include <utils/StrongPointer.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "task/library.h"
 #include "ui/events.h"
 
 namespace peltexctl {
+
+// The three functions that the library exports.
+struct Library {
+    int32_t (*start)(const android::sp<android::os::IBackupSessionCallback>& callback);
+    // Writes NULs over the blanks of `command`: give it a copy of its own.
+    int32_t (*execute)(int session, const std::string& command);
+    int32_t (*finish)(int session);
+};
+
+// Loads the library at `path`; without one the one that the system's loader finds, beside this
+// program first. It stays loaded to the end of the process, because its threads do. Throws Failure.
+Library LoadLibrary(const std::optional<std::string>& path);
 
 class ClientCallback;
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "archive/sums.h"
+#include "task/backup_files.h"
 #include "ui/exit_code.h"
 
 namespace peltexctl {
@@ -127,14 +128,9 @@ uint64_t ReadPosition(const std::string& path) {
 }
 
 void RemoveSet(const ArchiveSet& set) {
-    const auto remove = [&set](const std::string& name) {
-        Require(unlinkat(set.directory(), name.c_str(), 0) == 0 || errno == ENOENT,
-                "the set cannot be removed: " + name);
-    };
-    remove(SumsName(set.name()));
-    remove(set.name());
+    RemoveFiles(set.directory(), {SumsName(set.name()), set.name()});
     for (size_t i = 0; i < set.size(); i++) {
-        remove(set.NameOf(i));
+        RemoveFiles(set.directory(), {set.NameOf(i)});
     }
 }
 

@@ -3,16 +3,16 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <string_view>
-#include <system_error>
 #include <utility>
-#include <vector>
 
+#include "archive/new_file.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -25,43 +25,21 @@ constexpr std::chrono::microseconds kFirstRepeat{100};
 constexpr std::chrono::milliseconds kLastRepeat{50};
 constexpr std::chrono::seconds kKeepAliveEvery{10};
 
-std::string Reason(int error) {
-    return std::generic_category().message(error);
-}
-
-bool EndsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
-
-// Copies the content, owner and mode of an open file. Returns false when it cannot, with errno, or
-// when `goes_on` says so, with ECANCELED.
-bool CopyFile(const UniqueFd& from, const struct stat& status, const UniqueFd& to,
-              const std::function<bool()>& goes_on) {
-    constexpr uint64_t kSyncEvery = 8 << 20;  // so that no single call takes long
-    std::vector<char> buffer(size_t{1} << 18);
-    uint64_t unsynced = 0;
+// Copies the content of an open file. Returns false when it cannot, with errno, or when `goes_on`
+// says so, with ECANCELED.
+bool CopyContent(const UniqueFd& from, int to, const std::function<bool()>& goes_on) {
+    constexpr size_t kAtATime = 8 << 20;  // so that no single call takes long
     ssize_t length = 0;
-    while ((length = read(from.get(), buffer.data(), buffer.size())) > 0) {
-        for (ssize_t done = 0; done < length;) {
-            const ssize_t count =
-                write(to.get(), buffer.data() + done, static_cast<size_t>(length - done));
-            if (count < 0) {
-                return false;
-            }
-            done += count;
-        }
-        unsynced += static_cast<uint64_t>(length);
-        if (unsynced >= kSyncEvery && fdatasync(to.get()) != 0) {
+    while ((length = sendfile(to, from.get(), nullptr, kAtATime)) > 0) {
+        if (fdatasync(to) != 0) {
             return false;
         }
-        unsynced = unsynced >= kSyncEvery ? 0 : unsynced;
         if (!goes_on()) {
             errno = ECANCELED;
             return false;
         }
     }
-    return length == 0 && (fchown(to.get(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
-           fchmod(to.get(), status.st_mode & 0777) == 0 && fsync(to.get()) == 0;
+    return length == 0;
 }
 
 }  // namespace
@@ -214,7 +192,7 @@ std::string SliceHandOver::Take(const std::string& name) {
         if (file.isOpen()) {
             summer_->Add(std::move(file), name);
         } else {
-            error = Reason(errno);
+            error = ErrorText(errno);
         }
     }
     failed_ = !error.empty();
@@ -228,7 +206,7 @@ std::string SliceHandOver::MoveAway(const std::string& name) {
     const bool is_slice = name != base_ + ".txt";
     std::string error;
     if (renameat(from_.get(), name.c_str(), to_.fd().get(), name.c_str()) != 0) {
-        error = errno == EXDEV ? CopyAway(name) : Reason(errno);
+        error = errno == EXDEV ? CopyAway(name) : ErrorText(errno);
     }
     taken_ += error.empty() && is_slice ? 1 : 0;
     return error;
@@ -236,16 +214,8 @@ std::string SliceHandOver::MoveAway(const std::string& name) {
 
 // To another file system, where nothing has the name before all is there.
 std::string SliceHandOver::CopyAway(const std::string& name) {
-    const std::string unfinished = "." + name + ".part";
-    const int target = to_.fd().get();
     struct stat status = {};
     const UniqueFd from = OpenRegularAt(from_, name, &status);
-    if (!from.isOpen()) {
-        return Reason(errno);
-    }
-    unlinkat(target, unfinished.c_str(), 0);  // of a program that was killed
-    const UniqueFd to(openat(target, unfinished.c_str(),
-                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     Clock::time_point alive = Clock::now();
     const auto goes_on = [&] {
         if (Clock::now() - alive >= kKeepAliveEvery) {
@@ -254,14 +224,12 @@ std::string SliceHandOver::CopyAway(const std::string& name) {
         }
         return tick_();
     };
-    if (!to.isOpen() || !CopyFile(from, status, to, goes_on) ||
-        renameat(target, unfinished.c_str(), target, name.c_str()) != 0 ||
-        unlinkat(from_.get(), name.c_str(), 0) != 0) {
-        std::string error = Reason(errno);
-        unlinkat(target, unfinished.c_str(), 0);
-        return error;
-    }
-    return "";
+    NewFile to;
+    const bool is_moved =
+        from.isOpen() && to.Create(to_.fd().get(), name) && CopyContent(from, to.fd(), goes_on) &&
+        (fchown(to.fd(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
+        to.Finish(status.st_mode & 0777) && unlinkat(from_.get(), name.c_str(), 0) == 0;
+    return is_moved ? "" : ErrorText(errno);
 }
 
 std::optional<SliceHandOver::Slice> SliceHandOver::NextSlice() {

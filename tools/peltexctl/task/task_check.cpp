@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <string_view>
 #include <utility>
@@ -18,6 +17,7 @@
 #include "brief/search_rules.h"
 #include "task/records.h"
 #include "ui/exit_code.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -45,16 +45,12 @@ class Place {
         if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return std::nullopt;
         }
-        TallyEntry found = EntryOf(name_, status);
-        if (!expected.mode) {
-            found.mode = std::nullopt;
-        } else if (is_unpacked_) {
-            found.mode = ArchivedMode(found.type, *found.mode);
-        }
+        const Modes modes = !expected.mode ? Modes::kNone
+                            : is_unpacked_ ? Modes::kArchived
+                                           : Modes::kAll;
+        TallyEntry found = EntryOf(name_, status, modes);
         if (found.type == '2') {
-            const ssize_t length =
-                readlinkat(directory_.get(), name_.c_str(), target_, sizeof(target_));
-            found.link = {target_, static_cast<size_t>(length < 0 ? 0 : length)};
+            found.link = ReadLink(directory_, name_.c_str(), target_);
         }
         return found;
     }
@@ -63,7 +59,7 @@ class Place {
     const UniqueFd directory_;
     const bool is_unpacked_;
     std::string name_;
-    char target_[PATH_MAX] = {};
+    LinkBuffer target_ = {};
 };
 
 std::string Describe(const TallyEntry& entry) {
@@ -72,11 +68,6 @@ std::string Describe(const TallyEntry& entry) {
                              : entry.type == '5' ? "a directory"
                                                  : "a special file";
     return entry.mode ? fmt::format("{} with mode {:04o}", text, *entry.mode) : text;
-}
-
-TallyEntry WithoutMode(TallyEntry entry) {
-    entry.mode = std::nullopt;
-    return entry;
 }
 
 // A number for all that an entry's tally sees of it.
@@ -88,30 +79,13 @@ uint64_t SumOf(const TallyEntry& entry) {
 
 }  // namespace
 
-// The first differences in words, and a count of the others.
-class TaskCheck::Differences {
-  public:
-    void Add(const std::string& line) {
-        if (lines_.size() < kNamed) {
-            lines_.push_back(line);
-        } else {
-            ++more_;
-        }
+void TaskCheck::Differences::Add(const std::string& line) {
+    if (lines.size() < kNamed) {
+        lines.push_back(line);
+    } else {
+        ++more;
     }
-    bool empty() const { return lines_.empty(); }
-
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines = lines_;
-        if (more_ > 0) {
-            lines.push_back(fmt::format("and {} more", more_));
-        }
-        return lines;
-    }
-
-  private:
-    std::vector<std::string> lines_;
-    uint64_t more_ = 0;
-};
+}
 
 TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
                      std::function<void()> tick)
@@ -119,17 +93,14 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       request_(request),
       set_(set),
       tick_(std::move(tick)),
-      source_(kind.source_path(request)),
-      set_faults_(std::make_unique<Differences>()),
+      source_(kind.SourcePath(request)),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
-
-TaskCheck::~TaskCheck() = default;
 
 void TaskCheck::Before() {
     if (set_ != nullptr) {
         const FindingSink tell = [this](const Finding& finding) {
             if (finding.severity != Finding::Severity::kWarning) {
-                set_faults_->Add(DescribeFinding(finding));
+                set_faults_.Add(DescribeFinding(finding));
             }
             tick_();
         };
@@ -189,9 +160,12 @@ std::vector<std::string> TaskCheck::After(const std::string& result) {
             CompareWithFile(result, &differences);
         }
     }
-    std::vector<std::string> lines = set_faults_->Lines();
-    for (std::string& line : differences.Lines()) {
-        lines.push_back(std::move(line));
+    std::vector<std::string> lines;
+    for (const Differences& some : {set_faults_, differences}) {
+        lines.insert(lines.end(), some.lines.begin(), some.lines.end());
+        if (some.more > 0) {
+            lines.push_back(fmt::format("and {} more", some.more));
+        }
     }
     return lines;
 }
@@ -298,8 +272,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
         case Source::kFile: {
             const std::optional<struct stat> status = StatOf(source_);
             if (status) {
-                const std::string name = NameOf(TargetFile(request_));
-                entries(WithoutMode(EntryOf(name, *status)));
+                entries(EntryOf(NameOf(TargetFile(request_)), *status, kind_.modes));
             }
             return status.has_value();
         }
@@ -322,7 +295,7 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
     options.rules = kind_.leaves_out;
     options.modes = kind_.source == Source::kTree ? kind_.modes : Modes::kNone;
     if (kind_.result == Result::kSet) {
-        options.own = IdOf(kind_.result_path(request_));
+        options.own = IdOf(kind_.ResultPath(request_));
     }
     if (kind_.IsBrief()) {
         // It is listed as far as it is written by then.
@@ -350,11 +323,10 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
                 left_out(LeftOut::kLink, path);
             } else if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
                 left_out(LeftOut::kSpecial, path);
-            } else if (!record.is_directory && path.size() >= 4 &&
-                       path.compare(path.size() - 4, 4, ".dex") == 0) {
+            } else if (!record.is_directory && EndsWith(path, ".dex")) {
                 left_out(LeftOut::kDex, path);
             } else if (!below.empty()) {
-                entries(WithoutMode(EntryOf(below, status)));
+                entries(EntryOf(below, status, kind_.modes));
             }
             return true;
         },
@@ -380,7 +352,7 @@ bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_ou
             left_out(LeftOut::kUnreadable, include);
         } else if (!S_ISDIR(status.st_mode)) {
             if (stat(include.c_str(), &status) == 0) {
-                entries(EntryOf(WithoutSlashes(include), status));
+                entries(EntryOf(WithoutSlashes(include), status, kind_.modes));
             }
         } else if (!excludes.cover(include)) {
             const std::string top(WithoutSlashes(include));
@@ -444,12 +416,11 @@ std::string DescribeFinding(const Finding& finding) {
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    const bool is_read =
-        ReadRecords(copy + ".txt", RecordLines::kJoined, [&](const Record& record) {
-            first = std::string(record.path);
-            return false;
-        });
-    return is_read && first ? first : std::nullopt;
+    ReadRecords(copy + ".txt", RecordLines::kJoined, [&first](const Record& record) {
+        first = std::string(record.path);
+        return false;
+    });
+    return first;
 }
 
 }  // namespace peltexctl

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,7 +22,6 @@ class TaskCheck {
     // reads, else null. All must outlive the check.
     TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
               std::function<void()> tick);
-    ~TaskCheck();
 
     // Tallies what the task is to bring. Throws Failure where that cannot be known.
     void Before();
@@ -44,7 +42,13 @@ class TaskCheck {
     uint64_t missing_bytes() const;
 
   private:
-    class Differences;
+    // The first in words, and a count of the others.
+    struct Differences {
+        void Add(const std::string& line);
+
+        std::vector<std::string> lines;
+        uint64_t more = 0;
+    };
 
     bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
@@ -66,7 +70,7 @@ class TaskCheck {
     Tally expected_;
     Tally found_;
     std::vector<std::string> first_lost_;
-    std::unique_ptr<Differences> set_faults_;
+    Differences set_faults_;
     android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
 };
 

@@ -46,28 +46,21 @@ class TaskCommand {
         // Never destroyed: the last callback may be on its way out.
         static TaskRun* const run =
             new TaskRun(library, kind_, request_, options_, &events_, &view_);
-        const TaskRun::Result result = run->Run();
-        if (result.status != kDone) {
+        TaskSummary summary;
+        if (const int status = run->Run(&summary); status != kDone) {
             made_.Remove();
-            return result.status;
+            return status;
         }
         is_over_ = true;
-        return Conclude(result);
+        return Conclude(summary);
     }
 
   private:
     // Changes nothing.
     void RefuseAll() {
-        RefuseTake(request_);
-        RefusePaths(kind_, request_);
+        RefuseRequest(kind_, request_);
         if (kind_.Unpacks()) {
             OpenSet();
-        }
-        if (!request_.force) {
-            RefuseLoss(kind_, request_);
-        }
-        if (!request_.replace) {
-            RefuseReplacing(kind_, request_);
         }
         if (request_.no_verify) {
             return;
@@ -108,16 +101,18 @@ class TaskCommand {
     void Prepare() {
         if (request_.replace) {
             for (const std::string& directory : {request_.destination, request_.take}) {
-                BackupFiles(directory, NameOf(request_.source) + ".tar").Remove(kind_.HandsOver());
+                const UniqueFd held = OpenDirectory(directory);
+                RemoveFiles(held.get(),
+                            BackupFiles(held, NameOf(request_.source) + ".tar", kind_.HandsOver()));
             }
         }
-        options_.source = request_.source;
+        options_.command = kind_.Command(request_);
         options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
         if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
-            events_.Note(
-                fmt::format("you are not root: what is restored belongs to uid {}, and "
-                            "other owners are not given",
-                            geteuid()));
+            events_.Note(fmt::format(
+                "you are not root: what is restored belongs to uid {}, and other owners "
+                "and the set-group-id bits of groups that are not yours are not given",
+                geteuid()));
         }
         if (!kind_.Unpacks()) {
             return;
@@ -136,15 +131,17 @@ class TaskCommand {
                 events_.Note(left + ": left by a restore that was killed, removed");
             }
             links_->Make(request_.destination);
-            options_.source = links_->CheckFile();
+            TaskRequest of_links = request_;
+            of_links.source = links_->CheckFile();
+            options_.command = kind_.Command(of_links);
             options_.left_too = "; " + links_->path() + " is left, which the next restore removes";
         }
     }
 
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
-    int Conclude(const TaskRun::Result& result) {
-        const std::string result_path = kind_.result_path(request_);
+    int Conclude(TaskSummary summary) {
+        const std::string result_path = kind_.ResultPath(request_);
         const std::string written =
             request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
         const bool is_whole = !check_ || Check(written);
@@ -154,7 +151,7 @@ class TaskCommand {
         if (is_whole && request_.consume) {
             RemoveSet(*set_);
         }
-        TaskSummary summary{result.task, result.seconds, {}, result.slices, !kind_.IsBrief()};
+        summary.has_rate = !kind_.IsBrief();
         if (kind_.RestoresSlices()) {
             summary.slices = set_->size();
         }

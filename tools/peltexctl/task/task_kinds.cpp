@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <optional>
+#include <tuple>
 
 #include "ui/exit_code.h"
 #include "ui/text.h"
@@ -18,70 +19,15 @@ namespace {
 constexpr int kLargestSlice = 2047;
 constexpr int kDefaultSlice = 100;
 
-std::string Compose(const char* command, const char* option, const TaskRequest& request) {
-    return fmt::format("{} {} {} {} {} {}", command, option, request.source, request.destination,
-                       request.se_info, *ParseInt(request.uid));
-}
-
-std::string PlainCommand(const TaskKind& kind, const TaskRequest& request) {
-    return Compose(kind.subcommand, kind.kind, request);
-}
-
-// The library does not look at the option of a move, which has to be there all the same.
-std::string MoveCommand(const TaskKind& /*kind*/, const TaskRequest& request) {
-    return Compose("move", "dir", request);
-}
-
-std::string BriefCommand(const TaskKind& kind, const TaskRequest& request) {
-    return Compose("get_brief", kind.kind, request);
-}
-
-std::string SplitCommand(const TaskKind& /*kind*/, const TaskRequest& request) {
-    return fmt::format("backup split {} {} {} {} {}", request.source, request.destination,
-                       SliceSizeOf(request), request.se_info, *ParseInt(request.uid));
-}
-
-// The library extracts into the parent of the path that it is given, and relabels that path.
-std::string RestoreSplitCommand(const TaskKind& kind, const TaskRequest& request) {
-    TaskRequest inside = request;
-    inside.destination += "/.";
-    return Compose("restore", kind.kind, inside);
-}
-
-std::string SourceItself(const TaskRequest& request) {
-    return request.source;
-}
-
-std::string Destination(const TaskRequest& request) {
-    return request.destination;
-}
-
-// A directory's backup lies under the directory's own name, which a restore takes from where it
-// restores to.
-std::string CopyOfDestination(const TaskRequest& request) {
-    return request.source + "/" + NameOf(request.destination);
-}
-
-std::string CopyOfSource(const TaskRequest& request) {
-    return request.destination + "/" + NameOf(request.source);
-}
-
-std::string WholeArchive(const TaskRequest& request) {
-    return CopyOfSource(request) + ".tar";
-}
-
-// Beside its slices.
-std::string CheckFile(const TaskRequest& request) {
-    return CopyOfSource(request) + ".tar.txt";
-}
-
-// A backup by list writes its copies below a directory named like the one that it is given.
-std::string ListedCopies(const TaskRequest& request) {
-    return request.destination + "/" + NameOf(request.destination);
-}
-
-std::string DirectoryOfTarget(const TaskRequest& request) {
-    return ParentOf(TargetFile(request));
+// A row's pattern with the request's words in it. {name} is what SRC is called, {app} what DEST is,
+// {target} the directory that a file task writes to.
+std::string Fill(const char* pattern, const TaskRequest& request) {
+    return fmt::format(
+        fmt::runtime(pattern), fmt::arg("src", request.source),
+        fmt::arg("dest", request.destination), fmt::arg("name", NameOf(request.source)),
+        fmt::arg("app", NameOf(request.destination)),
+        fmt::arg("target", ParentOf(TargetFile(request))), fmt::arg("mib", SliceSizeOf(request)),
+        fmt::arg("owner", fmt::format("{} {}", request.se_info, *ParseInt(request.uid))));
 }
 
 constexpr Rules kCopies = Bit(LeftOut::kDex) | Bit(LeftOut::kLink) | Bit(LeftOut::kSpecial);
@@ -89,63 +35,49 @@ constexpr Rules kPackage = kCopies | Bit(LeftOut::kLib);
 constexpr Rules kPacks = Bit(LeftOut::kHardLinked) | Bit(LeftOut::kDex) | Bit(LeftOut::kSpecial) |
                          Bit(LeftOut::kTinker) | Bit(LeftOut::kOwnArchive);
 
-// What each kind leaves out of what it takes, and which modes it brings.
+// A directory's backup lies under the directory's own name, which a restore takes from where it
+// restores to; a backup by list writes below a directory named like the one that it is given. A
+// restore of slices extracts into the parent of the path that it is given, and relabels that path.
+// The library does not look at the option of a move, which has to be there all the same.
 constexpr TaskKind kKinds[] = {
-    {"backup", "file", "one file into the directory DEST", PlainCommand, Source::kFile,
-     SourceItself, Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
+    {"backup", "file", "one file into the directory DEST", "backup file {src} {dest} {owner}",
+     Source::kFile, "{src}", Result::kTree, "{target}", 0, Modes::kNone},
     {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
-     PlainCommand, Source::kTree, SourceItself, Result::kTree, CopyOfSource, kPackage,
-     Modes::kNone},
-    {"backup", "tar", "a directory into the archive DEST/NAME.tar", PlainCommand, Source::kTree,
-     SourceItself, Result::kSet, WholeArchive, kPacks, Modes::kArchived},
+     "backup dir {src} {dest} {owner}", Source::kTree, "{src}", Result::kTree, "{dest}/{name}",
+     kPackage, Modes::kNone},
+    {"backup", "tar", "a directory into the archive DEST/NAME.tar",
+     "backup tar {src} {dest} {owner}", Source::kTree, "{src}", Result::kSet, "{dest}/{name}.tar",
+     kPacks, Modes::kArchived},
     {"backup", "split",
      "a directory into the slices DEST/NAME.tar.0, .1, ... and the check file DEST/NAME.tar.txt",
-     SplitCommand, Source::kTree, SourceItself, Result::kSet, CheckFile, kPacks, Modes::kArchived},
-    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", PlainCommand, Source::kList,
-     SourceItself, Result::kTree, ListedCopies, kCopies, Modes::kNone},
-    {"restore", "file", "the file SRC to DEST", PlainCommand, Source::kFile, SourceItself,
-     Result::kTree, DirectoryOfTarget, 0, Modes::kNone},
-    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt", PlainCommand,
-     Source::kRecords, CopyOfDestination, Result::kTree, Destination, kCopies, Modes::kAll},
-    {"restore", "tar", "DEST from the archive SRC", PlainCommand, Source::kSet, SourceItself,
-     Result::kTree, Destination, Bit(LeftOut::kTinker), Modes::kArchived},
-    {"restore", "split", "DEST from the slices that the check file SRC lists", RestoreSplitCommand,
-     Source::kSet, SourceItself, Result::kTree, Destination, Bit(LeftOut::kTinker),
-     Modes::kArchived},
-    {"brief", "dir", "what the directory SRC holds", BriefCommand, Source::kTree, SourceItself,
-     Result::kRecords, Destination, kCopies, Modes::kAll},
-    {"brief", "byfile", "what the search file SRC asks for", BriefCommand, Source::kSearch,
-     SourceItself, Result::kRecords, Destination, kCopies, Modes::kAll},
-    {"move", "", "a directory's content into DEST", MoveCommand, Source::kTree, SourceItself,
-     Result::kTree, Destination, kCopies, Modes::kNone},
+     "backup split {src} {dest} {mib} {owner}", Source::kTree, "{src}", Result::kSet,
+     "{dest}/{name}.tar.txt", kPacks, Modes::kArchived},
+    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME",
+     "backup byfile {src} {dest} {owner}", Source::kList, "{src}", Result::kTree, "{dest}/{app}",
+     kCopies, Modes::kNone},
+    {"restore", "file", "the file SRC to DEST", "restore file {src} {dest} {owner}", Source::kFile,
+     "{src}", Result::kTree, "{target}", 0, Modes::kNone},
+    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt",
+     "restore dir {src} {dest} {owner}", Source::kRecords, "{src}/{app}", Result::kTree, "{dest}",
+     kCopies, Modes::kAll},
+    {"restore", "tar", "DEST from the archive SRC", "restore tar {src} {dest} {owner}",
+     Source::kSet, "{src}", Result::kTree, "{dest}", Bit(LeftOut::kTinker), Modes::kArchived},
+    {"restore", "split", "DEST from the slices that the check file SRC lists",
+     "restore split {src} {dest}/. {owner}", Source::kSet, "{src}", Result::kTree, "{dest}",
+     Bit(LeftOut::kTinker), Modes::kArchived},
+    {"brief", "dir", "what the directory SRC holds", "get_brief dir {src} {dest} {owner}",
+     Source::kTree, "{src}", Result::kRecords, "{dest}", kCopies, Modes::kAll},
+    {"brief", "byfile", "what the search file SRC asks for",
+     "get_brief byfile {src} {dest} {owner}", Source::kSearch, "{src}", Result::kRecords, "{dest}",
+     kCopies, Modes::kAll},
+    {"move", "", "a directory's content into DEST", "move dir {src} {dest} {owner}", Source::kTree,
+     "{src}", Result::kTree, "{dest}", kCopies, Modes::kNone},
 };
 
 bool IsInRange(const std::string& text, int least, int most) {
     const std::optional<int> number = ParseInt(text);
     return number && *number >= least && *number <= most;
 }
-
-// An option of one kind of task or two.
-struct OwnOption {
-    const char* name;
-    bool (*is_given)(const TaskRequest& request);
-    const char* kind;
-    const char* other_kind;
-    const char* owners;
-};
-
-constexpr OwnOption kOwnOptions[] = {
-    {"--slice-size", [](const TaskRequest& request) { return request.slice_size.has_value(); },
-     "split", "split", "backup split"},
-    {"--take", [](const TaskRequest& request) { return !request.take.empty(); }, "split", "split",
-     "backup split"},
-    {"--sums", [](const TaskRequest& request) { return request.sums; }, "split", "tar",
-     "backup split and tar"},
-    {"--replace", [](const TaskRequest& request) { return request.replace; }, "split", "tar",
-     "backup split and tar"},
-    {"--consume", [](const TaskRequest& request) { return request.consume; }, "split", "split",
-     "restore split"},
-};
 
 void Expect(bool is_right, const std::string& message) {
     if (!is_right) {
@@ -155,8 +87,16 @@ void Expect(bool is_right, const std::string& message) {
 
 }  // namespace
 
-bool TaskKind::Is(const char* command, const char* kind_name) const {
-    return std::string_view(subcommand) == command && std::string_view(kind) == kind_name;
+std::string TaskKind::Command(const TaskRequest& request) const {
+    return Fill(command, request);
+}
+
+std::string TaskKind::SourcePath(const TaskRequest& request) const {
+    return Fill(source_path, request);
+}
+
+std::string TaskKind::ResultPath(const TaskRequest& request) const {
+    return Fill(result_path, request);
 }
 
 std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
@@ -181,14 +121,21 @@ const TaskKind& CheckRequest(const TaskRequest& request) {
     Expect(!request.slice_size || IsInRange(*request.slice_size, 1, kLargestSlice),
            fmt::format("--slice-size: \"{}\" is no number from 1 to {}",
                        request.slice_size.value_or(""), kLargestSlice));
-    for (const OwnOption& option : kOwnOptions) {
-        Expect(!option.is_given(request) || request.kind == option.kind ||
-                   request.kind == option.other_kind,
-               fmt::format("{} is an option of {} only", option.name, option.owners));
+    // Options of one kind of task or two.
+    const std::string& kind = request.kind;
+    const bool packs = kind == "split" || kind == "tar";
+    for (const auto& [is_right, name, owners] : {
+             std::tuple(kind == "split" || !request.slice_size, "--slice-size", "backup split"),
+             std::tuple(kind == "split" || request.take.empty(), "--take", "backup split"),
+             std::tuple(kind == "split" || !request.consume, "--consume", "restore split"),
+             std::tuple(packs || !request.sums, "--sums", "backup split and tar"),
+             std::tuple(packs || !request.replace, "--replace", "backup split and tar"),
+         }) {
+        Expect(is_right, fmt::format("{} is an option of {} only", name, owners));
     }
     const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
     return **std::find_if(kinds.begin(), kinds.end(),
-                          [&request](const TaskKind* row) { return row->kind == request.kind; });
+                          [&request](const TaskKind* row) { return request.kind == row->kind; });
 }
 
 int SliceSizeOf(const TaskRequest& request) {

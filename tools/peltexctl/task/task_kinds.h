@@ -43,17 +43,23 @@ struct TaskKind {
     const char* subcommand;
     const char* kind;  // empty for a subcommand of one kind
     const char* help;
-    // The command line for the library.
-    std::string (*compose)(const TaskKind& kind, const TaskRequest& request);
+    const char* command;  // this and the paths are patterns
     Source source;
-    std::string (*source_path)(const TaskRequest& request);
+    const char* source_path;
     Result result;
-    // The directory that the entries are in, or the file that lists or holds them.
-    std::string (*result_path)(const TaskRequest& request);
+    const char* result_path;
     Rules leaves_out;
     Modes modes;
 
-    bool Is(const char* command, const char* kind_name) const;
+    // The command line for the library.
+    std::string Command(const TaskRequest& request) const;
+    std::string SourcePath(const TaskRequest& request) const;
+    // The directory that the entries are in, or the file that lists or holds them.
+    std::string ResultPath(const TaskRequest& request) const;
+
+    bool Is(std::string_view command_name, std::string_view kind_name) const {
+        return subcommand == command_name && kind == kind_name;
+    }
     bool IsBackup() const { return Is("backup", kind); }
     bool IsBrief() const { return Is("brief", kind); }
     bool IsMove() const { return Is("move", kind); }

@@ -21,17 +21,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kTick{100};
 
-std::string Compose(const TaskKind& kind, TaskRequest request, const std::string& source) {
-    request.source = source;
-    return kind.compose(kind, request);
-}
-
-enum class Ending {
-    kSucceeded,  // in spite of the abort
-    kFailed,
-    kUnfinished,  // it was not waited for
-};
-
 std::string ExplainRefusal(int result) {
     switch (result) {
         case -1:
@@ -56,8 +45,9 @@ std::string ExplainFailure(int task, const TaskKind& kind, const TaskRequest& re
     return text;
 }
 
-std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Ending ending) {
-    const std::string result = kind.result_path(request);
+// Of a task that was interrupted, whether it succeeded in spite of that or not.
+std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, bool succeeded) {
+    const std::string result = kind.ResultPath(request);
     if (kind.Unpacks()) {
         return fmt::format("what was unpacked is in {}{}", request.destination,
                            kind.RestoresSlices() ? ", the set is as it was" : "");
@@ -66,7 +56,7 @@ std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, Endin
         return StatOf(result) ? fmt::format("{} may lack entries, remove it", result)
                               : fmt::format("nothing is left of {}", result);
     }
-    if (ending == Ending::kSucceeded) {
+    if (succeeded) {
         return kind.IsMove()
                    ? fmt::format("everything had been moved to {} by then", request.destination)
                    : fmt::format("{} had been completed by then", request.destination);
@@ -91,7 +81,7 @@ TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest
     : kind_(kind),
       request_(request),
       options_(options),
-      command_(Compose(kind, request, options.source)),
+      command_(options.command),
       events_(*events),
       view_(*view),
       slices_(kind.HandsOver()
@@ -106,11 +96,11 @@ TaskRun::TaskRun(const Library& library, const TaskKind& kind, const TaskRequest
                   : nullptr),
       left_unfinished_("interrupted: " +
                        (slices_ ? "the set in " + slices_->Directory() + " is not complete"
-                                : DescribeLeft(kind, request, Ending::kUnfinished)) +
+                                : DescribeLeft(kind, request, false)) +
                        options.left_too),
       client_(library, [this](const StatusEvent& event) { Heard(event); }) {}
 
-TaskRun::Result TaskRun::Run() {
+int TaskRun::Run(TaskSummary* summary) {
     const SignalScope signals([this](int times) { Interrupt(times); });
     if (slices_) {
         slices_->Prepare();
@@ -122,9 +112,9 @@ TaskRun::Result TaskRun::Run() {
     view_.Begin(fmt::format("{}{}{}", kind_.subcommand, *kind_.kind == '\0' ? "" : " ", kind_.kind),
                 options_.total);
     task_ = Send(command_);
-    Result result;
+    int status = kTaskFailed;
     if (task_ >= kFirstId) {
-        result = Follow(task_);
+        status = Follow(summary);
     } else {
         view_.End();
         PrintKeptLog();
@@ -134,7 +124,7 @@ TaskRun::Result TaskRun::Run() {
     if (events_.json()) {
         events_.Closed(session_, closed);
     }
-    return result;
+    return status;
 }
 
 int TaskRun::Send(const std::string& command, bool is_repeated) {
@@ -163,6 +153,7 @@ void TaskRun::Heard(const StatusEvent& event) {
     if (event.code != kStatusProgress) {
         const std::lock_guard lock(mutex_);
         has_news_ = true;
+        is_aborted_ = is_aborted_ || event.code == kStatusAborted;
         if (EndsTask(event)) {
             last_code_ = event.code;
         }
@@ -174,7 +165,7 @@ void TaskRun::Tell(const std::string& error) {
     view_.Aside([this, &error] { events_.Error(error); });
 }
 
-TaskRun::Result TaskRun::Follow(int task) {
+int TaskRun::Follow(TaskSummary* summary) {
     const Clock::time_point start = Clock::now();
     const auto has_ended = [this] {
         const std::lock_guard lock(mutex_);
@@ -194,14 +185,13 @@ TaskRun::Result TaskRun::Follow(int task) {
     }
     const std::chrono::duration<double> elapsed = Clock::now() - start;
     view_.End();
-    Result result;
-    result.status = End(*last_code_ == kStatusSuccess);
-    result.task = task;
-    result.seconds = elapsed.count();
+    const int status = End(*last_code_ == kStatusSuccess);
+    summary->task = task_;
+    summary->seconds = elapsed.count();
     if (slices_) {
-        result.slices = slices_->Count();
+        summary->slices = slices_->Count();
     }
-    return result;
+    return status;
 }
 
 void TaskRun::WaitForNews() {
@@ -227,7 +217,12 @@ void TaskRun::Stop() {
     if (!events_.json() && !events_.quiet()) {
         view_.Aside([this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
     }
-    Send(fmt::format("abort {}", task_));
+    const int result = Send(fmt::format("abort {}", task_));
+    const std::lock_guard lock(mutex_);
+    // One that has not begun leaves the queue without a status; of a running one it has come.
+    if (result == 0 && !is_aborted_ && !last_code_) {
+        last_code_ = kStatusAborted;
+    }
 }
 
 int TaskRun::End(bool succeeded) {
@@ -236,10 +231,9 @@ int TaskRun::End(bool succeeded) {
         untaken_ = untaken_.empty() ? error : untaken_;
     }
     if (is_interrupted_) {
-        Tell("interrupted: " +
-             (slices_ ? slices_->DescribeLeft() + ", of a set that is not complete"
-                      : DescribeLeft(kind_, request_,
-                                     succeeded ? Ending::kSucceeded : Ending::kFailed)));
+        Tell("interrupted: " + (slices_
+                                    ? slices_->DescribeLeft() + ", of a set that is not complete"
+                                    : DescribeLeft(kind_, request_, succeeded)));
         return kInterrupted;
     }
     if (!untaken_.empty()) {

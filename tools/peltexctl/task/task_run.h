@@ -13,7 +13,6 @@
 #include <optional>
 #include <string>
 
-#include "task/library.h"
 #include "task/session_client.h"
 #include "task/slice_hand_over.h"
 #include "task/task_kinds.h"
@@ -26,18 +25,11 @@ namespace peltexctl {
 class TaskRun {
   public:
     struct Options {
-        std::string source;                    // what the library is given for the request's
+        std::string command;
         uint64_t total = 0;                    // bytes to be expected; 0 if that is not known
         std::function<uint64_t()> bytes_read;  // of a restore, whose progress tells no bytes
         std::string left_too;                  // what else an unfinished task leaves
         bool log_is_shown = false;
-    };
-
-    struct Result {
-        int status = kTaskFailed;  // the program's exit status, as far as the task decides it
-        int task = 0;
-        double seconds = 0;
-        std::optional<uint64_t> slices;
     };
 
     // All must outlive the run.
@@ -47,8 +39,9 @@ class TaskRun {
     TaskRun(const TaskRun&) = delete;
     TaskRun& operator=(const TaskRun&) = delete;
 
-    // Throws Failure.
-    Result Run();
+    // Returns the program's exit status as far as the task decides it, and fills `summary` in for
+    // one that it has given an id. Throws Failure.
+    int Run(TaskSummary* summary);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -56,7 +49,7 @@ class TaskRun {
     int Send(const std::string& command, bool is_repeated = false);
     void Heard(const StatusEvent& event);
     void Tell(const std::string& error);
-    Result Follow(int task);
+    int Follow(TaskSummary* summary);
     void WaitForNews();
     void ShowProgress();
     void Stop();
@@ -83,6 +76,7 @@ class TaskRun {
     std::condition_variable changed_;
     // Protected by mutex_.
     bool has_news_ = false;
+    bool is_aborted_ = false;
     std::optional<int> last_code_;  // of the task that has ended
 };
 

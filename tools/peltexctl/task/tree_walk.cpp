@@ -4,16 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstring>
+#include "ui/text.h"
 
 namespace peltexctl {
 
 namespace {
-
-bool EndsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
 
 class Walk {
   public:
@@ -51,15 +46,9 @@ class Walk {
             left_out_(*reason, Below());
             return;
         }
-        TallyEntry entry = EntryOf(Below(), status);
-        if (options_.modes == Modes::kNone) {
-            entry.mode = std::nullopt;
-        } else if (options_.modes == Modes::kArchived) {
-            entry.mode = ArchivedMode(entry.type, *entry.mode);
-        }
-        if (S_ISLNK(status.st_mode)) {
-            const ssize_t length = readlinkat(directory.get(), name, target_, sizeof(target_));
-            entry.link = {target_, static_cast<size_t>(length < 0 ? 0 : length)};
+        TallyEntry entry = EntryOf(Below(), status, options_.modes);
+        if (entry.type == '2') {
+            entry.link = ReadLink(directory, name, target_);
         }
         entries_(entry);
         if (S_ISDIR(status.st_mode)) {
@@ -112,29 +101,29 @@ class Walk {
     const LeftOutSink& left_out_;
     std::string path_;
     size_t below_ = 0;  // where paths below the top begin
-    char target_[PATH_MAX] = {};
+    LinkBuffer target_ = {};
 };
 
 }  // namespace
 
-TallyEntry EntryOf(std::string_view path, const struct stat& status) {
+TallyEntry EntryOf(std::string_view path, const struct stat& status, Modes modes) {
     TallyEntry entry;
     entry.path = path;
-    switch (status.st_mode & S_IFMT) {
-        case S_IFREG:
-            entry.size = static_cast<uint64_t>(status.st_size);
-            break;
-        case S_IFDIR:
-            entry.type = '5';
-            break;
-        case S_IFLNK:
-            entry.type = '2';
-            break;
-        default:
-            entry.type = '3';
+    entry.type = S_ISREG(status.st_mode)   ? '0'
+                 : S_ISDIR(status.st_mode) ? '5'
+                 : S_ISLNK(status.st_mode) ? '2'
+                                           : '3';
+    entry.size = entry.type == '0' ? static_cast<uint64_t>(status.st_size) : 0;
+    if (modes != Modes::kNone) {
+        const uint32_t mode = status.st_mode & 07777;
+        entry.mode = modes == Modes::kAll ? mode : ArchivedMode(entry.type, mode);
     }
-    entry.mode = status.st_mode & 07777;
     return entry;
+}
+
+std::string_view ReadLink(const UniqueFd& directory, const char* name, LinkBuffer& buffer) {
+    const ssize_t length = readlinkat(directory.get(), name, buffer, sizeof(buffer));
+    return {buffer, static_cast<size_t>(length < 0 ? 0 : length)};
 }
 
 bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,

@@ -3,6 +3,7 @@
 // Not thread-safe. Memory grows with the depth of the tree alone. Nothing is followed or changed.
 #pragma once
 
+#include <climits>
 #include <functional>
 #include <optional>
 #include <string>
@@ -38,7 +39,11 @@ struct WalkOptions {
 bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
               const LeftOutSink& left_out);
 
-// An entry as its status shows it, with its mode and without its link's target.
-TallyEntry EntryOf(std::string_view path, const struct stat& status);
+// An entry as its status shows it, without its link's target.
+TallyEntry EntryOf(std::string_view path, const struct stat& status, Modes modes);
+
+// The target of the link `name` of a directory, in `buffer`.
+using LinkBuffer = char[PATH_MAX];
+std::string_view ReadLink(const UniqueFd& directory, const char* name, LinkBuffer& buffer);
 
 }  // namespace peltexctl

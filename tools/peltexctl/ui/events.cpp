@@ -2,6 +2,7 @@
 #include "ui/events.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cmath>
 #include <cstdio>
@@ -19,12 +20,6 @@ namespace {
 // The library's figures are decimal numbers.
 std::string HumanBytes(const std::string& figure) {
     return HumanSize(std::strtoull(figure.c_str(), nullptr, 10));
-}
-
-void WriteAndFlush(std::string_view line) {
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
 }
 
 // Why a task leaves something out, as people and as programs read it.
@@ -45,44 +40,6 @@ constexpr ReasonWords kReasons[] = {
     {LeftOut::kUnreadable, "unreadable", "unreadable"},
 };
 static_assert(std::size(kReasons) == kLeftOutReasons);
-
-std::string SummaryAsText(const TaskSummary& summary) {
-    std::string text = "summary: ";
-    const uint64_t bytes = summary.tally ? summary.tally->bytes() : 0;
-    if (summary.tally) {
-        text += fmt::format("{}, {}, ", Counted(summary.tally->entries(), "entry", "entries"),
-                            HumanSize(bytes));
-    }
-    text += fmt::format("{:.{}f} s", summary.seconds, summary.seconds < 10 ? 2 : 1);
-    if (bytes > 0 && summary.has_rate) {
-        text += ", " + HumanRate(bytes, summary.seconds);
-    }
-    if (summary.slices) {
-        text += ", " + Counted(*summary.slices, "slice", "slices");
-    }
-    return text;
-}
-
-// "3 (2 hard-linked, 1 .dex)".
-std::string LeftOutAsText(const Tally& tally) {
-    std::string reasons;
-    for (const ReasonWords& row : kReasons) {
-        if (const uint64_t count = tally.left_out(row.reason); count > 0) {
-            reasons += fmt::format("{}{} {}", reasons.empty() ? "" : ", ", count, row.text);
-        }
-    }
-    return fmt::format("{}{}", tally.left_out(), reasons.empty() ? "" : " (" + reasons + ")");
-}
-
-Json LeftOutAsJson(const Tally& tally) {
-    Json reasons = Json::object();
-    for (const ReasonWords& row : kReasons) {
-        if (const uint64_t count = tally.left_out(row.reason); count > 0) {
-            reasons[row.key] = count;
-        }
-    }
-    return reasons;
-}
 
 }  // namespace
 
@@ -119,26 +76,17 @@ std::string DescribeStatus(const StatusEvent& event) {
 }
 
 void EventWriter::Session(int session) {
-    WriteLine(json() ? JsonLine({{"event", "session"}, {"session", session}})
-                     : fmt::format("session {} is open", session));
+    Tell({{"event", "session"}, {"session", session}}, fmt::format("session {} is open", session));
 }
 
 void EventWriter::Result(const std::string& command, int result) {
-    if (!json()) {
-        WriteLine(fmt::format("{} -> {}", EscapeBytes(command), result));
-        return;
-    }
     Json object = {{"event", "result"}};
     SetBytes(&object, "command", command);
     object["result"] = result;
-    WriteLine(JsonLine(object));
+    Tell(object, fmt::format("{} -> {}", EscapeBytes(command), result));
 }
 
 void EventWriter::Status(const StatusEvent& event) {
-    if (!json()) {
-        WriteLine(fmt::format("task {}: {}", event.task, EscapeBytes(DescribeStatus(event))));
-        return;
-    }
     Json object = {{"event", "status"},
                    {"session", event.session},
                    {"task", event.task},
@@ -147,74 +95,58 @@ void EventWriter::Status(const StatusEvent& event) {
     if (event.callback > 1) {
         object["callback"] = event.callback;
     }
-    WriteLine(JsonLine(object));
+    Tell(object, fmt::format("task {}: {}", event.task, EscapeBytes(DescribeStatus(event))));
 }
 
 void EventWriter::Closed(int session, int result) {
-    WriteLine(json() ? JsonLine({{"event", "closed"}, {"session", session}, {"result", result}})
-                     : fmt::format("session {} closed -> {}", session, result));
-}
-
-void EventWriter::Waited(int task, int code) {
-    WriteLine(json() ? JsonLine({{"event", "waited"}, {"task", task}, {"code", code}})
-                     : fmt::format("waited for task {}: code {}", task, code));
+    Tell({{"event", "closed"}, {"session", session}, {"result", result}},
+         fmt::format("session {} closed -> {}", session, result));
 }
 
 void EventWriter::Summary(const TaskSummary& summary) {
-    if (!json()) {
-        WriteLine(SummaryAsText(summary));
-        if (summary.tally) {
-            WriteLine("left out: " + LeftOutAsText(*summary.tally));
-        }
-        return;
-    }
     Json object = {{"event", "summary"}, {"task", summary.task}};
+    std::vector<std::string> words;
+    const uint64_t bytes = summary.tally ? summary.tally->bytes() : 0;
     if (summary.tally) {
         object["entries"] = summary.tally->entries();
-        object["bytes"] = summary.tally->bytes();
+        object["bytes"] = bytes;
+        words = {Counted(summary.tally->entries(), "entry", "entries"), HumanSize(bytes)};
     }
     object["seconds"] = std::round(summary.seconds * 1000) / 1000;
-    if (summary.tally && summary.tally->bytes() > 0 && summary.has_rate && summary.seconds > 0) {
-        object["bytes_per_second"] =
-            static_cast<uint64_t>(static_cast<double>(summary.tally->bytes()) / summary.seconds);
+    words.push_back(fmt::format("{:.{}f} s", summary.seconds, summary.seconds < 10 ? 2 : 1));
+    if (bytes > 0 && summary.has_rate) {
+        object["bytes_per_second"] = BytesPerSecond(bytes, summary.seconds);
+        words.push_back(HumanRate(bytes, summary.seconds));
     }
     if (summary.slices) {
         object["slices"] = *summary.slices;
+        words.push_back(Counted(*summary.slices, "slice", "slices"));
     }
+    std::string text = fmt::format("summary: {}", fmt::join(words, ", "));
     if (summary.tally) {
         object["left_out"] = summary.tally->left_out();
-        object["reasons"] = LeftOutAsJson(*summary.tally);
-    }
-    WriteLine(JsonLine(object));
-}
-
-void EventWriter::Threads(const std::vector<ThreadInfo>& threads) {
-    Json list = Json::array();
-    for (const ThreadInfo& thread : threads) {
-        if (!json()) {
-            WriteLine(fmt::format("thread {:>7}  nice {:>3}  {}", thread.tid, thread.nice,
-                                  EscapeBytes(thread.name)));
+        object["reasons"] = Json::object();
+        words.clear();
+        for (const ReasonWords& row : kReasons) {
+            if (const uint64_t count = summary.tally->left_out(row.reason); count > 0) {
+                object["reasons"][row.key] = count;
+                words.push_back(fmt::format("{} {}", count, row.text));
+            }
         }
-        Json object;
-        SetBytes(&object, "name", thread.name);
-        object["tid"] = thread.tid;
-        object["nice"] = thread.nice;
-        list.push_back(std::move(object));
+        text += fmt::format("\nleft out: {}", summary.tally->left_out());
+        text += words.empty() ? "" : fmt::format(" ({})", fmt::join(words, ", "));
     }
-    if (json()) {
-        WriteLine(JsonLine({{"event", "threads"}, {"threads", list}}));
-    }
+    Tell(object, text);
 }
 
 void EventWriter::Error(const std::string& message) {
-    if (!json()) {
+    if (json()) {
+        Json object = {{"event", "error"}};
+        SetBytes(&object, "message", message);
+        WriteLine(JsonLine(object));
+    } else {
         PrintError(message);
-        return;
     }
-    Json object = {{"event", "error"}};
-    SetBytes(&object, "message", message);
-    const std::lock_guard lock(mutex_);
-    WriteAndFlush(JsonLine(object));
 }
 
 void EventWriter::Note(const std::string& message) {
@@ -223,11 +155,17 @@ void EventWriter::Note(const std::string& message) {
     }
 }
 
-void EventWriter::WriteLine(std::string_view line) {
+void EventWriter::Tell(const Json& object, const std::string& text) {
     if (!quiet_) {
-        const std::lock_guard lock(mutex_);
-        WriteAndFlush(line);
+        WriteLine(json() ? JsonLine(object) : text);
     }
+}
+
+void EventWriter::WriteLine(const std::string& line) {
+    const std::lock_guard lock(mutex_);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
 }
 
 }  // namespace peltexctl

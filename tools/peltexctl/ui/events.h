@@ -6,10 +6,9 @@
 
 #include <cstdint>
 #include <mutex>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "archive/tally.h"
 
@@ -54,12 +53,6 @@ struct TaskSummary {
     bool has_rate = false;  // whether the bytes were moved in these seconds
 };
 
-struct ThreadInfo {
-    std::string name;  // raw bytes, at most 15
-    int tid;
-    int nice;
-};
-
 class EventWriter {
   public:
     enum class Format { kJson, kText };
@@ -77,16 +70,16 @@ class EventWriter {
     void Result(const std::string& command, int result);
     void Status(const StatusEvent& event);
     void Closed(int session, int result);
-    void Waited(int task, int code);
     void Summary(const TaskSummary& summary);
-    void Threads(const std::vector<ThreadInfo>& threads);
+    // An event as an object, and the same in words.
+    void Tell(const nlohmann::ordered_json& object, const std::string& text);
     // In words it goes to standard error.
     void Error(const std::string& message);
     // The same for what is no failure.
     void Note(const std::string& message);
 
   private:
-    void WriteLine(std::string_view line);
+    void WriteLine(const std::string& line);
 
     const Format format_;
     const bool quiet_;

@@ -4,7 +4,8 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
-#include <system_error>
+
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -30,7 +31,7 @@ class Failure : public std::runtime_error {
 // Throws "MESSAGE: what errno says" where `is_done` is false, which a system call has just told.
 inline void Require(bool is_done, const std::string& message, ExitCode status = kTaskFailed) {
     if (!is_done) {
-        throw Failure(status, message + ": " + std::generic_category().message(errno));
+        throw Failure(status, message + ": " + ErrorText(errno));
     }
 }
 

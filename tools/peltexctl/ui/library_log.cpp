@@ -20,9 +20,12 @@ namespace {
 
 constexpr size_t kKept = 10;
 
+// Constant from before the library has a thread.
+bool g_keeps = false;
+ProgressView* g_view = nullptr;
+
 std::mutex g_mutex;
 // Protected by g_mutex. Never destroyed: the library's threads may outlive the program's end.
-ProgressView* g_view = nullptr;
 std::deque<std::string>& g_kept = *new std::deque<std::string>;
 uint64_t g_forgotten = 0;
 
@@ -39,28 +42,23 @@ std::string LineOf(const __android_log_message& message) {
                        EscapeBytes(text));
 }
 
-void Show(const __android_log_message* message) {
+void Take(const __android_log_message* message) {
     if (IsNoError(*message)) {
         return;
     }
     const std::string line = LineOf(*message);
     const auto print = [&line] { fmt::print(stderr, "{}", line); };
-    if (g_view != nullptr) {
+    if (g_keeps) {
+        const std::lock_guard lock(g_mutex);
+        g_kept.push_back(line);
+        if (g_kept.size() > kKept) {
+            g_kept.pop_front();
+            ++g_forgotten;
+        }
+    } else if (g_view != nullptr) {
         g_view->Aside(print);
     } else {
         print();
-    }
-}
-
-void Keep(const __android_log_message* message) {
-    if (IsNoError(*message)) {
-        return;
-    }
-    const std::lock_guard lock(g_mutex);
-    g_kept.push_back(LineOf(*message));
-    if (g_kept.size() > kKept) {
-        g_kept.pop_front();
-        ++g_forgotten;
     }
 }
 
@@ -74,13 +72,14 @@ void ShowLibraryLog(const std::string& level, ProgressView* view) {
             __android_log_set_minimum_priority(kPriorities[i]);
         }
     }
-    g_view = view;  // before the library has a thread
-    __android_log_set_logger(Show);
+    g_view = view;
+    __android_log_set_logger(Take);
 }
 
 void KeepLibraryLog() {
     __android_log_set_minimum_priority(ANDROID_LOG_ERROR);
-    __android_log_set_logger(Keep);
+    g_keeps = true;
+    __android_log_set_logger(Take);
 }
 
 void PrintKeptLog() {

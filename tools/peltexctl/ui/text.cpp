@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cwchar>
+#include <iterator>
 #include <sstream>
 #include <system_error>
 
@@ -15,45 +17,13 @@ namespace {
 
 constexpr double kMaxSeconds = 1e6;
 
-// The first bytes of the characters of one length, and the bounds of the byte that follows, which
-// rule out overlong forms, surrogates and values above U+10FFFF.
-struct LeadByte {
-    size_t length;
-    unsigned char first, last;
-    unsigned char second_first, second_last;
-};
-
-constexpr LeadByte kLeadBytes[] = {
-    {1, 0x00, 0x7f, 0x80, 0xbf}, {2, 0xc2, 0xdf, 0x80, 0xbf}, {3, 0xe0, 0xe0, 0xa0, 0xbf},
-    {3, 0xe1, 0xec, 0x80, 0xbf}, {3, 0xed, 0xed, 0x80, 0x9f}, {3, 0xee, 0xef, 0x80, 0xbf},
-    {4, 0xf0, 0xf0, 0x90, 0xbf}, {4, 0xf1, 0xf3, 0x80, 0xbf}, {4, 0xf4, 0xf4, 0x80, 0x8f},
-};
-
-bool InRange(char byte, unsigned char first, unsigned char last) {
-    const auto value = static_cast<unsigned char>(byte);
-    return value >= first && value <= last;
-}
-
-// Bytes of the valid character that `rest` begins with; 0 if it begins with none.
-size_t CharacterLength(std::string_view rest) {
-    for (const LeadByte& lead : kLeadBytes) {
-        if (!InRange(rest[0], lead.first, lead.last)) {
-            continue;
-        }
-        if (rest.size() < lead.length) {
-            return 0;
-        }
-        if (lead.length > 1 && !InRange(rest[1], lead.second_first, lead.second_last)) {
-            return 0;
-        }
-        for (size_t i = 2; i < lead.length; i++) {
-            if (!InRange(rest[i], 0x80, 0xbf)) {
-                return 0;
-            }
-        }
-        return lead.length;
-    }
-    return 0;
+// Bytes of the valid character that `rest` begins with, which is `character` then; 0 if it begins
+// with none.
+size_t CharacterLength(std::string_view rest, wchar_t* character) {
+    std::mbstate_t state{};
+    const size_t length = std::mbrtowc(character, rest.data(), rest.size(), &state);
+    // The C library takes longer forms, too. Of a NUL the length is 0.
+    return length > rest.size() || *character > 0x10ffff ? 0 : std::max<size_t>(length, 1);
 }
 
 }  // namespace
@@ -62,10 +32,7 @@ std::optional<int> ParseInt(std::string_view word) {
     int value = 0;
     const char* end = word.data() + word.size();
     const auto [stop, error] = std::from_chars(word.data(), end, value);
-    if (error != std::errc() || stop != end) {
-        return std::nullopt;
-    }
-    return value;
+    return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
 }
 
 std::optional<double> ParseSeconds(std::string_view word) {
@@ -80,57 +47,48 @@ std::optional<double> ParseSeconds(std::string_view word) {
     return seconds;
 }
 
-std::vector<std::string> SplitWords(std::string_view line, std::string_view separators) {
-    std::vector<std::string> words;
-    size_t begin = line.find_first_not_of(separators);
-    while (begin != std::string_view::npos) {
-        const size_t end = std::min(line.find_first_of(separators, begin), line.size());
-        words.emplace_back(line.substr(begin, end - begin));
-        begin = line.find_first_not_of(separators, end);
-    }
-    return words;
+std::vector<std::string> SplitWords(const std::string& line) {
+    std::istringstream stream(line);
+    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 std::string BytesToUtf8(std::string_view bytes) {
     std::string text;
-    text.reserve(bytes.size());
+    wchar_t character = 0;
     while (!bytes.empty()) {
-        const size_t length = CharacterLength(bytes);
+        const size_t length = CharacterLength(bytes, &character);
         if (length > 0) {
             text.append(bytes.substr(0, length));
-            bytes.remove_prefix(length);
-            continue;
+        } else {
+            const auto byte = static_cast<unsigned char>(bytes[0]);
+            text.push_back(static_cast<char>(0xc0 | byte >> 6));
+            text.push_back(static_cast<char>(0x80 | (byte & 0x3f)));
         }
-        const auto byte = static_cast<unsigned char>(bytes[0]);
-        text.push_back(static_cast<char>(0xc0 | byte >> 6));
-        text.push_back(static_cast<char>(0x80 | (byte & 0x3f)));
-        bytes.remove_prefix(1);
+        bytes.remove_prefix(std::max<size_t>(length, 1));
     }
     return text;
 }
 
 std::string EscapeBytes(std::string_view bytes) {
     std::string escaped;
+    wchar_t character = 0;
     while (!bytes.empty()) {
-        const size_t length = CharacterLength(bytes);
-        const auto first = static_cast<unsigned char>(bytes[0]);
+        const size_t length = CharacterLength(bytes, &character);
+        const std::string_view taken = bytes.substr(0, std::max<size_t>(length, 1));
         // The control characters above ASCII, too: terminals obey them.
-        const bool is_control =
-            first < 0x20 || first == 0x7f ||
-            (length == 2 && first == 0xc2 && static_cast<unsigned char>(bytes[1]) < 0xa0);
-        const std::string_view character = bytes.substr(0, length == 0 ? 1 : length);
-        if (first == '\n') {
+        const bool is_control = character < 0x20 || (character >= 0x7f && character < 0xa0);
+        if (taken == "\n") {
             escaped += "\\n";
-        } else if (first == '\\') {
+        } else if (taken == "\\") {
             escaped += "\\\\";
         } else if (length == 0 || is_control) {
-            for (const char byte : character) {
+            for (const char byte : taken) {
                 escaped += fmt::format("\\{:03o}", static_cast<unsigned char>(byte));
             }
         } else {
-            escaped += character;
+            escaped += taken;
         }
-        bytes.remove_prefix(character.size());
+        bytes.remove_prefix(taken.size());
     }
     return escaped;
 }
@@ -161,10 +119,13 @@ std::string HumanSize(uint64_t bytes) {
     return fmt::format("{:.1f} {}", value, kUnits.at(unit));
 }
 
-std::string HumanRate(uint64_t bytes, double seconds) {
+uint64_t BytesPerSecond(uint64_t bytes, double seconds) {
     constexpr double kShortest = 0.001;
-    const double rate = static_cast<double>(bytes) / std::max(seconds, kShortest);
-    return HumanSize(static_cast<uint64_t>(rate)) + "/s";
+    return static_cast<uint64_t>(static_cast<double>(bytes) / std::max(seconds, kShortest));
+}
+
+std::string HumanRate(uint64_t bytes, double seconds) {
+    return HumanSize(BytesPerSecond(bytes, seconds)) + "/s";
 }
 
 std::string HumanTime(double seconds) {
@@ -172,6 +133,10 @@ std::string HumanTime(double seconds) {
     const std::string tail = fmt::format("{:02}", whole % 60);
     return whole < 3600 ? fmt::format("{}:{}", whole / 60, tail)
                         : fmt::format("{}:{:02}:{}", whole / 3600, whole / 60 % 60, tail);
+}
+
+bool EndsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
 std::string ErrorText(int error) {

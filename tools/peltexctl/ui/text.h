@@ -1,4 +1,5 @@
-// Small text helpers: numbers as people type them, words, bytes that need not be UTF-8.
+// Small text helpers: numbers as people type them, words, bytes that need not be UTF-8. REQUIRES:
+// the locale's LC_CTYPE is C.UTF-8.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +17,8 @@ std::optional<int> ParseInt(std::string_view word);
 // A number of seconds, 0 to a million, with or without a fraction.
 std::optional<double> ParseSeconds(std::string_view word);
 
-// The words of `line` between runs of any character of `separators`.
-std::vector<std::string> SplitWords(std::string_view line, std::string_view separators);
+// The words of `line` between blanks.
+std::vector<std::string> SplitWords(const std::string& line);
 
 // `bytes` with each byte that is not part of valid UTF-8 replaced by the code point of the same
 // value, so that a reader sees which byte it was. Overlong forms and surrogates are not valid.
@@ -36,11 +37,15 @@ std::string Counted(uint64_t number, std::string_view one, std::string_view many
 // "512 B", "1.5 MiB": binary units, one decimal from KiB on.
 std::string HumanSize(uint64_t bytes);
 
+uint64_t BytesPerSecond(uint64_t bytes, double seconds);
+
 // "1.5 MiB/s": what that many bytes in that many seconds make.
 std::string HumanRate(uint64_t bytes, double seconds);
 
 // "0:07", "1:02:03": whole seconds.
 std::string HumanTime(double seconds);
+
+bool EndsWith(std::string_view text, std::string_view end);
 
 // The system's words for an errno value.
 std::string ErrorText(int error);
