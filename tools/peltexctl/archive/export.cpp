@@ -136,7 +136,7 @@ class Exporter {
             ArchiveReader reader(*file);
             for (ArchiveEntry entry; reader.Next(&entry);) {
                 if (entry.IsRestored()) {
-                    CopyEntry(*file, i, entry);
+                    CopyEntry(*file, i, entry, reader.header());
                 }
             }
             Expect(reader.end() == ArchiveEnd::kEndBlocks);
@@ -150,13 +150,14 @@ class Exporter {
         output_.Write(std::string((kBlockSize - size % kBlockSize) % kBlockSize, '\0'));
     }
 
-    void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry) {
+    void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry,
+                   const tar_header& header) {
         Expect(entry.Continues() == (left_ > 0));
         if (!entry.Continues()) {
             size_ = left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
-            WriteRecord(entry.header, TYPE_LONG_LINK, entry.link);
-            WriteRecord(entry.header, TYPE_LONG_NAME, entry.name);
-            WriteHeader(entry.header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
+            WriteRecord(header, TYPE_LONG_LINK, entry.link);
+            WriteRecord(header, TYPE_LONG_NAME, entry.name);
+            WriteHeader(header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
         }
         Expect(entry.size <= left_);
         for (uint64_t done = 0; done < entry.size;) {

@@ -53,7 +53,7 @@ class Tally {
     uint64_t left_out() const;
 
     // A number for all entries, whatever their order; for a single one, of that one.
-    uint64_t sum() const { return sum_[0]; }
+    uint64_t sum() const { return sum_; }
 
     // What is left out takes no part.
     bool operator==(const Tally& other) const {
@@ -64,7 +64,7 @@ class Tally {
   private:
     uint64_t entries_ = 0;
     uint64_t bytes_ = 0;
-    std::array<uint64_t, 2> sum_ = {};  // of the entries' hashes, wrapping
+    uint64_t sum_ = 0;  // of the entries' hashes, wrapping
     std::array<uint64_t, kLeftOutReasons> left_out_ = {};
 };
 

@@ -53,10 +53,9 @@ std::string_view LastComponent(const ArchiveEntry& entry) {
 // Gives what a restore makes of an entry to `visit`, but for the destination itself.
 EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
     return [&visit](const ArchiveEntry& entry) {
-        const std::string path = entry.Path();
         const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
-        if (entry.IsRestored() && !path.empty()) {
-            visit({path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
+        if (entry.IsRestored() && !entry.path.empty()) {
+            visit({entry.path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
         }
     };
 }
@@ -170,7 +169,7 @@ class SetVerifier {
     // Where a restore puts the entry: what no file system takes, what it passes over, what lies
     // outside the destination or may.
     void CheckPlace(const ArchiveEntry& entry) {
-        const std::string path = entry.Path();
+        const std::string& path = entry.path;
         const std::string_view last = LastComponent(entry);
         const auto is_long = [](std::string_view each) {
             return each.size() - (each.rfind('/') + 1) > kLongestComponent;
@@ -181,7 +180,7 @@ class SetVerifier {
             Fault(entry.name, "is no name that a restore can make something of");
         } else if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
             Fault(entry.name, "a link without a target, which no file system takes");
-        } else if (AnyUpwards(path, is_long)) {
+        } else if (path.size() > kLongestComponent && AnyUpwards(path, is_long)) {
             Fault(entry.name, "no file system takes a component of more than 255 bytes");
         } else if (entry.name.find("tinker/") != std::string::npos &&
                    ((destination_.empty() ? "/" : destination_) + entry.name)
@@ -241,7 +240,7 @@ class SetVerifier {
                 set_, [](const Finding&) {},
                 [this](const ArchiveEntry& entry) {
                     if (entry.IsRestored()) {
-                        LookAgainAt(entry, entry.Path());
+                        LookAgainAt(entry);
                     }
                 });
         }
@@ -250,11 +249,11 @@ class SetVerifier {
         }
     }
 
-    void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
+    void LookAgainAt(const ArchiveEntry& entry) {
         // A link itself replaces one of its name; all else is written through it.
         const bool is_link = entry.type == TYPE_SYMLINK;
         const bool is_through =
-            AnyUpwards(is_link ? ParentOf(path) : path, [&](std::string_view each) {
+            AnyUpwards(is_link ? ParentOf(entry.path) : entry.path, [&](std::string_view each) {
                 const auto row = doubtful_.find(HashOfPath(each));
                 const bool leads_on = row != doubtful_.end() && row->second == Met::kLink;
                 if (leads_on) {
@@ -262,7 +261,7 @@ class SetVerifier {
                 }
                 return leads_on;
             });
-        const auto own = doubtful_.find(HashOfPath(path));
+        const auto own = doubtful_.find(HashOfPath(entry.path));
         if (own == doubtful_.end()) {
             return;
         }
