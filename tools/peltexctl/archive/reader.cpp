@@ -107,18 +107,6 @@ bool ArchiveEntry::FillsSlice() const {
            (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
 }
 
-bool ArchiveEntry::Continues() const {
-    return type == TYPE_MIDDLE_PART || type == TYPE_LAST_PART;
-}
-
-bool ArchiveEntry::IsFile() const {
-    return type == TYPE_REGULAR || type == TYPE_FIRST_PART || Continues();
-}
-
-bool ArchiveEntry::IsRestored() const {
-    return IsFile() || type == TYPE_SYMLINK || type == TYPE_DIRECTORY;
-}
-
 const char* DescribeEnd(ArchiveEnd end) {
     constexpr const char* kWords[] = {
         "",

@@ -62,10 +62,19 @@ struct ArchiveEntry {
     // of any other size is that of a file which ended just there.
     bool FillsSlice() const;
     // A part of a file that began in an earlier slice.
-    bool Continues() const;
-    bool IsFile() const;
+    bool Continues() const {
+        return type == android::installd::TYPE_MIDDLE_PART ||
+               type == android::installd::TYPE_LAST_PART;
+    }
+    bool IsFile() const {
+        return type == android::installd::TYPE_REGULAR ||
+               type == android::installd::TYPE_FIRST_PART || Continues();
+    }
     // Whether a restore makes something of it, or passes over it.
-    bool IsRestored() const;
+    bool IsRestored() const {
+        return IsFile() || type == android::installd::TYPE_SYMLINK ||
+               type == android::installd::TYPE_DIRECTORY;
+    }
 };
 
 // Why there are no more entries.
