@@ -107,12 +107,6 @@ class Output {
     mode_t mode_ = 0777;
 };
 
-template <size_t size>
-void PutNumber(char (&field)[size], size_t digits, uint64_t value) {
-    std::memset(field, 0, size);
-    fmt::format("{:0{}o}", value, digits).copy(field, size);
-}
-
 void Expect(bool is_so, const char* otherwise = "the set changed while it was read") {
     if (!is_so) {
         throw std::runtime_error(otherwise);
@@ -207,13 +201,12 @@ class Exporter {
     void WriteHeader(tar_header header, TypeFlag type, uint64_t size) {
         Expect(size <= kLargestFile, "a file is larger than a header can say");
         header.typeflag = type;
-        PutNumber(header.size, sizeof(header.size) - (size >> 33 == 0 ? 1 : 0), size);
+        I2Ocs(header.size, sizeof(header.size), static_cast<long>(size));
         std::memcpy(header.magic, "ustar", sizeof(header.magic));
         std::memcpy(header.version, "00", sizeof(header.version));
         std::memset(header.prefix, 0, sizeof(header.prefix));
-        PutNumber(header.chksum, 6, checksumOf(header));
-        header.chksum[7] = ' ';
-        output_.Write({reinterpret_cast<const char*>(&header), sizeof(header)});
+        FillSum(header);
+        output_.Write({bytesOf(header), sizeof(header)});
     }
 
     const ArchiveSet& set_;

@@ -1,7 +1,6 @@
 #include "archive/tally.h"
 
 #include <functional>
-#include <numeric>
 
 namespace peltexctl {
 
@@ -29,10 +28,6 @@ void Tally::Add(const TallyEntry& entry) {
     ++entries_;
     bytes_ += entry.size;
     sum_ += HashOf(entry);
-}
-
-uint64_t Tally::left_out() const {
-    return std::accumulate(left_out_.begin(), left_out_.end(), uint64_t{0});
 }
 
 }  // namespace peltexctl
