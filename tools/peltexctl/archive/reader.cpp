@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "ui/text.h"
@@ -25,18 +26,6 @@ bool IsHeader(const TarBlock& block) {
     return std::memcmp(header.magic, "ustar", 5) == 0 &&
            checksumOf(header) ==
                static_cast<uint32_t>(ParseOctalStr(header.chksum, sizeof(header.chksum)));
-}
-
-// A number as other programs read it: octal digits behind spaces, nothing is 0. Nothing for a
-// binary number, which the first bit marks.
-std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
-    if ((*field & 0x80) != 0) {
-        return std::nullopt;
-    }
-    const char* const end = field + width;
-    uint64_t value = 0;
-    std::from_chars(std::find_if(field, end, [](char byte) { return byte != ' '; }), end, value, 8);
-    return value;
 }
 
 void SetPath(ArchiveEntry* entry) {
@@ -245,12 +234,15 @@ void ArchiveReader::FillEntry(ArchiveEntry* entry) {
 uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask,
                                  std::string_view what) {
     const char* const field = block_.bytes() + offset;
-    const std::optional<uint64_t> standard = StandardNumber(field, width);
-    if (*field >= '0' && *field <= '7') {
-        return *standard;
+    const char* const end = field + width;
+    // To others, digits follow on spaces, nothing is 0, and the first bit marks a binary number.
+    const char* const begin = std::find_if(field, end, [](char byte) { return byte != ' '; });
+    uint64_t standard = 0;
+    if (std::from_chars(begin, end, standard, 8).ec == std::errc() && begin == field) {
+        return standard;
     }
     const uint64_t value = ParseOctalStr(field, width);
-    if (mask != 0 && (!standard || ((*standard ^ value) & mask) != 0)) {
+    if (mask != 0 && ((*field & 0x80) != 0 || ((standard ^ value) & mask) != 0)) {
         misread_ = what;
     }
     return value;
