@@ -3,9 +3,9 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 
 #include "archive/export.h"
 #include "archive/listing.h"
@@ -33,6 +33,22 @@ class Report {
   public:
     Report(bool json, FILE* stream) : json_(json), stream_(stream) {}
 
+    std::optional<ArchiveSet> Open(const std::string& path) const {
+        std::string error;
+        std::optional<ArchiveSet> set = ArchiveSet::Open(path, sink_, &error);
+        if (!set) {
+            Fail(error);
+        }
+        return set;
+    }
+
+    // What a restore would make of the set.
+    Tally Verify(const ArchiveSet& set) const {
+        const Tally tally = VerifySet(set, "", sink_).tally;
+        CheckSums(set, sink_);
+        return tally;
+    }
+
     const FindingSink& sink() const { return sink_; }
     uint64_t faults() const { return faults_; }
     uint64_t warnings() const { return warnings_; }
@@ -47,14 +63,7 @@ class Report {
         return kTaskFailed;
     }
 
-    // The status of a command whose output was asked for: it failed when that could not be written.
-    int Status() const {
-        if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
-            return faults_ == 0 ? kDone : kTaskFailed;
-        }
-        PrintError(fmt::format("standard output cannot be written: {}", ErrorText(errno)));
-        return kTaskFailed;
-    }
+    int Status() const { return faults_ == 0 ? kDone : kTaskFailed; }
 
   private:
     void Add(const Finding& finding) {
@@ -103,10 +112,9 @@ std::string NumbersAsText(const ArchiveSet& set, const Tally& tally) {
 
 int RunList(const ArchiveRequest& request, bool json) {
     const Report report(json, json ? stdout : stderr);
-    std::string error;
-    const std::optional<ArchiveSet> set = ArchiveSet::Open(request.file, report.sink(), &error);
+    const std::optional<ArchiveSet> set = report.Open(request.file);
     if (!set) {
-        return report.Fail(error);
+        return kTaskFailed;
     }
     ListSet(*set, report.sink(), [json](const ArchiveEntry& entry) {
         PrintLine(stdout, json ? EntryAsJson(entry) : EntryAsText(entry));
@@ -116,13 +124,11 @@ int RunList(const ArchiveRequest& request, bool json) {
 
 int RunVerify(const ArchiveRequest& request, bool json) {
     const Report report(json, stdout);
-    std::string error;
-    const std::optional<ArchiveSet> set = ArchiveSet::Open(request.file, report.sink(), &error);
+    const std::optional<ArchiveSet> set = report.Open(request.file);
     if (!set) {
-        return report.Fail(error);
+        return kTaskFailed;
     }
-    const Tally tally = VerifySet(*set, "", report.sink()).tally;
-    CheckSums(*set, report.sink());
+    const Tally tally = report.Verify(*set);
     const bool is_whole = report.faults() == 0;
     if (json) {
         Json object = {{"event", "verified"}, {"whole", is_whole}};
@@ -143,21 +149,20 @@ int RunExport(const ArchiveRequest& request, bool json) {
     // Standard output may be the archive.
     FILE* const stream = request.out == "-" ? stderr : stdout;
     const Report report(json, stream);
-    std::string error;
-    const std::optional<ArchiveSet> set = ArchiveSet::Open(request.file, report.sink(), &error);
+    const std::optional<ArchiveSet> set = report.Open(request.file);
     if (!set) {
-        return report.Fail(error);
+        return kTaskFailed;
     }
     if (!set->is_check_file()) {
         return report.Fail(request.file + " is no check file, which an export takes");
     }
-    const Tally tally = VerifySet(*set, "", report.sink()).tally;
-    CheckSums(*set, report.sink());
+    const Tally tally = report.Verify(*set);
     if (report.faults() > 0) {
         return report.Fail(request.file + " is not whole, nothing was exported");
     }
     ProgressView view(request.quiet || json);
     view.Begin("export", tally.bytes());
+    std::string error;
     const bool is_done = ExportSet(
         *set, request.out,
         [&view](uint64_t done) {

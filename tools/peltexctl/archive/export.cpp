@@ -107,12 +107,6 @@ class Output {
     mode_t mode_ = 0777;
 };
 
-template <size_t size>
-void PutNumber(char (&field)[size], size_t digits, uint64_t value) {
-    std::memset(field, 0, size);
-    fmt::format("{:0{}o}", value, digits).copy(field, size);
-}
-
 void Expect(bool is_so, const char* otherwise = "the set changed while it was read") {
     if (!is_so) {
         throw std::runtime_error(otherwise);
@@ -136,7 +130,7 @@ class Exporter {
             ArchiveReader reader(*file);
             for (ArchiveEntry entry; reader.Next(&entry);) {
                 if (entry.IsRestored()) {
-                    CopyEntry(*file, i, entry);
+                    CopyEntry(*file, i, entry, reader.header());
                 }
             }
             Expect(reader.end() == ArchiveEnd::kEndBlocks);
@@ -150,13 +144,14 @@ class Exporter {
         output_.Write(std::string((kBlockSize - size % kBlockSize) % kBlockSize, '\0'));
     }
 
-    void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry) {
+    void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry,
+                   const tar_header& header) {
         Expect(entry.Continues() == (left_ > 0));
         if (!entry.Continues()) {
             size_ = left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
-            WriteRecord(entry.header, TYPE_LONG_LINK, entry.link);
-            WriteRecord(entry.header, TYPE_LONG_NAME, entry.name);
-            WriteHeader(entry.header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
+            WriteRecord(header, TYPE_LONG_LINK, entry.link);
+            WriteRecord(header, TYPE_LONG_NAME, entry.name);
+            WriteHeader(header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
         }
         Expect(entry.size <= left_);
         for (uint64_t done = 0; done < entry.size;) {
@@ -206,13 +201,12 @@ class Exporter {
     void WriteHeader(tar_header header, TypeFlag type, uint64_t size) {
         Expect(size <= kLargestFile, "a file is larger than a header can say");
         header.typeflag = type;
-        PutNumber(header.size, sizeof(header.size) - (size >> 33 == 0 ? 1 : 0), size);
+        I2Ocs(header.size, sizeof(header.size), static_cast<long>(size));
         std::memcpy(header.magic, "ustar", sizeof(header.magic));
         std::memcpy(header.version, "00", sizeof(header.version));
         std::memset(header.prefix, 0, sizeof(header.prefix));
-        PutNumber(header.chksum, 6, checksumOf(header));
-        header.chksum[7] = ' ';
-        output_.Write({reinterpret_cast<const char*>(&header), sizeof(header)});
+        FillSum(header);
+        output_.Write({bytesOf(header), sizeof(header)});
     }
 
     const ArchiveSet& set_;

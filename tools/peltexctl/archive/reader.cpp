@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "ui/text.h"
@@ -27,16 +28,16 @@ bool IsHeader(const TarBlock& block) {
                static_cast<uint32_t>(ParseOctalStr(header.chksum, sizeof(header.chksum)));
 }
 
-// A number as other programs read it: octal digits behind spaces, nothing is 0. Nothing for a
-// binary number, which the first bit marks.
-std::optional<uint64_t> StandardNumber(const char* field, size_t width) {
-    if ((*field & 0x80) != 0) {
-        return std::nullopt;
+void SetPath(ArchiveEntry* entry) {
+    std::string_view rest = entry->name;
+    entry->path.clear();
+    while (!rest.empty()) {
+        const std::string_view component = rest.substr(0, rest.find('/'));
+        rest.remove_prefix(std::min(component.size() + 1, rest.size()));
+        if (!component.empty() && component != ".") {
+            entry->path.append(entry->path.empty() ? "" : "/").append(component);
+        }
     }
-    const char* const end = field + width;
-    uint64_t value = 0;
-    std::from_chars(std::find_if(field, end, [](char byte) { return byte != ' '; }), end, value, 8);
-    return value;
 }
 
 }  // namespace
@@ -95,31 +96,6 @@ bool ArchiveEntry::FillsSlice() const {
            (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
 }
 
-bool ArchiveEntry::Continues() const {
-    return type == TYPE_MIDDLE_PART || type == TYPE_LAST_PART;
-}
-
-bool ArchiveEntry::IsFile() const {
-    return type == TYPE_REGULAR || type == TYPE_FIRST_PART || Continues();
-}
-
-bool ArchiveEntry::IsRestored() const {
-    return IsFile() || type == TYPE_SYMLINK || type == TYPE_DIRECTORY;
-}
-
-std::string ArchiveEntry::Path() const {
-    std::string path;
-    for (size_t begin = 0; begin < name.size();) {
-        const size_t end = std::min(name.find('/', begin), name.size());
-        const std::string_view component = std::string_view(name).substr(begin, end - begin);
-        if (!component.empty() && component != ".") {
-            path.append(path.empty() ? "" : "/").append(component);
-        }
-        begin = end + 1;
-    }
-    return path;
-}
-
 const char* DescribeEnd(ArchiveEnd end) {
     constexpr const char* kWords[] = {
         "",
@@ -142,7 +118,7 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
     while (ReadHeader()) {
         const tar_header& header = block_.header;
         // Of records, too: a restore looks at the name before it looks at the type.
-        entry->name = long_name_ ? *long_name_ : block_.bytes();
+        entry->name = long_name_ ? std::string_view(*long_name_) : block_.name();
         if (entry->name.find("../") != std::string::npos || entry->name.size() > name_room_) {
             return Finish(ArchiveEnd::kRefusedName);
         }
@@ -159,20 +135,41 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
     return false;
 }
 
+// Headers of small entries lie close together: they are read along with the first.
+bool ArchiveReader::Read(uint64_t offset, void* buffer, size_t size) {
+    constexpr uint64_t kWindow = 16384;
+    const auto is_there = [&] {
+        return offset >= window_offset_ && offset - window_offset_ <= window_.size() &&
+               size <= window_.size() - (offset - window_offset_);
+    };
+    if (!is_there() && offset <= file_.size()) {
+        window_offset_ = offset;
+        window_.resize(std::min(kWindow, file_.size() - offset));
+        const ssize_t count =
+            pread(file_.fd(), window_.data(), window_.size(), static_cast<off_t>(offset));
+        window_.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    }
+    const bool is_read = is_there();
+    if (is_read) {
+        std::memcpy(buffer, window_.data() + (offset - window_offset_), size);
+    }
+    return is_read;
+}
+
 // Reads a block that is a header; otherwise this is the end.
 bool ArchiveReader::ReadHeader() {
     if (end_ != ArchiveEnd::kNotYet) {
         return false;
     }
     block_offset_ = position_;
-    if (!file_.ReadAt(position_, &block_.header, kBlockSize)) {
+    if (!Read(position_, &block_.header, kBlockSize)) {
         return Finish(ArchiveEnd::kNoEndBlocks);
     }
     position_ += kBlockSize;
     if (*block_.bytes() == '\0') {
         char second = 'x';
-        const bool ended = file_.ReadAt(position_ + kBlockSize - 1, &second, 1) &&
-                           file_.ReadAt(position_, &second, 1) && second == '\0';
+        const bool ended = Read(position_ + kBlockSize - 1, &second, 1) &&
+                           Read(position_, &second, 1) && second == '\0';
         return Finish(ended ? ArchiveEnd::kEndBlocks : ArchiveEnd::kLoneZeroBlock);
     }
     return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
@@ -186,7 +183,7 @@ void ArchiveReader::TakeRecord(std::optional<std::string>* text, std::string_vie
     text->reset();
     if (size >= kTarPathSize) {
         misread_ = what;
-    } else if (file_.ReadAt(position_, buffer, static_cast<size_t>(size))) {
+    } else if (Read(position_, buffer, static_cast<size_t>(size))) {
         *text = buffer;
     }
     SkipContent(size);
@@ -195,7 +192,6 @@ void ArchiveReader::TakeRecord(std::optional<std::string>* text, std::string_vie
 void ArchiveReader::FillEntry(ArchiveEntry* entry) {
     const tar_header& header = block_.header;
     const bool is_link = header.typeflag == TYPE_SYMLINK || header.typeflag == '1';
-    entry->header = header;
     entry->type =
         header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR) : header.typeflag;
     entry->mode = static_cast<uint32_t>(
@@ -217,9 +213,19 @@ void ArchiveReader::FillEntry(ArchiveEntry* entry) {
                                   8)) {
         misread_ = "name";
     }
-    entry->name = TextAt(offsetof(tar_header, name), sizeof(header.name), &long_name_, "name");
-    entry->link = TextAt(offsetof(tar_header, linkname), is_link ? sizeof(header.linkname) : 0,
-                         &long_link_, "target");
+    entry->link = !is_link     ? std::string_view()
+                  : long_link_ ? std::string_view(*long_link_)
+                               : block_.linkName();
+    // A restore reads on behind a field that is full.
+    if (!long_name_ && entry->name.size() >= sizeof(header.name)) {
+        misread_ = "name";
+    }
+    if (!long_link_ && entry->link.size() >= sizeof(header.linkname)) {
+        misread_ = "target";
+    }
+    long_name_.reset();
+    long_link_.reset();
+    SetPath(entry);
     entry->misread = std::exchange(misread_, {});
 }
 
@@ -228,25 +234,18 @@ void ArchiveReader::FillEntry(ArchiveEntry* entry) {
 uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask,
                                  std::string_view what) {
     const char* const field = block_.bytes() + offset;
+    const char* const end = field + width;
+    // To others, digits follow on spaces, nothing is 0, and the first bit marks a binary number.
+    const char* const begin = std::find_if(field, end, [](char byte) { return byte != ' '; });
+    uint64_t standard = 0;
+    if (std::from_chars(begin, end, standard, 8).ec == std::errc() && begin == field) {
+        return standard;
+    }
     const uint64_t value = ParseOctalStr(field, width);
-    const std::optional<uint64_t> standard = StandardNumber(field, width);
-    if (mask != 0 && (!standard || ((*standard ^ value) & mask) != 0)) {
+    if (mask != 0 && ((*field & 0x80) != 0 || ((standard ^ value) & mask) != 0)) {
         misread_ = what;
     }
     return value;
-}
-
-// The text of a record, which is used up, or else of the field: a restore reads on behind one that
-// is full. Empty for a field without a width.
-std::string ArchiveReader::TextAt(size_t offset, size_t width, std::optional<std::string>* record,
-                                  std::string_view what) {
-    const char* const field = block_.bytes() + offset;
-    std::string text = width == 0 ? "" : *record ? **record : field;
-    if (width > 0 && !*record && text.size() >= width) {
-        misread_ = what;
-    }
-    record->reset();
-    return text;
 }
 
 // Moves behind `size` bytes of content and what fills their last block.

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/file_handles.h"
 #include "tar/tar_header.h"
@@ -52,20 +53,28 @@ struct ArchiveEntry {
     uint64_t size = 0;  // bytes of content that the header promises
     uint64_t mtime = 0;
     uint64_t data_offset = 0;
-    android::installd::tar_header header{};
     std::string_view misread;  // what of it other programs read otherwise, "size" or the like
+    // Where a restore puts it below its destination: the name without what does not change where it
+    // leads, empty components and single dots. Empty for the destination itself.
+    std::string path;
 
     // A file's part that was cut because its slice was full, so that more must follow. A first part
     // of any other size is that of a file which ended just there.
     bool FillsSlice() const;
     // A part of a file that began in an earlier slice.
-    bool Continues() const;
-    bool IsFile() const;
+    bool Continues() const {
+        return type == android::installd::TYPE_MIDDLE_PART ||
+               type == android::installd::TYPE_LAST_PART;
+    }
+    bool IsFile() const {
+        return type == android::installd::TYPE_REGULAR ||
+               type == android::installd::TYPE_FIRST_PART || Continues();
+    }
     // Whether a restore makes something of it, or passes over it.
-    bool IsRestored() const;
-    // Where a restore puts it below its destination: the name without what does not change where it
-    // leads, empty components and single dots. Empty for the destination itself.
-    std::string Path() const;
+    bool IsRestored() const {
+        return IsFile() || type == android::installd::TYPE_SYMLINK ||
+               type == android::installd::TYPE_DIRECTORY;
+    }
 };
 
 // Why there are no more entries.
@@ -87,12 +96,15 @@ class ArchiveReader {
   public:
     // `file` must outlive the reader. Names may have `name_room` bytes: what the path of a
     // restore's destination leaves of the longest path.
-    ArchiveReader(const ArchiveFile& file, size_t name_room) : file_(file), name_room_(name_room) {}
-    explicit ArchiveReader(const ArchiveFile& file) : ArchiveReader(file, kLongestName) {}
+    explicit ArchiveReader(const ArchiveFile& file, size_t name_room = kLongestName)
+        : file_(file), name_room_(name_room) {}
 
     // Reads the next header with the records in front of it. Returns false at the end; `entry` is
     // then the one to blame, if the end is kRefusedName or kDataCut.
     bool Next(ArchiveEntry* entry);
+
+    // Of the last entry, as it is stored.
+    const android::installd::tar_header& header() const { return block_.header; }
 
     ArchiveEnd end() const { return end_; }
 
@@ -103,17 +115,18 @@ class ArchiveReader {
     static constexpr size_t kLongestName = android::installd::kTarPathSize - 3;
 
   private:
+    bool Read(uint64_t offset, void* buffer, size_t size);
     bool ReadHeader();
     void TakeRecord(std::optional<std::string>* text, std::string_view what);
     void FillEntry(ArchiveEntry* entry);
     uint64_t NumberAt(size_t offset, size_t width, uint64_t mask, std::string_view what);
-    std::string TextAt(size_t offset, size_t width, std::optional<std::string>* record,
-                       std::string_view what);
     bool SkipContent(uint64_t size);
     bool Finish(ArchiveEnd end);
 
     const ArchiveFile& file_;
     const size_t name_room_;
+    std::vector<char> window_;  // the bytes of the file from `window_offset_` on
+    uint64_t window_offset_ = 0;
     android::installd::TarBlock block_;
     uint64_t block_offset_ = 0;
     uint64_t position_ = 0;

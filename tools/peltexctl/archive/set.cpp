@@ -25,10 +25,6 @@ constexpr size_t kMaxLine = 2046;
 constexpr size_t kMostSlices = 100000;
 constexpr uint64_t kLargestCheckFile = 32 << 20;
 
-bool EndsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
-
 // What has no header in front and a '|' in its first line, or the name of one.
 bool IsCheckFile(std::string_view content, std::string_view name) {
     constexpr size_t kMagic = offsetof(tar_header, magic);
@@ -36,7 +32,7 @@ bool IsCheckFile(std::string_view content, std::string_view name) {
         (content.size() > kMagic && content.substr(kMagic, 5) == "ustar")) {
         return false;
     }
-    return EndsWith(name, ".txt") ||
+    return name.substr(std::min(name.rfind('.'), name.size())) == ".txt" ||
            content.substr(0, content.find('\n')).find('|') != std::string_view::npos;
 }
 
@@ -118,12 +114,8 @@ std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const Findin
     std::string name = path.substr(begin);
     std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
     std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
-    if (!file) {
-        *error = fmt::format("{}: {}", path, *error);
-        return std::nullopt;
-    }
-    if (!file->ReadAt(0, content.data(), content.size())) {
-        *error = fmt::format("{}: cannot be read", path);
+    if (!file || !file->ReadAt(0, content.data(), content.size())) {
+        *error = fmt::format("{}: {}", path, file ? "cannot be read" : *error);
         return std::nullopt;
     }
     ArchiveSet set(std::move(*file));

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <numeric>
 #include <optional>
 #include <string_view>
 
@@ -50,10 +51,12 @@ class Tally {
     uint64_t entries() const { return entries_; }
     uint64_t bytes() const { return bytes_; }
     uint64_t left_out(LeftOut reason) const { return left_out_[static_cast<size_t>(reason)]; }
-    uint64_t left_out() const;
+    uint64_t left_out() const {
+        return std::accumulate(left_out_.begin(), left_out_.end(), uint64_t{0});
+    }
 
     // A number for all entries, whatever their order; for a single one, of that one.
-    uint64_t sum() const { return sum_[0]; }
+    uint64_t sum() const { return sum_; }
 
     // What is left out takes no part.
     bool operator==(const Tally& other) const {
@@ -64,7 +67,7 @@ class Tally {
   private:
     uint64_t entries_ = 0;
     uint64_t bytes_ = 0;
-    std::array<uint64_t, 2> sum_ = {};  // of the entries' hashes, wrapping
+    uint64_t sum_ = 0;  // of the entries' hashes, wrapping
     std::array<uint64_t, kLeftOutReasons> left_out_ = {};
 };
 

@@ -5,13 +5,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "archive/listing.h"
-#include "archive/seen_paths.h"
 
 namespace peltexctl {
 
@@ -53,13 +53,43 @@ std::string_view LastComponent(const ArchiveEntry& entry) {
 // Gives what a restore makes of an entry to `visit`, but for the destination itself.
 EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
     return [&visit](const ArchiveEntry& entry) {
-        const std::string path = entry.Path();
         const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
-        if (entry.IsRestored() && !path.empty()) {
-            visit({path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
+        if (entry.IsRestored() && !entry.path.empty()) {
+            visit({entry.path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
         }
     };
 }
+
+constexpr std::hash<std::string_view> kHashOf{};
+const FindingSink kIgnore = [](const Finding&) {};
+
+// What is remembered of a path.
+enum class PathMark { kAny, kLink, kDirectory };
+
+// Which paths came before, in a fixed amount of memory. A Bloom filter: what was added is found for
+// certain, and one in some hundred of the others, which are looked at a second time.
+class PathFilter {
+  public:
+    // Returns whether it may have been there before.
+    bool Add(std::string_view path, PathMark mark) { return Meet(path, mark, true); }
+    bool MayHave(std::string_view path, PathMark mark) { return Meet(path, mark, false); }
+
+  private:
+    bool Meet(std::string_view path, PathMark mark, bool adds) {
+        const uint64_t hash = kHashOf(path) + static_cast<uint64_t>(mark) * 0x9E3779B97F4A7C15;
+        uint64_t bit = hash;
+        bool is_there = true;
+        for (int i = 0; i < 4; i++, bit += (hash >> 32) | 1) {
+            uint64_t& word = words_[bit / 64 % words_.size()];
+            const uint64_t mask = uint64_t{1} << (bit % 64);
+            is_there = is_there && (word & mask) != 0;
+            word |= adds ? mask : 0;
+        }
+        return is_there;
+    }
+
+    std::vector<uint64_t> words_ = std::vector<uint64_t>(size_t{1} << 18);
+};
 
 class SetVerifier {
   public:
@@ -67,6 +97,9 @@ class SetVerifier {
         : set_(set),
           destination_(destination.empty() || destination.back() == '/' ? destination
                                                                         : destination + "/"),
+          name_room_(destination_.empty()
+                         ? ArchiveReader::kLongestName
+                         : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1)),
           sink_(sink),
           begin_known_(set.is_check_file()) {}
 
@@ -90,9 +123,7 @@ class SetVerifier {
 
     void Tell(Severity severity, const std::string& slice, const std::string& entry,
               const std::string& message) {
-        ++(severity == Severity::kFault     ? verdict_.faults
-           : severity == Severity::kWarning ? verdict_.warnings
-                                            : verdict_.suspicions);
+        verdict_.faults += severity == Severity::kWarning ? 0 : 1;
         sink_({severity, slice, entry, message});
     }
     void Warn(const std::string& entry, const std::string& message) {
@@ -100,12 +131,6 @@ class SetVerifier {
     }
     void Fault(const std::string& entry, const std::string& message) {
         Tell(Severity::kFault, slice_, entry, message);
-    }
-
-    size_t NameRoom() const {
-        return destination_.empty()
-                   ? ArchiveReader::kLongestName
-                   : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1);
     }
 
     void CheckSlice(size_t index) {
@@ -118,7 +143,7 @@ class SetVerifier {
             return;
         }
         const bool has_size = CheckSize(*file, index);
-        ArchiveReader reader(*file, NameRoom());
+        ArchiveReader reader(*file, name_room_);
         ArchiveEntry entry;
         for (is_first_ = true; reader.Next(&entry); is_first_ = false) {
             CheckEntry(*file, entry);
@@ -170,7 +195,7 @@ class SetVerifier {
     // Where a restore puts the entry: what no file system takes, what it passes over, what lies
     // outside the destination or may.
     void CheckPlace(const ArchiveEntry& entry) {
-        const std::string path = entry.Path();
+        const std::string& path = entry.path;
         const std::string_view last = LastComponent(entry);
         const auto is_long = [](std::string_view each) {
             return each.size() - (each.rfind('/') + 1) > kLongestComponent;
@@ -181,7 +206,7 @@ class SetVerifier {
             Fault(entry.name, "is no name that a restore can make something of");
         } else if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
             Fault(entry.name, "a link without a target, which no file system takes");
-        } else if (AnyUpwards(path, is_long)) {
+        } else if (path.size() > kLongestComponent && AnyUpwards(path, is_long)) {
             Fault(entry.name, "no file system takes a component of more than 255 bytes");
         } else if (entry.name.find("tinker/") != std::string::npos &&
                    ((destination_.empty() ? "/" : destination_) + entry.name)
@@ -212,10 +237,9 @@ class SetVerifier {
     }
 
     void Remember(const ArchiveEntry& entry, std::string_view path) {
-        if (!entry.Continues() && seen_.MayHave(path, PathMark::kAny)) {
+        if (seen_.Add(path, PathMark::kAny) && !entry.Continues()) {
             LookAgainFor(path);
         }
-        seen_.Add(path, PathMark::kAny);
         if (entry.type == TYPE_SYMLINK) {
             has_links_ = true;
             seen_.Add(path, PathMark::kLink);
@@ -226,7 +250,7 @@ class SetVerifier {
 
     void LookAgainFor(std::string_view path) {
         if (doubtful_.size() < kMostDoubtful) {
-            doubtful_.emplace(HashOfPath(path), Met::kNot);
+            doubtful_.emplace(kHashOf(path), Met::kNot);
         } else {
             has_more_doubts_ = true;
         }
@@ -237,32 +261,30 @@ class SetVerifier {
         const uint64_t faults = verdict_.faults;
         slice_.clear();
         if (!doubtful_.empty()) {
-            ListSet(
-                set_, [](const Finding&) {},
-                [this](const ArchiveEntry& entry) {
-                    if (entry.IsRestored()) {
-                        LookAgainAt(entry, entry.Path());
-                    }
-                });
+            ListSet(set_, kIgnore, [this](const ArchiveEntry& entry) {
+                if (entry.IsRestored()) {
+                    LookAgainAt(entry);
+                }
+            });
         }
         if (has_more_doubts_ && faults == verdict_.faults) {
             Warn("", "too many entries to tell whether a name is there twice");
         }
     }
 
-    void LookAgainAt(const ArchiveEntry& entry, std::string_view path) {
+    void LookAgainAt(const ArchiveEntry& entry) {
         // A link itself replaces one of its name; all else is written through it.
         const bool is_link = entry.type == TYPE_SYMLINK;
         const bool is_through =
-            AnyUpwards(is_link ? ParentOf(path) : path, [&](std::string_view each) {
-                const auto row = doubtful_.find(HashOfPath(each));
+            AnyUpwards(is_link ? ParentOf(entry.path) : entry.path, [&](std::string_view each) {
+                const auto row = doubtful_.find(kHashOf(each));
                 const bool leads_on = row != doubtful_.end() && row->second == Met::kLink;
                 if (leads_on) {
                     Fault(entry.name, fmt::format("goes through the link {} of the archive", each));
                 }
                 return leads_on;
             });
-        const auto own = doubtful_.find(HashOfPath(path));
+        const auto own = doubtful_.find(kHashOf(entry.path));
         if (own == doubtful_.end()) {
             return;
         }
@@ -367,6 +389,7 @@ class SetVerifier {
 
     const ArchiveSet& set_;
     const std::string destination_;
+    const size_t name_room_;
     const FindingSink& sink_;
     Verdict verdict_;
     const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
@@ -393,8 +416,7 @@ Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const F
 }
 
 void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit) {
-    ListSet(
-        set, [](const Finding&) {}, ForTally(visit));
+    ListSet(set, kIgnore, ForTally(visit));
 }
 
 }  // namespace peltexctl

@@ -15,13 +15,8 @@
 namespace peltexctl {
 
 struct Verdict {
-    Tally tally;  // of what a restore makes below its destination
-    uint64_t faults = 0;
-    uint64_t suspicions = 0;
-    uint64_t warnings = 0;
-
-    // A suspicion counts: only the directory that a set was made of can settle it.
-    bool is_whole() const { return faults + suspicions == 0; }
+    Tally tally;          // of what a restore makes below its destination
+    uint64_t faults = 0;  // and suspicions, which only the directory that was packed can settle
 };
 
 // Gives each finding to `sink`. `destination` is where a restore would go, empty where that is not
