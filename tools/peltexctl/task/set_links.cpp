@@ -95,7 +95,7 @@ void SetLinks::Make(const std::string& other) {
         const std::string name = set_.NameOf(i);
         Require(dprintf(file.get(), "%s|%ju\n", name.c_str(), uintmax_t{set_.SizeOf(i)}) > 0 &&
                     symlinkat((directory_ + "/" + name).c_str(), fd_.get(), name.c_str()) == 0,
-                path + "/" + name);
+                fmt::format("{}/{}", path, name));
     }
 }
 

@@ -44,10 +44,10 @@ struct TaskKind {
     const char* kind;  // empty for a subcommand of one kind
     const char* help;
     const char* command;  // this and the paths are patterns
-    Source source;
     const char* source_path;
-    Result result;
     const char* result_path;
+    Source source;
+    Result result;
     Rules leaves_out;
     Modes modes;
 
