@@ -125,7 +125,8 @@ class Shell {
 
     int Execute(const std::string& line) {
         const int result = client.Execute(session, line);
-        const Words words = SplitWords(line.c_str());
+        // The library sees a line up to its first NUL.
+        const Words words = SplitWords(line.substr(0, line.find('\0')));
         if (result >= kFirstId) {
             tasks.Given(result, session);
         } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
