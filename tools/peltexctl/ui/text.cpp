@@ -21,6 +21,7 @@ constexpr double kMaxSeconds = 1e6;
 // with none.
 size_t CharacterLength(std::string_view rest, wchar_t* character) {
     std::mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only without a state of one's own
     const size_t length = std::mbrtowc(character, rest.data(), rest.size(), &state);
     // The C library takes longer forms, too. Of a NUL the length is 0.
     return length > rest.size() || *character > 0x10ffff ? 0 : std::max<size_t>(length, 1);
