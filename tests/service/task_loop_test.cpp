@@ -126,7 +126,9 @@ TEST_F(TaskLoopTest, ATaskQueuedWhileBothWorkersAreLeavingIsServed) {
 TEST_F(TaskLoopTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
     auto doomed = android::sp<android::installd::BackupSessionManager>(
         new android::installd::BackupSessionManager());
-    const android::wp<android::installd::BackupSessionManager> observed = doomed;
+    // Of an object that is going, as long as its workers keep it: a reference to it, even a weak
+    // one that is promoted for a moment, could be the last and end it on this thread.
+    const android::installd::BackupSessionManager* const going = doomed.get();
     const int32_t id = doomed->startBackupSession(client);
     int32_t last = 0;
     for (const char* name : {"a", "b", "c"}) {
@@ -136,7 +138,7 @@ TEST_F(TaskLoopTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
     }
     EXPECT_EQ(client->waitFor(last - 1, 1), 1);
     std::thread owner([&] { doomed.clear(); });
-    EXPECT_TRUE(eventually([&] { return observed.promote() == nullptr; }));
+    EXPECT_TRUE(eventually([&] { return going->checkExit(0); }));
     for (const char* name : {"a", "b", "c"}) {
         giveUp(tree / name);
     }
