@@ -132,7 +132,7 @@ class SlicesOrOne(Split):
     def commands(self):
         made = super().commands()
         whole = self.driver(f"backup tar {self.tree.path} {OUT}")
-        return {OURS: made.pop(OURS), "one archive": whole, **made}
+        return {OURS: made[OURS], "one archive": whole, FLOOR: made[FLOOR]}
 
 
 class Unpack(Job):

@@ -16,10 +16,11 @@ import matplotlib
 matplotlib.use("svg")
 from matplotlib import pyplot  # noqa: E402
 
+from jobs import CHECKED, CTL, FLOOR, OURS  # noqa: E402
+
 PROJECT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-OURS, FLOOR = "ours", "floor"
-CHECKED, CTL = "peltexctl", "peltexctl --no-verify"
 OURS_COLOUR, PEER_COLOUR, FLOOR_COLOUR, GOAL_COLOUR = "#1f6feb", "#8b949e", "#2da44e", "#cf222e"
+CLIENT_COLOUR = "#bf8700"
 
 
 def table(head, rows):
@@ -44,41 +45,61 @@ def mib(kib):
     return f"{kib / 1024:.1f}"
 
 
+def both(ratio):
+    return f"{ratio['wall']:.2f} ({ratio['cpu']:.2f})"
+
+
 def reference(row):
     return row["ratios"][row["reference"]]
 
 
+def with_clients(rows):
+    return [(name, row) for name, row in rows.items() if row["clients"]]
+
+
 def summary(rows, micro):
+    """What users run beside other programs: the client alone."""
     lines = []
-    for name, row in rows.items():
+    for name, row in with_clients(rows):
         job, tree = name.split("-")
-        goal = row["goal"]
-        lines.append([
-            job, tree, row["reference"], f"{reference(row)['wall']:.2f}",
-            "" if goal is None else f"{goal:.2f}",
-            f"{reference(row)['wall'] / row['ratios'][CTL]['wall']:.2f}",
-            f"{reference(row)['wall'] / row['ratios'][CHECKED]['wall']:.2f}",
-            f"{reference(row)['cpu']:.2f}", f"{row['ratios'][FLOOR]['wall']:.2f}",
-            mib(row["figures"][CHECKED]["peak"])])
-    head = ["job", "tree", "compared with", "library", "goal", CTL, CHECKED, "processor",
-            "to the least", "MiB"]
+        clients = row["clients"]
+        lines.append([job, tree, row["reference"], both(clients[CHECKED]), both(clients[CTL]),
+                      mib(row["figures"][CHECKED]["peak"])])
+    head = ["job", "tree", "compared with", f"`{CHECKED}`", "`--no-verify`", "MiB"]
     slowest = max(value for name, value in micro.items() if name.startswith("Command/"))
-    return (f"{table(head, lines)}\n\nA command that acts at once takes {slowest:.2f} µs; a worker "
-            f"has begun a task {micro['TaskStart']:.0f} µs after it was sent.")
+    return (f"{table(head, lines)}\n\nIn the library a command that acts at once takes "
+            f"{slowest:.2f} µs; a worker has begun a task {micro['TaskStart']:.0f} µs after it was "
+            "sent.")
+
+
+def client_rows(rows):
+    """Client and library side by side."""
+    lines = []
+    for name, row in with_clients(rows):
+        cells = [name, row["reference"], f"{reference(row)['wall']:.2f}"]
+        for client in (CTL, CHECKED):
+            cells += [f"{row['clients'][client]['wall']:.2f}",
+                      f"{1 / row['ratios'][client]['wall']:.2f}",
+                      f"{row['client_goals'][client]:.2f}"]
+        lines.append([*cells, *(mib(row["figures"][ours]["peak"]) for ours in (OURS, CHECKED))])
+    return table(["row", "compared with", "library", CTL, "to the library", "goal", CHECKED,
+                  "to the library", "goal", "library, MiB", f"{CHECKED}, MiB"], lines)
 
 
 def all_rows(rows):
-    """A table for each set of programs."""
+    """The library beside other programs: a table for each set of these."""
+    def others(item):
+        return [name for name in item[1]["ratios"] if name not in (CTL, CHECKED)]
+
     tables = []
-    for programs, group in itertools.groupby(rows.items(), lambda item: list(item[1]["ratios"])):
+    for programs, group in itertools.groupby(rows.items(), others):
         lines = []
         for name, row in group:
             ours = row["figures"][OURS]
-            cells = [f"{row['ratios'][peer]['wall']:.2f} ({row['ratios'][peer]['cpu']:.2f})"
-                     for peer in programs]
+            cells = [both(row["ratios"][peer]) for peer in programs]
             goal = "" if row["goal"] is None else f"{row['goal']:.2f}"
             lines.append([name, f"{ours['wall']:.0f} ({ours['cpu']:.0f})", goal, *cells])
-        tables.append(table(["row", "ours, ms", "goal", *programs], lines))
+        tables.append(table(["row", "library, ms", "goal", *programs], lines))
     return "\n\n".join(tables)
 
 
@@ -88,7 +109,7 @@ def memory(rows):
         ours = row["figures"][OURS]
         lines.append([name, mib(ours["peak"]), f"+{mib(ours['peak'] - ours['idle'])}",
                       f"{row['reference']}: {mib(row['figures'][row['reference']]['peak'])}"])
-    return table(["row", "ours, MiB", "above idle", "compared with"], lines)
+    return table(["row", "library, MiB", "above idle", "compared with"], lines)
 
 
 def per_entry(row, name, key="cpu"):
@@ -103,9 +124,10 @@ def curve_table(curve):
             lines.append([job, f"{row['entries']:,}", f"{per_entry(row, OURS):.2f}",
                           f"{peer}: {per_entry(row, peer):.2f}", f"{per_entry(row, FLOOR):.2f}",
                           f"{row['ratios'][peer]['cpu']:.2f}", f"{row['ratios'][peer]['wall']:.2f}",
-                          mib(row["figures"][OURS]["peak"])])
-    return table(["job", "entries", "ours, µs", "peer, µs", "floor, µs", "processor", "elapsed",
-                  "ours, MiB"], lines)
+                          mib(row["figures"][OURS]["peak"]),
+                          mib(row["figures"][CHECKED]["peak"])])
+    return table(["job", "entries", "library, µs", "peer, µs", "floor, µs", "processor", "elapsed",
+                  "library, MiB", f"{CHECKED}, MiB"], lines)
 
 
 def micro_table(micro):
@@ -131,7 +153,11 @@ def draw_rows(rows):
     ratios = [reference(row)["wall"] for row in rows.values()]
     floors = [reference(row)["wall"] / row["ratios"][FLOOR]["wall"] for row in rows.values()]
     goals = [(place, row["goal"]) for place, row in zip(places, rows.values()) if row["goal"]]
-    axes.barh(places, ratios, height=0.6, color=OURS_COLOUR, label="ours")
+    clients = [(place, row["clients"][CHECKED]["wall"])
+               for place, row in zip(places, rows.values()) if row["clients"]]
+    axes.barh(places, ratios, height=0.6, color=OURS_COLOUR, label="library")
+    axes.plot([ratio for _, ratio in clients], [place for place, _ in clients], "o", markersize=5,
+              color=CLIENT_COLOUR, label=CHECKED)
     axes.plot(floors, places, "D", color=FLOOR_COLOUR, markersize=5, label="the least possible")
     axes.plot([goal for _, goal in goals], [place for place, _ in goals], "|", markersize=16,
               markeredgewidth=2, color=GOAL_COLOUR, label="goal")
@@ -139,7 +165,8 @@ def draw_rows(rows):
     axes.set_yticks(places, [f"{name}: {row['reference']}" for name, row in rows.items()])
     axes.invert_yaxis()
     axes.set_xlabel("elapsed time, ratio to the program compared with (less is faster)")
-    axes.legend(loc="upper center", bbox_to_anchor=(0.4, 1.1), ncols=4, frameon=False)
+    axes.legend(loc="upper center", bbox_to_anchor=(0.4, 1.1), ncols=5, frameon=False,
+                columnspacing=1.2, handletextpad=0.4)
     save(figure, "performance-rows")
 
 
@@ -151,7 +178,7 @@ def draw_curve(curve):
         peer = next(iter(points.values()))["reference"]
         for name, colour in ((OURS, OURS_COLOUR), (peer, PEER_COLOUR), (FLOOR, FLOOR_COLOUR)):
             axes.plot(entries, [per_entry(row, name) for row in points.values()], "o-",
-                      color=colour, label=name)
+                      color=colour, label="library" if name == OURS else name)
         axes.set(title=job, xscale="log", xlabel="entries", ylabel="processor µs per entry")
         axes.set_ylim(bottom=0)
         axes.legend(frameon=False)
@@ -159,7 +186,7 @@ def draw_curve(curve):
         panels[4].plot([row["entries"] for row in points.values()],
                        [row["figures"][OURS]["peak"] / 1024 for row in points.values()], "o-",
                        label=job)
-    panels[4].set(title="peak memory of ours", xscale="log", xlabel="entries", ylabel="MiB")
+    panels[4].set(title="peak memory of the library's process", xscale="log", xlabel="entries", ylabel="MiB")
     panels[4].set_ylim(bottom=0)
     panels[4].legend(frameon=False)
     panels[5].axis("off")
@@ -182,6 +209,7 @@ def main():
     page = f"{PROJECT}/docs/PERFORMANCE.md"
     replace_block(page, "machine", machine_text(measured))
     replace_block(page, "rows", f"![](performance-rows.svg)\n\n{all_rows(rows)}")
+    replace_block(page, "clients", client_rows(rows))
     replace_block(page, "memory", memory(rows))
     replace_block(page, "curve", f"![](performance-curve.svg)\n\n{curve_table(curve)}")
     replace_block(page, "micro", micro_table(micro))
