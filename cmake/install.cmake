@@ -37,16 +37,15 @@ install(FILES docs/peltexctl.1
 install(FILES tools/peltexctl.bash RENAME peltexctl
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
 
-# Laid out as here, so that they find each other.
-install(FILES README.md CONTRIBUTING.md CHANGELOG.md
-    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-    PATTERN peltexctl.1 EXCLUDE)
-foreach(file IN ITEMS tests/embed/embed.cpp tests/docs/cases.md platform/README.md fuzz/README.md
-        tools/peltexctl.bash)
-    get_filename_component(directory ${file} DIRECTORY)
-    install(FILES ${file} DESTINATION ${CMAKE_INSTALL_DOCDIR}/${directory} COMPONENT development)
-endforeach()
-# What the program's users read.
-install(FILES docs/COMMANDS.md docs/FORMATS.md docs/LIMITS.md docs/BOUNDARIES.md
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/peltexctl/docs COMPONENT program)
+# Laid out as here, so that they find each other: for those who link the library and for those who
+# run the program.
+function(install_documents component doc_dir)
+    foreach(file IN ITEMS README.md CONTRIBUTING.md CHANGELOG.md platform/README.md fuzz/README.md
+            tests/embed/embed.cpp)
+        get_filename_component(directory ${file} DIRECTORY)
+        install(FILES ${file} DESTINATION ${doc_dir}/${directory} COMPONENT ${component})
+    endforeach()
+    install(DIRECTORY docs DESTINATION ${doc_dir} COMPONENT ${component} PATTERN peltexctl.1 EXCLUDE)
+endfunction()
+install_documents(development ${CMAKE_INSTALL_DOCDIR})
+install_documents(program ${CMAKE_INSTALL_DATADIR}/doc/peltexctl)
