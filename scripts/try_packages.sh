@@ -37,7 +37,7 @@ MANWIDTH=80 man --warnings peltexctl >/tmp/page 2>/tmp/warnings || fail "there i
 [ ! -s /tmp/warnings ] || fail "the manual page: $(cat /tmp/warnings)"
 sed -n 1,5p /tmp/page
 bash -c '. /usr/share/bash-completion/completions/peltexctl; complete -p peltexctl'
-find /usr/share/doc/peltexctl /usr/share/doc/peltexinstalld -name '*.md' >/tmp/pages
+find /usr/share/doc/peltexctl /usr/share/doc/libpeltexinstalld-dev -name '*.md' >/tmp/pages
 while read -r page; do
     for link in $(grep -oE '\]\([^)#]+' "$page" | cut -c 3- | grep -v '^http'); do
         [ -e "$(dirname "$page")/$link" ] || fail "$page leads to $link, which is not there"
