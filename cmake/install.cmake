@@ -42,8 +42,8 @@ install(FILES README.md CONTRIBUTING.md CHANGELOG.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     PATTERN peltexctl.1 EXCLUDE)
-foreach(file IN ITEMS tests/embed/embed.cpp tests/docs/cases.md platform/README.md fuzz/README.md
-        tools/peltexctl.bash)
+foreach(file IN ITEMS tests/client/embed/embed.cpp tests/client/cases.md platform/README.md
+        tests/fuzz/README.md tools/peltexctl.bash)
     get_filename_component(directory ${file} DIRECTORY)
     install(FILES ${file} DESTINATION ${CMAKE_INSTALL_DOCDIR}/${directory} COMPONENT development)
 endforeach()

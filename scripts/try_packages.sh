@@ -40,7 +40,7 @@ bash -c '. /usr/share/bash-completion/completions/peltexctl; complete -p peltexc
 
 step "Embed"
 # Unquoted: what it prints are words.
-g++ -std=c++17 tests/embed/embed.cpp -o /tmp/embed $(pkg-config --cflags --libs peltexinstalld)
+g++ -std=c++17 tests/client/embed/embed.cpp -o /tmp/embed $(pkg-config --cflags --libs peltexinstalld)
 mkdir -p /data/data
 /tmp/embed "get_brief dir /data/data /data/data/brief default 0"
 rm -r /data
