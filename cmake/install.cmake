@@ -40,8 +40,8 @@ install(FILES tools/peltexctl.bash RENAME peltexctl
 # Laid out as here, so that they find each other: for those who link the library and for those who
 # run the program.
 function(install_documents component doc_dir)
-    foreach(file IN ITEMS README.md CONTRIBUTING.md CHANGELOG.md platform/README.md fuzz/README.md
-            tests/embed/embed.cpp)
+    foreach(file IN ITEMS README.md CONTRIBUTING.md CHANGELOG.md platform/README.md
+            tests/fuzz/README.md tests/client/embed/embed.cpp)
         get_filename_component(directory ${file} DIRECTORY)
         install(FILES ${file} DESTINATION ${doc_dir}/${directory} COMPONENT ${component})
     endforeach()

@@ -24,8 +24,7 @@ platform
 tools          platform bounded base brief tar
 tests/support  service handlers fileops brief tar task base bounded platform
 tests          tests/support service handlers fileops brief tar task base bounded platform
-fuzz           tests/support service handlers fileops brief tar task base bounded platform
-bench          tests/support service handlers fileops brief tar task base bounded platform
+bench          service handlers fileops brief tar task base bounded platform
 "
 
 # folders LIST: their names.
@@ -48,7 +47,7 @@ check_tidy() {
     need_packages $packages_build $packages_clang $packages_lint
     cmake --preset asan >/dev/null
     local linted
-    linted=$(folders "$library$around" | grep -vE '^(tests|fuzz|bench)')
+    linted=$(folders "$library$around" | grep -vE '^(tests|bench)')
     sources $linted | grep '\.cpp$' |
         xargs -P "$(nproc)" -n 1 clang-tidy -p build/asan --quiet \
             --header-filter="/($(paste -sd '|' <<<"$linted"))/" 2>/dev/null

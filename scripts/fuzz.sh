@@ -3,7 +3,7 @@
 #
 #   scripts/fuzz.sh [--seconds N | --runs N] [--keep DIR] [TARGET...]
 #
-# By default all targets of fuzz/, 20 seconds each, from their seeds. With --keep, a run goes on
+# By default all targets of tests/fuzz/, 20 seconds each, from their seeds. With --keep, a run goes on
 # where the last one with the same DIR ended. DIR/TARGET holds the grown corpus, the log, and as
 # finding-* the inputs that failed; without --keep this is a temporary directory, which stays only
 # when something failed. Exit status: 1 when something did.
@@ -22,9 +22,9 @@ while [ $# -gt 0 ]; do
         *) targets+=("$1") && shift ;;
     esac
 done
-[ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(basename -s _fuzzer.cpp fuzz/*_fuzzer.cpp)
+[ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(basename -s _fuzzer.cpp tests/fuzz/*_fuzzer.cpp)
 for target in "${targets[@]}"; do
-    [ -f "fuzz/${target}_fuzzer.cpp" ] || fail "no such target: $target"
+    [ -f "tests/fuzz/${target}_fuzzer.cpp" ] || fail "no such target: $target"
 done
 
 need_packages $packages_build $packages_clang
@@ -32,9 +32,9 @@ build fuzz
 [ -z "$keep" ] || mkdir -p "$keep"
 results=$(readlink -f "${keep:-$(mktemp -d)}")
 
-# options TARGET: its fuzz/TARGET.options as arguments of libFuzzer.
+# options TARGET: its tests/fuzz/TARGET.options as arguments of libFuzzer.
 options() {
-    sed -n 's/^\([a-z_]*\) = /-\1=/p' "fuzz/$1.options" | sed 's|^-dict=|&fuzz/|'
+    sed -n 's/^\([a-z_]*\) = /-\1=/p' "tests/fuzz/$1.options" | sed 's|^-dict=|&tests/fuzz/|'
 }
 
 # run TARGET: returns 0 unless it failed.
@@ -45,7 +45,7 @@ run() {
         mkdir /tmp/seeds && build/fuzz/make_seeds /tmp/seeds || exit
         target=$1 dir=$2 && shift 2
         mkdir -p "/tmp/seeds/$target"
-        [ ! -d "fuzz/seeds/$target" ] || cp "fuzz/seeds/$target"/* "/tmp/seeds/$target"
+        [ ! -d "tests/fuzz/seeds/$target" ] || cp "tests/fuzz/seeds/$target"/* "/tmp/seeds/$target"
         exec "build/fuzz/${target}_fuzzer" -artifact_prefix="$dir/finding-" -timeout=120 \
             -print_final_stats=1 "$@" "$dir/corpus" "/tmp/seeds/$target"
         ' fuzz "$target" "$dir" "$limit" $(options "$target") >"$dir/log" 2>&1; then

@@ -34,5 +34,5 @@ lintian --allow-root --fail-on error,warning --suppress-tags \
     initial-upload-closes-no-bugs,maintscript-calls-ldconfig,no-copyright-file "$packages"/*.deb
 
 [ "${1:-}" = --try ] || exit 0
-tar -c "$packages"/*.deb scripts/lib.sh scripts/try_packages.sh tests/embed/embed.cpp |
+tar -c "$packages"/*.deb scripts/lib.sh scripts/try_packages.sh tests/client/embed/embed.cpp |
     scripts/debian.sh --include man-db,pkg-config,g++ bookworm scripts/try_packages.sh

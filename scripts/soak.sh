@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs random commands of many clients against the library, in a throw-away root: bench/soak.cpp
+# Runs random commands of many clients against the library, in a throw-away root: tests/soak/soak.cpp
 # says what is looked for.
 #
 #   scripts/soak.sh [--preset release|tsan|asan] [--tasks N] [--seed S]

@@ -47,7 +47,7 @@ printf '%s documents, and every link leads to one.\n' "$(wc -l </tmp/pages)"
 
 step "Embed"
 # Unquoted: what it prints are words.
-g++ -std=c++17 tests/embed/embed.cpp -o /tmp/embed $(pkg-config --cflags --libs peltexinstalld)
+g++ -std=c++17 tests/client/embed/embed.cpp -o /tmp/embed $(pkg-config --cflags --libs peltexinstalld)
 mkdir -p /data/data
 /tmp/embed "get_brief dir /data/data /data/data/brief default 0"
 rm -r /data

@@ -229,7 +229,7 @@ TEST(RealFaults, ADirectoryThatBecomesALink) {
 
 // What was there, without owners and modes: a directory that was just made when the process was
 // killed stays as mkdir left it.
-Snapshot contentsOf(Snapshot entries) {
+TreeState contentsOf(TreeState entries) {
     for (auto& [name, entry] : entries) {
         entry.erase(0, entry.find('\n') + 1);
     }
@@ -255,7 +255,7 @@ TEST(RealFaults, AProcessThatIsKilledAndTheSameCommandInTheNextOne) {
         for (const TaskKind& kind : kTaskKindTable) {
             runner.prepare(kind);
             EXPECT_EQ(runInProcess(runner, kind, {}), 0);
-            const Snapshot whole = contentsOf(snapshotOf(out, false));
+            const TreeState whole = contentsOf(treeStateOf(out, false));
             for (size_t at = 0;; at += kStep) {
                 SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(at));
                 runner.prepare(kind);
@@ -271,7 +271,7 @@ TEST(RealFaults, AProcessThatIsKilledAndTheSameCommandInTheNextOne) {
                 const bool isSliceGone =
                     kind.type == RESTORE_SPLIT && !exists(runner.root() + "/in/app.tar.0");
                 EXPECT_EQ(runInProcess(runner, kind, {}), isSliceGone ? 1 : 0);
-                EXPECT_TRUE(isSliceGone || contentsOf(snapshotOf(out, false)) == whole);
+                EXPECT_TRUE(isSliceGone || contentsOf(treeStateOf(out, false)) == whole);
             }
         }
     });

@@ -237,8 +237,8 @@ const TaskKind kTaskKindTable[kTaskKinds] = {
      makeSearchedApp},
 };
 
-Snapshot snapshotOf(const std::string& directory, bool withTimes) {
-    Snapshot entries;
+TreeState treeStateOf(const std::string& directory, bool withTimes) {
+    TreeState entries;
     if (!exists(directory)) {
         return entries;
     }
@@ -279,7 +279,7 @@ void TaskRunner::prepare(const TaskKind& kind) const {
 
 TaskRun TaskRunner::runPrepared(const TaskKind& kind, const Plan& plan) {
     TaskRun run;
-    run.before = snapshotOf(root() + "/in", true);
+    run.before = treeStateOf(root() + "/in", true);
     mLog.clear();
     const Service service;
     const int descriptors = openDescriptors();
@@ -292,8 +292,8 @@ TaskRun TaskRunner::runPrepared(const TaskKind& kind, const Plan& plan) {
             run.errors.push_back(std::move(line));
         }
     }
-    run.in = snapshotOf(root() + "/in", true);
-    run.out = snapshotOf(root() + "/out", false);
+    run.in = treeStateOf(root() + "/in", true);
+    run.out = treeStateOf(root() + "/out", false);
     run.isNextTaskDone = runProbe(service, root());
     readStatuses(service.client->statuses(), task, run);
     return run;

@@ -37,17 +37,17 @@ constexpr size_t kTaskKinds = 12;
 extern const TaskKind kTaskKindTable[kTaskKinds];  // in the order of the types
 
 // What stands below a directory, by relative path.
-using Snapshot = std::map<std::string, std::string>;
+using TreeState = std::map<std::string, std::string>;
 
 struct TaskRun {
     int32_t status = 0;               // of the one final notice; TestClient::kNone: not just one
     std::vector<std::string> errors;  // log lines, warnings included
     std::vector<Call> calls;
-    Snapshot before;  // below in/
-    Snapshot in;      // and after the task
-    Snapshot out;
+    TreeState before;  // below in/
+    TreeState in;      // and after the task
+    TreeState out;
     std::string briefSize;
-    Snapshot slices;  // that were handed over
+    TreeState slices;  // that were handed over
     int leftOpen = 0;
     bool isNextTaskDone = false;
 };
@@ -79,6 +79,6 @@ class TaskRunner {
     android::host::LogCapture mLog;
 };
 
-Snapshot snapshotOf(const std::string& directory, bool withTimes);
+TreeState treeStateOf(const std::string& directory, bool withTimes);
 
 }  // namespace peltex_test

@@ -4,8 +4,10 @@
 #include <android/os/IBackupSessionCallback.h>
 #include <host/local_binder.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -25,15 +27,27 @@ struct Status {
 
 class TestClient : public android::os::IBackupSessionCallback {
   public:
+    using Listener = std::function<void(const Status& status)>;
+
+    TestClient() = default;
+    // Tells the listener, on the thread that the status comes from, instead of keeping anything.
+    explicit TestClient(Listener listener) : mListener(std::move(listener)) {}
+
     android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
                                                 const std::string& message) override {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mStatuses.push_back({session, task, code, message});
-        mChanged.notify_all();
+        const Status status = {session, task, code, message};
+        if (mListener) {
+            mListener(status);
+        } else {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mStatuses.push_back(status);
+            mChanged.notify_all();
+        }
         return android::binder::Status::ok();
     }
 
     const android::sp<android::host::LocalBinder>& binder() const { return mBinder; }
+    void die() { mBinder->notifyDeath(); }
 
     std::vector<Status> statuses() const {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -56,20 +70,17 @@ class TestClient : public android::os::IBackupSessionCallback {
     static constexpr int32_t kFinal = 1000;
     static constexpr int32_t kNone = 1001;
     int32_t waitFor(int32_t task, int32_t code,
-                    std::chrono::seconds limit = std::chrono::seconds(30)) const {
+                    std::chrono::seconds limit = std::chrono::seconds(60)) const {
+        const auto isIt = [&](const Status& status) {
+            return status.task == task && (code == kFinal ? status.isFinal() : status.code == code);
+        };
         std::unique_lock<std::mutex> lock(mMutex);
-        int32_t seen = kNone;
-        mChanged.wait_for(lock, limit, [&] {
-            for (const Status& status : mStatuses) {
-                if (status.task == task &&
-                    (code == kFinal ? status.isFinal() : status.code == code)) {
-                    seen = status.code;
-                    return true;
-                }
-            }
-            return false;
+        std::vector<Status>::const_iterator seen;
+        const bool isSeen = mChanged.wait_for(lock, limit, [&] {
+            seen = std::find_if(mStatuses.begin(), mStatuses.end(), isIt);
+            return seen != mStatuses.end();
         });
-        return seen;
+        return isSeen ? seen->code : kNone;
     }
     int32_t waitForEnd(int32_t task) const { return waitFor(task, kFinal); }
 
@@ -77,6 +88,7 @@ class TestClient : public android::os::IBackupSessionCallback {
     android::IBinder* onAsBinder() override { return mBinder.get(); }
 
   private:
+    const Listener mListener;
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
     std::vector<Status> mStatuses;

@@ -1,16 +1,15 @@
 #include "tests/support/test_files.h"
 
-#include <gtest/gtest.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+#include "tests/support/jail.h"
 
 namespace fs = std::filesystem;
 
@@ -18,42 +17,59 @@ namespace peltex_test {
 
 namespace {
 
+void expect(bool isDone, const std::string& path) {
+    if (!isDone) {
+        fail("the test's own: %s: %s", path.c_str(), strerror(errno));
+    }
+}
+
 void makeParent(const std::string& path) {
     fs::create_directories(fs::path(path).parent_path());
+}
+
+void makeNode(const std::string& path, mode_t type) {
+    makeParent(path);
+    expect(mknod(path.c_str(), type | 0644, 0) == 0, path);
+}
+
+Entry entryAt(const std::string& path) {
+    const mode_t type = statOf(path).st_mode & S_IFMT;
+    return {type, ownerAndMode(path),
+            S_ISREG(type)   ? readFile(path)
+            : S_ISLNK(type) ? fs::read_symlink(path).string()
+                            : ""};
 }
 
 }  // namespace
 
 void makeDir(const std::string& path, mode_t mode) {
     fs::create_directories(path);
-    ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+    expect(chmod(path.c_str(), mode) == 0, path);
 }
 
 void writeFile(const std::string& path, const std::string& content, mode_t mode) {
     makeParent(path);
-    std::ofstream(path, std::ios::binary) << content;
-    ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+    expect((std::ofstream(path, std::ios::binary) << content).flush().good(), path);
+    expect(chmod(path.c_str(), mode) == 0, path);
 }
 
 void makeLink(const std::string& target, const std::string& path) {
     makeParent(path);
-    ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0) << path;
+    fs::create_symlink(target, path);
 }
 
 void makeFifo(const std::string& path) {
-    makeParent(path);
-    ASSERT_EQ(mkfifo(path.c_str(), 0644), 0) << path;
+    makeNode(path, S_IFIFO);
 }
 
 void makeSocket(const std::string& path) {
-    makeParent(path);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof(address.sun_path));
-    memcpy(address.sun_path, path.c_str(), path.size());
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0) << path;
-    close(fd);
+    makeNode(path, S_IFSOCK);
+}
+
+void emptyDir(const std::string& path) {
+    for (const auto& entry : fs::directory_iterator(path)) {
+        fs::remove_all(entry);
+    }
 }
 
 std::string readFile(const std::string& path) {
@@ -63,13 +79,12 @@ std::string readFile(const std::string& path) {
 }
 
 bool exists(const std::string& path) {
-    struct stat status = {};
-    return lstat(path.c_str(), &status) == 0;
+    return fs::exists(fs::symlink_status(path));
 }
 
 struct stat statOf(const std::string& path) {
     struct stat status = {};
-    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    expect(lstat(path.c_str(), &status) == 0, path);
     return status;
 }
 
@@ -94,12 +109,44 @@ std::vector<std::string> listTree(const std::string& path) {
     return names;
 }
 
-TempTree::TempTree() {
-    fs::create_directories("/data/data");
-    char name[] = "/data/data/test.XXXXXX";
-    EXPECT_NE(mkdtemp(name), nullptr);
-    chmod(name, 0755);
-    mPath = name;
+Snapshot snapshotOf(const std::string& directory) {
+    Snapshot entries = {{".", entryAt(directory)}};
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+        const std::string path = entry.path().string();
+        entries[path.substr(directory.size() + 1)] = entryAt(path);
+    }
+    return entries;
+}
+
+std::vector<std::string> changesBetween(const Snapshot& before, const Snapshot& after) {
+    std::vector<std::string> changes;
+    for (const auto& [path, entry] : before) {
+        const auto now = after.find(path);
+        if (now == after.end()) {
+            changes.push_back(path + ": removed");
+        } else if (now->second.type != entry.type) {
+            changes.push_back(path + ": replaced");
+        } else {
+            if (now->second.content != entry.content) {
+                changes.push_back(path + ": written");
+            }
+            if (now->second.ownerAndMode != entry.ownerAndMode) {
+                changes.push_back(path + ": " + now->second.ownerAndMode);
+            }
+        }
+    }
+    for (const auto& [path, entry] : after) {
+        if (before.count(path) == 0) {
+            changes.push_back(path + ": made");
+        }
+    }
+    return changes;
+}
+
+TempTree::TempTree(const std::string& parent) : mPath(parent + "/test.XXXXXX") {
+    fs::create_directories(parent);
+    expect(mkdtemp(mPath.data()) != nullptr, mPath);
+    makeDir(mPath);
 }
 
 TempTree::~TempTree() {

@@ -1,23 +1,24 @@
-// Files and trees for tests, in /data of the throw-away root.
+// Files and trees for tests. What cannot be made ends the process; parents are made too.
 #pragma once
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
 namespace peltex_test {
 
-// Makes the parents too.
 void makeDir(const std::string& path, mode_t mode = 0755);
 void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 void makeLink(const std::string& target, const std::string& path);
 void makeFifo(const std::string& path);
 void makeSocket(const std::string& path);
+void emptyDir(const std::string& path);  // follows no links
 
-std::string readFile(const std::string& path);
-bool exists(const std::string& path);  // of the entry itself: a dangling link exists
+std::string readFile(const std::string& path);  // empty where there is none
+bool exists(const std::string& path);           // of the entry itself: a dangling link exists
 struct stat statOf(const std::string& path);
 mode_t modeOf(const std::string& path);
 
@@ -27,10 +28,22 @@ std::string ownerAndMode(const std::string& path);
 // Names of everything below `path`, relative to it and sorted; directories end in '/'.
 std::vector<std::string> listTree(const std::string& path);
 
-// A fresh directory under /data/data, removed with all it holds when the object goes.
+// What stands below a directory, itself as ".", by relative path.
+struct Entry {
+    mode_t type;
+    std::string ownerAndMode;
+    std::string content;  // of a file; where a link leads
+};
+using Snapshot = std::map<std::string, Entry>;
+Snapshot snapshotOf(const std::string& directory);
+
+// "PATH: made", ": removed", ": replaced" by another type, ": written" or ": UID:GID MODE".
+std::vector<std::string> changesBetween(const Snapshot& before, const Snapshot& after);
+
+// A fresh directory under `parent`, removed with all it holds when the object goes.
 class TempTree {
   public:
-    TempTree();
+    explicit TempTree(const std::string& parent = "/data/data");
     ~TempTree();
     TempTree(const TempTree&) = delete;
     TempTree& operator=(const TempTree&) = delete;
