@@ -8,8 +8,6 @@ import os
 import random
 import shutil
 import stat
-import subprocess
-import tarfile
 import unittest
 
 import tar_model
@@ -19,7 +17,6 @@ from tar_model import CHUNK, MIB, TYPES, WHOLE, Packer, entries_in, restored, wa
 SEEDS = [int(os.environ.get("PELTEX_SEED", random.randrange(1 << 32)))]
 if "PELTEX_SEED" not in os.environ:
     SEEDS += range(24)
-READ_BY_OTHERS = range(3)  # the seeds of which other programs unpack the archives, too
 HAS_SUMS = not PROGRAM.endswith("-emulated")  # there is no OpenSSL for that processor
 UID = 10123
 OWNERS = 0, 1, 1000, 9999, 10000, 10001, 20001, 0x1FFFFF, 0xFFFFFF, 0x1000000
@@ -123,23 +120,6 @@ class BytesTest(ClientTest):
                          in_short(tree.values()))
         return not failed
 
-    def check_readers(self, archive, entries):
-        """Others unpack it, with all that it holds."""
-        expected = in_short(entry._replace(uid=entry.uid % (1 << 24), gid=entry.gid % (1 << 24))
-                            for entry in entries)
-        for reader in ("tar", "--warning=no-timestamp"), ("bsdtar",), None:
-            directory = self.path("reader")
-            os.mkdir(directory)
-            if reader:
-                subprocess.run([*reader, "-xpf", archive, "-C", directory], check=True)
-            else:
-                with tarfile.open(archive, errors="surrogateescape") as opened:
-                    opened.extractall(directory)
-                    for link in filter(tarfile.TarInfo.issym, opened):  # it leaves their times
-                        os.utime(f"{directory}/{link.name}", (0, link.mtime), follow_symlinks=False)
-            self.assertEqual(in_short(entries_in(directory)), expected, reader)
-            shutil.rmtree(directory)
-
     def check_tree(self, seed):
         chooser = random.Random(seed)
         name, limit = "r" * chooser.choice((1, 80, 110)), chooser.choice((1, 2)) * MIB
@@ -148,8 +128,7 @@ class BytesTest(ClientTest):
         root_length = len("/data/data/" + name)
         (whole,), lost = Packer(WHOLE, root_length).pack(entries)
         archive = f"bk/{name}.tar"
-        if self.check("tar", name, archive, [(name + ".tar", whole)], lost) and seed in READ_BY_OTHERS:
-            self.check_readers(self.path(archive), entries)
+        self.check("tar", name, archive, [(name + ".tar", whole)], lost)
 
         shutil.rmtree(self.path("bk"))
         slices, lost = Packer(limit, root_length).pack(entries)

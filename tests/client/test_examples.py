@@ -6,12 +6,13 @@
         scripts/sandbox.sh --write docs -- env PELTEXCTL=build/release/peltexctl \
             python3 -B tests/client/test_examples.py --update docs/COMMANDS.md
 
-An example is a fence with the info string "session NAME", "files NAME" or "client NAME". What its lines
-mean, in what order they stand and what is left out is said to readers at the heads of the documents.
-"session NAME realtime" waits as long as a client may, "client NAME large" writes gigabytes to the disk,
-into TMPDIR: with PELTEX_EXAMPLES=realtime or =large these run and no others.
+An example is a fence with the info string "session NAME", "files NAME" or "client NAME". What its
+lines mean, in what order they stand and what is left out is said to readers at the heads of the
+documents. "session NAME realtime" waits as long as a client may, "client NAME large" writes
+gigabytes to the disk, into TMPDIR: with PELTEX_EXAMPLES=realtime or =large these run and no others.
 """
 
+import difflib
 import json
 import os
 import pathlib
@@ -21,9 +22,8 @@ import sys
 import tempfile
 import threading
 import time
-import unittest
 
-FENCE = re.compile(r"^```(session|files|client) (\S+)( realtime| large)?\n(.*?)^```$",
+FENCE = re.compile(r"^```(session|files|client) (\S+) ?(realtime|large|)\n(.*?)^```$",
                    re.MULTILINE | re.DOTALL)
 CLOSED = '{"event":"closed","session":100,"result":0}'
 ANSWERS = {".open": "session", ".finish": "closed", ".wait": "waited", ".waitfor": "waited",
@@ -34,10 +34,9 @@ FUTEX = {"x86_64": "202"}.get(os.uname().machine, "98")  # the system call's num
 PROGRAM = os.path.abspath(os.environ["PELTEXCTL"])
 EXAMPLES = os.environ.get("PELTEX_EXAMPLES", "")
 # What differs from run to run, and what a client's example has instead.
-VARYING = [(re.compile(pattern), word) for pattern, word in (
-    (r"(?<=^[DIWEF]/)(\w+)\(\d+\)", r"\1(PID)"), (r'(?<="seconds":)[\d.]+', "SECONDS"),
-    (r'(?<="bytes_per_second":)\d+', "RATE"), (r"(?<=[:,] )[\d.]+ s\b(, [\d.]+ \w+/s)?", "TIME"),
-    (r"(?<=-restore-)\w{6}", "XXXXXX"))]
+VARYING = [(r"(?<=^[DIWEF]/)(\w+)\(\d+\)", r"\1(PID)"), (r'(?<="seconds":)[\d.]+', "SECONDS"),
+           (r'(?<="bytes_per_second":)\d+', "RATE"), (r"(?<=-restore-)\w{6}", "XXXXXX"),
+           (r"(?<=[:,] )[\d.]+ s\b(, [\d.]+ \w+/s)?", "TIME")]
 
 
 def is_paused(thread):
@@ -56,11 +55,10 @@ class Shell:
     def __init__(self):
         self.process = subprocess.Popen([PROGRAM, "--log", "silent", "shell"], text=True,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.objects = ({**json.loads(line), "line": line.rstrip("\n")}
+                        for line in self.process.stdout)
         self.told = []
-        self.read()  # of the session that is open
-
-    def read(self):
-        return {**json.loads(line := self.process.stdout.readline()), "line": line.rstrip("\n")}
+        next(self.objects)  # of the session that is open
 
     def type(self, line):
         """Types a line. Returns what it prints, in the documents' order."""
@@ -70,7 +68,7 @@ class Shell:
         event = ANSWERS[words[0]] if words[0].startswith(".") else "result"
         if event is None:
             return []
-        while (answer := self.read())["event"] not in (event, "error"):
+        while (answer := next(self.objects))["event"] not in (event, "error"):
             self.told.append(answer)
         statuses = []
         if answer["event"] == "waited":
@@ -93,18 +91,15 @@ class Shell:
         return taken
 
     def wait_for_pause(self):
-        """What comes between status 4 and the pause is lost. A pause is a worker's one timed wait."""
+        """What comes between status 4 and the pause is lost, which is a worker's one timed wait."""
         threads = pathlib.Path(f"/proc/{self.process.pid}/task")
         while not any(map(is_paused, threads.iterdir())):
             time.sleep(0.01)
 
     def finish(self):
         self.process.stdin.close()
-        rest = []
-        while (line := self.process.stdout.readline()):
-            entry = {**json.loads(line), "line": line.rstrip("\n")}
-            (self.told if entry["event"] == "status" else rest).append(entry)
-        return [*sorted(self.told, key=lambda entry: entry["task"]), *rest]
+        rest = [*self.told, *self.objects]  # statuses first, by their tasks
+        return sorted(rest, key=lambda each: each["task"] if each["event"] == "status" else 1 << 31)
 
 
 def show(entry):
@@ -123,9 +118,9 @@ def is_failure(entry):
 
 def run_bash(command, **variables):
     done = subprocess.run(
-        ["bash", "-o", "pipefail", "-c", 'peltexctl() { "$PROGRAM" "$@"; }; ' + command], cwd="/data/data",
-        text=True, timeout=SECONDS, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-        errors="backslashreplace",
+        ["bash", "-o", "pipefail", "-c", 'peltexctl() { "$PROGRAM" "$@"; }; ' + command],
+        cwd="/data/data", text=True, errors="backslashreplace", timeout=SECONDS,
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
         env={**os.environ, "PROGRAM": PROGRAM, "LC_ALL": "C", "TZ": "UTC", **variables})
     return done.stdout.splitlines(), [f"[{done.returncode}]"] * (done.returncode != 0)
 
@@ -136,7 +131,7 @@ def run_client(typed):
     for line in typed:
         printed, status = run_bash(line[2:])
         for pattern, word in VARYING:
-            printed = [pattern.sub(word, each) for each in printed]
+            printed = [re.sub(pattern, word, each) for each in printed]
         lines += [line, *printed, *status]
     return lines
 
@@ -144,31 +139,32 @@ def run_client(typed):
 def run_session(typed, shows):
     """The lines of an example in the shell, and of what it prints those that `shows` says."""
     shell, lines = Shell(), []
-    with shell.process:
-        deadline = threading.Timer(SECONDS, shell.process.kill)
-        deadline.start()
-        try:
-            for line in typed:
-                lines.append(line)
-                if line[0] == "$":
-                    lines += run_bash(line[2:], PID=str(shell.process.pid))[0]
-                else:
-                    lines += map(show, filter(shows, shell.type(line[2:])))
-            lines += map(show, filter(shows, shell.finish()))
-        finally:
-            deadline.cancel()
-            shell.process.kill()
+    deadline = threading.Timer(SECONDS, shell.process.kill)
+    deadline.start()
+    try:
+        for line in typed:
+            lines.append(line)
+            if line[0] == "$":
+                lines += run_bash(line[2:], PID=str(shell.process.pid))[0]
+            else:
+                lines += map(show, filter(shows, shell.type(line[2:])))
+        lines += map(show, filter(shows, shell.finish()))
+    finally:
+        deadline.cancel()
+        shell.process.kill()
+        shell.process.wait()
     return lines[:-1] if lines[-1] == CLOSED else lines
 
 
 def run_example(kind, body):
     """What the document should say, from a run in a /data of its own."""
-    typed = [line for line in body.splitlines() if re.match(r"[$>]( |$)", line)]
+    # A command may go on in the next line, behind a backslash.
+    typed = re.findall(r"^[$>](?: (?:.*\\\n)*.*)?$", body, re.MULTILINE)
     with tempfile.TemporaryDirectory() as data:
         file_system = ["--bind", data] if EXAMPLES == "large" else ["-t", "tmpfs", "tmpfs"]
         subprocess.run(["mount", *file_system, data], check=True)
-        os.chmod(data, 0o771)
         subprocess.run(["mount", "--bind", data, "/data"], check=True)
+        os.chmod(data, 0o771)
         try:
             os.mkdir("/data/data")
             lines = run_client(typed) if kind == "client" else run_session(
@@ -178,21 +174,24 @@ def run_example(kind, body):
             subprocess.run(["umount", "--recursive", "/data", data], check=True)
 
 
-class ExamplesTest(unittest.TestCase):
-    maxDiff = None
-
-
-def add_tests(path):
+def run_document(path, updates):
+    """Returns how many examples print something else."""
     text = path.read_text()
     examples = FENCE.findall(text)
-    names = [name for _, name, _, _ in examples]
-    if len(names) != len(re.findall(r"^```\w", text, re.MULTILINE)) or len({*names}) < len(names):
+    names = {name for _, name, _, _ in examples}
+    if len(names) != len(re.findall(r"^```\w", text, re.MULTILINE)):
         sys.exit(f"{path}: a fence is no example, or one of a name that is there twice")
+    failed = 0
     for kind, name, label, body in examples:
-        def test(self, kind=kind, body=body):
-            self.assertEqual(body, run_example(kind, body))
-        if label.strip() == EXAMPLES:
-            setattr(ExamplesTest, f"test_{path.stem.lower()}_{name}", test)
+        printed = run_example(kind, body) if label == EXAMPLES else body
+        if printed != body:
+            failed += 1
+            sys.stdout.writelines(difflib.unified_diff(
+                body.splitlines(True), printed.splitlines(True), f"{path.name}: {name}", "now"))
+            text = text.replace(f"{name}\n{body}", f"{name}\n{printed}")
+    if updates:
+        path.write_text(text)
+    return failed
 
 
 def main():
@@ -205,16 +204,8 @@ def main():
                               sys.executable, *sys.orig_argv[1:]])
     os.umask(0o022)
     paths = [pathlib.Path(name) for name in sys.argv[1:] if name != "--update"]
-    if "--update" in sys.argv:
-        for path in paths:
-            path.write_text(FENCE.sub(
-                lambda match: match[0].replace(match[4], run_example(match[1], match[4])
-                                           if match[3] is None else match[4]),
-                path.read_text()))
-        return
-    for path in paths:
-        add_tests(path)
-    unittest.main(argv=sys.argv[:1])
+    failed = sum(run_document(path, "--update" in sys.argv) for path in paths)
+    sys.exit(f"{failed} examples print something else" if failed else 0)
 
 
 if __name__ == "__main__":

