@@ -4,6 +4,7 @@ import fcntl
 import json
 import os
 import pty
+import re
 import shutil
 import signal
 import subprocess
@@ -15,13 +16,20 @@ import unittest
 from client import ClientTest, of_event, read_until
 from tar_model import END, MIB, header
 
-SRC, BK = "/data/data/src", "/data/data/bk"
+SRC, BK, SET = "/data/data/src", "/data/data/bk", "/data/data/set/s.tar.txt"
 # A machine that is busy has hours left.
 TIME = rb"(\d+:)?\d+:\d\d"
 STANDING = (rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, "
             rb"(" + TIME + rb"|[\d.]+ .?i?B/s, " + TIME + rb" left)")
 BAR = rb"\rexport: \[%s\]" + STANDING + rb"\x1b\[K"
 LINE = rb"export:" + STANDING.replace(b"%%", b"%") + rb"\r?\n"
+
+
+def read_to(end, pattern):
+    told = b""
+    while not re.search(pattern, told):
+        told += os.read(end, 1)
+    return told
 
 
 class RunningTest(ClientTest):
@@ -88,8 +96,7 @@ class RunningTest(ClientTest):
         self.write_endless("src/endless")
         end, other_end = os.pipe()
         fcntl.fcntl(other_end, fcntl.F_SETPIPE_SZ, 4096)
-        task = self.start("--json", "backup", "tar", SRC, BK, "--no-verify", stdout=other_end,
-                          stderr=other_end)
+        task = self.start("--json", "backup", "tar", SRC, BK, stdout=other_end, stderr=other_end)
         while int.from_bytes(fcntl.ioctl(end, termios.FIONREAD, bytes(4)), "little") < 3900:
             time.sleep(0.01)
         task.send_signal(signal.SIGINT)
@@ -103,8 +110,7 @@ class RunningTest(ClientTest):
     def test_an_interrupted_export_leaves_nothing(self):
         self.write_endless_set()
         before = self.files("set")
-        export = self.start("export", "/data/data/set/s.tar.txt", "/data/data/set/out",
-                            stderr=subprocess.PIPE)
+        export = self.start("export", SET, "/data/data/set/out", stderr=subprocess.PIPE)
         while self.files("set") == before and export.poll() is None:
             time.sleep(0.01)
         export.send_signal(signal.SIGINT)
@@ -122,7 +128,7 @@ class RunningTest(ClientTest):
             self.assertEqual(len(self.files("set")), len(before) + left)
         # What the killed one has left is told and taken away by the next.
         self.write_endless_set(size=0)
-        done = self.run_program("restore", "split", "/data/data/set/s.tar.txt", "/data/data/new")
+        done = self.run_program("restore", "split", SET, "/data/data/new")
         self.assertEqual((done.returncode, self.files("set")), (0, before), done)
         self.assertRegex(done.stderr, rb"/\.peltexctl-restore-\w+: left by a restore")
 
@@ -172,6 +178,20 @@ class RunningTest(ClientTest):
         self.assertEqual((of_event(rest, "closed"), shell.wait()),
                          ([{"event": "closed", "session": 100, "result": 0}], 0))
 
+    def test_tasks_tell_of_their_progress(self):
+        self.write_endless("src/endless")
+        self.write_endless_set()
+        for words in ("backup", "tar", SRC, BK), ("restore", "split", SET, BK):
+            with self.subTest(words):
+                end, other_end = pty.openpty()
+                task = self.start(*words, stderr=other_end, env={"TERM": "xterm"})
+                os.close(other_end)
+                read_to(end, rb"\r%s %s: \[.*\] +\d+ %%, [1-9][\d.]* .iB of 4\.0 GiB, " % tuple(
+                    word.encode() for word in words[:2]))
+                task.send_signal(signal.SIGINT)
+                self.assertEqual(task.wait(), 130)
+                os.close(end)
+
     def test_progress(self):
         """Of exports that a slow reader holds back until they have told of it."""
         self.write_endless_set(size=8 << 30)
@@ -190,17 +210,14 @@ class RunningTest(ClientTest):
         running = []
         for environment, is_terminal, expected in rows:
             end, other_end = pty.openpty() if is_terminal else os.pipe()
-            export = self.start("export", "/data/data/set/s.tar.txt", "-", stderr=other_end,
-                                env=environment)
+            export = self.start("export", SET, "-", stderr=other_end, env=environment)
             os.close(other_end)
             reader = threading.Thread(target=read_slowly, args=[export.stdout])
             reader.start()
             running.append((export, reader, end))
         for (environment, is_terminal, expected), (export, reader, end) in zip(rows, running):
             with self.subTest(environment=environment, is_terminal=is_terminal):
-                told = b""
-                while b" of 8.0 GiB" not in told or told[-1:] not in b"\nK":
-                    told += os.read(end, 1)
+                told = read_to(end, rb" of 8\.0 GiB.*[\nK]\Z")
                 self.assertRegex(told, rb"\A" + expected + rb"\Z")
                 export.send_signal(signal.SIGINT)
                 reader.join()
