@@ -131,8 +131,8 @@ class BytesTest(ClientTest):
         shutil.rmtree(self.path("bk"))
         slices, lost = Packer(limit, root_length).pack(entries)
         files = [(f"{name}.tar.{i}", data) for i, data in enumerate(slices)]
-        lines = "".join(f"{each}|{len(data)}\n" for each, data in files)
-        files.append((name + ".tar.txt", lines.encode()))
+        files.append((name + ".tar.txt", b"".join(b"%s|%d\n" % (each.encode(), len(data))
+                                                  for each, data in files)))
         takes, sums = chooser.randrange(2), chooser.randrange(2)
         archive = f"{'taken/here' if takes else 'bk'}/{name}.tar.txt"
         if sums:

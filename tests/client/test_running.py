@@ -145,7 +145,6 @@ class RunningTest(ClientTest):
                 self.assertEqual(sorted(each["code"] for each in rest if each["code"] < 3), [-1, 2])
                 handed = {os.path.basename(each["message"])
                           for each in of_event(told, "status") + rest if each["code"] == 4}
-                self.assertLess(len(handed), 600)
                 # Also the last one, which an abort while the task pauses deletes.
                 self.assertEqual({*self.files(directory)}, handed)
                 self.assertIn(f"interrupted: {len(handed)} slices in /data/data/{directory} are "
@@ -186,7 +185,7 @@ class RunningTest(ClientTest):
                 end, other_end = pty.openpty()
                 task = self.start(*words, stderr=other_end, env={"TERM": "xterm"})
                 os.close(other_end)
-                read_to(end, rb"\r%s %s: \[.*\] +\d+ %%, [1-9][\d.]* .iB of 4\.0 GiB, " % tuple(
+                read_to(end, rb"\r%s %s: .* +\d+ %%, [1-9][\d.]* .iB of 4\.0 GiB, " % tuple(
                     word.encode() for word in words[:2]))
                 task.send_signal(signal.SIGINT)
                 self.assertEqual(task.wait(), 130)
