@@ -62,40 +62,11 @@ TEST(RefBase, PromotionRacesWithTheLastRelease) {
 class Worker : public Thread {
   public:
     explicit Worker(std::function<bool(Worker&)> pass) : mPass(std::move(pass)) {}
-    using Thread::exitPending;
 
   private:
     bool threadLoop() override { return mPass(*this); }
     std::function<bool(Worker&)> mPass;
 };
-
-TEST(Thread, EndsAfterThePassInWhichExitIsPendingAndRunsAgain) {
-    std::atomic<int> passes{0};
-    std::atomic<bool> endItself{false};
-    const sp<Worker> worker(new Worker([&](Worker& self) {
-        ++passes;
-        while (!self.exitPending() && !endItself) {
-            std::this_thread::yield();
-        }
-        return !endItself;
-    }));
-    ASSERT_EQ(OK, worker->run("worker"));
-    EXPECT_GT(worker->getTid(), 0);
-    while (passes == 0) {
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(INVALID_OPERATION, worker->run("worker"));
-    EXPECT_TRUE(worker->isRunning());
-    worker->requestExit();
-    EXPECT_EQ(OK, worker->join());
-    EXPECT_EQ(1, passes);
-
-    endItself = true;
-    ASSERT_EQ(OK, worker->run("worker"));
-    EXPECT_EQ(OK, worker->join());
-    EXPECT_EQ(2, passes);
-    EXPECT_TRUE(worker->exitPending());
-}
 
 TEST(Thread, AnObjectThatOnlyItsThreadHoldsIsDeletedBetweenTwoPasses) {
     std::atomic<bool> goOn{false};
