@@ -57,7 +57,7 @@ void ServiceTest::play(const std::string& script) {
 
 std::string ServiceTest::act(const std::string& verb, const std::string& session,
                              const std::string& name, const std::string& expected) {
-    const int32_t id = sessions[session];
+    const int32_t id = session.empty() ? 0 : sessions[session];
     int32_t result = 0;
     if (verb == "open") {
         sessions[session] = manager->startBackupSession(clientOf(name));

@@ -109,13 +109,13 @@ TEST_F(ServiceScript, RealTime35Seconds) {
 TEST_F(ServiceScript, AContinuationBeforeThePauseIsLost) {
     const android::sp<ActingClient> early = new ActingClient();
     std::atomic<int32_t> answer{0};
-    play("open s");
+    const int32_t session = manager->startBackupSession(early);
+    sessions["s"] = session;
     early->onStatus = [&](int32_t, int32_t code) {
         if (code == 4 && answer == 0) {
-            answer = execute(sessions["s"], "backup split", "app");
+            answer = execute(session, "backup split", "app");
         }
     };
-    manager->startBackupSession(early);
     play("pause s app");
     EXPECT_EQ(answer, tasks["app"]) << "it pauses all the same";
 }
@@ -138,11 +138,12 @@ TEST_F(ServiceScript, ProgressIsTheTotalInStepsOf80KiB) {
 // The last reference goes with the callback's replacement, or with a task that it was given.
 TEST_F(ServiceScript, ACallbackIsLetGoWhereItMayCallIn) {
     play("open s; block s one two");
+    const int32_t session = sessions["s"];
     for (const std::string drop : {"", "abort", "finish", "refuse", "run"}) {
         SCOPED_TRACE(drop);
         std::atomic<int32_t> answer{-1};
         android::sp<ActingClient> going = new ActingClient();
-        going->onEnd = [&] { answer = execute(sessions["s"], "delay 1"); };
+        going->onEnd = [&] { answer = execute(session, "delay 1"); };
         sessions["own"] = manager->startBackupSession(going);
         going.clear();
         if (drop == "refuse") {
@@ -161,19 +162,19 @@ TEST_F(ServiceScript, ACallbackIsLetGoWhereItMayCallIn) {
 // On the worker that is about to end, which has to be there for it or be replaced.
 TEST_F(ServiceScript, ACallbackThatGoesWithItsTaskMayQueueAnother) {
     android::sp<ActingClient> going = new ActingClient();
-    std::atomic<bool> isGone{false};
+    std::atomic<int32_t> queued{0};
+    writeFile(tree / "next", "x");
     play("open s");
-    going->onEnd = [&] {
-        play("copy s next");
-        isGone = true;
+    going->onEnd = [&, session = sessions["s"]] {
+        queued = execute(session, "backup file", "next");
     };
     sessions["own"] = manager->startBackupSession(going);
     play("queue own one");
     EXPECT_EQ(going->waitFor(tasks["one"], 1), 1);
     going.clear();
     play("open t; finish own; free one");
-    EXPECT_TRUE(eventually([&] { return isGone.load(); }));
-    play("end next");
+    EXPECT_TRUE(eventually([&] { return queued != 0; }));
+    EXPECT_EQ(client->waitForEnd(queued), 0);
 }
 
 // It waits with the manager's lock held, for all statuses of a task that has begun to begin.
