@@ -54,9 +54,9 @@ def make_tree(root, chooser, limit):
     for entry in walk(root):
         if stat.S_ISREG(entry.mode):
             size = chooser.choice((0, limit - len(packer.current), CHUNK, 2 * CHUNK, 1024))
-            entry = entry._replace(
-                what=chooser.randbytes(max(min(size + chooser.choice(NEAR), room), 0)))
-            room -= len(entry.what)
+            room -= (size := max(min(size + chooser.choice(NEAR), room), 0))
+            # A file that ends in a zero where its slice ends looks like one that is cut.
+            entry = entry._replace(what=chooser.randbytes(size).replace(b"\0", b"1"))
             with open(root + b"/" + entry.name, "wb") as file:
                 file.write(entry.what)
             os.chmod(file.name, entry.mode & 0o7777)  # of which the writing takes a part away
