@@ -1,7 +1,4 @@
-"""Archives in their plainest form: what the packer writes of a tree, what a restore makes of it.
-
-The client and the library under it are compared with this byte by byte.
-"""
+"""Archives in their plainest form: what the packer writes of a tree, what comes back of it."""
 
 import collections
 import grp

@@ -1,7 +1,4 @@
-"""Random trees that the client packs, looks at and restores, compared with the model byte by byte.
-
-PELTEX_SEED=N runs one tree, that of a failure.
-"""
+"""Random trees that the client packs, looks at and restores, compared with the model."""
 
 import hashlib
 import os
@@ -14,7 +11,7 @@ import tar_model
 from client import ClientTest
 from tar_model import CHUNK, MIB, TYPES, WHOLE, Packer, entries_in, restored, walk
 
-SEED = os.environ.get("PELTEX_SEED")
+SEED = os.environ.get("PELTEX_SEED")  # of a failure, to run it alone
 SEEDS = [int(SEED)] if SEED else [*range(24), random.randrange(1 << 32)]
 UID = 10123
 OWNERS = 0, 1, 1000, 9999, 10000, 10001, 20001, 0x1FFFFF, 0xFFFFFF, 0x1000000

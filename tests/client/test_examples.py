@@ -116,13 +116,18 @@ def is_failure(entry):
     return entry["event"] == "error" or (entry["event"] != "status" and answer < 0)
 
 
+# Tells its status also in loops and lists of commands.
+CLIENT = 'peltexctl() { "$PROGRAM" "$@" || { set -- $?; echo "[$1]" 2> /dev/null; return $1; }; }; '
+
+
 def run_bash(command, **variables):
     done = subprocess.run(
-        ["bash", "-o", "pipefail", "-c", 'peltexctl() { "$PROGRAM" "$@"; }; ' + command],
+        ["bash", "-o", "pipefail", "-c", CLIENT + command],
         cwd="/data/data", text=True, errors="backslashreplace", timeout=SECONDS,
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
         env={**os.environ, "PROGRAM": PROGRAM, "LC_ALL": "C", "TZ": "UTC", **variables})
-    return done.stdout.splitlines(), [f"[{done.returncode}]"] * (done.returncode != 0)
+    lines, status = done.stdout.splitlines(), f"[{done.returncode}]"
+    return lines, [status] * (done.returncode != 0 and lines[-1:] != [status])
 
 
 def run_client(typed):
