@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Looks at the sources without running them: format, lint, exported symbols, where programs look for
-# libraries, that every list of the library's sources names the same files, and that folders stand on
-# those below them.
+# libraries, that every list of the library's sources names the same files, that folders stand on those
+# below them, and that the tests stay small beside what they test.
 #
-#   scripts/check.sh [format|tidy|exports|runpath|sources|arrows]...      all of them by default
+#   scripts/check.sh [format|tidy|exports|runpath|sources|arrows|tests]...      all of them by default
 . "$(dirname "$0")/lib.sh"
 cd "$project"
 
@@ -142,7 +142,21 @@ check_circles() {
     [ -z "$circle" ] || fail "these files include each other:"$'\n'"$circle"
 }
 
-[ $# -gt 0 ] || set -- format sources arrows exports runpath tidy
+# lines PATTERN...: those that are not blank, in the kinds of files that somebody has to read as code.
+lines() {
+    git ls-files -co --exclude-standard -- "$@" | grep -E '\.(h|cpp|py|sh|dict)$' | sort -u |
+        { xargs -r -d '\n' cat || :; } 2>/dev/null | grep -c .
+}
+
+check_tests() {
+    local tests product
+    tests=$(lines tests) product=$(lines . ':!tests')
+    printf '%d lines of tests for %d of everything else: %d per 100\n' "$tests" "$product" \
+        $((100 * tests / product))
+    [ $((100 * tests)) -le $((33 * product)) ] || fail "tests take at most 33 lines per 100"
+}
+
+[ $# -gt 0 ] || set -- format sources arrows tests exports runpath tidy
 for check in "$@"; do
     printf 'check %s\n' "$check"
     "check_$check"

@@ -9,46 +9,49 @@ import threading
 import unittest
 
 PROGRAM = os.environ["PELTEXCTL"]
-# A program that is started with this signal ignored leaves it so, as a job in the background does.
+# A program that is started with a signal ignored leaves it so, as a job in the background does.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 
 class ClientTest(unittest.TestCase):
     """A test with a throw-away directory that is /data to the program."""
 
     def setUp(self):
-        self.data = self.enterContext(tempfile.TemporaryDirectory())
-        os.mkdir(self.path("data"))
+        self.root = self.enterContext(tempfile.TemporaryDirectory())
+        os.mkdir(self.root + "/data")
 
-    def path(self, *names):
+    def path(self, path):
         """The host's path of something in /data."""
-        return os.path.join(self.data, *names)
+        return os.path.join(self.root, "data", path)
 
     def write(self, name, content=b"x"):
         with open(self.path(name), "wb") as file:
             file.write(content)
+        return "/data/data/" + name
 
-    def open_fifo(self, name):
-        """Ends the task that reads this FIFO: until then it has been running."""
-        os.close(os.open(self.path(name), os.O_WRONLY))
+    def read(self, name):
+        with open(self.path(name), "rb") as file:
+            return file.read()
 
     def start(self, *arguments, **options):
         streams = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, **options}
         process = self.enterContext(subprocess.Popen(
-            [PROGRAM, "--data", self.data, *arguments], **streams))
+            [PROGRAM, "--data", self.root, *arguments], **streams))
         self.addCleanup(process.kill)
-        deadline = threading.Timer(100, process.kill)
+        deadline = threading.Timer(200, process.kill)
         deadline.start()
         self.addCleanup(deadline.cancel)
         return process
 
-    def run_program(self, *arguments, stdin=b""):
-        return subprocess.run([PROGRAM, "--data", self.data, *arguments], input=stdin,
-                              capture_output=True, timeout=120)
+    def run_program(self, *arguments, wrapper=()):
+        return subprocess.run([*wrapper, PROGRAM, "--data", self.root, *arguments],
+                              capture_output=True, timeout=200)
 
-    def shell(self, *lines):
-        """The shell's objects for these lines, and its exit status."""
-        done = self.run_program("shell", stdin="\n".join(lines).encode())
+    def objects(self, *arguments):
+        """The objects that a subcommand prints, and its exit status."""
+        done = self.run_program("--json", *arguments)
+        self.assertIn(done.returncode, (0, 1), done)
         return [json.loads(line) for line in done.stdout.splitlines()], done.returncode
 
 

@@ -1,16 +1,18 @@
-"""Runs the examples of the documents and compares what they print, word by word.
+"""Runs the examples of documents and compares what they print, word by word.
 
-    test_examples.py               in the throw-away root of the tests
-    test_examples.py --update      writes what is printed into the documents:
+    test_examples.py DOCUMENT...             in the throw-away root of the tests
+    test_examples.py --update DOCUMENT...    writes what is printed into the documents:
 
         scripts/sandbox.sh --write docs -- env PELTEXCTL=build/release/peltexctl \
-            python3 -B tests/client/test_examples.py --update
+            python3 -B tests/client/test_examples.py --update docs/COMMANDS.md
 
-An example is a fence with the info string "session NAME" or "files NAME". What its lines mean, in
-what order they stand and what is left out is said to readers at the heads of the documents. "session
-NAME realtime" waits as long as a client may: with PELTEX_REALTIME=1 these run and no others.
+An example is a fence with the info string "session NAME", "files NAME" or "client NAME". What its
+lines mean, in what order they stand and what is left out is said to readers at the heads of the
+documents. "session NAME realtime" waits as long as a client may, "client NAME large" writes
+gigabytes to the disk, into TMPDIR: with PELTEX_EXAMPLES=realtime or =large these run and no others.
 """
 
+import difflib
 import json
 import os
 import pathlib
@@ -20,24 +22,21 @@ import sys
 import tempfile
 import threading
 import time
-import unittest
 
-PROJECT = pathlib.Path(__file__).parents[2]
-DOCUMENTS = [PROJECT / name
-             for name in ("docs/COMMANDS.md", "docs/FORMATS.md", "tests/client/cases.md")]
-FENCE = re.compile(r"^```(session|files) (\S+)( realtime)?\n(.*?)^```$", re.MULTILINE | re.DOTALL)
-TYPED = re.compile(r"[$>]( |$)")
-OPENED = '{"event":"session","session":100}'
+FENCE = re.compile(r"^```(session|files|client) (\S+) ?(realtime|large|)\n(.*?)^```$",
+                   re.MULTILINE | re.DOTALL)
 CLOSED = '{"event":"closed","session":100,"result":0}'
 ANSWERS = {".open": "session", ".finish": "closed", ".wait": "waited", ".waitfor": "waited",
            ".threads": "threads", ".use": None, ".sleep": None, ".die": None}
 ABORTED, PROGRESS, SLICE = 2, 3, 4
 SECONDS = 200  # what an example may take
 FUTEX = {"x86_64": "202"}.get(os.uname().machine, "98")  # the system call's number
-
-
-def parse(line):
-    return {**json.loads(line), "line": line.rstrip("\n")}
+PROGRAM = os.path.abspath(os.environ["PELTEXCTL"])
+EXAMPLES = os.environ.get("PELTEX_EXAMPLES", "")
+# What differs from run to run, and what a client's example has instead.
+VARYING = [(r"(?<=^[DIWEF]/)(\w+)\(\d+\)", r"\1(PID)"), (r'(?<="seconds":)[\d.]+', "SECONDS"),
+           (r'(?<="bytes_per_second":)\d+', "RATE"), (r"(?<=-restore-)\w{6}", "XXXXXX"),
+           (r"(?<=[:,] )[\d.]+ s\b(, [\d.]+ \w+/s)?", "TIME")]
 
 
 def is_paused(thread):
@@ -53,22 +52,13 @@ def is_paused(thread):
 class Shell:
     """One `peltexctl shell`, and the statuses that it has printed and we have not."""
 
-    def __init__(self, data):
-        self.process = subprocess.Popen(
-            [os.environ["PELTEXCTL"], "--log", "silent", "--data", data, "shell"],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    def __init__(self):
+        self.process = subprocess.Popen([PROGRAM, "--log", "silent", "shell"], text=True,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.objects = ({**json.loads(line), "line": line.rstrip("\n")}
+                        for line in self.process.stdout)
         self.told = []
-
-    def read(self):
-        line = self.process.stdout.readline()
-        if not line:
-            raise AssertionError("the shell has ended")
-        return parse(line)
-
-    def read_until(self, event):
-        while (entry := self.read())["event"] not in (event, "error"):
-            self.told.append(entry)
-        return entry
+        next(self.objects)  # of the session that is open
 
     def type(self, line):
         """Types a line. Returns what it prints, in the documents' order."""
@@ -78,7 +68,8 @@ class Shell:
         event = ANSWERS[words[0]] if words[0].startswith(".") else "result"
         if event is None:
             return []
-        answer = self.read_until(event)
+        while (answer := next(self.objects))["event"] not in (event, "error"):
+            self.told.append(answer)
         statuses = []
         if answer["event"] == "waited":
             statuses = self.take(answer["task"], answer["code"] if words[0] == ".waitfor" else None)
@@ -95,23 +86,20 @@ class Shell:
                 break
         if any(entry["code"] == ABORTED for entry in taken):
             taken = [entry for entry in taken if entry["code"] != PROGRESS]
+            # The end may overtake the word that the abort was taken.
+            taken.sort(key=lambda entry: entry["code"] < 1)
         return taken
 
     def wait_for_pause(self):
-        """What comes between status 4 and the pause is lost. A pause is a worker's one timed wait."""
-        deadline = time.monotonic() + 30
-        while time.monotonic() < deadline:
-            if any(map(is_paused, pathlib.Path(f"/proc/{self.process.pid}/task").iterdir())):
-                return
+        """What comes between status 4 and the pause is lost, which is a worker's one timed wait."""
+        threads = pathlib.Path(f"/proc/{self.process.pid}/task")
+        while not any(map(is_paused, threads.iterdir())):
             time.sleep(0.01)
-        raise AssertionError("no worker pauses")
 
     def finish(self):
         self.process.stdin.close()
-        output = [parse(line) for line in self.process.stdout]
-        self.told += [entry for entry in output if entry["event"] == "status"]
-        rest = [entry for entry in output if entry["event"] != "status"]
-        return [*sorted(self.told, key=lambda entry: entry["task"]), *rest]
+        rest = [*self.told, *self.objects]  # statuses first, by their tasks
+        return sorted(rest, key=lambda each: each["task"] if each["event"] == "status" else 1 << 31)
 
 
 def show(entry):
@@ -128,81 +116,87 @@ def is_failure(entry):
     return entry["event"] == "error" or (entry["event"] != "status" and answer < 0)
 
 
-def run_bash(command, shell_pid):
-    done = subprocess.run(["bash", "-c", command], cwd="/data/data", text=True, timeout=60,
-                          env={**os.environ, "LC_ALL": "C", "TZ": "UTC", "PID": str(shell_pid)},
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    return done.stdout.splitlines()
+# Tells its status also in loops and lists of commands.
+CLIENT = 'peltexctl() { "$PROGRAM" "$@" || { set -- $?; echo "[$1]" 2> /dev/null; return $1; }; }; '
 
 
-def run_lines(kind, typed, data):
-    """The text of an example of which these are the typed lines."""
+def run_bash(command, **variables):
+    done = subprocess.run(
+        ["bash", "-o", "pipefail", "-c", CLIENT + command],
+        cwd="/data/data", text=True, errors="backslashreplace", timeout=SECONDS,
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+        env={**os.environ, "PROGRAM": PROGRAM, "LC_ALL": "C", "TZ": "UTC", **variables})
+    lines, status = done.stdout.splitlines(), f"[{done.returncode}]"
+    return lines, [status] * (done.returncode != 0 and lines[-1:] != [status])
+
+
+def run_client(typed):
+    """The lines of an example of which these are the typed ones, with statuses that are not 0."""
     lines = []
-    shell = Shell(data)
+    for line in typed:
+        printed, status = run_bash(line[2:])
+        for pattern, word in VARYING:
+            printed = [re.sub(pattern, word, each) for each in printed]
+        lines += [line, *printed, *status]
+    return lines
 
-    def add(entries):
-        lines.extend(show(entry) for entry in entries if kind == "session" or is_failure(entry))
 
-    with shell.process:
-        deadline = threading.Timer(SECONDS, shell.process.kill)
-        deadline.start()
-        try:
-            if shell.read()["line"] != OPENED:
-                raise AssertionError("the first session is another")
-            for line in typed:
-                lines.append(line)
-                if line[0] == "$":
-                    lines += run_bash(line[2:], shell.process.pid)
-                else:
-                    add(shell.type(line[2:]))
-            add(shell.finish())
-        finally:
-            deadline.cancel()
-            shell.process.kill()
-    if lines[-1] == CLOSED:
-        lines.pop()
-    return "".join(line + "\n" for line in lines)
+def run_session(typed, shows):
+    """The lines of an example in the shell, and of what it prints those that `shows` says."""
+    shell, lines = Shell(), []
+    deadline = threading.Timer(SECONDS, shell.process.kill)
+    deadline.start()
+    try:
+        for line in typed:
+            lines.append(line)
+            if line[0] == "$":
+                lines += run_bash(line[2:], PID=str(shell.process.pid))[0]
+            else:
+                lines += map(show, filter(shows, shell.type(line[2:])))
+        lines += map(show, filter(shows, shell.finish()))
+    finally:
+        deadline.cancel()
+        shell.process.kill()
+        shell.process.wait()
+    return lines[:-1] if lines[-1] == CLOSED else lines
 
 
 def run_example(kind, body):
     """What the document should say, from a run in a /data of its own."""
-    typed = [line for line in body.splitlines() if TYPED.match(line)]
+    # A command may go on in the next line, behind a backslash.
+    typed = re.findall(r"^[$>](?: (?:.*\\\n)*.*)?$", body, re.MULTILINE)
     with tempfile.TemporaryDirectory() as data:
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=0771", "tmpfs", data], check=True)
+        file_system = ["--bind", data] if EXAMPLES == "large" else ["-t", "tmpfs", "tmpfs"]
+        subprocess.run(["mount", *file_system, data], check=True)
         subprocess.run(["mount", "--bind", data, "/data"], check=True)
+        os.chmod(data, 0o771)
         try:
             os.mkdir("/data/data")
-            return run_lines(kind, typed, data)
+            lines = run_client(typed) if kind == "client" else run_session(
+                typed, is_failure if kind == "files" else None)
+            return "".join(line + "\n" for line in lines)
         finally:
-            subprocess.run(["umount", "/data", data], check=True)
+            subprocess.run(["umount", "--recursive", "/data", data], check=True)
 
 
-class ExamplesTest(unittest.TestCase):
-    maxDiff = None
-
-    def test_every_named_fence_is_an_example_of_its_own_name(self):
-        for path in DOCUMENTS:
-            text = path.read_text()
-            names = [match[2] for match in FENCE.finditer(text)]
-            self.assertEqual(len(names), len(re.findall(r"^```\w", text, re.MULTILINE)))
-            self.assertEqual(sorted(names), sorted(set(names)))
-
-
-def add_tests():
-    is_realtime_run = "PELTEX_REALTIME" in os.environ
-    for path in DOCUMENTS:
-        for kind, name, realtime, body in FENCE.findall(path.read_text()):
-            def test(self, kind=kind, body=body):
-                self.assertEqual(body, run_example(kind, body))
-            if bool(realtime) == is_realtime_run:
-                setattr(ExamplesTest, f"test_{path.stem.lower()}_{name}", test)
-
-
-def update():
-    for path in DOCUMENTS:
-        text = path.read_text()
-        path.write_text(FENCE.sub(
-            lambda match: match[0].replace(match[4], run_example(match[1], match[4])), text))
+def run_document(path, updates):
+    """Returns how many examples print something else."""
+    text = path.read_text()
+    examples = FENCE.findall(text)
+    names = {name for _, name, _, _ in examples}
+    if len(names) != len(re.findall(r"^```\w", text, re.MULTILINE)):
+        sys.exit(f"{path}: a fence is no example, or one of a name that is there twice")
+    failed = 0
+    for kind, name, label, body in examples:
+        printed = run_example(kind, body) if label == EXAMPLES else body
+        if printed != body:
+            failed += 1
+            sys.stdout.writelines(difflib.unified_diff(
+                body.splitlines(True), printed.splitlines(True), f"{path.name}: {name}", "now"))
+            text = text.replace(f"{name}\n{body}", f"{name}\n{printed}")
+    if updates:
+        path.write_text(text)
+    return failed
 
 
 def main():
@@ -214,11 +208,9 @@ def main():
         os.execvp("unshare", ["unshare", "--mount", "--propagation", "private",
                               sys.executable, *sys.orig_argv[1:]])
     os.umask(0o022)
-    if sys.argv[1:] == ["--update"]:
-        update()
-        return
-    add_tests()
-    unittest.main()
+    paths = [pathlib.Path(name) for name in sys.argv[1:] if name != "--update"]
+    failed = sum(run_document(path, "--update" in sys.argv) for path in paths)
+    sys.exit(f"{failed} examples print something else" if failed else 0)
 
 
 if __name__ == "__main__":

@@ -4,87 +4,74 @@ import os
 import pathlib
 import re
 import subprocess
-import tempfile
 import unittest
 
-from client import PROGRAM
+from client import PROGRAM, ClientTest
 
 PROJECT = pathlib.Path(__file__).parents[2]
 PAGE, COMPLETION = PROJECT / "docs/peltexctl.1", PROJECT / "tools/peltexctl.bash"
+# What bash offers for the last word; "=" is a word of its own to it.
+COMPLETE = COMPLETION.read_text() + """
+    COMP_WORDS=(peltexctl "$@") COMP_CWORD=$#
+    _peltexctl
+    for word in "${COMPREPLY[@]}"; do printf '%s\\n' "$word"; done
+"""
+LEVELS = ["debug", "info", "warn", "error", "silent"]
+ROWS = [
+    (["ba"], ["backup"]),
+    (["--json", "--data", "/x", "ex"], ["export"]),
+    (["--log", ""], LEVELS),
+    (["list", "--log", "=", "s"], ["silent"]),
+    (["list", "--log", "="], LEVELS),
+    (["backup", ""], ["file", "dir", "tar", "split", "byfile"]),
+    (["backup", "--uid", "5", "s"], ["split"]),
+    (["backup", "--uid", ""], []),
+    (["restore", "--se"], ["--seinfo"]),
+    (["shell", ""], []),
+    (["list", "@/d"], ["@/data"]),
+    (["--data", "@/data/a"], ["@/data/a dir"]),
+    (["backup", "tar", "x", "@/data/ar"], ["@/data/archive"]),
+    (["--data", "@", "backup", "tar", "/data/data/a"], ["/data/data/a dir/", "/data/data/archive"]),
+    (["--data", "=", "@/", "move", "/data/data/ar"], ["/data/data/archive"]),
+    (["move", "x", "y", "@"], []),
+]
 
 
-def run(*arguments):
-    return subprocess.run([PROGRAM, *arguments], capture_output=True, check=True, text=True).stdout
+def run(*command):
+    done = subprocess.run(command, capture_output=True, check=True, text=True)
+    assert done.stderr == "", done.stderr
+    return done.stdout
 
 
-def options_in(text):
-    return set(re.findall(r"(?m)^  (?:-\w,)?(--[a-z-]+)", text))
+def options_of(*subcommand):
+    return set(re.findall(r"(?m)^  (?:-\w,)?(--[a-z-]+)", run(PROGRAM, *subcommand, "--help")))
 
 
-SUBCOMMANDS = re.findall(r"(?m)^  (\w+) ", run("--help").split("Subcommands:")[1].split("\n\n")[0])
-COMMON = options_in(run("--help"))
-OPTIONS = {name: options_in(run(name, "--help")) for name in SUBCOMMANDS}
-
-
-class HelpTest(unittest.TestCase):
+class HelpTest(ClientTest):
     def complete(self, *words):
-        """What bash offers for the last of these words; "=" is a word of its own to it."""
-        script = COMPLETION.read_text() + """
-            COMP_WORDS=(peltexctl "$@") COMP_CWORD=$#
-            _peltexctl
-            for word in "${COMPREPLY[@]}"; do printf '%s\\n' "$word"; done
-        """
-        done = subprocess.run(["bash", "-c", script, "bash", *words], capture_output=True, text=True,
-                              check=True)
-        self.assertEqual(done.stderr, "")
-        return done.stdout.splitlines()
+        return run("bash", "-c", COMPLETE, "bash", *words).splitlines()
 
-    def test_manual_page_is_clean_and_complete(self):
-        done = subprocess.run(["groff", "-ww", "-mdoc", "-Tutf8", PAGE], capture_output=True)
-        self.assertEqual((done.returncode, done.stderr), (0, b""))
-        page = PAGE.read_text()
-        named = {"--" + name for name in re.findall(r"Fl -([a-z-]+)", page)} | {"--help", "--quiet"}
-        self.assertEqual(named, COMMON.union(*OPTIONS.values()))
-        for name in SUBCOMMANDS:
-            self.assertRegex(page, rf"(?m)^\.It Cm {name}\b")
+    def test_every_option_is_everywhere(self):
+        names = re.findall(r"(?m)^  (\w+) ", run(PROGRAM, "--help").split("Subcommands:")[1]
+                           .split("\n\n")[0])
+        self.assertEqual(self.complete(""), names)
+        common = options_of()
+        every = common.union(*map(options_of, names))
+        for name in names:
+            self.assertEqual({*self.complete(name, "-")} - {"-h", "-q"}, options_of(name) | common)
+        run("groff", "-ww", "-mdoc", "-Tutf8", PAGE)  # which warns of what is wrong with it
+        named = re.findall(r"Fl -([a-z-]+)", PAGE.read_text())
+        self.assertEqual({"--" + name for name in named} | {"--help", "--quiet"}, every)
+        self.assertEqual({*names} - {*re.findall(r"(?m)^\.It Cm (\w+)", PAGE.read_text())}, set())
 
-    def test_completion_of_words(self):
-        levels = ["debug", "info", "warn", "error", "silent"]
-        rows = [
-            ([""], SUBCOMMANDS),
-            (["ba"], ["backup"]),
-            (["--json", "--data", "/x", "ex"], ["export"]),
-            (["--log", ""], levels),
-            (["list", "--log", "=", "s"], ["silent"]),
-            (["list", "--log", "="], levels),
-            (["backup", ""], ["file", "dir", "tar", "split", "byfile"]),
-            (["backup", "--uid", "5", "s"], ["split"]),
-            (["backup", "--uid", ""], []),
-            (["restore", "--se"], ["--seinfo"]),
-            (["shell", ""], []),
-        ]
-        for words, expected in rows:
+    def test_completion(self):
+        os.mkdir(self.path("a dir"))
+        self.write("archive")
+        for words, expected in ROWS:
             with self.subTest(words):
-                self.assertEqual(self.complete(*words), expected)
-        for name in SUBCOMMANDS:
-            self.assertEqual(set(self.complete(name, "-")) - {"-h", "-q"}, OPTIONS[name] | COMMON, name)
-
-    def test_completion_of_paths(self):
-        with tempfile.TemporaryDirectory() as root:
-            os.makedirs(root + "/data/a dir")
-            open(root + "/data/archive", "w").close()
-            rows = [
-                (["list", root + "/d"], [root + "/data"]),
-                (["--data", root + "/data/a"], [root + "/data/a dir"]),
-                (["backup", "tar", "x", root + "/data/ar"], [root + "/data/archive"]),
-                (["--data", root, "backup", "tar", "/data/data/a"],
-                 ["/data/data/a dir/", "/data/data/archive"]),
-                (["--data", "=", root + "/", "move", "/data/data/ar"], ["/data/data/archive"]),
-                (["move", "x", "y", root], []),
-            ]
-            for words, expected in rows:
-                with self.subTest(words):
-                    self.assertEqual(sorted(self.complete(*words)), expected)
+                words, expected = ([word.replace("@", self.root) for word in each]
+                                   for each in (words, expected))
+                self.assertEqual(sorted(self.complete(*words)), sorted(expected))
 
 
 if __name__ == "__main__":
