@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <host/relabel_observer.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -31,8 +32,10 @@ class HandlerTest : public testing::Test {
     android::host::LogCapture log;
     std::vector<std::string> relabelled;  // "PATH SEINFO UID" of each call
     int refusal = 0;                      // the errno value of calls to come, 0: they succeed
+    std::mutex relabelling;               // workers call at the same time
     const android::host::ScopedRelabelObserver observer{
         [this](const char* path, const char* seInfo, uid_t uid, unsigned int) {
+            const std::lock_guard<std::mutex> lock(relabelling);
             relabelled.push_back(std::string(path) + " " + seInfo + " " + std::to_string(uid));
             return refusal;
         }};

@@ -137,7 +137,7 @@ TEST_F(FileOperationsTest, CopyDirTakesFilesAndDirectoriesOnly) {
 TEST_F(FileOperationsTest, CopyDirWritesARecordAfterEachEntry) {
     writeFile(tree / "from/dir/file", "12345", 0640);
     chmod((tree / "from/dir").c_str(), 01755);
-    FILE* records = fopen((tree / "records").c_str(), "w");
+    FILE* records = fopen((tree / "records").c_str(), "we");
     sp<BackupTask> copy = task();
     EXPECT_EQ(copyDir((tree / "from").c_str(), (tree / "to").c_str(), records, copy), 0);
     fclose(records);
