@@ -33,8 +33,8 @@ BEFORE = {
 }
 
 # The first row that fits the call, its entry and the kind tells the outcomes, from the first such
-# call of the entry on; the last letter is for all that follow. F: the task fails. L: it does not, though
-# something may be lost. U: it comes to what it comes to without a fault. ?: any of these.
+# call of the entry on; the last letter is for all that follow. F: the task fails. L: it does not,
+# though something may be lost. U: it comes to what it comes to without a fault. ?: any of these.
 RULES = [line.split() for line in """
 access  in/one.f         file-*        F
 access  in/app           tree-move     FU
