@@ -5,14 +5,15 @@
 #   scripts/soak.sh [--preset release|tsan|asan] [--tasks N] [--seed S]
 . "$(dirname "$0")/lib.sh"
 
-preset=release
-arguments=()
+preset=release tasks=10000 seed=1
 while [ $# -gt 0 ]; do
     case "$1" in
-        --preset) preset=${2:?which preset} && shift ;;
-        *) arguments+=("$1") ;;
+        --preset) preset=${2:?which preset} ;;
+        --tasks) tasks=${2:?how many} ;;
+        --seed) seed=${2:?which seed} ;;
+        *) fail "unknown option: $1" ;;
     esac
-    shift
+    shift 2
 done
 case "$preset" in
     release) packages=$packages_build ;;
@@ -22,4 +23,4 @@ esac
 # Unquoted: the lists are words.
 need_packages $packages
 build "$preset" soak
-exec "$project/scripts/sandbox.sh" -- "build/$preset/soak" "${arguments[@]}"
+exec "$project/scripts/sandbox.sh" -- "build/$preset/soak" "$tasks" "$seed"

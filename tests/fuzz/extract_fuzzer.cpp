@@ -1,73 +1,131 @@
-// The extractor over one archive. Input: an options byte, the question at which to abort (0: none),
-// the archive.
+// The extractor, over one archive or a set of slices with its check file. Input: an options byte;
+// the question at which to abort (0: none); the archive. Of a set: the check file's text up to a
+// NUL, then slices: a byte with the number of their blocks, the blocks. "$0" to "$9" in the text
+// stand for the size of a slice, which few inputs would hit.
 //
-// An archive may lead outside its destination by a link that it makes, so what is around the
-// destination has to stay as it was unless a link was made; and by an entry named "..", which sets
-// owner and mode of the directory above.
+// What lies around the destination has to stay as it was, but for what gets out by design:
+// anything, once an entry has made a link; owner and mode of the directory above, by an entry named
+// ".."; the removal of a slice elsewhere, by "../" in a check file.
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <vector>
 
 #include "tar/tar_header.h"
 #include "tar/untar_file.h"
-#include "tests/fuzz/support/archive_input.h"
-#include "tests/fuzz/support/files.h"
-#include "tests/fuzz/support/jail.h"
-#include "tests/fuzz/support/sentinel.h"
-#include "tests/fuzz/support/target.h"
+#include "tests/fuzz/target.h"
+#include "tests/support/jail.h"
+#include "tests/support/recording_callback.h"
+#include "tests/support/test_files.h"
+
+// libFuzzer's own mutations of `data`; returns the new size. NOLINTNEXTLINE
+extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maxSize);
 
 namespace peltex_fuzz {
 
 using namespace android::installd;
+using namespace peltex_test;
 
 namespace {
 
-constexpr char kArchive[] = "/in.tar";
-constexpr char kDestination[] = "/data/app";
+constexpr char kInput[] = "/data/in";
+constexpr char kOutput[] = "/data/out";
+constexpr char kDestination[] = "/data/out/app";  // of a set, which is unpacked beside it
 constexpr size_t kOptionBytes = 2;
+constexpr size_t kMostSlices = 10;
 
 enum Option {
     kList = 1,
     kMapOwners = 2,  // to an application's uid, instead of leaving them as recorded
-    kAnySize = 4,    // instead of filling the last block up
-    kNoCallBack = 8,
+    kNoCallBack = 4,
+    kSet = 8,
+    kAnySize = 16,  // instead of filling the last block up
 };
 
-Sentinel* gSentinel;
-Sentinel* gRepaired;  // what owners and modes may have been set of
+struct Part {
+    size_t at;
+    size_t size;
+};
+
+Snapshot gRoot;
+
+void makePlaces() {
+    makeDir(kInput);
+    makeDir(kOutput);
+}
 
 void makeRoot() {
     emptyDir("/");
-    makeDir("/data");
-    makeDir("/data/app");
-    writeFile("/data/keep", "keep");
+    makeDir("/");  // its mode
+    static_cast<void>(chown("/", 0, 0) == 0);
+    makePlaces();
+    writeFile("/data/keep", "");  // nothing in it, which a restore takes for a slice
     writeFile("/keep", "keep");
-    writeFile(kArchive, "");
-    delete gSentinel;
-    delete gRepaired;
-    gSentinel = new Sentinel({"/", "/data", "/data/keep", "/keep"});
-    gRepaired = new Sentinel({"/", "/data", "/data/keep", "/keep", kDestination, kArchive});
+    gRoot = snapshotOf("/");
 }
 
-void listTwice(UnTarFile& archive) {
-    if (archive.GetFileNames() != archive.GetFileNames()) {
+// The check file's text is in front of them.
+std::vector<Part> slicesOf(const std::string& input) {
+    std::vector<Part> slices;
+    for (size_t at = std::min(input.find('\0', kOptionBytes), input.size()) + 1;
+         at < input.size() && slices.size() < kMostSlices;) {
+        const size_t blocks = static_cast<unsigned char>(input[at]);
+        slices.push_back({at + 1, std::min(blocks * kBlockSize, input.size() - at - 1)});
+        at += 1 + slices.back().size;
+    }
+    return slices;
+}
+
+std::vector<Part> archivesOf(const std::string& input) {
+    if (input.size() < kOptionBytes) {
+        return {};
+    }
+    return (input[0] & kSet) != 0 ? slicesOf(input)
+                                  : std::vector<Part>{{kOptionBytes, input.size() - kOptionBytes}};
+}
+
+std::string withSizes(std::string text, const std::vector<Part>& slices) {
+    for (size_t i = 0; i < slices.size(); ++i) {
+        const std::string name = "$" + std::to_string(i);
+        for (size_t at = 0; (at = text.find(name, at)) != std::string::npos;) {
+            text.replace(at, name.size(), std::to_string(slices[i].size));
+        }
+    }
+    return text;
+}
+
+void use(const std::string& input, const std::string& path) {
+    RecordingCallBack callBack;
+    callBack.asksUntilAbort = static_cast<unsigned char>(input[1]);
+    UnTarFile archive(path.c_str(), (input[0] & kNoCallBack) != 0 ? nullptr : &callBack);
+    const uint32_t uid = (input[0] & kMapOwners) != 0 ? 10123 : 0;
+    int result = 0;
+    if ((input[0] & kSet) != 0) {
+        result = archive.UnSplitPack(kDestination, uid);
+    } else if ((input[0] & kList) == 0) {
+        result = archive.UnPack(kOutput, uid);
+    } else if (archive.GetFileNames() != archive.GetFileNames()) {
         fail("the second listing differs");
     }
-    gSentinel->check(Sentinel::kOwnerAndMode);
-}
-
-void unpack(UnTarFile& archive, uint32_t uid, bool namesParent) {
-    const int links = linksMade();
-    const int result = archive.UnPack(kDestination, uid);
     if (result > 0 || result < -5) {
         fail("unknown result %d", result);
     }
-    if (links == linksMade()) {
-        gSentinel->check(namesParent ? Sentinel::kOwnerAndMode : Sentinel::kNothing);
-    }
 }
 
-std::vector<ArchivePart> archiveOf(const std::string& input) {
-    const size_t at = std::min(kOptionBytes, input.size());
-    return {{at, input.size() - at}};
+void checkRoot(bool maySetOwnerAndMode) {
+    for (const std::string& change : changesBetween(gRoot, snapshotOf("/"))) {
+        const std::string what = change.substr(change.rfind(": "));
+        const bool isOfAttributes = what.find(':', 2) != std::string::npos;
+        if (!isOfAttributes || !maySetOwnerAndMode) {
+            fail("%s", change.c_str());
+        }
+    }
 }
 
 }  // namespace
@@ -77,38 +135,119 @@ void prepare() {
 }
 
 void runInput(const std::string& input) {
+    const std::vector<Part> parts = archivesOf(input);
     if (input.size() < kOptionBytes) {
         return;
     }
-    const auto options = static_cast<unsigned char>(input[0]);
-    std::string bytes = input.substr(kOptionBytes);
-    if ((options & kAnySize) == 0) {
-        bytes.resize((bytes.size() + kBlockSize - 1) / kBlockSize * kBlockSize);
-    }
-    writeFile(kArchive, bytes);
-    AbortingCallBack callBack(static_cast<unsigned char>(input[1]));
-    const int links = linksMade();
-    {
-        UnTarFile archive(kArchive, (options & kNoCallBack) != 0 ? nullptr : &callBack);
-        if ((options & kList) != 0) {
-            listTwice(archive);
-        } else {
-            unpack(archive, (options & kMapOwners) != 0 ? 10123 : 0,
-                   bytes.find("..") != std::string::npos);
+    std::string path = std::string(kInput) + "/s.tar";
+    std::string text;
+    if ((input[0] & kSet) != 0) {
+        text = withSizes(input.substr(kOptionBytes).c_str(), parts);
+        writeFile(std::string(kInput) + "/s.txt", text);
+        for (size_t i = 0; i < parts.size(); ++i) {
+            writeFile(kInput + ("/s." + std::to_string(i)),
+                      input.substr(parts[i].at, parts[i].size));
         }
+        path = std::string(kInput) + "/s.txt";
+    } else {
+        std::string bytes = input.substr(kOptionBytes);
+        if ((input[0] & kAnySize) == 0) {
+            bytes.resize((bytes.size() + kBlockSize - 1) / kBlockSize * kBlockSize);
+        }
+        writeFile(path, bytes);
     }
-    if (links != linksMade()) {
+    const int links = linksMade();
+    use(input, path);
+    const bool mayBeOut = links != linksMade() || text.find("../") != std::string::npos;
+    const bool maySetOwnerAndMode =
+        (input[0] & kList) != 0 || input.find("..") != std::string::npos;
+    if (!mayBeOut) {
+        std::filesystem::remove_all(kInput);
+        std::filesystem::remove_all(kOutput);
+        makePlaces();
+        checkRoot(maySetOwnerAndMode);
+    }
+    if (mayBeOut || maySetOwnerAndMode) {
         makeRoot();
-        return;
     }
-    gRepaired->repair();
-    emptyDir(kDestination);
 }
 
+// --- Mutations: archives whose headers have magic and checksum, without which few would be read
+// ---
+
+namespace {
+
+constexpr Part kFields[] = {
+    {offsetof(tar_header, name), sizeof(tar_header::name)},
+    {offsetof(tar_header, mode), sizeof(tar_header::mode)},
+    {offsetof(tar_header, uid), sizeof(tar_header::uid) + sizeof(tar_header::gid)},
+    {offsetof(tar_header, size), sizeof(tar_header::size)},
+    {offsetof(tar_header, typeflag), sizeof(tar_header::typeflag)},
+    {offsetof(tar_header, linkname), sizeof(tar_header::linkname)},
+    {sizeof(tar_header), kBlockSize},  // the beginning of what follows: long names are there
+};
+
+// Where the headers are, as far as they follow one another.
+std::vector<size_t> headersOf(const uint8_t* data, size_t size) {
+    std::vector<size_t> headers;
+    for (const Part& part : archivesOf(std::string(reinterpret_cast<const char*>(data), size))) {
+        for (size_t at = 0; at + kBlockSize <= part.size; at += kBlockSize) {
+            tar_header header;
+            memcpy(&header, data + part.at + at, sizeof(header));
+            if (header.name[0] == '\0') {
+                continue;
+            }
+            headers.push_back(part.at + at);
+            const std::string digits(header.size, sizeof(header.size));
+            const bool hasData =
+                header.typeflag != TYPE_DIRECTORY && header.typeflag != TYPE_SYMLINK;
+            const size_t bytes = hasData ? strtoull(digits.c_str(), nullptr, 8) : 0;
+            at += std::min(bytes, part.size) / kBlockSize * kBlockSize +
+                  (bytes % kBlockSize != 0 ? kBlockSize : 0);
+        }
+    }
+    return headers;
+}
+
+void mutateField(uint8_t* data, size_t size, size_t header, const Part& field) {
+    const size_t at = std::min(header + field.at, size);
+    const size_t room = std::min(field.size, size - at);
+    if (room > 0) {
+        const size_t used = strnlen(reinterpret_cast<char*>(data + at), room);
+        const size_t newSize = LLVMFuzzerMutate(data + at, used, room);
+        memset(data + at + newSize, 0, room - newSize);
+    }
+}
+
+void seal(uint8_t* block) {
+    tar_header header;
+    memcpy(&header, block, sizeof(header));
+    memcpy(header.magic, "ustar", sizeof(header.magic));
+    snprintf(header.chksum, sizeof(header.chksum), "%06o", checksumOf(header));
+    header.chksum[sizeof(header.chksum) - 1] = ' ';
+    memcpy(block, &header, sizeof(header));
+}
+
+}  // namespace
 }  // namespace peltex_fuzz
 
-// The name is libFuzzer's. NOLINTNEXTLINE(bugprone-reserved-identifier)
+// Every other time one field of one header, else as libFuzzer does; of some inputs the wrong
+// checksums are kept. The name is libFuzzer's. NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize,
                                           unsigned int seed) {
-    return peltex_fuzz::mutateArchives(data, size, maxSize, seed, peltex_fuzz::archiveOf);
+    using namespace peltex_fuzz;
+    const std::vector<size_t> before = headersOf(data, size);
+    if (seed % 2 == 0 && !before.empty()) {
+        const unsigned choice = seed / 16;
+        mutateField(data, size, before[choice % before.size()],
+                    kFields[choice / before.size() % std::size(kFields)]);
+    } else {
+        size = LLVMFuzzerMutate(data, size, maxSize);
+    }
+    if (seed / 2 % 8 != 0) {
+        for (const size_t header : headersOf(data, size)) {
+            seal(data + header);
+        }
+    }
+    return size;
 }

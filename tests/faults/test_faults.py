@@ -1,0 +1,336 @@
+"""What each kind of task makes of a fault at each of its calls, and of what changes under it."""
+
+import fnmatch
+import os
+import resource
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from stopped_calls import OPERATIONS, Client
+
+# {i} is what a task finds, {o} what it makes.
+KINDS = {
+    "file-backup": "backup file {i}/one.f {o}/dest default 10123",
+    "file-restore": "restore file {i}/one.f {o}/dest default 10123",
+    "tree-backup": "backup dir {i}/app {o}/dest default 10123",
+    "tree-restore": "restore dir {i}/copy {o}/app default 10123",
+    "tree-move": "move dir {i}/app {o}/app default 10123",
+    "list-backup": "backup byfile {i}/list.txt {o}/app default 10123",
+    "pack-tar": "backup tar {i}/app {o}/dest default 10123",
+    "pack-split": "backup split {i}/app {o}/dest 1 default 10123",
+    "unpack-tar": "restore tar {i}/app.tar {o}/app default 10123",
+    "unpack-split": "restore split {i}/app.tar.txt {o}/app default 10123",
+    "brief-tree": "get_brief dir {i}/app {o}/brief.txt default 10123",
+    "brief-list": "get_brief byfile {i}/search.txt {o}/brief.txt default 10123",
+}
+# What makes that from {i}/app before.
+BEFORE = {
+    "tree-restore": "backup dir {o}/app {i}/copy default 10001",
+    "unpack-tar": "backup tar {i}/app {i} default 10001",
+    "unpack-split": "backup split {i}/app {i} 1 default 10001",
+}
+
+# The first row that fits the call, its entry and the kind tells the outcomes, from the first such
+# call of the entry on; the last letter is for all that follow. F: the task fails. L: it does not,
+# though something may be lost. U: it comes to what it comes to without a fault. ?: any of these.
+RULES = [line.split() for line in """
+access  in/one.f         file-*        F
+access  in/app           tree-move     FU
+access  in/*.d           tree-move     U
+access  in/*.f           *             L
+access  in/app           brief-*       L
+access  in/*             *             F
+access  out/dest         file-*        UUUUF
+access  *                *             U
+stat    out/dest         file-*        FU
+stat    out/*.txt        pack-split    UF
+stat    *                pack-*        F
+stat    in/list.txt      list-backup   FU
+stat    in/app.tar.?     unpack-split  FU
+stat    in/*.t*          *             U
+stat    in/one.f         brief-list    UFL
+stat    in/app           *list*        LF
+stat    in*/app          *             F
+stat    in/*.l           *             U
+stat    in/*.d           tree-move     LFU
+stat    in/*.d           *             LF
+stat    in/*.f           list-backup   LLF
+stat    in/*.f           tree-backup   LF
+stat    in/*.f           *             L
+stat    out/*.?          tree-restore  L
+stat    out*             *             U
+open    in/*.f           *ck-*         F
+open    in/*.f           file-*        F
+open    in/*.f           list-*        L
+open    in/*.f           *             UL
+open    in/*.d           tree-move     FU
+open    in/app.tar.txt   *             UF
+open    in/app.tar.?     *             L
+open    in/copy/app.txt  *             L
+open    *                *             F
+create  out/*.f          file-*        F
+create  out/big.f        unpack-split  UL
+create  out/*            unpack-*      U
+create  out/*.f          *             L
+create  *                *             F
+readdir *                tree-move     FFU
+readdir *                *             F
+read    in/app.tar.txt   *             F
+read    in/app.tar*      *             ?
+read    in/copy/app.txt  *             L
+read    *                *             F
+short-read  *            *             U
+write   out/*.f          *             L
+write   out/*.txt        pack-*        F
+write   out/*.txt        *             LF
+write   *                *             F
+short-write out/*        *pack-*       U
+short-write out/*.f      *             L
+short-write *            *             U
+seek    in/app.tar*      *             ?
+seek    *                *             U
+readlink *               *             F
+mkdir   *                unpack-*      L
+mkdir   *                *             F
+symlink *                *             L
+remove  in/app           tree-move     F
+remove  *                *             U
+chmod   *                unpack-*      U
+chmod   out/*.?          tree-restore  FL
+chmod   *                *             F
+chown   *                unpack-*      L
+chown   *                *             F
+""".strip().splitlines()]
+
+# A file changes before such a call on it. An archive cuts what grows to the size that it had.
+CHANGES = [line.split() for line in """
+file-backup  in/one.f    open  vanish  F
+file-backup  in/one.f    read  shrink  L
+tree-backup  in/app/a.f  stat  vanish  L
+tree-backup  in/app/a.f  open  vanish  L
+list-backup  in/app/a.f  open  vanish  L
+pack-tar     in/app/a.f  stat  vanish  F
+pack-tar     in/app/a.f  open  grow    U
+pack-tar     in/app/a.f  open  shrink  F
+pack-split   in/app/a.f  open  grow    U
+pack-split   in/app/a.f  open  shrink  F
+tree-move    in/app/a.f  read  grow    L
+brief-tree   in/app/a.f  stat  vanish  L
+""".strip().splitlines()]
+
+def snapshot(directory):
+    """What stands below it, by relative path; times are no part of it."""
+    entries = {}
+    for parent, directories, files in os.walk(directory):
+        for name in directories + files:
+            path = os.path.join(parent, name)
+            status, text = os.lstat(path), None
+            if os.path.islink(path):
+                text = os.readlink(path)
+            elif name in files:
+                with open(path, "rb") as file:
+                    text = file.read()
+            entries[os.path.relpath(path, directory)] = (status.st_mode, status.st_uid, text)
+    return entries
+
+
+def content(size):
+    """No block of it is like another."""
+    return "".join(f"{at} {chr(97 + at % 23) * 500}\n" for at in range(size // 500 + 1))[:size]
+
+
+def outcome_of(kind, calls, at, fault):
+    nth = [call[:2] for call in calls[:at]].count(calls[at][:2])
+    return next(outcomes[min(nth, len(outcomes) - 1)] for operation, place, kinds, outcomes in RULES
+                if operation == fault and fnmatch.fnmatch(calls[at].path, place) and
+                fnmatch.fnmatch(kind, kinds))
+
+
+def fail(call):
+    return -OPERATIONS[call.operation][0]
+
+
+class FaultTest(unittest.TestCase):
+    def begin(self, kind):
+        """Makes what the task finds, and runs it once without a fault."""
+        # Records of its long paths fill a stream's buffer more than once.
+        directory = self.enterContext(tempfile.TemporaryDirectory(dir="/data/data"))
+        self.kind, self.root = kind, directory + ("/" + "x" * 250) * 4
+        self.i, self.o, self.first = self.root + "/in", self.root + "/out", self.root + "/first"
+        self.client = Client(self.root)
+        self.make_app()
+        if kind in BEFORE:
+            shutil.copytree(self.i + "/app", self.o + "/app", symlinks=True)
+            self.assertEqual(self.client.run(self.place(BEFORE[kind])).status, 0)
+        subprocess.run(["cp", "-a", self.i, self.first], check=True)
+        self.found, self.whole, self.made = snapshot(self.i), None, None
+        self.run_task("U")
+
+    def place(self, text):
+        return text.format(i=self.i, o=self.o)
+
+    def write(self, name, text):
+        os.makedirs(os.path.dirname(f"{self.i}/{name}"), exist_ok=True)
+        with open(f"{self.i}/{name}", "w", encoding="ascii") as file:
+            file.write(text)
+
+    def make_app(self):
+        files = {"one.f": 20000, "app/a.f": 700, "app/w.d/w.f": 7, f"app/{'l' * 240}.f": 9000}
+        if "pack" in self.kind:
+            files["app/big.f"] = 1200000
+        for name, size in files.items():
+            self.write(name, content(size))
+        os.mkdir(self.i + "/app/e.d", 0o700)
+        if self.kind != "tree-move":  # which leaves links where they are, and fails
+            os.symlink("a.f", self.i + "/app/s.l")
+            os.symlink("t" * 120, self.i + "/app/t.l")
+        for name in snapshot(self.i):
+            os.chown(f"{self.i}/{name}", 10001, 10001, follow_symlinks=False)
+        records = [f"{self.i}/{name};416;{int(text is None)};1;1\n" for name, (_, _, text)
+                   in snapshot(self.i).items() if name.startswith("app") and name[-1] != "l"]
+        self.write("list.txt", "".join(records))
+        self.write("search.txt",
+                   self.place("[include]{i}/app\n[include]{i}/one.f\n[exclude]{i}/app/e.d\n"))
+
+    def renew(self):
+        """Gives the task what it found first."""
+        if snapshot(self.i) != self.found:
+            shutil.rmtree(self.i)
+            subprocess.run(["cp", "-a", self.first, self.i], check=True)
+        shutil.rmtree(self.o, ignore_errors=True)
+        os.makedirs(self.o + "/app" * ("unpack" in self.kind))
+
+    def descriptors(self):
+        """Those that are open, but for a brief's: a brief of a directory keeps its own."""
+        return [path for path in self.client.descriptors() if "brief.txt" not in path]
+
+    def run_task(self, outcome, action=lambda index, call: None, renewed=True):
+        """Runs the task and looks at all that holds whatever happens."""
+        if renewed:
+            self.renew()
+        descriptors, self.is_source_changed = self.descriptors(), False
+        run = self.client.run(self.place(KINDS[self.kind]), action)
+        self.assertEqual(self.descriptors(), descriptors)
+        found, made = snapshot(self.i), snapshot(self.o)
+        self.whole, self.made = self.whole or run, self.made or made
+        same = run.status == 0 and run[2:] == self.whole[2:] and made == self.made
+        self.assertIn(outcome, "?F" if run.status else "?LU" if same else "?L")
+        for name, entry in {} if self.is_source_changed else self.found.items():
+            if self.kind == "tree-move" and name.startswith("app"):
+                there = [where[name][2] for where in (found, made) if name in where]
+                self.assertTrue(outcome not in "FU" or entry[2] in there, name)
+            elif self.kind != "unpack-split" or name in found:
+                self.assertEqual(found[name], entry)
+        for name, slice in run.slices.items():
+            self.assertTrue(slice == self.whole.slices[name], name)
+        probe = self.client.run(f"backup file {self.first}/one.f {self.root}/probe default 0")
+        self.assertEqual(probe.status, 0, "the next task")
+
+    def begin_each(self, kinds=KINDS):
+        for kind in kinds:
+            self.begin(kind)
+            yield kind, self.whole.calls
+            self.assertEqual(self.client.close(), [])
+
+    def at(self, index, act):
+        """An action for that call."""
+        return lambda other, call: act(call) if other == index else None
+
+    def test_each_call_fails_or_comes_short(self):
+        for kind, calls in self.begin_each():
+            for index, call in enumerate(calls):
+                outcome = outcome_of(kind, calls, index, call.operation)
+                with self.subTest(f"{kind}: {index}, {call.operation} {call.path[-30:]}"):
+                    self.run_task(outcome, self.at(index, fail))
+                if call.operation in ("read", "write"):
+                    outcome = outcome_of(kind, calls, index, "short-" + call.operation)
+                    with self.subTest(f"{kind}: {index}, short {call.operation}: {outcome}"):
+                        self.run_task(outcome, self.at(index, self.client.come_short))
+
+    def test_file_that_changes(self):
+        for kind, place, operation, change, outcome in CHANGES:
+            for _, calls in self.begin_each([kind]):
+                def act(_):
+                    self.is_source_changed = True
+                    if change == "vanish":
+                        os.remove(f"{self.root}/{place}")
+                    else:
+                        os.truncate(f"{self.root}/{place}", 4 if change == "shrink" else 30000)
+                with self.subTest(f"{kind}: {change}s before {operation}"):
+                    index = [call[:2] for call in calls].index((operation, place))
+                    self.run_task(outcome, self.at(index, act))
+
+    def test_directory_that_becomes_a_link(self):
+        """Nothing of where it leads is packed, copied or listed; a move deletes nothing there."""
+        copies = "tree-backup", "tree-restore"
+        for kind, calls in self.begin_each([*copies, "tree-move", "pack-tar", "brief-tree"]):
+            directory = self.i + "/copy" * (kind == "tree-restore") + "/app/w.d"
+            secret = {"w.f": (0o100644, 0, b"OUTSIDE"), "OUTSIDE.f": (0o100644, 0, b"")}
+            os.mkdir(self.root + "/secret")
+            for name, entry in secret.items():
+                with open(f"{self.root}/secret/{name}", "wb") as file:
+                    file.write(entry[2])
+
+            def act(_):
+                self.is_source_changed = True
+                if os.path.isdir(directory):
+                    os.rename(directory, tempfile.mkdtemp(dir=self.root))
+                    os.symlink(self.root + "/secret", directory)
+            for index, call in enumerate(calls):
+                if "/w.d" in call.path:
+                    with self.subTest(f"{kind}: {index}, {call.operation}"):
+                        self.run_task("L" if kind in copies else "?", self.at(index, act))
+                        self.assertNotIn("OUTSIDE", str(snapshot(self.o)))
+                        self.assertEqual(snapshot(self.root + "/secret"), secret)
+
+    def test_disk_that_is_full_or_read_only(self):
+        disks = {"size=8m": "U", "size=9m,ro": "F", "size=4k": "F", "size=64k": "?",
+                 "size=1100k": "?", "nr_inodes=3": "?"}
+        for kind, _ in self.begin_each():
+            for options, outcome in disks.items():
+                if outcome == "F" and not kind.startswith(("pack", "brief")):
+                    outcome = "?" if options == "size=4k" else "L" if "un" in kind else "F"
+                with self.subTest(f"{kind}: {options}"):
+                    self.renew()
+                    steps = [f"mount -t tmpfs -o {options.replace(',ro', '')} tmpfs $0",
+                             "mkdir $0/app" if "unpack" in kind else ":",
+                             "mount -o remount,ro $0" if "ro" in options else ":"]
+                    subprocess.run(["sh", "-ec", ";".join(steps), self.o], check=True)
+                    try:
+                        self.run_task(outcome, renewed=False)
+                    finally:
+                        subprocess.run(["umount", "-l", self.o], check=True)
+
+    @unittest.skipIf(os.environ["PELTEX_SANITIZE"], "which takes its memory otherwise")
+    def test_memory_that_is_refused(self):
+        for kind, _ in self.begin_each([kind for kind in KINDS if "pack" in kind]):
+            def limit(size):
+                resource.prlimit(self.client.process.pid, resource.RLIMIT_DATA, (size, -1))
+            self.run_task("L" if "un" in kind else "F", lambda *_: limit(1))
+            limit(-1)
+            self.run_task("U")
+
+    def test_process_that_is_killed(self):
+        """The same command in the next one comes to what it would have come to."""
+        def contents(entries):
+            return {name: text for name, (_, _, text) in entries.items()}
+        for kind, calls in self.begin_each():
+            command = self.place(KINDS[kind])
+
+            def kill(_):
+                self.client.process.kill()
+            for index in range(9, len(calls), 20):
+                with self.subTest(f"{kind}: {index}"):
+                    self.renew()
+                    with self.assertRaises(EOFError):
+                        self.client.run(command, self.at(index, kill))
+                    self.client = Client(self.root)
+                    is_lost = kind == "unpack-split" and not os.path.exists(self.i + "/app.tar.0")
+                    self.assertEqual(self.client.run(command).status, -is_lost)
+                    self.assertTrue(is_lost or contents(snapshot(self.o)) == contents(self.made))
+
+
+if __name__ == "__main__":
+    unittest.main()
