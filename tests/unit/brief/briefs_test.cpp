@@ -2,11 +2,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <numeric>
 #include <set>
-#include <thread>
 
 #include "brief/search_rules.h"
 #include "tests/support/handler_test.h"
@@ -156,10 +154,10 @@ TEST_F(BriefTest, ByRules) {
         const std::string path = "/data/none/" + std::to_string(i);
         rules += "[include]" + path + "x\n[exclude]" + path + "y\n";
     }
-    for (size_t length = 1; length < 800; ++length) {
+    for (size_t length = 1; length < 400; ++length) {
         rules += "[include]/" + std::string(length, 'x') + std::to_string(length) + "\n";
     }
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 50; ++i) {
         rules += "[include]" + std::to_string(i) + std::string(2000, '/') + "\n";
     }
     writeFile(tree / "rules", rules);
@@ -227,25 +225,6 @@ TEST_F(BriefTest, ThatFeedsItselfEnds) {
     EXPECT_EQ(run(BACKUP_BY_FILE, "bk/_a/_a/_a.txt", "bk/_a")[0], '0');
     const std::string records = readFile(tree / "bk/_a/_a.txt");
     EXPECT_EQ(std::count(records.begin(), records.end(), '\n'), 401);
-}
-
-TEST_F(BriefTest, EntriesMayVanishUnderTheWalk) {
-    makeDir(tree / "from");
-    std::atomic<bool> isDone{false};
-    std::thread remover([&] {
-        while (!isDone) {
-            for (const char* name : {"a", "b", "c", "d"}) {
-                writeFile(tree / "from/" + name + "/file", "x");
-                std::filesystem::remove_all(tree / "from/" + name);
-            }
-        }
-    });
-    for (int round = 0; round < 200; ++round) {
-        const std::string result = run(GET_BRIEFS_BY_DIR, "from", "brief");
-        EXPECT_TRUE(result[0] == '0' || result.rfind("-20", 0) == 0) << result;
-    }
-    isDone = true;
-    remover.join();
 }
 
 android::Vector<std::string> vectorOf(const Lines& lines) {
