@@ -111,6 +111,14 @@ TEST_F(BriefTest, OfADirectory) {
     run(GET_BRIEFS_BY_DIR, "_a", "brief");
     const std::string brief = readFile(tree / "brief");
     EXPECT_LT(brief.find("/d;"), brief.find("/d/c;")) << "a directory before what it holds";
+
+    std::string path = tree / "deep";
+    while (path.size() < 1900) {
+        path += "/" + std::string(99, 'd');
+    }
+    writeFile(path + "/" + std::string(2035 - path.size(), 'f'), "x");
+    EXPECT_EQ(run(GET_BRIEFS_BY_DIR, "deep", "brief").substr(0, 4), "-20 ")
+        << "no room for a record";
 }
 
 TEST_F(BriefTest, ByRules) {
@@ -225,6 +233,13 @@ TEST_F(BriefTest, ThatFeedsItselfEnds) {
     EXPECT_EQ(run(BACKUP_BY_FILE, "bk/_a/_a/_a.txt", "bk/_a")[0], '0');
     const std::string records = readFile(tree / "bk/_a/_a.txt");
     EXPECT_EQ(std::count(records.begin(), records.end(), '\n'), 401);
+}
+
+TEST_F(BriefTest, HandlersRefuseTasksOfOtherKinds) {
+    EXPECT_EQ(manager->BackupByFileBase(makeTask(BACKUP_FILE, tree / "rules", tree / "to")), -15);
+    EXPECT_EQ(manager->GetFileBriefsByDir(makeTask(BACKUP_FILE, tree / "_a", tree / "to")), -20);
+    EXPECT_EQ(manager->GetFileBriefsByFile(makeTask(BACKUP_FILE, tree / "_a", tree / "to")), -21);
+    EXPECT_FALSE(exists(tree / "to"));
 }
 
 android::Vector<std::string> vectorOf(const Lines& lines) {
