@@ -112,6 +112,8 @@ TEST_F(BriefTest, OfADirectory) {
     const std::string brief = readFile(tree / "brief");
     EXPECT_LT(brief.find("/d;"), brief.find("/d/c;")) << "a directory before what it holds";
 
+    run(GET_BRIEFS_BY_DIR, "_a/f", "brief");
+    EXPECT_EQ(errors()[0], "Failed to WriteBriefUnderDir, opendir(" + (tree / "_a/f") + ") error");
     std::string path = tree / "deep";
     while (path.size() < 1900) {
         path += "/" + std::string(99, 'd');
