@@ -118,9 +118,13 @@ TEST_F(BriefTest, OfADirectory) {
     while (path.size() < 1900) {
         path += "/" + std::string(99, 'd');
     }
-    writeFile(path + "/" + std::string(2035 - path.size(), 'f'), "x");
+    path += "/" + std::string(2035 - path.size(), 'n');
+    writeFile(path, "x");
     EXPECT_EQ(run(GET_BRIEFS_BY_DIR, "deep", "brief").substr(0, 4), "-20 ")
         << "no room for a record";
+    std::filesystem::remove(path);
+    makeDir(path);
+    EXPECT_EQ(run(GET_BRIEFS_BY_DIR, "deep", "brief").substr(0, 4), "-20 ") << "nor a directory's";
 }
 
 TEST_F(BriefTest, ByRules) {
