@@ -162,6 +162,9 @@ TEST_F(BriefTest, ByRules) {
         writeFile(tree / "rules", expand(row.rules));
         EXPECT_EQ(run(GET_BRIEFS_BY_FILE, "rules", "brief"), meant(row.result));
     }
+    writeFile(tree / "rules", expand("[include]@/_ab\n"));
+    EXPECT_EQ(run(GET_BRIEFS_BY_FILE, "rules", "_a/f/x/brief"),
+              "-21 CreateAndFixupBriefFile failed, createDir error");
     // More rules than could be compared with each other while a client waits.
     std::string rules = expand("[include]@/_ab\n");
     for (int i = 0; i < 20000; ++i) {
