@@ -1,0 +1,219 @@
+#include "tests/unit/transcript.h"
+
+#include <fcntl.h>
+#include <host/log_tap.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+
+#include <sstream>
+
+namespace peltex_test {
+namespace {
+
+using namespace android::installd;
+
+const std::map<std::string, BackupTaskType> kTasks = {
+    {"backup file", BACKUP_FILE},
+    {"backup dir", BACKUP_DIR},
+    {"backup tar", BACKUP_TAR},
+    {"backup split", BACKUP_SPLIT},
+    {"restore file", RESTORE_FILE},
+    {"restore dir", RESTORE_DIR},
+    {"restore tar", RESTORE_TAR},
+    {"restore split", RESTORE_SPLIT},
+    {"move dir", MOVE_DIR},
+    {"backup byfile", BACKUP_BY_FILE},
+    {"get_brief dir", GET_BRIEFS_BY_DIR},
+    {"get_brief byfile", GET_BRIEFS_BY_FILE},
+};
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+// Lines of at most 100 characters.
+std::string folded(std::string line) {
+    replaceAll(line, "\n", "\\n");
+    std::string text;
+    while (line.size() > 100) {
+        const size_t blank = line.rfind(' ', 100);
+        text += line.substr(0, line.find_last_not_of(' ', blank) + 1) + "\n";
+        line.replace(0, blank + 1, "    ");
+    }
+    return text + line + "\n";
+}
+
+}  // namespace
+
+Descriptors countDescriptors() {
+    Descriptors count;
+    for (int fd = 0; fd < 64; ++fd) {
+        const int flags = fcntl(fd, F_GETFD);
+        count.open += flags >= 0 ? 1 : 0;
+        count.inherited += flags >= 0 && (flags & FD_CLOEXEC) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+Transcript::Transcript()
+    : client(new TestClient([this](const Status& status) {
+          hear(std::to_string(status.code) + " " + status.message);
+      })),
+      manager(new BackupSessionManager()),
+      mObserver([this](const char* path, const char* seInfo, uid_t uid, unsigned int flags) {
+          hear("label " + std::string(path) + " " + seInfo + " " + std::to_string(uid) + " " +
+               std::to_string(flags));
+          return !refused.empty() && path == refused ? EACCES : 0;
+      }) {
+    android::host::setLogTap([this](int priority, const char*, const std::string& message) {
+        if (priority >= ANDROID_LOG_INFO) {
+            hear(message);
+        }
+        EXPECT_EQ(countDescriptors().inherited, mBefore.inherited) << message;
+    });
+    tree.emplace();
+    commands["plant"] = [this](const Lines& words) {
+        tree.emplace();
+        return commands["plant+"](words);
+    };
+    commands["plant+"] = [this](const Lines& words) {
+        plant(tree->path(), words);
+        return "";
+    };
+    commands["when"] = [this](const Lines& words) {
+        const auto at = std::find(words.begin(), words.end(), "at");
+        mMoment.clear();
+        for (auto word = at; word != words.end() && ++word != words.end();) {
+            mMoment += (mMoment.empty() ? "" : " ") + *word;
+        }
+        mAction = [this, action = Lines(words.begin(), at)] {
+            if (action[0] == "abort") {
+                isAborted = true;
+            } else if (action[0] == "unlink") {
+                std::filesystem::remove_all(action[1]);
+            } else if (action[0] == "resize") {
+                std::filesystem::resize_file(action[1], std::stoul(action[2]));
+            } else {  // a link to the second takes the place of the first
+                std::filesystem::rename(action[1], action[1] + ".old");
+                makeLink(action[2], action[1]);
+            }
+        };
+        return "";
+    };
+    commands["descriptors"] = [](const Lines& w) {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::stoul(w[0]);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        return "";
+    };
+    commands["refuse"] = [this](const Lines& words) { return refused = words.at(0), ""; };
+    commands["show"] = [](const Lines& words) { return "= " + shown(words.at(0)); };
+    for (const auto& [name, type] : kTasks) {
+        commands[name] = [this, type = type](const Lines& words) {
+            android::sp<BackupTask> task = makeTask(type, words);
+            return "= " + std::to_string(manager->processTask(task));
+        };
+    }
+}
+
+Transcript::~Transcript() {
+    android::host::setLogTap(nullptr);
+}
+
+android::sp<BackupTask> Transcript::makeTask(BackupTaskType type, const Lines& words) const {
+    const std::string third = words.size() > 2 ? words[2] : "info";
+    const Lines rest =
+        type == BACKUP_SPLIT ? Lines{third, "info", "10123"} : Lines{third, "10123", ""};
+    const std::string all[kCommandWords] = {"",      "",      words.at(0), words.at(1),
+                                            rest[0], rest[1], rest[2]};
+    return new BackupTask(100, 101, type, client, all);
+}
+
+void Transcript::hear(const std::string& event) {
+    EXPECT_EQ(countDescriptors().inherited, mBefore.inherited) << event;
+    events.push_back(event);
+    if (!mMoment.empty() && event.find(mMoment) == 0) {
+        mAction();
+    }
+}
+
+std::string Transcript::meaning(std::string word) const {
+    if (word[0] == '~') {
+        size_t end = 0;
+        const size_t length = std::stoul(word.substr(1), &end);
+        std::string path = tree->path() + std::string((length - tree->path().size()) % 2, '/');
+        while (path.size() < length) {
+            path += "/.";
+        }
+        return path + word.substr(end + 1);
+    }
+    static const std::regex kRun("\\{(.)\\*(\\d+)\\}");
+    for (std::smatch found; std::regex_search(word, found, kRun);) {
+        word = found.prefix().str() + std::string(std::stoul(found[2]), found.str()[1]) +
+               found.suffix().str();
+    }
+    replaceAll(word, "\\n", "\n");
+    replaceAll(word, "@", tree->path());
+    replaceAll(word, "%", outside);
+    return word == "''" ? "" : word;
+}
+
+std::string Transcript::run(const std::string& line) {
+    events.clear();
+    Lines words;
+    std::istringstream stream(line);
+    for (std::string word; stream >> word;) {
+        words.push_back(meaning(word));
+    }
+    const size_t nameWords = commands.count(words[0]) != 0 ? 1 : 2;
+    const std::string name = nameWords == 1 ? words[0] : words.at(0) + " " + words.at(1);
+    const std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
+    if (!result.empty()) {
+        events.push_back(result);
+    }
+    for (std::string& event : events) {
+        replaceAll(event, tree->path(), "@");
+        for (size_t at; (at = event.find("/./.")) != event.npos;) {
+            event.erase(at, 2);
+        }
+        for (size_t at = 0; at < event.size(); ++at) {
+            const size_t end = std::min(event.find_first_not_of(event[at], at), event.size());
+            if (end - at > 20) {
+                event.replace(at, end - at,
+                              "{" + event.substr(at, 1) + "*" + std::to_string(end - at) + "}");
+            }
+        }
+    }
+    return result;
+}
+
+void Transcript::expect(const std::string& text) {
+    std::string actual;
+    std::istringstream lines(text);
+    std::string command;
+    for (std::string line; std::getline(lines, line);) {
+        if (line[0] == '$') {
+            run(line.substr(1));
+            actual += line + "\n";
+            for (const std::string& event : events) {
+                actual += folded(event);
+            }
+        } else if (line[0] == '?') {
+            command = line.substr(0, line.find(" = "));
+            const std::string result = run(command.substr(1));
+            events.pop_back();
+            actual += folded(command + " " + result + (events.empty() ? "" : " " + events.back()));
+        } else if (line.empty() || line[0] == '#') {
+            actual += line + "\n";
+        }
+    }
+    EXPECT_EQ(actual, text);
+}
+
+}  // namespace peltex_test

@@ -1,0 +1,73 @@
+// Tests as text: commands, and below each what comes of it. A test runs the commands of a text and
+// compares the text that results.
+//
+//   $ plant d/f=1                      a tree afresh (unit/tree_text.h); @ stands for it
+//   $ backup file @/d/f @/out          a task as the task loop runs it: what is logged at the level
+//   of label @/out info 10123 4           information and above, relabelled (path, information,
+//   uid, = 0                                flags) and told to the client, in this order, and the
+//   result $ show @/out                       what is there f*=1 ? createDir @/d/f/x = -1 Failed to
+//   mkdir(@/d/f/x), error=Not a directory      the last line only
+//
+// '' is an empty word, and ~2046 a path of the tree of that length. Lines that are too long go on
+// in lines that begin with blanks.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <host/relabel_observer.h>
+#include <stdint.h>
+
+#include <functional>
+#include <map>
+#include <optional>
+
+#include "service/backup_session_manager.h"
+#include "tests/support/log_lines.h"
+#include "tests/support/test_client.h"
+#include "tests/unit/tree_text.h"
+
+namespace peltex_test {
+
+// Descriptors that a program started now would inherit, and those that are open.
+struct Descriptors {
+    int inherited = 0;
+    int open = 0;
+};
+Descriptors countDescriptors();
+
+class Transcript : public testing::Test {
+  public:
+    void expect(const std::string& text);
+
+  protected:
+    using Command = std::function<std::string(const Lines& words)>;
+
+    Transcript();
+    ~Transcript() override;
+
+    // Takes down what happens while a command runs. Every descriptor that is open then closes when
+    // another program starts.
+    void hear(const std::string& event);
+
+    android::sp<android::installd::BackupTask> makeTask(android::installd::BackupTaskType type,
+                                                        const Lines& words) const;
+
+    std::map<std::string, Command> commands;
+    std::string meaning(std::string word) const;  // of a word of a command
+    std::optional<TempTree> tree;
+    const android::sp<TestClient> client;
+    const android::sp<android::installd::BackupSessionManager> manager;
+    Lines events;         // of the present command
+    std::string outside;  // a path that % stands for
+    bool isAborted = false;
+    std::string refused;  // whose relabelling is refused
+
+  private:
+    std::string run(const std::string& line);
+
+    const Descriptors mBefore = countDescriptors();
+    std::string mMoment;
+    std::function<void()> mAction;
+    const android::host::ScopedRelabelObserver mObserver;
+};
+
+}  // namespace peltex_test
