@@ -23,7 +23,7 @@ class Boundaries : public Transcript {
     Boundaries() {
         outside = "/tmp/outside" + std::to_string(getpid());
         // Each row begins anew: commands that take a file's text, and those on a planted source.
-        onText("archive", "restore tar", "@/in/a.tar", "@/to", archiveOf);
+        onText("unpack", "restore tar", "@/in/a.tar", "@/to", archiveOf);
         onText("set", "restore split", "@/in/s.txt", "@/to/app", joined);
         onText("records", "restore dir", "@/in/to.txt", "@/to", joined);
         onText("list", "backup byfile", "@/in/list", "@/to/app", joined);
@@ -109,16 +109,16 @@ class Boundaries : public Transcript {
 
 TEST_F(Boundaries, OfArchives) {
     expect(R"(
-? archive 0:x/../../to2/f=x end = -1
-? archive 0:%/secret=x end = 0
-? archive L:{n*2046} 0:f= end = -1
-? archive 5:..[1:2,777] end = 0, above: 1:2 777
-? archive 2:l>%/dir 0:l/kept=x 0:l/new=x 5:l/d/ end = 0, dir/kept: written, dir/d: made, dir/new:
+? unpack 0:x/../../to2/f=x end = -1
+? unpack 0:%/secret=x end = 0
+? unpack L:{n*2046} 0:f= end = -1
+? unpack 5:..[1:2,777] end = 0, above: 1:2 777
+? unpack 2:l>%/dir 0:l/kept=x 0:l/new=x 5:l/d/ end = 0, dir/kept: written, dir/d: made, dir/new:
     made
-? archive 2:l>%/secret 0:l[10001:10001,666]= end = 0, secret: written, secret: 10123:10123 666
-? archive 2:l>%/secret 5:l[1:1,666] end = 0, secret: 1:1 666
-? archive 2:l>% 2:l/secret>/ 0:l/empty{124,00000011610}= = -5, empty: removed, secret: replaced
-? archive 1:n>%/secret 3:n>%/secret 4:n>%/secret 6:n>%/secret 7:n>%/secret end = 0
+? unpack 2:l>%/secret 0:l[10001:10001,666]= end = 0, secret: written, secret: 10123:10123 666
+? unpack 2:l>%/secret 5:l[1:1,666] end = 0, secret: 1:1 666
+? unpack 2:l>% 2:l/secret>/ 0:l/empty{124,00000011610}= = -5, empty: removed, secret: replaced
+? unpack 1:n>%/secret 3:n>%/secret 4:n>%/secret 6:n>%/secret 7:n>%/secret end = 0
 )");
 }
 

@@ -15,7 +15,6 @@
 #include "handlers/brief_handlers.h"
 #include "handlers/by_list_handler.h"
 #include "handlers/copy_handlers.h"
-#include "tests/support/tar_builder.h"
 #include "tests/unit/transcript.h"
 
 namespace peltex_test {
@@ -57,10 +56,6 @@ class Tasks : public Transcript {
         commands["copyDir"] = [=](const Lines& w) {
             sp<BackupTask> task = makeTask(BACKUP_DIR, w);
             return text(copyDir(path(w), w.at(1).c_str(), nullptr, task));
-        };
-        commands["archive"] = [=](const Lines& w) {
-            writeFile(path(w), entry('0', "f", "1") + kEndBlocks);
-            return "";
         };
         commands["user"] = [](const Lines& w) {
             return setfsuid(static_cast<uid_t>(std::stoul(w[0]))), "";
@@ -223,7 +218,7 @@ $ refuse @/x/out.tar.0
 TEST_F(Tasks, SharedStorageKeepsItsOwnModesAndLabels) {
     expect(R"(
 $ plant b/shared.test/f=1 b/shared.test.txt=nonsense
-$ archive @/a.tar
+$ archive @/a.tar 0:f=1 end
 $ restore dir @/b /storage/emulated/shared.test
 = 0
 $ show /storage/emulated/shared.test

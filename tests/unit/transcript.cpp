@@ -81,6 +81,14 @@ Transcript::Transcript()
         tree.emplace();
         return commands["plant+"](words);
     };
+    commands["resize"] = [](const Lines& words) {
+        std::filesystem::resize_file(words.at(0), std::stoul(words.at(1)));
+        return "";
+    };
+    commands["archive"] = [](const Lines& words) {
+        writeFile(words.at(0), archiveOf({words.begin() + 1, words.end()}));
+        return "";
+    };
     commands["plant+"] = [this](const Lines& words) {
         plant(tree->path(), words);
         return "";
@@ -97,7 +105,7 @@ Transcript::Transcript()
             } else if (action[0] == "unlink") {
                 std::filesystem::remove_all(action[1]);
             } else if (action[0] == "resize") {
-                std::filesystem::resize_file(action[1], std::stoul(action[2]));
+                commands["resize"]({action[1], action[2]});
             } else {  // a link to the second takes the place of the first
                 std::filesystem::rename(action[1], action[1] + ".old");
                 makeLink(action[2], action[1]);
@@ -166,6 +174,7 @@ std::string Transcript::meaning(std::string word) const {
 
 std::string Transcript::run(const std::string& line) {
     events.clear();
+    isAborted = false;
     Lines words;
     std::istringstream stream(line);
     for (std::string word; stream >> word;) {

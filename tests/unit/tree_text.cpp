@@ -137,7 +137,7 @@ std::string archiveOf(const std::vector<std::string>& words) {
             bytes += kEndBlocks;
         } else if (text[1] != ':') {
             bytes += std::string(std::stoul(text.substr(count + 1)), text[0] == 'z' ? '\0' : 'x');
-        } else if (text[0] == 'K' || text[0] == 'L') {
+        } else if ((text[0] == 'K' || text[0] == 'L') && text.find('{') == text.npos) {
             bytes += longRecord(text[0], text.substr(2));
         } else {
             const Word word(text.substr(2));
@@ -149,9 +149,10 @@ std::string archiveOf(const std::vector<std::string>& words) {
             int digits = 6;
             for (std::string option : word.options) {
                 std::replace(option.begin(), option.end(), '_', ' ');
-                option == "sum8"
-                    ? void(digits = 8)
-                    : void(header.put(std::stoul(option), option.substr(option.find(',') + 1)));
+                const size_t comma = option.find(',');
+                comma == option.npos
+                    ? void(digits = std::stoi(option))
+                    : void(header.put(std::stoul(option), option.substr(comma + 1)));
             }
             bytes += header.bytes(digits) + padded(content);
         }

@@ -8,7 +8,7 @@
 //
 //   0:file=content  5:d/  2:link>target  K:text  L:text      an archive's entries, with their types
 //   0:file[1:2,4755]{124,777}=    with a field overwritten: offset and text, "_" for a blank
-//   0:file{sum8}=  -:file=        a checksum of eight digits; a type of NUL
+//   0:file{8}=  -:file=           a checksum of eight digits, 9: a wrong one; a type of NUL
 //   end  zeros#512  junk#512      two empty blocks; bytes
 #pragma once
 
