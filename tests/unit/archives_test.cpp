@@ -101,9 +101,8 @@ $ plant+ src/2=#512 src/3=#513 src/4=#524289 src/98{0}= src/{n*99}= src/{m*100}=
 $ plant+ src/{p*98}/ src/{q*99}/ src/l1>{t*99} src/l2>{t*100} src/l3>{t*250} src/{r*100}>{t*101}
 $ plant+ src/i1[2097151:2097152,644]{8589934591}= src/i2[16777215:16777216,644]{8589934592}=
 $ plant+ src/i3[2147483648:4294967294,644]{68719476735}= src/i4{68719476744}= src/i5{-1}=
-$ pack @/src @/a.tar unheard
-= 0:0= 0:1=#511 0:2=#512 0:3=#513 0:4=#524289 0:98= 0:f[10050:1028,7751]{1234567890}=hello
-    0:i1[2097151:2097152,644]{8589934591}=
+$ pack @/src @/a.tar unheard = 0:0= 0:1=#511 0:2=#512 0:3=#513 0:4=#524289 0:98=
+    0:f[10050:1028,7751]{1234567890}=hello 0:i1[2097151:2097152,644]{8589934591}=
     0:i2,0000644,77777777,0000000,00000000000,100000000000,16777215,16777216
     0:i3,0000644,0000000,77777776,00000000000,777777777777,-2147483648,-2 0:i4{8}=
     0:i5{68719476735}= 0:{n*99}= 2:l1>{t*99} 2:l>../x 5:d/[1:2,1777] 5:{p*98}/ K:{t*100} 2:l2>{t*99}
@@ -119,10 +118,9 @@ $ plant+ d/ one= d/two&one s! p| l>y d/l2&l
 ? pack @ @/../a.tar unheard = 0:dex= 0:x.Dex= 0:x.dexx= 2:l.dex>y 5:com.tencent.mm/
     5:com.tencent.mm/tinkerX/ 5:d.dex/ 5:d/ end TarFile::PackDir, filter file: @/x.dex
 $ plant com.tencent.mm/ com.tencent.mm/tinker/f=
-$ pack @ @/../a.tar
+$ pack @ @/../a.tar = 5:com.tencent.mm/ end
 TarFile::PackDir, ignore tinker dir [@/com.tencent.mm/tinker]
 TarFile::PackDir, filter file: @/com.tencent.mm/tinker
-= 5:com.tencent.mm/ end
 $ plant com.tencent.mm/ com.tencent.mm/tinker>y
 ? pack @ @/../a.tar = 2:com.tencent.mm/tinker>y 5:com.tencent.mm/ end
 $ plant x.dex=
@@ -130,14 +128,12 @@ $ plant x.dex=
 $ plant l>y l2&l
 ? pack @ @/../a.tar = end TarFile::PackDir, filter file: @/l
 $ plant p|
-$ pack @ @/../a.tar
+$ pack @ @/../a.tar = end
 TarFile::PackDir, skip not supported file: @/p, mode: 10000
-= end
 $ plant
-$ pack @ @/a.tar
+$ pack @ @/a.tar = end
 TarFile::PackDir, ignore current tar file
 TarFile::PackDir, filter file: @/a.tar
-= end
 )");
     unlink("/data/data/a.tar");
 }
@@ -146,34 +142,29 @@ TEST_F(Archives, SourcesAndTargets) {
     expect(R"(
 $ plant f= d/ d.tar/
 ? pack '' @/a.tar = TarFile::PackDir, failed check dir: 
-$ pack / @/a.tar
+$ pack / @/a.tar =
 TarFile::PackDir, clear end slash of path: 
 TarFile::PackDir, failed to get stat of src dir: , error: No such file or directory
 TarFile::PackDir, failed check dir: /
-=
 ? pack @/no @/a.tar = TarFile::PackDir, failed check dir: @/no
-$ pack @/f @/a.tar
+$ pack @/f @/a.tar =
 TarFile::PackDir, src dir is not directory: @/f
 TarFile::PackDir, failed check dir: @/f
-=
 ? pack @/d @/no/a.tar = TarFile::PackDir, failed to open tar file: @/no/a.tar, error: No such file
     or directory
 ? pack @/d @/d.tar = left TarFile::PackDir, failed to open tar file: @/d.tar, error: Is a directory
-$ pack @// @/../a.tar
+$ pack @// @/../a.tar = 0:f= 5:d.tar/ 5:d/ end
 TarFile::PackDir, clear end slash of path: @/
-= 0:f= 5:d.tar/ 5:d/ end
 # A path and its NUL have 2048 bytes.
 $ plant f=
 ? pack ~2045 @/../a.tar = 0:f= end
-$ pack ~2046 @/../a.tar
+$ pack ~2046 @/../a.tar =
 TarFile::PackDir, file name too long, path: @/., file: f
-=
 $ plant
 ? pack ~2047 @/../a.tar = end
-$ pack ~2048 @/../a.tar
+$ pack ~2048 @/../a.tar = left
 TarFile::PackDir, input dir name too long: @/.
 TarFile::PackDir, failed check dir: @/.
-= left
 )");
     EXPECT_FALSE(TarFile(nullptr).PackDir(nullptr, "/data/data/a.tar"));
     EXPECT_FALSE(TarFile(nullptr).PackDir("/data/data", nullptr));
@@ -186,46 +177,41 @@ $ plant src/d/ src/d/f=#524298
 $ when resize @/src/d/f 600000 at progress
 ? pack @/src @/a.tar = 0:d/f=#524298 5:d/ end progress 10
 $ when resize @/src/d/f 524297 at progress
-$ pack @/src @/a.tar
+$ pack @/src @/a.tar =
 progress 524288
 TarFile::PackDir, failed to read data, size: 75712, real: 9
 TarFile::PackDir, failed to read src file: @/src/d/f
 TarFile::PackDir, failed to write content of file: @/src/d/f, size: 600000
 TarFile::PackDir, failed when pack: @/src/d/f, result: -1
 TarFile::PackDir, failed when pack: @/src/d/f, result: -1
-=
 $ plant src/d/ src/d/f=1
 $ when unlink @/src/d at progress
 ? pack @/src @/a.tar = 0:d/f=1 5:d/ end progress 1
 $ when abort at progress
 $ plant src/d/ src/d/f=1
-$ pack @/src @/a.tar
+$ pack @/src @/a.tar = 0:d/f=1 5:d/ end
 progress 1
 TarFile::PackDir, pack task aborted
 TarFile::PackDir, pack task aborted
-= 0:d/f=1 5:d/ end
 $ plant src/f=#1048577
-$ pack @/src @/a.tar
+$ pack @/src @/a.tar =
 progress 524288
 TarFile::PackDir, pack task aborded in file
 TarFile::PackDir, failed to write content of file: @/src/f, size: 1048577
 TarFile::PackDir, failed when pack: @/src/f, result: -1
-=
 $ resize @/src/f 68719476735
 ? pack @/src @/a.tar = TarFile::PackDir, failed when pack: @/src/f, result: -1
 $ when nothing
 $ resize @/src/f 68719476736
-$ pack @/src @/a.tar
+$ pack @/src @/a.tar =
 TarFile::PackDir, can't store file '@/src/f' of size: 68719476736
 TarFile::PackDir, failed when pack: @/src/f, result: -1
-=
 $ plant src/f=#1048577 a.tar>/dev/full
-$ pack @/src @/a.tar
+$ pack @/src @/a.tar =
 TarFile::PackDir, failed to write data, size: 524288, real: 0, error: No space left on device
 TarFile::PackDir, failed to write data of file: @/src/f
 TarFile::PackDir, failed to write content of file: @/src/f, size: 1048577
 TarFile::PackDir, failed when pack: @/src/f, result: -1
-=
 $ plant src/f= a.tar>/dev/full
 ? pack @/src @/a.tar = TarFile::PackDir, failed to write endup block
 )");
@@ -262,8 +248,7 @@ $ plant to/
 ? unpack 0:f{124,_____________}{137,77777777777}{157,777777777777777777777777}{8}= end = -5 read
     short than 512 expected, got 0, tarSize 1536\n
 ? unpack L:x{124,00000001130}= end = -5 read short than 512 expected, got 0, tarSize 1536\n
-$ show @/to
-= d/[644] f=
+$ show @/to = d/[644] f=
 $ plant a.tar=odd
 ? unpack 0:f=1 end = 0 progress 512
 )");
@@ -277,14 +262,14 @@ TEST_F(Archives, WhatIsUnpacked) {
     expect(R"(
 # Kinds of entries, onto files that are there.
 $ plant to/0=old to/1=old to/2=old to/3=old to/8=old to/9=old to/A=old to/g=old to/f= to/x/
-$ unpack 0:0=1 1:1=1 2:2>new 3:3=1 8:8=#513 9:9=1 g:g=1 -:null=1 5:d/ 5:e 5:two/levels/ 5:f/ end
+$ unpack 0:0=1 1:1=1 2:2>new 3:3=1 8:8=#513 9:9=1 g:g=1 -:null=1 5:d/ 5:e 5:two/levels/ 5:f/ end = 0
 progress 512
 progress 512
 CreateFile:appending this file\n
 progress 512
 progress 512
-= 0
-$ unpack A:A=1 A:new=1 0:x=1 0:y/one/level= 0:y/one[755]=1 A:z/one[755]= 0:y//g= 0:p{345,prefix}= end
+$ unpack A:A=1 A:new=1 0:x=1 0:y/one/level= 0:y/one[755]=1 A:z/one[755]= 0:y//g= 0:p{345,prefix}=
+    end = 0
 CreateFile:appending this file\n
 progress 512
 CreateFile:appending this file\n
@@ -293,28 +278,22 @@ create file fail!skip!
 create file fail!skip!
 progress 512
 CreateFile:appending this file\n
-= 0
-$ show @/to
-= 0=1 1=old 2>new 3=old 8=#513 9=old1 A=old1 d/[644] e/[644] f= g=old new=1 null=1 p= x/[644] y/
-    y/g= y/one[755]=1 z/ z/one[755]=
+$ show @/to = 0=1 1=old 2>new 3=old 8=#513 9=old1 A=old1 d/[644] e/[644] f= g=old new=1 null=1 p=
+    x/[644] y/ y/g= y/one[755]=1 z/ z/one[755]=
 
 # Long names and targets, for the next entry alone.
 $ plant to/
-$ unpack K:{t*250} L:{n*255} 2:link>short 0:second= L:replaced L:later 0:third= L:{x*2048} 0:own= end
-= 0
-$ unpack K:{x*2048} 2:link>short 2:{n*100}>{y*100} 0:{f*100}= end
-= 0
-$ show @/to
-= {f*100}0000644= later= link>short {n*100}0000644>{y*100}ustar {n*255}>{t*250} own= second=
+$ unpack K:{t*250} L:{n*255} 2:link>short 0:second= L:replaced L:later 0:third= L:{x*2048} 0:own=
+    end = 0
+$ unpack K:{x*2048} 2:link>short 2:{n*100}>{y*100} 0:{f*100}= end = 0
+$ show @/to = {f*100}0000644= later= link>short {n*100}0000644>{y*100}ustar {n*255}>{t*250} own=
+    second=
 
 # Owners are mapped to the application, and modes are those of the header but for set-id bits.
 $ plant to/
-$ unpack 0:a[0:0,6751]= 0:b[9999:10050,1751]= 0:c[10000:20000,6751]= 0:d[10050:1028,644]= end
-= 0
-$ unpack 5:e[10050:2754,1751] 2:f[10050:10050,644]>x end
-= 0
-$ show @/to
-= a[751]= b[9999:10050,1751]= c[10123:20123,751]= d[10123:1028,644]= e/[10123:2827,1751]
+$ unpack 0:a[0:0,6751]= 0:b[9999:10050,1751]= 0:c[10000:20000,6751]= 0:d[10050:1028,644]= end = 0
+$ unpack 5:e[10050:2754,1751] 2:f[10050:10050,644]>x end = 0
+$ show @/to = a[751]= b[9999:10050,1751]= c[10123:20123,751]= d[10123:1028,644]= e/[10123:2827,1751]
     f[10123:10123,777]>x
 
 # What an application patched itself. A directory of that name gets its mode, but by a long name.
@@ -323,35 +302,27 @@ $ plant to/com.tencent.mm/tinker/[700]
     file fail!skip!
 ? unpack L:com.tencent.mm/tinker/ 5:x[755] end = 0 UnTarFile::filterDir ignore tinker dir:
     @/to/com.tencent.mm/tinker/
-$ show @/to
-= com.tencent.mm/ com.tencent.mm/tinker/[700] com.tencent.mm/tinkerX/[644]
+$ show @/to = com.tencent.mm/ com.tencent.mm/tinker/[700] com.tencent.mm/tinkerX/[644]
 ? unpack 5:com.tencent.mm/tinker/[755] end = 0 UnTarFile::filterDir ignore tinker dir:
     @/to/com.tencent.mm/tinker/
-$ show @/to
-= com.tencent.mm/ com.tencent.mm/tinker/ com.tencent.mm/tinkerX/[644]
+$ show @/to = com.tencent.mm/ com.tencent.mm/tinker/ com.tencent.mm/tinkerX/[644]
 
 # Files that cannot be written whole are left out, and an abort takes the partial file away.
 $ plant to/d/ to/full>/dev/full
-$ unpack 0:d=1 0:full=#524288 0:next=1 end
+$ unpack 0:d=1 0:full=#524288 0:next=1 end = 0
 create file fail!skip!
 write file content shorter than expect!\n
 progress 512
-= 0
-$ show @/to
-= d/[644] next=1
+$ show @/to = d/[644] next=1
 $ plant to/
 $ when abort at progress
-$ unpack 0:empty= 0:cut=#1048577 0:later= end
+$ unpack 0:empty= 0:cut=#1048577 0:later= end = 0
 progress 512
-= 0
-$ show @/to
-= empty=
+$ show @/to = empty=
 
 # A listing changes nothing, and has the regular files.
-$ list 5:d/ 0:d/a=1 2:l>x L:{n*120} 8:cut=#600 0:b= end
-= d/a {n*120} b
-$ show @/to
-= empty=
+$ list 5:d/ 0:d/a=1 2:l>x L:{n*120} 8:cut=#600 0:b= end = d/a {n*120} b
+$ show @/to = empty=
 )");
 }
 
@@ -386,7 +357,7 @@ TEST_F(Archives, WhereFilesAreCut) {
 TEST_F(Archives, SlicesOneByOne) {
     expect(R"(
 $ plant src/ src/d/ src/d/f=#1048577 out/
-$ split 1
+$ split 1 = true
 progress 524288
 label @/out/s.0 info 10123 0
 slice @/out/s.0
@@ -396,12 +367,10 @@ progress 1
 label @/out/s.1 info 10123 0
 slice @/out/s.1|end
 label @/out/s.txt info 10123 0
-= true
-$ show @/out
-= s.0+=#1050624 s.1+=#2048 s.txt+=#21
+$ show @/out = s.0+=#1050624 s.1+=#2048 s.txt+=#21
 # Headers of directories and links end a slice too, which may be none.
 $ plant src/a/l>x out/
-$ split 0
+$ split 0 = true
 label @/out/s.0 info 10123 0
 slice @/out/s.0
 wait
@@ -410,9 +379,7 @@ slice @/out/s.1
 wait
 slice end
 label @/out/s.txt info 10123 0
-= true
-$ show @/out
-= s.0+=#1536 s.1+=#1536 s.txt+=#18
+$ show @/out = s.0+=#1536 s.1+=#1536 s.txt+=#18
 # A directory that becomes a link while the client has its slice is not followed.
 $ plant out/ src/d/ outside/secret=
 $ when link @/src/d @/outside at wait
@@ -421,20 +388,18 @@ $ when link @/src/d @/outside at wait
 $ plant src/f=#524289 out/
 $ when abort at slice @/out/s.3
 ? split 2048 = TarFile::PackDir, failed when pack: @/src/f, result: -1
-$ show @/out
-= s.0+=#525824 s.1+=#1536 s.2+=#1536 s.3+=#1536
+$ show @/out = s.0+=#525824 s.1+=#1536 s.2+=#1536 s.3+=#1536
 # An abort in a file, between slices, and a file that goes or changes meanwhile.
 $ plant src/f=#1572864 out/
 $ when abort at progress
-$ split 2
+$ split 2 =
 progress 524288
 TarFile::PackDir, pack task aborded in file
 TarFile::PackDir, failed to write content of file: @/src/f, size: 1572864
 TarFile::PackDir, failed when pack: @/src/f, result: -1
 TarFile::clearDirtyData, failed to access file: @/out/s.0, error: No such file or directory\n
-=
 $ when abort at wait
-$ split 1
+$ split 1 =
 progress 524288
 label @/out/s.0 info 10123 0
 slice @/out/s.0
@@ -443,29 +408,24 @@ TarFile::PackSplitDir, pack task aborded in file
 TarFile::PackDir, failed to write data of file: @/src/f
 TarFile::PackDir, failed to write content of file: @/src/f, size: 1572864
 TarFile::PackDir, failed when pack: @/src/f, result: -1
-=
-$ show @/out
-= s.0+=#1050112
+$ show @/out = s.0+=#1050112
 $ when unlink @/src/f at wait
 ? split 1 = TarFile::PackDir, failed when pack: @/src/f, result: -1
 $ plant src/f=#1572864 out/
 $ when link @/src/f @/out at wait
 ? split 1 = TarFile::PackDir, failed when pack: @/src/f, result: -1
-$ show @/out
-= s.0+=#1050112
+$ show @/out = s.0+=#1050112
 # What cannot be written, labelled or opened.
 $ when nothing
 $ plant src/f=#1048586 out/s.1>/dev/full
 ? split 1 = TarFile::PackDir, failed to write endup block\n
-$ show @/out
-= s.0+=#1050112
+$ show @/out = s.0+=#1050112
 $ plant src/f=1 out/
 $ refuse @/out/s.txt
 ? split 100 = TarFile::FixAttrForSeLinux failed, restorecon_backup_dir @/out/s.txt error!
 $ refuse @/out/s.0
 ? split 100 = TarFile::FillSplitTailBlocks:restorecon_backup_dir @/out/s.0 error!
-$ show @/out
-= s.txt+=#9
+$ show @/out = s.txt+=#9
 $ plant src/ out/s.0/
 ? split 1 = TarFile::CreateSplitFile, failed to open tar file: @/out/s.0, error: Is a directory
 $ plant src=
@@ -496,31 +456,26 @@ TEST_F(Archives, SetsOfSlices) {
 $ plant to/ out/
 $ archive @/out/s.0 0:f=1 end
 $ archive @/out/s.1 0:f=2 end
-$ restore s.0|2047;
+$ restore s.0|2047; = -1
 the size of the tar file @/out/s.0 is not equal to the size in the check file\n
 size is 2047, st_size is 2048\n
 handleCheckFile:s.0|2047\n  tarBaseName:@/out/s.txt failed
 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 0 failed!
-= -1
 ? restore s.0| = -1 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 0 failed!
 ? restore s.0 = -1 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 0 failed!
 ? restore ; = -1 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 0 failed!
-$ restore s.1|2048;s.2|2048;
+$ restore s.1|2048;s.2|2048; = -1
 slice tar file @/out/s.2 don't exist, error:No such file or directory
 handleCheckFile:s.2|2048\n  tarBaseName:@/out/s.txt failed
 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 1 failed!
-= -1
 ? restore s|s.0|2048; = -1 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 0 failed!
 ? restore s.1|2048;{x*2046}|2048; = -1 UnTarFile::UnSplitPack, handleCheckFile @/out/s.txt, num 1
     failed!
-$ show @
-= out/ out/s.0=#2048 out/s.1=#2048 out/s.txt=#2061 to/
-$ restore s.0|0x800{_*2037}s.1|_04000_bytes
+$ show @ = out/ out/s.0=#2048 out/s.1=#2048 out/s.txt=#2061 to/
+$ restore s.0|0x800{_*2037}s.1|_04000_bytes = 0
 progress 512
 progress 512
-= 0
-$ show @
-= out/ out/s.txt=#2062 to/ to/f=2
+$ show @ = out/ out/s.txt=#2062 to/ to/f=2
 ? restore '' = 0
 
 # A slice may end where a whole archive may not.
@@ -536,30 +491,25 @@ $ archive @/out/s.0 1:d{124,00002000000}=
 ? restore s.0|512 = 0 read short than 512 expected, got 0, tarSize 512\n
 $ archive @/out/s.0 1:d{124,00002000001}=
 ? restore s.0|512 = -5 UnTarFile::UnSplitPack, untar split @/out/s.0 failed!
-$ show @
-= out/ out/s.0=#512 out/s.txt=s.0|512 to/ to/a=1 to/b=1 to/f=2
+$ show @ = out/ out/s.0=#512 out/s.txt=s.0|512 to/ to/a=1 to/b=1 to/f=2
 
 # A restore stops at a slice that fails, and an abort counts as done.
 $ plant to/ out/
 $ archive @/out/s.0 0:f=1 end
 $ archive @/out/s.1 0:f=2 junk#512
 $ archive @/out/s.2 end
-$ restore s.0|2048;s.1|1536;s.2|1024;
+$ restore s.0|2048;s.1|1536;s.2|1024; = -3
 progress 512
 progress 512
 Invalid tar format.\n
 isSplit cur size 1536, tarSize 1536
 UnTarFile::UnSplitPack, untar split @/out/s.1 failed!
-= -3
-$ show @
-= out/ out/s.1=#1536 out/s.2=#1024 out/s.txt=#27 to/ to/f=2
+$ show @ = out/ out/s.1=#1536 out/s.2=#1024 out/s.txt=#27 to/ to/f=2
 $ when abort at progress
 $ archive @/out/s.1 0:empty= 0:f=2 0:g= end
-$ restore s.1|3072;s.2|1024;
+$ restore s.1|3072;s.2|1024; = 0
 progress 512
-= 0
-$ show @
-= out/ out/s.txt=#18 to/ to/empty= to/f=2 to/g=
+$ show @ = out/ out/s.txt=#18 to/ to/empty= to/f=2 to/g=
 )");
     EXPECT_EQ(UdtoString(4294967295U), "4294967295");
     EXPECT_EQ(HandleSplitInfo("/backup/app.tar", 1049600, 0), "app.tar.0|1049600\n");

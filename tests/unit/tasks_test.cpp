@@ -1,10 +1,7 @@
 // The folders handlers/, fileops/ and base/.
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/fsuid.h>
+#include <unistd.h>
 
-#include "base/file_handles.h"
-#include "base/path_buffer.h"
 #include "base/path_rules.h"
 #include "base/permissions.h"
 #include "fileops/copy.h"
@@ -30,32 +27,35 @@ std::string text(int64_t result) {
 class Tasks : public Transcript {
   protected:
     Tasks() {
-        const auto path = [](const Lines& words) { return words.at(0).c_str(); };
-        commands["createDir"] = [=](const Lines& w) { return text(createDir(path(w), 10123)); };
-        commands["deleteDir"] = [=](const Lines& w) { return text(deleteDir(path(w))); };
-        commands["isDir"] = [=](const Lines& w) { return text(isDir(path(w))); };
-        commands["filterDir"] = [=](const Lines& w) { return text(filterDir(path(w))); };
-        commands["filterFile"] = [=](const Lines& w) { return text(filterFile(path(w))); };
-        commands["allowed"] = [=](const Lines& w) { return text(is_allow_access(path(w))); };
-        commands["shared"] = [=](const Lines& w) { return text(isStoragePath(path(w))); };
-        commands["app"] = [=](const Lines& w) {
-            return "= \"" + GetAppNameByFullPath(path(w)) + "\"";
+        const std::pair<const char*, int (*)(const char*)> functions[] = {
+            {"deleteDir", deleteDir},
+            {"isDir", isDir},
+            {"filterDir", filterDir},
+            {"filterFile", filterFile},
+            {"allowed", [](const char* path) { return int{is_allow_access(path)}; }},
+            {"shared", [](const char* path) { return int{isStoragePath(path)}; }},
+            {"createDir", [](const char* path) { return createDir(path, 10123); }},
+            {"relabel", [](const char* path) { return restorecon_backup_dir(path, "info", 7); }},
+            {"fixup",
+             [](const char* path) { return fixup_permissions_dir_file(path, 1, 2, 0660); }},
         };
-        commands["inRoot"] = [=](const Lines& w) {
-            return text(CheckFilePath(path(w), w.at(1).c_str()));
+        for (const auto& [name, function] : functions) {
+            commands[name] = [function = function](const Lines& w) {
+                return text(function(w.at(0).c_str()));
+            };
+        }
+        commands["app"] = [](const Lines& w) {
+            return "= \"" + GetAppNameByFullPath(w.at(0).c_str()) + "\"";
         };
-        commands["fixup"] = [=](const Lines& w) {
-            return text(fixup_permissions_dir_file(path(w), 1, 2, 0660));
+        commands["inRoot"] = [](const Lines& w) {
+            return text(CheckFilePath(w.at(0).c_str(), w.at(1).c_str()));
         };
-        commands["relabel"] = [=](const Lines& w) {
-            return text(restorecon_backup_dir(path(w), "info", 7));
+        commands["copyFile"] = [this](const Lines& w) {
+            return text(copyFile(w.at(0).c_str(), w.at(1).c_str(), makeTask(BACKUP_FILE, w)));
         };
-        commands["copyFile"] = [=](const Lines& w) {
-            return text(copyFile(path(w), w.at(1).c_str(), makeTask(BACKUP_FILE, w)));
-        };
-        commands["copyDir"] = [=](const Lines& w) {
+        commands["copyDir"] = [this](const Lines& w) {
             sp<BackupTask> task = makeTask(BACKUP_DIR, w);
-            return text(copyDir(path(w), w.at(1).c_str(), nullptr, task));
+            return text(copyDir(w.at(0).c_str(), w.at(1).c_str(), nullptr, task));
         };
         commands["user"] = [](const Lines& w) {
             return setfsuid(static_cast<uid_t>(std::stoul(w[0]))), "";
@@ -67,146 +67,116 @@ class Tasks : public Transcript {
 TEST_F(Tasks, CopiesAndWhatTheyLeave) {
     expect(R"(
 $ plant f[600]=1 old=longer
-$ backup file @/f @/a/b
+$ backup file @/f @/a/b = 0
 label @/a/b info 10123 4
-= 0
-$ backup file @/f @/old
+$ backup file @/f @/old = 0
 label @/old info 10123 4
-= 0
-$ restore file @/f @/new/d
-= 0
-$ show @
-= a/* a/b/* a/b/f*=1 f[600]=1 new/* new/d/* new/d/f*=1 old*=1
+$ restore file @/f @/new/d = 0
+$ show @ = a/* a/b/* a/b/f*=1 f[600]=1 new/* new/d/* new/d/f*=1 old*=1
 
 $ plant f=#172032
-$ restore file @/f @/d
+$ restore file @/f @/d = 0
 3 81920
 3 163840
-= 0
 
 # A file that grows meanwhile is followed to its end.
 $ plant f=#81920
 $ when resize @/f 200000 at 3 81920
-$ backup file @/f @/d
+$ backup file @/f @/d = 0
 3 81920
 3 163840
 label @/d info 10123 4
-= 0
 ? show @/d = f*=#200000
 $ when nothing
 
 # Links, .dex files and the application's libraries are left out of a backup.
 $ plant x/a/f[640]=1 x/lib/so=2 x/a/lib/data=3 x/x.dex=4 x/d/[700] x/l>a
-$ backup dir @/x @/out
+$ backup dir @/x @/out = 0
 Failed to isDir S_ISLNK:@/x/l
 label @/out info 10123 4
-= 0
-$ show @/out/x
-= a/* a/f*=1 a/lib/* a/lib/data*=3 d/*
-$ restore dir @/out @/x
+$ show @/out/x = a/* a/f*=1 a/lib/* a/lib/data*=3 d/*
+$ restore dir @/out @/x = 0
 label @/x info 0 4
-= 0
-$ show @/x
-= a/ a/f[10123:10123,640]=1 a/lib/ a/lib/data[10123:10123,644]=3 d/[700] l>a lib/ lib/so=2 x.dex=4
+$ show @/x = a/ a/f[10123:10123,640]=1 a/lib/ a/lib/data[10123:10123,644]=3 d/[700] l>a lib/
+    lib/so=2 x.dex=4
 
 # A source that ends in a slash has no name.
-$ backup dir @/x/d/ @/unnamed
+$ backup dir @/x/d/ @/unnamed = 0
 label @/unnamed info 10123 4
-= 0
-$ show @/unnamed
-= .txt*=
+$ show @/unnamed = .txt*=
 
 # A restore needs the files and not their records.
 $ plant b/x/lib/so=1
-$ restore dir @/b @/x
+$ restore dir @/b @/x = 0
 failed to open info_file
 restore failed, restore file info from @/b/x.txt error, ignore that.
-= 0
-$ show @/x
-= lib/* lib/so*=1
+$ show @/x = lib/* lib/so*=1
 
 # A file is not written through a link that leaves the destination.
 $ plant b/to/f=1 out=2 to/f>../out
-$ restore dir @/b @/to
+$ restore dir @/b @/to = 0
 Failed to checkFilePath, path: @/to/f, realPath: @/out, realOrgPath: @/to.
 Skip copy file because path is invalid, frompath: @/b/to/f, topath: @/to/f
 failed to open info_file
 restore failed, restore file info from @/b/to.txt error, ignore that.
-= 0
-$ show @
-= b/ b/to/ b/to/f=1 out=2 to/ to/f>../out
+$ show @ = b/ b/to/ b/to/f=1 out=2 to/ to/f>../out
 
 # A move takes with it what it leaves out, but for links.
 $ plant x/a/f=1 x/lib/so=2 x/x.dex=3 x/e/[700] x/p|
-$ move dir @/x @/to/d
+$ move dir @/x @/to/d = 0
 Failed to filterFile S_ISFIFO:@/x/p
 label @/to/d info 10123 4
-= 0
-$ show @
-= to/* to/d/* to/d/a/* to/d/a/f*=1 to/d/e/* to/d/lib/* to/d/lib/so*=2
+$ show @ = to/* to/d/* to/d/a/* to/d/a/f*=1 to/d/e/* to/d/lib/* to/d/lib/so*=2
 $ plant d/a=1 d/l>a
-$ move dir @/d @/to
+$ move dir @/d @/to = -19
 Failed to isDir S_ISLNK:@/d/l
 label @/to info 10123 4
 Failed to isDir S_ISLNK:@/d/l
 Failed to deleteDir, remove(@/d) error
 move failed, deleteDir error!
-= -19
-$ show @
-= d/ d/l>a to/* to/a*=1
+$ show @ = d/ d/l>a to/* to/a*=1
 $ plant d/d/f=1
-$ move dir @/d @/to ''
+$ move dir @/d @/to '' = -19
 prepare_data_backuped_for_task failed, se_info is null!
 move failed, prepare_data_backuped_for_task error!
-= -19
-$ show @
-= d/ to/* to/d/* to/d/f*=1
+$ show @ = d/ to/* to/d/* to/d/f*=1
 )");
 }
 
 TEST_F(Tasks, ArchivesAndWhatTheyLeave) {
     expect(R"(
 $ plant x/f=1
-$ backup tar @/x @/a/b
+$ backup tar @/x @/a/b = 0
 label @/a/b info 10123 4
-= 0
-$ backup split @/x/ @/s/ 100
+$ backup split @/x/ @/s/ 100 = 0
 label @/s/x.tar.0 info 10123 0
 4 @/s/x.tar.0|end
 label @/s/x.tar.txt info 10123 0
-= 0
-$ backup tar @/x/ @/a/
+$ backup tar @/x/ @/a/ = 0
 TarFile::PackDir, clear end slash of path: @/x
 label @/a/ info 10123 4
-= 0
-$ restore tar @/a/b/x.tar @/x
+$ restore tar @/a/b/x.tar @/x = 0
 label @/x info 10123 4
-= 0
-$ show @
-= a/* a/.tar+=#2048 a/b/* a/b/x.tar+=#2048 s/* s/x.tar.0+=#2048 s/x.tar.txt+=#13 x/ x/f=1
+$ show @ = a/* a/.tar+=#2048 a/b/* a/b/x.tar+=#2048 s/* s/x.tar.0+=#2048 s/x.tar.txt+=#13 x/ x/f=1
 
 # A set of slices lands beside the named directory, and is gone then.
-$ restore split @/s/x.tar.txt @/a/b
+$ restore split @/s/x.tar.txt @/a/b = 0
 label @/a/b info 10123 4
-= 0
-$ show @
-= a/* a/.tar+=#2048 a/b/* a/b/x.tar+=#2048 a/f=1 s/* s/x.tar.txt+=#13 x/ x/f=1
+$ show @ = a/* a/.tar+=#2048 a/b/* a/b/x.tar+=#2048 a/f=1 s/* s/x.tar.txt+=#13 x/ x/f=1
 
 # Whatever the result, what was unpacked is relabelled.
 $ plant f=x empty= out/
-$ restore tar @/f @/out
+$ restore tar @/f @/out = -3
 tarfile size should be a multiple of 512 bytes: 1\n
 restoreTarBase, unPack error return -3.
 label @/out info 10123 4
-= -3
 
 # A label that is refused fails the backup of a whole archive and of slices, and nothing else.
 $ refuse @/x
-$ backup tar @/out @/x
+$ backup tar @/out @/x = -13
 label @/x info 10123 4
 Failed to recursive restorecon for @/x , uid(10123), se_info(info), error [Permission denied]\n
 backupTarBase failed, prepare_data_backuped_for_task error!
-= -13
 ? restore tar @/x/out.tar @/x = 0 restoreTarBase, restorecon_backup_dir failed, ignore that.
 ? backup file @/f @/x = 0 prepare_data_backuped_for_task failed, restorecon_backup_dir error!
     ignore that.
@@ -219,16 +189,11 @@ TEST_F(Tasks, SharedStorageKeepsItsOwnModesAndLabels) {
     expect(R"(
 $ plant b/shared.test/f=1 b/shared.test.txt=nonsense
 $ archive @/a.tar 0:f=1 end
-$ restore dir @/b /storage/emulated/shared.test
-= 0
-$ show /storage/emulated/shared.test
-= f*=1
-$ restore tar @/a.tar /storage/emulated/shared.test
-= 0
-$ show /storage/emulated/shared.test
-= f=1
-$ restore dir @/b /mnt/androidwritable/shared.test
-= 0
+$ restore dir @/b /storage/emulated/shared.test = 0
+$ show /storage/emulated/shared.test = f*=1
+$ restore tar @/a.tar /storage/emulated/shared.test = 0
+$ show /storage/emulated/shared.test = f=1
+$ restore dir @/b /mnt/androidwritable/shared.test = 0
 ? shared /storage/emulated/0 = 1
 ? shared /mnt/androidwritable = 1
 ? shared /storage/emulate = 0
@@ -302,11 +267,9 @@ $ plant a/[700] f= 4>.
 ? createDir / = 0
 ? createDir '' = -1 Failed to createDir:path is NULL or length of path is 0
 ? createDir @/f/d = -1 Failed to mkdir(@/f/d), error=Not a directory
-$ createDir ~2042/cut/off
+$ createDir ~2042/cut/off = 0
 monitor dir(@/./cut/off) depth longer than 10.
-= 0
-$ show @
-= 4>. a/[700] a/b/* a/b/c/* cut/* deep/* f= ten/*
+$ show @ = 4>. a/[700] a/b/* a/b/c/* cut/* deep/* f= ten/*
 
 # Without the right to give it away, a target keeps the owner and the mode that it was made with.
 $ plant o/[777] f=x o/mine[65534:1,600]=
@@ -317,8 +280,7 @@ $ user 65534
 ? fixup @/f = -1 Failed to chmod (@/f), error=Operation not permitted
 $ user 0
 ? fixup '' = -1 fixup_backup_dir_file, path is NULL or length of path is 0
-$ show @
-= f=x o/[777] o/d/[65534:0,771] o/f[65534:0,640]= o/mine[65534:1,660]=
+$ show @ = f=x o/[777] o/d/[65534:0,771] o/f[65534:0,640]= o/mine[65534:1,660]=
 
 # One file.
 $ plant f= d/ f12345=
@@ -327,12 +289,10 @@ $ plant f= d/ f12345=
 ? copyFile @/d @/to = -1 Failed to read file: @/d, error=Is a directory
 ? copyFile '' @/f = -1 Failed to copyFile file:path is NULL or length of path is 0
 ? copyFile @/f '' = -1 Failed to copyFile file:path is NULL or length of path is 0
-$ copyFile @/f12345 ~2041
+$ copyFile @/f12345 ~2041 = -1
 Failed to open file: @//./f1234, error=File name too long
-= -1
 ? copyFile @/f12345 ~2040 = 0
-$ show @
-= d/ f= f12345*= to*=
+$ show @ = d/ f= f12345*= to*=
 
 # Trees. One that cannot be gone through whole is not copied; what cannot be made is left out.
 $ plant d/f= file= to/f>no/f
@@ -342,11 +302,10 @@ $ plant d/f= file= to/f>no/f
 ? copyDir @/d @/file/d = -1 Failed to copyDir, createDir(@/file/d) error
 ? copyDir @/d @/to = 0 Skip inaccessible file @/to/f, error=No such file or directory
 $ plant d/d/f= to/d/f/f/
-$ copyDir @/d @/to
+$ copyDir @/d @/to = -1
 Failed to open file: @/to/d/f/f, error=Is a directory
 Failed to copyDir, copyFile(@/d/d/f) error
 Failed to copyDir, copyDir(@/d/d) error
-= -1
 
 # Names that are cut: to what is not there, and to the directory itself.
 $ plant ab=
@@ -354,12 +313,10 @@ $ plant ab=
 ? copyDir ~2046 @/../to = -1 Failed to copyDir, opendir(@/.) error
 $ plant .x/f=
 ? copyDir ~2045 @/../to = 0
-$ deleteDir ~2045
+$ deleteDir ~2045 = -1
 Failed to deleteDir, remove(@//.) error
-= -1
 ? deleteDir ~2046 = -1 Failed to deleteDir, remove(@/.) error
-$ show @
-= .x/ .x/f=
+$ show @ = .x/ .x/f=
 
 # Links are left alone, and so are the directories that hold them.
 $ plant d/a/f= d/s! d/p| f= t/f= l/d/l>../../t
@@ -367,14 +324,12 @@ $ plant d/a/f= d/s! d/p| f= t/f= l/d/l>../../t
 ? deleteDir @/d = 0
 ? deleteDir '' = 0
 ? deleteDir @/f = -1
-$ deleteDir @/l
+$ deleteDir @/l = -1
 Failed to isDir S_ISLNK:@/l/d/l
 Failed to deleteDir, remove(@/l/d) error
 Failed to deleteDir, deleteDir(@/l/d) error
 Failed to deleteDir, remove(@/l) error
-= -1
-$ show @
-= f= l/ l/d/ l/d/l>../../t t/ t/f=
+$ show @ = f= l/ l/d/ l/d/l>../../t t/ t/f=
 ? relabel '' = -1 restorecon_backup_dir error, path is NULL or length is 0
 )");
     EXPECT_EQ(prepare_data_backuped_for_task(nullptr), -1);
@@ -431,16 +386,14 @@ $ plant r/in/f= r/out>../f f= r2/f= r/loop>loop
 ? inRoot @/r/../r2/f @/r = 0
 ? inRoot @/r/yet/to/be/made @/r = 0
 ? inRoot @/r/loop @/r = 0
-$ inRoot @/r/out @/r
+$ inRoot @/r/out @/r = -1
 Failed to checkFilePath, path: @/r/out, realPath: @/f, realOrgPath: @/r.
-= -1
 $ descriptors 0
 ? inRoot @/r/in/f @/r = 0
 ? inRoot @/r/yet/to/be/made @/r = 0
 ? inRoot @/r/loop @/r = 0
-$ inRoot @/r/out @/r
+$ inRoot @/r/out @/r = -1
 Failed to checkFilePath, path: @/r/out, realPath: @/f, realOrgPath: @/r.
-= -1
 $ descriptors 4096
 )");
     EXPECT_EQ(CheckFilePath((*tree / "r/out").c_str(), nullptr), 0);
@@ -451,20 +404,18 @@ TEST_F(Tasks, FilesThatVanishUnderACopy) {
     expect(R"(
 $ plant x/f=1 out/x/f>g out/x/g=
 $ when unlink @/x/f at Failed to isDir S_ISLNK
-$ backup dir @/x @/out
+$ backup dir @/x @/out = 0
 Failed to isDir S_ISLNK:@/out/x/f
 Failed to open file: @/x/f, error=No such file or directory
 Skip inaccessible file @/x/f, error=No such file or directory
 label @/out info 10123 4
-= 0
 $ plant x/f=#81920
 $ when unlink @/x/f at 3 81920
-$ backup dir @/x @/out
+$ backup dir @/x @/out = -12
 3 81920
 stat [@/x/f] error [2]\n
 Failed to copyDir, write file attr: @/x/f, error=No such file or directory
 backup failed, copyDir error!
-= -12
 )");
 }
 

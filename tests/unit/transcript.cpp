@@ -172,6 +172,20 @@ std::string Transcript::meaning(std::string word) const {
     return word == "''" ? "" : word;
 }
 
+void Transcript::shorten(std::string& text) const {
+    replaceAll(text, tree->path(), "@");
+    for (size_t at; (at = text.find("/./.")) != text.npos;) {
+        text.erase(at, 2);
+    }
+    for (size_t at = 0; at < text.size(); ++at) {
+        const size_t end = std::min(text.find_first_not_of(text[at], at), text.size());
+        if (end - at > 20) {
+            text.replace(at, end - at,
+                         "{" + text.substr(at, 1) + "*" + std::to_string(end - at) + "}");
+        }
+    }
+}
+
 std::string Transcript::run(const std::string& line) {
     events.clear();
     isAborted = false;
@@ -182,42 +196,26 @@ std::string Transcript::run(const std::string& line) {
     }
     const size_t nameWords = commands.count(words[0]) != 0 ? 1 : 2;
     const std::string name = nameWords == 1 ? words[0] : words.at(0) + " " + words.at(1);
-    const std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
-    if (!result.empty()) {
-        events.push_back(result);
-    }
+    std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
+    shorten(result);
     for (std::string& event : events) {
-        replaceAll(event, tree->path(), "@");
-        for (size_t at; (at = event.find("/./.")) != event.npos;) {
-            event.erase(at, 2);
-        }
-        for (size_t at = 0; at < event.size(); ++at) {
-            const size_t end = std::min(event.find_first_not_of(event[at], at), event.size());
-            if (end - at > 20) {
-                event.replace(at, end - at,
-                              "{" + event.substr(at, 1) + "*" + std::to_string(end - at) + "}");
-            }
-        }
+        shorten(event);
     }
-    return result;
+    return result.empty() ? "" : " " + result;
 }
 
 void Transcript::expect(const std::string& text) {
     std::string actual;
     std::istringstream lines(text);
-    std::string command;
     for (std::string line; std::getline(lines, line);) {
-        if (line[0] == '$') {
-            run(line.substr(1));
-            actual += line + "\n";
-            for (const std::string& event : events) {
-                actual += folded(event);
-            }
-        } else if (line[0] == '?') {
-            command = line.substr(0, line.find(" = "));
+        if (line[0] == '$' || line[0] == '?') {
+            const std::string command = line.substr(0, line.find(" ="));
             const std::string result = run(command.substr(1));
-            events.pop_back();
-            actual += folded(command + " " + result + (events.empty() ? "" : " " + events.back()));
+            const bool isShort = line[0] == '?' && !events.empty();
+            actual += folded(command + result + (isShort ? " " + events.back() : ""));
+            for (size_t i = 0; line[0] == '$' && i < events.size(); ++i) {
+                actual += folded(events[i]);
+            }
         } else if (line.empty() || line[0] == '#') {
             actual += line + "\n";
         }

@@ -1,12 +1,14 @@
-// Tests as text: commands, and below each what comes of it. A test runs the commands of a text and
+// Tests as text: commands, and with each what comes of it. A test runs the commands of a text and
 // compares the text that results.
 //
-//   $ plant d/f=1                      a tree afresh (unit/tree_text.h); @ stands for it
-//   $ backup file @/d/f @/out          a task as the task loop runs it: what is logged at the level
-//   of label @/out info 10123 4           information and above, relabelled (path, information,
-//   uid, = 0                                flags) and told to the client, in this order, and the
-//   result $ show @/out                       what is there f*=1 ? createDir @/d/f/x = -1 Failed to
-//   mkdir(@/d/f/x), error=Not a directory      the last line only
+//   $ plant d/f=1                   a tree afresh (unit/tree_text.h), for which @ stands
+//   $ backup file @/d/f @/out = 0   a task as the task loop runs it, and its result; below in its
+//   label @/out info 10123 4        order what is logged, from information on, relabelled (path,
+//                                   information, uid, flags) and told to the client
+//   $ show @/out = f*=1             what is there
+//   $ when unlink @/d/f at label    from now on, at events that begin so
+//   ? createDir @/d/f/x = -1 Failed to mkdir(@/d/f/x), error=Not a directory
+//                                   like "$", with the last event alone
 //
 // '' is an empty word, and ~2046 a path of the tree of that length. Lines that are too long go on
 // in lines that begin with blanks.
@@ -63,6 +65,7 @@ class Transcript : public testing::Test {
 
   private:
     std::string run(const std::string& line);
+    void shorten(std::string& text) const;
 
     const Descriptors mBefore = countDescriptors();
     std::string mMoment;
