@@ -103,8 +103,8 @@ $ plant+ src/i1[2097151:2097152,644]{8589934591}= src/i2[16777215:16777216,644]{
 $ plant+ src/i3[2147483648:4294967294,644]{68719476735}= src/i4{68719476744}= src/i5{-1}=
 $ pack @/src @/a.tar unheard = 0:0= 0:1=#511 0:2=#512 0:3=#513 0:4=#524289 0:98=
     0:f[10050:1028,7751]{1234567890}=hello 0:i1[2097151:2097152,644]{8589934591}=
-    0:i2,0000644,77777777,0000000,00000000000,100000000000,16777215,16777216
-    0:i3,0000644,0000000,77777776,00000000000,777777777777,-2147483648,-2 0:i4{8}=
+    0:i2,0000644,77777777,0000000,00000000000,100000000000,16777215,16777216,
+    0:i3,0000644,0000000,77777776,00000000000,777777777777,-2147483648,-2, 0:i4{8}=
     0:i5{68719476735}= 0:{n*99}= 2:l1>{t*99} 2:l>../x 5:d/[1:2,1777] 5:{p*98}/ K:{t*100} 2:l2>{t*99}
     K:{t*101} L:{r*100} 2:{r*99}>{t*99} K:{t*250} 2:l3>{t*99} L:{m*100} 0:{m*99}= L:{o*255}
     0:{o*99}= L:{q*99}/ 5:{q*99} end
@@ -201,7 +201,7 @@ TarFile::PackDir, failed to write content of file: @/src/f, size: 1048577
 TarFile::PackDir, failed when pack: @/src/f, result: -1
 $ resize @/src/f 68719476735
 ? pack @/src @/a.tar = TarFile::PackDir, failed when pack: @/src/f, result: -1
-$ when nothing
+$ when never
 $ resize @/src/f 68719476736
 $ pack @/src @/a.tar =
 TarFile::PackDir, can't store file '@/src/f' of size: 68719476736
@@ -268,8 +268,7 @@ progress 512
 CreateFile:appending this file\n
 progress 512
 progress 512
-$ unpack A:A=1 A:new=1 0:x=1 0:y/one/level= 0:y/one[755]=1 A:z/one[755]= 0:y//g= 0:p{345,prefix}=
-    end = 0
+$ unpack A:A=1 A:new=1 0:x=1 0:y/one/level= 0:y/one[755]=1 A:z/one[755]= 0:y//g= end = 0
 CreateFile:appending this file\n
 progress 512
 CreateFile:appending this file\n
@@ -278,14 +277,13 @@ create file fail!skip!
 create file fail!skip!
 progress 512
 CreateFile:appending this file\n
-$ show @/to = 0=1 1=old 2>new 3=old 8=#513 9=old1 A=old1 d/[644] e/[644] f= g=old new=1 null=1 p=
+$ show @/to = 0=1 1=old 2>new 3=old 8=#513 9=old1 A=old1 d/[644] e/[644] f= g=old new=1 null=1
     x/[644] y/ y/g= y/one[755]=1 z/ z/one[755]=
 
 # Long names and targets, for the next entry alone.
 $ plant to/
-$ unpack K:{t*250} L:{n*255} 2:link>short 0:second= L:replaced L:later 0:third= L:{x*2048} 0:own=
-    end = 0
-$ unpack K:{x*2048} 2:link>short 2:{n*100}>{y*100} 0:{f*100}= end = 0
+$ unpack K:{t*250} L:{n*255} 2:link>short 0:second= L:replaced L:later 0:third= end = 0
+$ unpack L:{x*2048} 0:own= K:{x*2048} 2:link>short 2:{n*100}>{y*100} 0:{f*100}= end = 0
 $ show @/to = {f*100}0000644= later= link>short {n*100}0000644>{y*100}ustar {n*255}>{t*250} own=
     second=
 
@@ -416,7 +414,7 @@ $ when link @/src/f @/out at wait
 ? split 1 = TarFile::PackDir, failed when pack: @/src/f, result: -1
 $ show @/out = s.0+=#1050112
 # What cannot be written, labelled or opened.
-$ when nothing
+$ when never
 $ plant src/f=#1048586 out/s.1>/dev/full
 ? split 1 = TarFile::PackDir, failed to write endup block\n
 $ show @/out = s.0+=#1050112
@@ -439,14 +437,15 @@ $ plant src=
 // MiB, in 32 bits.
 TEST_F(Archives, SliceSizes) {
     const std::pair<const char*, long> rows[] = {
-        {"1", 1},     {"0x63", 99}, {"0x64", 100}, {"128MiB", 128},   {"2048", -2048},
-        {"4095", -1}, {"4096", 0},  {"-1", -1},    {"0x80000001", 1}, {"many", 0}};
+        {"1", 1},          {"0x63", 99}, {"0x64", 100}, {"128MiB", 128},
+        {"2048", -2048},   {"4095", -1}, {"4096", 0},   {"-1", -1},
+        {"0x80000001", 1}, {"many", 0},  {"0b11", 0}};
     const android::host::LogCapture log;
     for (const auto& [mib, size] : rows) {
         const std::string words[TarFile::kSplitArguments] = {"", "", "", "", mib};
         EXPECT_EQ(PackSplitPre("x", words, 0).size, size << 20) << mib;
     }
-    EXPECT_EQ(linesOf(log, ANDROID_LOG_DEBUG).size(), 5U) << "of a size below 100";
+    EXPECT_EQ(linesOf(log, ANDROID_LOG_DEBUG).size(), 6U) << "of a size below 100";
     EXPECT_EQ(PackSplitPre("x/", std::vector<std::string>(7).data(), 0).basePath, "x");
 }
 

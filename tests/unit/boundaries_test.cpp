@@ -28,10 +28,7 @@ class Boundaries : public Transcript {
         onText("records", "restore dir", "@/in/to.txt", "@/to", joined);
         onText("list", "backup byfile", "@/in/list", "@/to/app", joined);
         onText("search", "get_brief byfile", "@/in/rules", "@/to/brief", joined);
-        commands["anew"] = [this](const Lines& words) {
-            begin(words);
-            return "";
-        };
+        act("anew", [this](const Lines& words) { begin(words); });
         commands["reach"] = [this](const Lines& words) {
             const std::string command = words.at(0) + " " + words.at(1);
             const Lines rest(words.begin() + 2, words.end());
@@ -205,15 +202,14 @@ $ anew src/to/f=x to/f>../to2/f
 
 // As small a stack as the platform gives its threads, and a descriptor per level.
 TEST_F(Boundaries, OfDepth) {
-    commands["deep"] = [this](const Lines& /*words*/) {
+    act("deep", [this](const Lines& /*words*/) {
         tree.emplace();
         std::string path = "src";
         while (tree->path().size() + path.size() + 10 < 2000) {
             path += "/d";
         }
         plant(tree->path(), {path + "/f=x"});
-        return "";
-    };
+    });
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, 1 << 20);

@@ -57,9 +57,7 @@ class Tasks : public Transcript {
             sp<BackupTask> task = makeTask(BACKUP_DIR, w);
             return text(copyDir(w.at(0).c_str(), w.at(1).c_str(), nullptr, task));
         };
-        commands["user"] = [](const Lines& w) {
-            return setfsuid(static_cast<uid_t>(std::stoul(w[0]))), "";
-        };
+        act("user", [](const Lines& w) { setfsuid(static_cast<uid_t>(std::stoul(w.at(0)))); });
     }
     ~Tasks() override { setfsuid(0); }
 };
@@ -87,7 +85,7 @@ $ backup file @/f @/d = 0
 3 163840
 label @/d info 10123 4
 ? show @/d = f*=#200000
-$ when nothing
+$ when never
 
 # Links, .dex files and the application's libraries are left out of a backup.
 $ plant x/a/f[640]=1 x/lib/so=2 x/a/lib/data=3 x/x.dex=4 x/d/[700] x/l>a

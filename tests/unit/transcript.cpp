@@ -15,20 +15,10 @@ namespace {
 
 using namespace android::installd;
 
-const std::map<std::string, BackupTaskType> kTasks = {
-    {"backup file", BACKUP_FILE},
-    {"backup dir", BACKUP_DIR},
-    {"backup tar", BACKUP_TAR},
-    {"backup split", BACKUP_SPLIT},
-    {"restore file", RESTORE_FILE},
-    {"restore dir", RESTORE_DIR},
-    {"restore tar", RESTORE_TAR},
-    {"restore split", RESTORE_SPLIT},
-    {"move dir", MOVE_DIR},
-    {"backup byfile", BACKUP_BY_FILE},
-    {"get_brief dir", GET_BRIEFS_BY_DIR},
-    {"get_brief byfile", GET_BRIEFS_BY_FILE},
-};
+// In the order of their types.
+const char* const kTasks[] = {"backup file",  "backup dir",    "backup tar",    "backup split",
+                              "restore file", "restore dir",   "restore tar",   "restore split",
+                              "move dir",     "backup byfile", "get_brief dir", "get_brief byfile"};
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
     for (size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) {
@@ -77,54 +67,44 @@ Transcript::Transcript()
         EXPECT_EQ(countDescriptors().inherited, mBefore.inherited) << message;
     });
     tree.emplace();
-    commands["plant"] = [this](const Lines& words) {
+    act("plant", [this](const Lines& words) {
         tree.emplace();
-        return commands["plant+"](words);
-    };
-    commands["resize"] = [](const Lines& words) {
-        std::filesystem::resize_file(words.at(0), std::stoul(words.at(1)));
-        return "";
-    };
-    commands["archive"] = [](const Lines& words) {
-        writeFile(words.at(0), archiveOf({words.begin() + 1, words.end()}));
-        return "";
-    };
-    commands["plant+"] = [this](const Lines& words) {
         plant(tree->path(), words);
-        return "";
-    };
-    commands["when"] = [this](const Lines& words) {
+    });
+    act("plant+", [this](const Lines& words) { plant(tree->path(), words); });
+    act("archive", [](const Lines& words) {
+        writeFile(words.at(0), archiveOf({words.begin() + 1, words.end()}));
+    });
+    act("abort", [this](const Lines& /*words*/) { isAborted = true; });
+    act("unlink", [](const Lines& words) { std::filesystem::remove_all(words.at(0)); });
+    act("resize", [](const Lines& words) {
+        std::filesystem::resize_file(words.at(0), std::stoul(words.at(1)));
+    });
+    act("link", [](const Lines& words) {  // to the second, in place of the first
+        std::filesystem::rename(words.at(0), words[0] + ".old");
+        makeLink(words.at(1), words[0]);
+    });
+    act("when", [this](const Lines& words) {
         const auto at = std::find(words.begin(), words.end(), "at");
         mMoment.clear();
         for (auto word = at; word != words.end() && ++word != words.end();) {
             mMoment += (mMoment.empty() ? "" : " ") + *word;
         }
-        mAction = [this, action = Lines(words.begin(), at)] {
-            if (action[0] == "abort") {
-                isAborted = true;
-            } else if (action[0] == "unlink") {
-                std::filesystem::remove_all(action[1]);
-            } else if (action[0] == "resize") {
-                commands["resize"]({action[1], action[2]});
-            } else {  // a link to the second takes the place of the first
-                std::filesystem::rename(action[1], action[1] + ".old");
-                makeLink(action[2], action[1]);
-            }
+        mAction = [this, words = Lines(words.begin(), at)] {
+            commands.at(words[0])({words.begin() + 1, words.end()});
         };
-        return "";
-    };
-    commands["descriptors"] = [](const Lines& w) {
+    });
+    act("descriptors", [](const Lines& words) {
         rlimit limit = {};
         getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = std::stoul(w[0]);
+        limit.rlim_cur = std::stoul(words.at(0));
         setrlimit(RLIMIT_NOFILE, &limit);
-        return "";
-    };
-    commands["refuse"] = [this](const Lines& words) { return refused = words.at(0), ""; };
+    });
+    act("refuse", [this](const Lines& words) { refused = words.at(0); });
     commands["show"] = [](const Lines& words) { return "= " + shown(words.at(0)); };
-    for (const auto& [name, type] : kTasks) {
-        commands[name] = [this, type = type](const Lines& words) {
-            android::sp<BackupTask> task = makeTask(type, words);
+    for (int32_t type = BACKUP_FILE; type <= GET_BRIEFS_BY_FILE; ++type) {
+        commands[kTasks[type]] = [this, type](const Lines& words) {
+            android::sp<BackupTask> task = makeTask(static_cast<BackupTaskType>(type), words);
             return "= " + std::to_string(manager->processTask(task));
         };
     }
@@ -132,6 +112,10 @@ Transcript::Transcript()
 
 Transcript::~Transcript() {
     android::host::setLogTap(nullptr);
+}
+
+void Transcript::act(const char* name, const std::function<void(const Lines& words)>& action) {
+    commands[name] = [action](const Lines& words) { return action(words), ""; };
 }
 
 android::sp<BackupTask> Transcript::makeTask(BackupTaskType type, const Lines& words) const {
@@ -194,9 +178,13 @@ std::string Transcript::run(const std::string& line) {
     for (std::string word; stream >> word;) {
         words.push_back(meaning(word));
     }
-    const size_t nameWords = commands.count(words[0]) != 0 ? 1 : 2;
+    const long nameWords = commands.count(words[0]) != 0 ? 1 : 2;
     const std::string name = nameWords == 1 ? words[0] : words.at(0) + " " + words.at(1);
+    const int open = countDescriptors().open;
     std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
+    if (line.find("get_brief dir") == line.npos) {  // which keeps its stream
+        EXPECT_EQ(countDescriptors().open, open) << line;
+    }
     shorten(result);
     for (std::string& event : events) {
         shorten(event);

@@ -50,6 +50,9 @@ class Transcript : public testing::Test {
     // another program starts.
     void hear(const std::string& event);
 
+    // Adds a command that has no result.
+    void act(const char* name, const std::function<void(const Lines& words)>& action);
+
     android::sp<android::installd::BackupTask> makeTask(android::installd::BackupTaskType type,
                                                         const Lines& words) const;
 

@@ -81,13 +81,13 @@ std::string wordOf(const std::string& content) {
 }
 
 std::string markOf(const struct stat& status) {
-    char mark[64];
+    char mark[64] = "";
     const mode_t mode = status.st_mode & 07777;
     const mode_t usual = S_ISDIR(status.st_mode) ? 0755 : S_ISLNK(status.st_mode) ? 0777 : 0644;
     if (status.st_uid != 0 || status.st_gid != 0) {
         snprintf(mark, sizeof(mark), "[%u:%u,%o]", status.st_uid, status.st_gid, mode);
-    } else {
-        snprintf(mark, sizeof(mark), mode == usual ? "" : "[%o]", mode);
+    } else if (mode != usual) {
+        snprintf(mark, sizeof(mark), "[%o]", mode);
     }
     return mark == kTaskOwned ? "*" : mark == kArchiveOwned ? "+" : mark;
 }
@@ -201,15 +201,12 @@ std::string packedIn(const std::string& archive) {
                                                                     : S_IFREG);
         std::string word = std::string{type, ':'};
         if (header.bytes() != block || archive.substr(at, padded(data).size()) != padded(data)) {
-            for (const auto& [offset, length] : {std::pair(0, 100),
-                                                 {100, 8},
-                                                 {108, 8},
-                                                 {116, 8},
-                                                 {124, 12},
-                                                 {136, 12},
-                                                 {265, 32},
-                                                 {297, 32}}) {
-                word += field(offset, length) + (offset == 297 ? "" : ",");
+            for (const size_t offset : {0U, 100U, 108U, 116U, 124U, 136U, 265U, 297U}) {
+                word += field(offset, offset == 0    ? 100
+                                      : offset < 124 ? 8
+                                      : offset < 265 ? 12
+                                                     : 32) +
+                        ",";
             }
         } else if (isRecord) {
             word += data.c_str();
