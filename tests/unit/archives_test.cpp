@@ -443,7 +443,7 @@ TEST_F(Archives, SliceSizes) {
     const android::host::LogCapture log;
     for (const auto& [mib, size] : rows) {
         const std::string words[TarFile::kSplitArguments] = {"", "", "", "", mib};
-        EXPECT_EQ(PackSplitPre("x", words, 0).size, size << 20) << mib;
+        EXPECT_EQ(PackSplitPre("x", words, 0).size, size * (1L << 20)) << mib;
     }
     EXPECT_EQ(linesOf(log, ANDROID_LOG_DEBUG).size(), 6U) << "of a size below 100";
     EXPECT_EQ(PackSplitPre("x/", std::vector<std::string>(7).data(), 0).basePath, "x");
