@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "tar/check_file.h"
+#include "tar/entry_headers.h"
 #include "tar/slices.h"
 #include "tar/tar_file.h"
 #include "tar/tar_header.h"
@@ -554,6 +555,20 @@ TEST(ParseOctalStr, ReadsDigitsWhereverTheyBeginAndSkipsWhatIsNone) {
         EXPECT_EQ(ParseOctalStr(block->bytes() + row.offset, 8), row.value);
     }
     EXPECT_EQ(checksumOf(TarBlock().header), 8U * ' ');
+}
+
+TEST_F(Archives, LinksThatChangeBetweenTwoLooks) {
+    TarStream stream;
+    const std::string root = tree->path();
+    EntryHeaders headers(stream, root);
+    plant(root, {"l>xyz"});
+    for (const off_t size : {off_t{2}, off_t{3}, off_t{0xFFFFFFFF}}) {
+        struct stat status = {};
+        status.st_size = size;
+        tar_header header = {};
+        EXPECT_EQ(headers.fillLink(Place((root + "/l").c_str()), status, header), size == 3);
+        EXPECT_FALSE(headers.fillLink(Place((root + "/none").c_str()), status, header));
+    }
 }
 
 // The padding is counted in 32 bits with a sign.

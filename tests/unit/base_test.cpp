@@ -1,6 +1,9 @@
 // Of the folder base/ what no task shows: the buffer that walks extend, and how files are opened.
+#include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include "base/file_handles.h"
 #include "base/path_buffer.h"

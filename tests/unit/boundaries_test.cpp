@@ -6,17 +6,14 @@
 //   @/src @/in        what a task is given
 //   @/to              where it works, beside @/to2/f
 #include <pthread.h>
-#include <sys/resource.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <thread>
+#include <filesystem>
 
 #include "tests/unit/transcript.h"
 
 namespace peltex_test {
 namespace {
-
-using namespace android::installd;
 
 class Boundaries : public Transcript {
   protected:
@@ -30,9 +27,8 @@ class Boundaries : public Transcript {
         onText("search", "get_brief byfile", "@/in/rules", "@/to/brief", joined);
         act("anew", [this](const Lines& words) { begin(words); });
         commands["reach"] = [this](const Lines& words) {
-            const std::string command = words.at(0) + " " + words.at(1);
             const Lines rest(words.begin() + 2, words.end());
-            const std::string result = commands.at(command)(rest);
+            const std::string result = commands.at(words.at(0) + " " + words.at(1))(rest);
             return result + told();
         };
     }
@@ -44,13 +40,11 @@ class Boundaries : public Transcript {
         commands[name] = [=](const Lines& words) {
             begin({"in/to/", "in/app/", "in/fifo|", "in/link>" + outside + "/secret"});
             writeFile(meaning(path), textOf(words));
-            const std::string source = command == "restore dir" ? "@/in" : path;
-            const std::string result =
-                commands.at(command)({meaning(source), meaning(destination)});
+            const std::string from = meaning(command == "restore dir" ? "@/in" : path);
+            const std::string result = commands.at(command)({from, meaning(destination)});
             return result + told();
         };
     }
-    // Lines of a text file; "_" stands for a line feed.
     static std::string joined(const Lines& words) {
         std::string text;
         for (const std::string& word : words) {
@@ -92,9 +86,6 @@ class Boundaries : public Transcript {
             leaks += content.find(kSecret) != content.npos      ? ", secret read"
                      : content.find("/secret;") != content.npos ? ", secret named"
                                                                 : "";
-        }
-        for (const std::string& event : events) {
-            leaks += event.find(kSecret) != event.npos ? ", secret logged" : "";
         }
         events.clear();
         return text + leaks;
