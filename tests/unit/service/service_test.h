@@ -1,94 +1,95 @@
-// A manager of its own per test, a client, and tasks that stay running until they are let go.
+// Sessions and workers: tasks that stay running until they are let go, clients that act when they
+// are told something, and scripts of it all.
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "service/backup_session_manager.h"
-#include "tests/support/log_lines.h"
-#include "tests/support/test_client.h"
-#include "tests/support/test_files.h"
+#include "tests/support/fast_waits.h"
+#include "tests/support/handler_test.h"
 
 namespace peltex_test {
 
 // Polls, for states that nobody is told of. Returns false after a time that only failure takes.
 inline bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 60000; ++i) {
         if (condition()) {
             return true;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
 }
 
-class ServiceTest : public testing::Test {
+// Acts on the thread that tells it, before it keeps what it was told; and when it goes.
+class ActingClient : public TestClient {
+  public:
+    ~ActingClient() override { onEnd(); }
+    android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
+                                                const std::string& message) override {
+        onStatus(task, code);
+        return TestClient::onTaskStatusChanged(session, task, code, message);
+    }
+
+    std::function<void(int32_t task, int32_t code)> onStatus = [](int32_t, int32_t) {};
+    std::function<void()> onEnd = [] {};
+};
+
+class ServiceTest : public HandlerTest {
   protected:
     // Two workers that make one directory at the same time fail one of their tasks, so it is there.
     void SetUp() override { makeDir(tree / "out"); }
-
-    // Lets go whatever a failed test has left running: the manager waits for its workers.
-    void TearDown() override {
-        for (const std::string& fifo : mFifos) {
-            giveUp(fifo);
-        }
-    }
-
-    void addFifo(const std::string& name) {
-        makeFifo(tree / name);
-        mFifos.push_back(tree / name);
-    }
-
-    // Ends the copy of a FIFO, whether it has been opened yet or not.
-    static void giveUp(const std::string& fifo) {
-        const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
-        unlink(fifo.c_str());
-        close(writer);
-    }
+    // Ends what a test has left paused or blocked: the manager waits for its workers.
+    void TearDown() override;
 
     int32_t execute(int32_t session, const std::string& line) {
         return manager->executeBackupTask(session, std::string(line));
     }
+    // The same for two words and a name below the tree, to "out".
+    int32_t execute(int32_t session, const std::string& command, const std::string& name);
 
-    // Queues the copy of a small file named `name`.
-    int32_t addCopy(int32_t session, const std::string& name) {
-        writeFile(tree / name, name);
-        return execute(session, "backup file " + (tree / name) + " " + (tree / "out") + " s 0");
-    }
+    // Ends the copy of a FIFO, whether it has been opened yet or not.
+    static void giveUp(const std::string& fifo);
 
-    // Queues the copy of a FIFO: the task runs until letGo() gives the FIFO a writer.
-    int32_t addBlocked(int32_t session, const std::string& name) {
-        addFifo(name);
-        return execute(session, "backup file " + (tree / name) + " " + (tree / "out") + " s 0");
-    }
-    void letGo(const std::string& name) { close(open((tree / name).c_str(), O_WRONLY)); }
+    // Runs steps "VERB [SESSION] [NAME...] [= RESULT]", divided by "; ", each for every name. The
+    // result is 0 unless the step says another; for what queues a task it is 0 for a new one and
+    // "same" for the one of that name.
+    //
+    // | open SESSION [CLIENT]        | with our client, with another of that name, with none for
+    // "-" | | copy, queue, block SESSION . | the copy of a file; of a FIFO; the same, which then
+    // runs      | | split, next, pause SESSION . | a split backup; and a wait for its wait; of
+    // three new slices  | | abort, finish, keepalive SESSION [.], keep SESSION | "keep" waits for
+    // the wait behind it     | | say SESSION LINE             | any other command | | free ., die
+    // CLIENT           | a FIFO                                                        | | end
+    // [CLIENT/].               | the code of the task's last status                            | |
+    // told [CLIENT/].              | all statuses but "processTask start" and progress, sorted | |
+    // workers, waits, there .      | how many there are in the end; whether the file is there |
+    void play(const std::string& script);
 
-    // The same, and waits until a worker runs it.
-    int32_t runBlocked(int32_t session, const std::string& name) {
-        const int32_t task = addBlocked(session, name);
-        EXPECT_EQ(client->waitFor(task, 1), 1);
-        return task;
-    }
+    const android::sp<TestClient>& clientOf(const std::string& name);
 
-    bool workersEnd() {
-        return eventually([this] { return manager->checkIsRunning() == 0; });
-    }
-
-    android::host::LogCapture log;
-    TempTree tree;
-    const android::sp<TestClient> client = new TestClient();
-    const android::sp<android::installd::BackupSessionManager> manager =
-        new android::installd::BackupSessionManager();
+    std::map<std::string, int32_t> sessions;
+    std::map<std::string, int32_t> tasks;
 
   private:
+    std::string act(const std::string& verb, const std::string& session, const std::string& name,
+                    const std::string& expected);
+    std::string queued(const std::string& name, int32_t result);
+    std::string told(const std::string& name);
+    std::string thenWaits(const std::string& verb, const std::string& session,
+                          const std::string& name);
+
+    std::map<std::string, android::sp<TestClient>> mClients = {{"", client}, {"-", nullptr}};
+    std::string mHears;  // the name of the latest
     std::vector<std::string> mFifos;
+    const int mWaitsBefore = waitsBegun();
 };
 
 }  // namespace peltex_test

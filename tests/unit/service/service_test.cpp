@@ -1,0 +1,145 @@
+#include "tests/unit/service/service_test.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace peltex_test {
+
+void ServiceTest::TearDown() {
+    for (const auto& [name, session] : sessions) {
+        manager->finishBackupSession(session);
+    }
+    for (const std::string& fifo : mFifos) {
+        giveUp(fifo);
+    }
+}
+
+int32_t ServiceTest::execute(int32_t session, const std::string& command, const std::string& name) {
+    return execute(session, command + " " + (tree / name) + " " + (tree / "out") +
+                                (command.rfind("backup s", 0) == 0 ? " 1 s 0" : " s 0"));
+}
+
+void ServiceTest::giveUp(const std::string& fifo) {
+    const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+    unlink(fifo.c_str());
+    close(writer);
+}
+
+const android::sp<TestClient>& ServiceTest::clientOf(const std::string& name) {
+    if (mClients.count(name) == 0) {
+        mClients[name] = new TestClient();
+    }
+    return mClients[name];
+}
+
+void ServiceTest::play(const std::string& script) {
+    const std::string others = "free die end told workers waits there";
+    std::istringstream steps(script);
+    for (std::string step; std::getline(steps >> std::ws, step, ';');) {
+        SCOPED_TRACE(step);
+        const size_t equals = step.find(" =");
+        const std::string expected =
+            equals == std::string::npos ? "0" : step.substr(std::min(equals + 3, step.size()));
+        std::istringstream words(step.substr(0, equals));
+        std::string verb;
+        std::string session;
+        std::string name;
+        words >> verb;
+        if (others.find(verb) == std::string::npos) {
+            words >> session;
+        }
+        verb == "say" ? std::getline(words >> std::ws, name) : words >> name;
+        do {
+            EXPECT_EQ(act(verb, session, name, expected), expected) << name;
+        } while (words >> name);
+    }
+}
+
+std::string ServiceTest::act(const std::string& verb, const std::string& session,
+                             const std::string& name, const std::string& expected) {
+    const int32_t id = sessions[session];
+    int32_t result = 0;
+    if (verb == "open") {
+        sessions[session] = manager->startBackupSession(clientOf(name));
+        mHears = name;
+    } else if (verb == "copy") {
+        writeFile(tree / name, name);
+        return queued(name, execute(id, "backup file", name));
+    } else if (verb == "queue" || verb == "block") {
+        makeFifo(tree / name);
+        mFifos.push_back(tree / name);
+        const std::string answer = queued(name, execute(id, "backup file", name));
+        return verb == "queue" || clientOf(mHears)->waitFor(tasks[name], 1) == 1 ? answer : "none";
+    } else if (verb == "split") {
+        return queued(name, execute(id, "backup split", name));
+    } else if (verb == "pause") {
+        writeFile(tree / name + "/file", std::string((2u << 20) + 1, 'c'));
+        return thenWaits("split", session, name);
+    } else if (verb == "next" || verb == "keep") {
+        return thenWaits(verb == "next" ? "split" : "keepalive", session, name);
+    } else if (verb == "abort") {
+        result = execute(id, "abort " + std::to_string(tasks[name]));
+    } else if (verb == "say") {
+        result = execute(id, name);
+    } else if (verb == "keepalive") {
+        result = execute(id, verb);
+    } else if (verb == "finish") {
+        result = manager->finishBackupSession(id);
+    } else if (verb == "die") {
+        clientOf(name)->die();
+    } else if (verb == "free") {
+        result = close(open((tree / name).c_str(), O_WRONLY));
+    } else if (verb == "end") {
+        const size_t slash = name.find('/') + 1;
+        result =
+            clientOf(name.substr(0, slash ? slash - 1 : 0))->waitForEnd(tasks[name.substr(slash)]);
+    } else if (verb == "told") {
+        return told(name);
+    } else if (verb == "workers") {
+        eventually([&] { return std::to_string(manager->checkIsRunning()) == expected; });
+        result = manager->checkIsRunning();
+    } else if (verb == "waits") {
+        result = waitsBegun() - mWaitsBefore;
+    } else if (verb == "there") {
+        eventually([&] { return exists(tree / name) == (expected == "1"); });
+        result = exists(tree / name);
+    } else {
+        ADD_FAILURE() << "no such verb: " << verb;
+    }
+    return std::to_string(result);
+}
+
+std::string ServiceTest::queued(const std::string& name, int32_t result) {
+    if (result < 0) {
+        return std::to_string(result);
+    }
+    const bool isSame = tasks.count(name) != 0 && tasks[name] == result;
+    tasks[name] = result;
+    return isSame ? "same" : "0";
+}
+
+std::string ServiceTest::thenWaits(const std::string& verb, const std::string& session,
+                                   const std::string& name) {
+    const int before = waitsBegun();
+    const std::string result = act(verb, session, name, "");
+    EXPECT_TRUE(eventually([&] { return waitsBegun() > before; }));
+    return result;
+}
+
+std::string ServiceTest::told(const std::string& name) {
+    const size_t slash = name.find('/') + 1;
+    Lines texts =
+        clientOf(name.substr(0, slash ? slash - 1 : 0))->statusesOf(tasks[name.substr(slash)]);
+    std::sort(texts.begin(), texts.end());  // a worker and an abort tell at the same time
+    std::string all;
+    for (const std::string& text : texts) {
+        if (text[0] != '3' && text != "1 processTask start") {
+            const size_t at = text.find(tree.path() + "/out/");
+            all += (all.empty() ? "" : ", ") +
+                   (at == std::string::npos ? text : "4 " + text.substr(tree.path().size() + 7));
+        }
+    }
+    return all;
+}
+
+}  // namespace peltex_test

@@ -1,0 +1,340 @@
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+
+#include "tests/unit/service/service_test.h"
+
+namespace peltex_test {
+namespace {
+
+struct Script {
+    const char* name;
+    const char* steps;
+};
+
+void PrintTo(const Script& script, std::ostream* out) {
+    *out << script.name;
+}
+
+class ServiceScript : public ServiceTest, public testing::WithParamInterface<Script> {
+  protected:
+    ScopedWaits waits{WaitLength::kEndless};
+};
+
+TEST_P(ServiceScript, Plays) {
+    play(GetParam().steps);
+}
+
+// Of neighbours in the queue every second one survives a session's end: the walk steps over what
+// moves up. An abort is told at once; a plain copy runs to its end all the same, and its worker
+// ends.
+const Script kScripts[] = {
+    {"TwoRunAndTheOldestIsNext",
+     "open s; block s one; workers = 1; block s two; queue s three; copy s four; told three =;"
+     "free two; end two; free three; end three; free one; end one four; workers = 2"},
+    {"TheLatestCallbackHearsOfEverySessionsTasks",
+     "open s; block s one; open t second; free one; end second/one; told one =;"
+     "told second/one = 0 processTask finish; open u -; copy s two; there out/two = 1; told two =;"
+     "open v; copy s three; end three; told second/three ="},
+    {"EqualTasksAreRefusedWhileQueuedOrRunningWhoeverAsks",
+     "open s; open t; block s one two; copy s three; copy s three = -4; copy t three = -4;"
+     "free one two; end one two three; workers = 2"},
+    {"AnAbortTakesAQueuedTaskAwayWithoutAWord",
+     "open s; block s one two; copy s three four; abort s three; abort s three = -1; free one two;"
+     "end one two four; told three =; there out/three"},
+    {"AnAbortOfARunningCopyEndsItsWorkerOnly",
+     "open s; open t; block s one two; abort t one; told one = 2 ; free one; end one; workers = 1;"
+     "free two; end two; copy s three; end three"},
+    {"ATaskQueuedWhileBothWorkersAreLeavingIsServed",
+     "open s; block s one two; abort s one two; copy s three; free one two; end three"},
+    {"FinishDropsEverySecondOfItsOwnNeighbouringTasks",
+     "open s; open t; block s one two; copy t a; copy s b; copy t c d; copy s e f; copy t g;"
+     "finish t; finish t = -1; free one two; end b d e f; finish s; workers = 0; told a c g ="},
+    {"FinishEndsItsOwnWorkerAndTheLastOneAll",
+     "open s; open t; block t one; finish t; told one =; free one; end one; workers = 0;"
+     "copy s two; end two; workers = 1; finish s; workers = 0; open u; copy u three; end three"},
+    {"DeathClosesAllSessionsAndLeavesTasksAlone",
+     "open s second; open t; die second; say s delay 1; block s one two; copy t three; die ;"
+     "say s delay 1 = -1; say t delay 1 = -1; free one two; end one two; workers = 0; told three =;"
+     "open u next; copy u four; end next/four next/three; die next; workers = 0"},
+    {"SlicesAreHandedOverOneByOneUnderOneId",
+     "open s; pause s app; told app = 4 app.tar.0; next s app = same;"
+     "told app = 4 app.tar.0, 4 app.tar.1; split s app = same; end app; waits = 2;"
+     "told app = 0 processTask finish, 4 app.tar.0, 4 app.tar.1, 4 app.tar.2|end"},
+    {"AContinuationWakesTheBackupOfItsOwnPathsAlone",
+     "open s; open t; pause s a; pause s b; next s b = same; split t b = same; end b;"
+     "told a = 4 a.tar.0; split s a = same"},
+    {"AQueuedSplitBackupIsNotContinuedButADuplicate",
+     "open s; block s one two; copy s app/file; split s app; split s app = -4; abort s app"},
+    {"KeepAliveIsForTheSessionsOwnSplitBackup",
+     "open s; open t; block s one; keepalive s = -2; pause s app; keepalive t = -2; keep s"},
+    {"AnAbortEndsThePauseAtOnce",
+     "open s; pause s app; abort s app; end app = -1; waits = 1; there out/app.tar.0 = 1"},
+    {"TheSessionsEndEndsThePauseAtOnce",
+     "open s; open t; pause s app; finish s; end app = -1; workers = 0; waits = 1;"
+     "told app = -1 processTask finish, 4 app.tar.0; copy t one; end one"},
+};
+INSTANTIATE_TEST_SUITE_P(Service, ServiceScript, testing::ValuesIn(kScripts),
+                         [](const auto& script) { return script.param.name; });
+
+TEST_F(ServiceScript, SevenWaitsWithoutAWordAbortTheTaskAndAKeepAliveGivesSixMore) {
+    waits.set(WaitLength::kShort);
+    play(
+        "open s; pause s app; end app = -1; waits = 7;"
+        "told app = -1 processTask finish, 4 app.tar.0, 5 timout caused");
+    EXPECT_EQ(messagesOf(log, ANDROID_LOG_INFO)[0],
+              "timeout abort task " + std::to_string(tasks["app"]));
+    waits.set(WaitLength::kEndless);
+    play(
+        "pause s two; keep s; keep s; keep s; keep s; keep s; keep s; keep s; keep s; keep s;"
+        "told two = 4 two.tar.0");
+    waits.set(WaitLength::kShort);
+    play("keep s; end two = -1; waits = 23");
+}
+
+// In real seconds; its label keeps it out of everyday runs.
+TEST_F(ServiceScript, RealTime35Seconds) {
+    constexpr int32_t kTimeOut = 5;
+    waits.set(WaitLength::kReal);
+    play("open s; pause s app");
+    EXPECT_EQ(client->waitFor(tasks["app"], kTimeOut, std::chrono::seconds(30)), TestClient::kNone);
+    EXPECT_EQ(client->waitFor(tasks["app"], kTimeOut), kTimeOut);
+    play("end app = -1; waits = 7");
+}
+
+// Told of a slice, the worker is still busy with it: the answer from inside that call is too early.
+TEST_F(ServiceScript, AContinuationBeforeThePauseIsLost) {
+    const android::sp<ActingClient> early = new ActingClient();
+    std::atomic<int32_t> answer{0};
+    play("open s");
+    early->onStatus = [&](int32_t, int32_t code) {
+        if (code == 4 && answer == 0) {
+            answer = execute(sessions["s"], "backup split", "app");
+        }
+    };
+    manager->startBackupSession(early);
+    play("pause s app");
+    EXPECT_EQ(answer, tasks["app"]) << "it pauses all the same";
+}
+
+TEST_F(ServiceScript, ProgressIsTheTotalInStepsOf80KiB) {
+    writeFile(tree / "app/one", std::string(81919, 'c'));
+    writeFile(tree / "app/two", std::string(81919, 'c'));
+    writeFile(tree / "app/big", std::string(0x80000, 'c'));
+    play("open s; split s app; end app");
+    long last = 0;
+    for (const Status& status : client->statuses()) {
+        if (status.code == 3) {
+            EXPECT_GE(std::stol(status.message) - last, 81920);
+            last = std::stol(status.message);
+        }
+    }
+    EXPECT_GE(last, 0x80000);
+}
+
+// The last reference goes with the callback's replacement, or with a task that it was given.
+TEST_F(ServiceScript, ACallbackIsLetGoWhereItMayCallIn) {
+    play("open s; block s one two");
+    for (const std::string drop : {"", "abort", "finish", "refuse", "run"}) {
+        SCOPED_TRACE(drop);
+        std::atomic<int32_t> answer{-1};
+        android::sp<ActingClient> going = new ActingClient();
+        going->onEnd = [&] { answer = execute(sessions["s"], "delay 1"); };
+        sessions["own"] = manager->startBackupSession(going);
+        going.clear();
+        if (drop == "refuse") {
+            execute(sessions["own"], "backup file /system/x /system/y s 0");
+        } else if (!drop.empty()) {
+            play("copy own " + drop);
+        }
+        play(drop == "abort"    ? "open t; abort own abort"
+             : drop == "finish" ? "open t; finish own"
+             : drop == "refuse" ? "open t; free one"
+                                : "open t");
+        EXPECT_TRUE(eventually([&] { return answer == 0; }));
+    }
+}
+
+// On the worker that is about to end, which has to be there for it or be replaced.
+TEST_F(ServiceScript, ACallbackThatGoesWithItsTaskMayQueueAnother) {
+    android::sp<ActingClient> going = new ActingClient();
+    std::atomic<bool> isGone{false};
+    play("open s");
+    going->onEnd = [&] {
+        play("copy s next");
+        isGone = true;
+    };
+    sessions["own"] = manager->startBackupSession(going);
+    play("queue own one");
+    EXPECT_EQ(going->waitFor(tasks["one"], 1), 1);
+    going.clear();
+    play("open t; finish own; free one");
+    EXPECT_TRUE(eventually([&] { return isGone.load(); }));
+    play("end next");
+}
+
+// It waits with the manager's lock held, for all statuses of a task that has begun to begin.
+TEST_F(ServiceScript, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
+    const android::sp<ActingClient> waiting = new ActingClient();
+    sessions["s"] = manager->startBackupSession(waiting);
+    play("queue s one");
+    const int32_t first = tasks["one"];
+    EXPECT_EQ(waiting->waitFor(first, 1), 1);
+    std::atomic<bool> hasBegun{false};
+    std::atomic<bool> isAborting{false};
+    std::atomic<int32_t> end{TestClient::kNone};
+    waiting->onStatus = [&](int32_t task, int32_t code) {
+        if (task == first && code == 2) {
+            isAborting = true;
+            end = waiting->waitForEnd(first + 1);
+        } else if (task != first && code == 1) {
+            hasBegun = true;
+            eventually([&] { return isAborting.load(); });
+        }
+    };
+    writeFile(tree / "app/file", "x");
+    EXPECT_EQ(execute(sessions["s"], "backup tar", "app"), first + 1);
+    EXPECT_TRUE(eventually([&] { return hasBegun.load(); }));
+    play("abort s one");
+    EXPECT_EQ(end, 0);
+}
+
+// Nice values of the workers, and that of this thread last.
+std::vector<int> priorities() {
+    std::vector<int> values;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(thread.path() / "comm"), name);
+        if (name == "BackupWorkerThr") {
+            const int tid = std::stoi(thread.path().filename().string());
+            values.push_back(getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
+        }
+    }
+    std::sort(values.begin(), values.end());
+    values.push_back(getpriority(PRIO_PROCESS, 0));
+    return values;
+}
+
+TEST_F(ServiceScript, WorkersRunInTheBackgroundAndArchivesByTheirWeight) {
+    const int own = getpriority(PRIO_PROCESS, 0);
+    play("open s; block s one two; say s setweight t 0");
+    const Lines debug = messagesOf(log, ANDROID_LOG_DEBUG);
+    const std::string start = "BackupSessionManager start BackupWorker thread BackupWorkerThread_";
+    EXPECT_EQ(std::count(debug.begin(), debug.end(), start), 1) << "named by the index as a byte";
+    EXPECT_EQ(std::count(debug.begin(), debug.end(), start + '\1'), 1);
+    EXPECT_EQ(priorities(), (std::vector<int>{10, 10, own})) << "of archives only";
+    play("free two; end two");
+
+    const android::sp<ActingClient> acting = new ActingClient();
+    std::atomic<int> phase{0};
+    std::vector<int> atTheEnd;
+    acting->onStatus = [&](int32_t, int32_t code) {
+        if (code == 1) {
+            phase = 1;
+            eventually([&] { return phase == 2; });
+        } else if (code == 0) {
+            atTheEnd = priorities();
+        }
+    };
+    manager->startBackupSession(acting);
+    writeFile(tree / "app/file", "x");
+    for (const std::string kind : {"tar", "split"}) {
+        SCOPED_TRACE(kind);
+        phase = 0;
+        const int32_t task = execute(sessions["s"], "backup " + kind, "app");
+        EXPECT_TRUE(eventually([&] { return phase == 1; }));
+        play("say s setweight tar 50");
+        EXPECT_EQ(priorities(), (std::vector<int>{10, kind == "tar" ? 15 : 10, own})) << "at once";
+        play("say s setweight tar 0");
+        phase = 2;
+        EXPECT_EQ(acting->waitForEnd(task), 0);
+        EXPECT_EQ(atTheEnd, (std::vector<int>{10, 19, 19})) << "of the worker, which tells it";
+        EXPECT_TRUE(eventually([&] { return priorities() == std::vector<int>{10, 10, own}; }));
+    }
+    play("open t");
+}
+
+TEST_F(ServiceScript, TasksThatFailTheirPreChecksAreDroppedWithOneStatus) {
+    const std::string file = tree / "file";
+    writeFile(file, "x");
+    const std::pair<std::string, std::string> rows[] = {
+        {"/etc/passwd " + file, "is_allow_access, /etc/passwd don`t match dataPath."},
+        {file + " /sdcard/x", "is_allow_access, /sdcard/x don`t match dataPath."},
+        {"/data/data/x/../../y " + file, "is_allow_access, illegalpath:/data/data/x/../../y."},
+        {file + "x " + file, "prepareTask error, " + file + "x not exists"},
+    };
+    play("open s");
+    for (const auto& [paths, error] : rows) {
+        SCOPED_TRACE(paths);
+        log.clear();
+        tasks["t"] = execute(sessions["s"], "backup file " + paths + " s 0");
+        play("end t = -1; told t = -1 prepareTask error");
+        EXPECT_EQ(errors(), Lines{error});
+    }
+    EXPECT_EQ(client->statuses().size(), std::size(rows));
+    tasks["brief"] = execute(sessions["s"], "get_brief dir", "none");
+    tasks["move"] = execute(sessions["s"], "move dir " + (tree / "out") + " " + file + "/into s 0");
+    play("end brief move = -1; told brief move = -1 processTask finish");
+}
+
+TEST_F(ServiceScript, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
+    android::sp<android::installd::BackupSessionManager> doomed =
+        new android::installd::BackupSessionManager();
+    // A reference to an object that is going could be the last and end it on this thread.
+    const android::installd::BackupSessionManager* const going = doomed.get();
+    const int32_t id = doomed->startBackupSession(client);
+    for (const std::string name : {"a", "b", "c"}) {
+        makeFifo(tree / name);
+        tasks[name] = doomed->executeBackupTask(
+            id, "backup file " + (tree / name) + " " + (tree / "out") + " s 0");
+    }
+    EXPECT_EQ(client->waitFor(tasks["b"], 1), 1);
+    std::thread owner([&] { doomed.clear(); });
+    EXPECT_TRUE(eventually([&] { return going->checkExit(0) && going->checkExit(1); }));
+    for (const char* name : {"a", "b", "c"}) {
+        giveUp(tree / name);
+    }
+    owner.join();
+    play("told c =");
+    EXPECT_NE(client->waitForEnd(tasks["b"]), TestClient::kNone);
+}
+
+// The moment in which a worker decides to leave meets the moment in which a new task counts on it:
+// a task that nobody takes is a round that does not end.
+TEST_F(ServiceScript, NoTaskIsLostWhileWorkersLeave) {
+    for (int round = 0; round < 2000; ++round) {
+        const android::sp<TestClient> own = new TestClient();
+        const int32_t session = manager->startBackupSession(own);
+        // Dropped by its pre-check: the pass of a task costs next to nothing.
+        ASSERT_EQ(own->waitForEnd(execute(session, "move x " + tree.path() + " /none s 0")), -1);
+        round % 2 == 0 ? static_cast<void>(manager->finishBackupSession(session)) : own->die();
+    }
+    // Aborts hit running tasks, whose workers leave after them while others keep queueing.
+    play("open s; copy s file; end file");
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        const std::string line = "backup file " + (tree / "file") + " " +
+                                 (tree / "out" + std::to_string(number)) + " s 0";
+        threads.emplace_back([this, number, line] {
+            for (int round = 0; round < 300; ++round) {
+                const int32_t task = execute(sessions.at("s"), line);
+                // The last status precedes the moment in which the task leaves the queue.
+                if (task != -4 && number % 2 == 0) {
+                    execute(sessions.at("s"), "abort " + std::to_string(task));
+                } else if (task != -4) {
+                    client->waitForEnd(task);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    play("copy s last; end last");
+}
+
+}  // namespace
+}  // namespace peltex_test
