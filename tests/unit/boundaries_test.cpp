@@ -207,13 +207,6 @@ TEST_F(Boundaries, OfDepth) {
     pthread_t thread;
     const auto run = [](void* test) -> void* {
         static_cast<Boundaries*>(test)->expect(R"(
-$ descriptors 4096
-$ deep
-? backup tar @/src @/t = 0 label @/t info 10123 4
-? backup dir @/src @/t = 0 label @/t info 10123 4
-? get_brief dir @/src @/t/brief = 0
-? move dir @/src @/u = 0 label @/u info 10123 4
-? restore tar @/t/src.tar @/t = 0 label @/t info 10123 4
 $ deep
 $ descriptors 64
 ? backup tar @/src @/t = -13 backupTarBase failed to tar, src: @/src, dst: @/t/src.tar
@@ -221,6 +214,11 @@ $ descriptors 64
 ? move dir @/src @/u = -19 move failed, copyDir error!
 ? backup file @/t/src.txt @/v = 0 label @/v info 10123 4
 $ descriptors 4096
+? backup tar @/src @/t = 0 label @/t info 10123 4
+? backup dir @/src @/t = 0 label @/t info 10123 4
+? get_brief dir @/src @/t/brief = 0
+? move dir @/src @/u = 0 label @/u info 10123 4
+? restore tar @/t/src.tar @/t = 0 label @/t info 10123 4
 )");
         return nullptr;
     };
