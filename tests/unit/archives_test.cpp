@@ -308,11 +308,11 @@ $ show @/to = com.tencent.mm/ com.tencent.mm/tinker/ com.tencent.mm/tinkerX/[644
 
 # Files that cannot be written whole are left out, and an abort takes the partial file away.
 $ plant to/d/ to/full>/dev/full
-$ unpack 0:d=1 0:full=#524288 0:next=1 end = 0
+$ unpack 0:d=1 0:full=#524288 0:next=#60000 end = 0
 create file fail!skip!
 write file content shorter than expect!\n
 progress 512
-$ show @/to = d/[644] next=1
+$ show @/to = d/[644] next=#60000
 $ plant to/
 $ when abort at progress
 $ unpack 0:empty= 0:cut=#1048577 0:later= end = 0

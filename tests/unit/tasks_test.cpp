@@ -133,11 +133,11 @@ Failed to isDir S_ISLNK:@/d/l
 Failed to deleteDir, remove(@/d) error
 move failed, deleteDir error!
 $ show @ = d/ d/l>a to/* to/a*=1
-$ plant d/d/f=1
+$ plant d/f=1 d/d/g=2
 $ move dir @/d @/to '' = -19
 prepare_data_backuped_for_task failed, se_info is null!
 move failed, prepare_data_backuped_for_task error!
-$ show @ = d/ to/* to/d/* to/d/f*=1
+$ show @ = d/ to/* to/d/* to/d/g*=2 to/f*=1
 )");
 }
 
