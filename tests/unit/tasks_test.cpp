@@ -125,14 +125,19 @@ $ move dir @/x @/to/d = 0
 Failed to filterFile S_ISFIFO:@/x/p
 label @/to/d info 10123 4
 $ show @ = to/* to/d/* to/d/a/* to/d/a/f*=1 to/d/e/* to/d/lib/* to/d/lib/so*=2
-$ plant d/a=1 d/l>a
+$ plant d/s/a=1 d/s/l>a
 $ move dir @/d @/to = -19
-Failed to isDir S_ISLNK:@/d/l
+Failed to isDir S_ISLNK:@/d/s/l
+Failed to isDir S_ISLNK:@/d/s/l
+Failed to deleteDir, remove(@/d/s) error
+Failed to delete the Dir after copydir, deleteDir(@/d/s)
 label @/to info 10123 4
-Failed to isDir S_ISLNK:@/d/l
+Failed to isDir S_ISLNK:@/d/s/l
+Failed to deleteDir, remove(@/d/s) error
+Failed to deleteDir, deleteDir(@/d/s) error
 Failed to deleteDir, remove(@/d) error
 move failed, deleteDir error!
-$ show @ = d/ d/l>a to/* to/a*=1
+$ show @ = d/ d/s/ d/s/l>a to/* to/s/* to/s/a*=1
 $ plant d/f=1 d/d/g=2
 $ move dir @/d @/to '' = -19
 prepare_data_backuped_for_task failed, se_info is null!

@@ -3,8 +3,8 @@
 //
 //   $ plant d/f=1                   a tree afresh (unit/tree_text.h), for which @ stands
 //   $ backup file @/d/f @/out = 0   a task as the task loop runs it, and its result; below in its
-//   label @/out info 10123 4        order what is logged, from information on, relabelled (path,
-//                                   information, uid, flags) and told to the client
+//   label @/out info 10123 4        order what is logged, from information on and what "Failed",
+//                                   relabelled (path, information, uid, flags), told to the client
 //   $ show @/out = f*=1             what is there
 //   $ when unlink @/d/f at label    from now on, at events that begin so
 //   ? createDir @/d/f/x = -1 Failed to mkdir(@/d/f/x), error=Not a directory
