@@ -1,0 +1,214 @@
+#include "tests/unit/transcript.h"
+
+#include <fcntl.h>
+#include <host/log_tap.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+#include <sstream>
+
+namespace peltex_test {
+namespace {
+
+using namespace android::installd;
+
+// In the order of their types.
+const char* const kTasks[] = {"backup file",  "backup dir",    "backup tar",    "backup split",
+                              "restore file", "restore dir",   "restore tar",   "restore split",
+                              "move dir",     "backup byfile", "get_brief dir", "get_brief byfile"};
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+// Lines of at most 100 characters.
+std::string folded(std::string line) {
+    replaceAll(line, "\n", "\\n");
+    std::string text;
+    while (line.size() > 100) {
+        const size_t blank = line.rfind(' ', 100);
+        text += line.substr(0, line.find_last_not_of(' ', blank) + 1) + "\n";
+        line.replace(0, blank + 1, "    ");
+    }
+    return text + line + "\n";
+}
+
+}  // namespace
+
+Descriptors countDescriptors() {
+    Descriptors count;
+    for (int fd = 0; fd < 32; ++fd) {
+        const int flags = fcntl(fd, F_GETFD);
+        count.open += flags >= 0 ? 1 : 0;
+        count.inherited += flags >= 0 && (flags & FD_CLOEXEC) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+Transcript::Transcript()
+    : client(new TestClient([this](const Status& status) {
+          hear(std::to_string(status.code) + " " + status.message);
+      })),
+      manager(new BackupSessionManager()),
+      mObserver([this](const char* path, const char* seInfo, uid_t uid, unsigned int flags) {
+          hear("label " + std::string(path) + " " + seInfo + " " + std::to_string(uid) + " " +
+               std::to_string(flags));
+          return !refused.empty() && path == refused ? EACCES : 0;
+      }) {
+    android::host::setLogTap([this](int priority, const char*, const std::string& message) {
+        if (priority >= ANDROID_LOG_INFO || message.find("Failed") == 0) {
+            hear(message);
+        } else {
+            EXPECT_EQ(countDescriptors().inherited, mBefore.inherited) << message;
+        }
+    });
+    tree.emplace();
+    act("plant", [this](const Lines& words) {
+        tree.emplace();
+        plant(tree->path(), words);
+    });
+    act("plant+", [this](const Lines& words) { plant(tree->path(), words); });
+    act("archive", [](const Lines& words) {
+        writeFile(words.at(0), archiveOf({words.begin() + 1, words.end()}));
+    });
+    act("abort", [this](const Lines& /*words*/) { isAborted = true; });
+    act("unlink", [](const Lines& words) { std::filesystem::remove_all(words.at(0)); });
+    act("resize", [](const Lines& words) {
+        std::filesystem::resize_file(words.at(0), std::stoul(words.at(1)));
+    });
+    act("link", [](const Lines& words) {  // to the second, in place of the first
+        std::filesystem::rename(words.at(0), words[0] + ".old");
+        makeLink(words.at(1), words[0]);
+    });
+    act("when", [this](const Lines& words) {
+        const auto at = std::find(words.begin(), words.end(), "at");
+        mMoment.clear();
+        for (auto word = at; word != words.end() && ++word != words.end();) {
+            mMoment += (mMoment.empty() ? "" : " ") + *word;
+        }
+        mAction = [this, words = Lines(words.begin(), at)] {
+            commands.at(words[0])({words.begin() + 1, words.end()});
+        };
+    });
+    act("descriptors", [](const Lines& words) {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::stoul(words.at(0));
+        setrlimit(RLIMIT_NOFILE, &limit);
+    });
+    act("refuse", [this](const Lines& words) { refused = words.at(0); });
+    commands["show"] = [](const Lines& words) { return "= " + shown(words.at(0)); };
+    for (int32_t type = BACKUP_FILE; type <= GET_BRIEFS_BY_FILE; ++type) {
+        commands[kTasks[type]] = [this, type](const Lines& words) {
+            android::sp<BackupTask> task = makeTask(static_cast<BackupTaskType>(type), words);
+            return "= " + std::to_string(manager->processTask(task));
+        };
+    }
+}
+
+Transcript::~Transcript() {
+    android::host::setLogTap(nullptr);
+}
+
+void Transcript::act(const char* name, const std::function<void(const Lines& words)>& action) {
+    commands[name] = [action](const Lines& words) { return action(words), ""; };
+}
+
+android::sp<BackupTask> Transcript::makeTask(BackupTaskType type, const Lines& words) const {
+    const std::string third = words.size() > 2 ? words[2] : "info";
+    const Lines rest =
+        type == BACKUP_SPLIT ? Lines{third, "info", "10123"} : Lines{third, "10123", ""};
+    const std::string all[kCommandWords] = {"",      "",      words.at(0), words.at(1),
+                                            rest[0], rest[1], rest[2]};
+    return new BackupTask(100, 101, type, client, all);
+}
+
+void Transcript::hear(const std::string& event) {
+    EXPECT_EQ(countDescriptors().inherited, mBefore.inherited) << event;
+    events.push_back(event);
+    if (!mMoment.empty() && event.find(mMoment) == 0) {
+        mAction();
+    }
+}
+
+std::string Transcript::meaning(std::string word) const {
+    if (word[0] == '~') {
+        size_t end = 0;
+        const size_t length = std::stoul(word.substr(1), &end);
+        std::string path = tree->path() + std::string((length - tree->path().size()) % 2, '/');
+        while (path.size() < length) {
+            path += "/.";
+        }
+        return path + word.substr(end + 1);
+    }
+    static const std::regex kRun("\\{(.)\\*(\\d+)\\}");
+    for (std::smatch found; std::regex_search(word, found, kRun);) {
+        word = found.prefix().str() + std::string(std::stoul(found[2]), found.str()[1]) +
+               found.suffix().str();
+    }
+    replaceAll(word, "\\n", "\n");
+    replaceAll(word, "@", tree->path());
+    replaceAll(word, "%", outside);
+    return word == "''" ? "" : word;
+}
+
+void Transcript::shorten(std::string& text) const {
+    replaceAll(text, tree->path(), "@");
+    for (size_t at; (at = text.find("/./.")) != text.npos;) {
+        text.erase(at, 2);
+    }
+    for (size_t at = 0; at < text.size(); ++at) {
+        const size_t end = std::min(text.find_first_not_of(text[at], at), text.size());
+        if (end - at > 20) {
+            text.replace(at, end - at,
+                         "{" + text.substr(at, 1) + "*" + std::to_string(end - at) + "}");
+        }
+    }
+}
+
+std::string Transcript::run(const std::string& line) {
+    events.clear();
+    isAborted = false;
+    Lines words;
+    std::istringstream stream(line);
+    for (std::string word; stream >> word;) {
+        words.push_back(meaning(word));
+    }
+    const long nameWords = commands.count(words[0]) != 0 ? 1 : 2;
+    const std::string name = nameWords == 1 ? words[0] : words.at(0) + " " + words.at(1);
+    const int open = countDescriptors().open;
+    std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
+    if (line.find("get_brief dir") == line.npos) {  // which keeps its stream
+        EXPECT_EQ(countDescriptors().open, open) << line;
+    }
+    shorten(result);
+    for (std::string& event : events) {
+        shorten(event);
+    }
+    return result.empty() ? "" : " " + result;
+}
+
+void Transcript::expect(const std::string& text) {
+    std::string actual;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line[0] == '$' || line[0] == '?') {
+            const std::string command = line.substr(0, line.find(" ="));
+            const std::string result = run(command.substr(1));
+            const bool isShort = line[0] == '?' && !events.empty();
+            actual += folded(command + result + (isShort ? " " + events.back() : ""));
+            for (size_t i = 0; line[0] == '$' && i < events.size(); ++i) {
+                actual += folded(events[i]);
+            }
+        } else if (line.empty() || line[0] == '#') {
+            actual += line + "\n";
+        }
+    }
+    EXPECT_EQ(actual, text);
+}
+
+}  // namespace peltex_test

@@ -1,0 +1,79 @@
+// Tests as text: commands, and with each what comes of it. A test runs the commands of a text and
+// compares the text that results.
+//
+//   $ plant d/f=1                   a tree afresh (unit/tree_text.h), for which @ stands
+//   $ backup file @/d/f @/out = 0   a task as the task loop runs it, and its result; below in its
+//   label @/out info 10123 4        order what is logged, from information on and what "Failed",
+//                                   relabelled (path, information, uid, flags), told to the client
+//   $ show @/out = f*=1             what is there
+//   $ when unlink @/d/f at label    from now on, at events that begin so
+//   ? createDir @/d/f/x = -1 Failed to mkdir(@/d/f/x), error=Not a directory
+//                                   like "$", with the last event alone
+//
+// '' is an empty word, and ~2046 a path of the tree of that length. Lines that are too long go on
+// in lines that begin with blanks.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <host/relabel_observer.h>
+#include <stdint.h>
+
+#include <functional>
+#include <map>
+#include <optional>
+
+#include "service/backup_session_manager.h"
+#include "tests/support/log_lines.h"
+#include "tests/support/test_client.h"
+#include "tests/unit/tree_text.h"
+
+namespace peltex_test {
+
+// Descriptors that a program started now would inherit, and those that are open.
+struct Descriptors {
+    int inherited = 0;
+    int open = 0;
+};
+Descriptors countDescriptors();
+
+class Transcript : public testing::Test {
+  public:
+    void expect(const std::string& text);
+
+  protected:
+    using Command = std::function<std::string(const Lines& words)>;
+
+    Transcript();
+    ~Transcript() override;
+
+    // Takes down what happens while a command runs. Every descriptor that is open then closes when
+    // another program starts.
+    void hear(const std::string& event);
+
+    // Adds a command that has no result.
+    void act(const char* name, const std::function<void(const Lines& words)>& action);
+
+    android::sp<android::installd::BackupTask> makeTask(android::installd::BackupTaskType type,
+                                                        const Lines& words) const;
+
+    std::map<std::string, Command> commands;
+    std::string meaning(std::string word) const;  // of a word of a command
+    std::optional<TempTree> tree;
+    const android::sp<TestClient> client;
+    const android::sp<android::installd::BackupSessionManager> manager;
+    Lines events;         // of the present command
+    std::string outside;  // a path that % stands for
+    bool isAborted = false;
+    std::string refused;  // whose relabelling is refused
+
+  private:
+    std::string run(const std::string& line);
+    void shorten(std::string& text) const;
+
+    const Descriptors mBefore = countDescriptors();
+    std::string mMoment;
+    std::function<void()> mAction;
+    const android::host::ScopedRelabelObserver mObserver;
+};
+
+}  // namespace peltex_test
