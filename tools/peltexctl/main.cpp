@@ -21,7 +21,6 @@
 #include "task/task_command.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/help.h"
 #include "ui/library_log.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
@@ -74,7 +73,7 @@ int RunTaskCommand(const Options& options) {
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
-template <int (*kRun)(const ArchiveRequest& request, bool json)>
+template <int (*kRun)(const ArchiveRequest& request)>
 int RunArchiveCommand(const Options& options) {
     if (options.data) {
         MountData(*options.data);
@@ -82,7 +81,8 @@ int RunArchiveCommand(const Options& options) {
     TakeSignals();
     ArchiveRequest request = options.archive;
     request.quiet = options.output.quiet;
-    return kRun(request, options.output.json);
+    request.json = options.output.json;
+    return kRun(request);
 }
 
 void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
@@ -127,18 +127,18 @@ void DeclareTask(CLI::App* command, Options* options) {
 }
 
 void DeclareArchive(CLI::App* command, Options* options) {
-    command->add_option("FILE", options->archive.file, "An archive, one slice, or a check file")
+    const bool is_export = command->get_name() == "export";
+    command
+        ->add_option(is_export ? "CHECKFILE" : "FILE", options->archive.file,
+                     is_export ? "The check file of a set of slices"
+                               : "An archive, one slice, or a check file")
         ->type_name("FILE")
         ->required();
-}
-
-void DeclareExport(CLI::App* command, Options* options) {
-    command->add_option("CHECKFILE", options->archive.file, "The check file of a set of slices")
-        ->type_name("FILE")
-        ->required();
-    command->add_option("OUT", options->archive.out, "The new archive, - for standard output")
-        ->type_name("FILE")
-        ->required();
+    if (is_export) {
+        command->add_option("OUT", options->archive.out, "The new archive, - for standard output")
+            ->type_name("FILE")
+            ->required();
+    }
 }
 
 struct Subcommand {
@@ -146,21 +146,74 @@ struct Subcommand {
     const char* help;
     void (*declare)(CLI::App* command, Options* options);
     int (*run)(const Options& options);
+    const char* more;  // behind the options of its help
 };
 
 constexpr Subcommand kSubcommands[] = {
-    {"shell", "Send the lines of standard input to the library", DeclareShell, RunShellCommand},
-    {"backup", "Back up a file or a directory", DeclareTask, RunTaskCommand},
-    {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand},
-    {"move", "Move a directory's content", DeclareTask, RunTaskCommand},
-    {"brief", "List what a backup would hold", DeclareTask, RunTaskCommand},
+    {"shell", "Send the lines of standard input to the library", DeclareShell, RunShellCommand,
+     R"(Each line of standard input is sent to the library in the current session. What comes back is
+printed as objects, or in words on a terminal. At its end the shell waits for the tasks of open
+sessions, 60 seconds at most.
+)"},
+    {"backup", "Back up a file or a directory", DeclareTask, RunTaskCommand,
+     R"(What is written is checked against SRC. A split backup pauses after each slice until the client
+has it; with --take each is moved to DIR then, so that DEST needs room for one slice.
+
+  peltexctl backup tar /data/data/com.app /data/data/bk --uid 10123
+  peltexctl backup split /data/data/com.app /data/data/bk --slice-size 64 --take /media/disk)"},
+    {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand,
+     R"(What is there afterwards is checked against SRC. A set of slices stays as it is, unless --consume
+asks for its removal. Nothing of DEST is removed before.
+
+  peltexctl restore tar /data/data/bk/com.app.tar /data/data/com.app --uid 10456
+  peltexctl restore split /data/data/bk/com.app.tar.txt /data/data/com.app --uid 10456)"},
+    {"move", "Move a directory's content", DeclareTask, RunTaskCommand,
+     R"(Each file is removed from SRC when it has been copied to DEST. Symbolic links are not moved and
+keep SRC from being removed, which fails the task.)"},
+    {"brief", "List what a backup would hold", DeclareTask, RunTaskCommand,
+     R"(A brief has a line PATH;MODE;TYPE;SIZE;TIME for each file and directory. The search file of
+"byfile" has lines [include]PATH and [exclude]PATH.)"},
     {"list", "List the entries of an archive or a set of slices", DeclareArchive,
-     RunArchiveCommand<RunList>},
+     RunArchiveCommand<RunList>,
+     R"(A line for each entry, as of tar tv; a file that slices cut is one entry of its check file.)"},
     {"verify", "Tell whether an archive or a set of slices would come back whole", DeclareArchive,
-     RunArchiveCommand<RunVerify>},
-    {"export", "Join a set of slices into one archive for any tar program", DeclareExport,
-     RunArchiveCommand<RunExport>},
+     RunArchiveCommand<RunVerify>,
+     R"(A fault is something that would not come back as it was, a warning something that may be as it
+should. Where NAME.tar.sha256 is beside FILE, content is compared with its sums.)"},
+    {"export", "Join a set of slices into one archive for any tar program", DeclareArchive,
+     RunArchiveCommand<RunExport>,
+     R"(The set is verified first. OUT is replaced when the new archive is whole.
+
+  peltexctl export com.app.tar.txt - | tar xf - -C DIR)"},
 };
+
+constexpr char kMore[] =
+    R"(Back up the data of an application, DIR being the /data of a device:
+  peltexctl --data DIR backup tar /data/data/com.app /data/data/bk
+Get the files out of slices that came from a device:
+  peltexctl export com.app.tar.txt com.app.tar && tar xf com.app.tar
+
+"peltexctl SUBCOMMAND --help" tells more, and man peltexctl most.
+
+Exit status:
+  0    done, and all of it is there
+  1    refused, failed or incomplete; an archive is not whole
+  2    the command line is wrong
+  3    no library, no /proc, or --data could not be mounted
+  130  ended by SIGINT, SIGTERM or SIGHUP
+)";
+
+// What stands behind the options of a subcommand's help.
+std::string FooterOf(const Subcommand& subcommand) {
+    std::string footer;
+    for (const TaskKind* kind : KindsOf(subcommand.name)) {
+        if (*kind->kind != '\0') {
+            footer += fmt::format("  {:<10}{}\n", kind->kind, kind->help);
+        }
+    }
+    footer = (footer.empty() ? "" : "Kinds:\n" + footer + "\n") + subcommand.more;
+    return subcommand.declare == DeclareShell ? footer + "\n" + ShellHelp() : footer;
+}
 
 void DeclareOptions(CLI::App* app, Options* options) {
     app->set_help_flag("-h,--help", "Print help and exit");
@@ -177,11 +230,11 @@ void DeclareOptions(CLI::App* app, Options* options) {
     app->add_flag("--json", options->output.json, "Print JSON objects, one per line");
     app->add_flag("-q,--quiet", options->output.quiet, "Tell only what went wrong");
     app->require_subcommand(0, 1);
-    app->footer(HelpFooter(""));
+    app->footer(kMore);
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
         command->fallthrough();
-        command->footer(HelpFooter(row.name));
+        command->footer(FooterOf(row));
         row.declare(command, options);
     }
 }

@@ -9,11 +9,12 @@ struct ArchiveRequest {
     std::string file;  // an archive, one slice, or a check file
     std::string out;   // of an export; "-" for standard output
     bool quiet = false;
+    bool json = false;
 };
 
 // Each returns the program's exit status.
-int RunList(const ArchiveRequest& request, bool json);
-int RunVerify(const ArchiveRequest& request, bool json);
-int RunExport(const ArchiveRequest& request, bool json);
+int RunList(const ArchiveRequest& request);
+int RunVerify(const ArchiveRequest& request);
+int RunExport(const ArchiveRequest& request);
 
 }  // namespace peltexctl

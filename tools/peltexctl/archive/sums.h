@@ -38,7 +38,7 @@ class Summer {
 };
 
 // Compares the files of `set` with their sums, where there is a file of them; what differs is a
-// fault. Returns how many faults there were. Reads everything.
-uint64_t CheckSums(const ArchiveSet& set, const FindingSink& sink);
+// fault. Reads everything.
+void CheckSums(const ArchiveSet& set, const FindingSink& sink);
 
 }  // namespace peltexctl

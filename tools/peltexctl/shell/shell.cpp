@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -20,8 +21,8 @@
 #include "shell/task_tracker.h"
 #include "task/directory.h"
 #include "task/session_client.h"
+#include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/json.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
 #include "ui/text.h"

@@ -104,7 +104,7 @@ void TaskCheck::Before() {
             }
             tick_();
         };
-        expected_ = VerifySet(*set_, request_.destination, tell).tally;
+        expected_ = VerifySet(*set_, request_.destination, tell);
         CheckSums(*set_, tell);
         return;
     }
@@ -207,7 +207,7 @@ bool TaskCheck::TallyResult(const std::string& result, Differences* faults) {
             faults->Add(error);
             return false;
         }
-        found_ = VerifySet(*set, "", tell).tally;
+        found_ = VerifySet(*set, "", tell);
     }
     return found_ != expected_;
 }
