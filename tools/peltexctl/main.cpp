@@ -53,7 +53,7 @@ Library SetUp(const Options& options) {
 
 int RunShellCommand(const Options& options) {
     const Library library = SetUp(options);
-    ShowLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
+    TakeLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
     // Never destroyed: the library's threads may report to it until the process is gone.
     static EventWriter* const events = new EventWriter(
         options.output.json || isatty(STDOUT_FILENO) == 0 ? EventWriter::Format::kJson
@@ -73,16 +73,16 @@ int RunTaskCommand(const Options& options) {
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
-template <int (*kRun)(const ArchiveRequest& request)>
 int RunArchiveCommand(const Options& options) {
     if (options.data) {
         MountData(*options.data);
     }
     TakeSignals();
     ArchiveRequest request = options.archive;
+    request.subcommand = options.task.subcommand;
     request.quiet = options.output.quiet;
     request.json = options.output.json;
-    return kRun(request);
+    return RunArchive(request);
 }
 
 void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
@@ -173,15 +173,14 @@ keep SRC from being removed, which fails the task.)"},
     {"brief", "List what a backup would hold", DeclareTask, RunTaskCommand,
      R"(A brief has a line PATH;MODE;TYPE;SIZE;TIME for each file and directory. The search file of
 "byfile" has lines [include]PATH and [exclude]PATH.)"},
-    {"list", "List the entries of an archive or a set of slices", DeclareArchive,
-     RunArchiveCommand<RunList>,
+    {"list", "List the entries of an archive or a set of slices", DeclareArchive, RunArchiveCommand,
      R"(A line for each entry, as of tar tv; a file that slices cut is one entry of its check file.)"},
     {"verify", "Tell whether an archive or a set of slices would come back whole", DeclareArchive,
-     RunArchiveCommand<RunVerify>,
+     RunArchiveCommand,
      R"(A fault is something that would not come back as it was, a warning something that may be as it
 should. Where NAME.tar.sha256 is beside FILE, content is compared with its sums.)"},
     {"export", "Join a set of slices into one archive for any tar program", DeclareArchive,
-     RunArchiveCommand<RunExport>,
+     RunArchiveCommand,
      R"(The set is verified first. OUT is replaced when the new archive is whole.
 
   peltexctl export com.app.tar.txt - | tar xf - -C DIR)"},

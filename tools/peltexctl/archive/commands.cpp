@@ -74,61 +74,99 @@ std::string EntryAsJson(const ArchiveEntry& entry) {
     return JsonLine(object);
 }
 
-// A look at a set: what is wrong with it is told on `stream` and counted.
-class Inspection {
+// A subcommand at work. What is wrong with the set is told as it is found, and counted.
+class ArchiveCommand {
   public:
-    // Without a set, why there is none has been told.
-    Inspection(const ArchiveRequest& request, FILE* stream, bool shows_progress = true)
-        : stream_(stream),
-          events_(request.json ? EventWriter::Format::kJson : EventWriter::Format::kText,
-                  request.quiet, stream),
-          view_(request.quiet || request.json || !shows_progress) {
+    explicit ArchiveCommand(const ArchiveRequest& request) : request_(request) {}
+
+    int Run() {
         std::string error;
-        set_ = ArchiveSet::Open(request.file, sink_, &error);
+        set_ = ArchiveSet::Open(request_.file, sink_, &error);
         if (!set_) {
-            Fail(error);
-            return;
+            return Fail(error);
         }
         set_->SetProgress([this](uint64_t done) {
             view_.SetDone(done);
             view_.Tick();
         });
+        return request_.subcommand == "list"     ? List()
+               : request_.subcommand == "verify" ? Verify()
+                                                 : Export();
     }
 
-    std::optional<ArchiveSet>& set() { return set_; }
-    EventWriter& events() { return events_; }
-    uint64_t faults() const { return faults_; }
-    uint64_t warnings() const { return warnings_; }
+  private:
+    int List() {
+        // On a terminal the lines themselves are the progress.
+        if (isatty(STDOUT_FILENO) == 0) {
+            Begin();
+        }
+        VisitEntries(*set_, sink_, [this](const ArchiveEntry& entry) {
+            Print(stdout, (request_.json ? EntryAsJson(entry) : EntryAsText(entry)) + "\n");
+        });
+        return Status();
+    }
 
-    // To be called before each pass.
-    void Begin(const std::string& label) { view_.Begin(label, set_->TotalSize()); }
-    void End() { view_.End(); }
+    int Verify() {
+        const Tally tally = Inspect();
+        const bool is_whole = faults_ == 0;
+        Json object = {{"event", "verified"}, {"whole", is_whole}};
+        const std::string text = fmt::format("{}: {}, {}", EscapeBytes(request_.file),
+                                             is_whole ? Paint(stdout, Colour::kGreen, "whole")
+                                                      : Paint(stdout, Colour::kRed, "not whole"),
+                                             SetNumbers(&object, tally));
+        object["faults"] = faults_;
+        object["warnings"] = warnings_;
+        if (is_whole) {
+            events_.Tell(object, text);
+        } else {
+            events_.TellFault(object, text);
+        }
+        return Status();
+    }
 
-    void List(const EntryVisitor& show) {
-        Begin("list");
-        VisitEntries(*set_, sink_, show);
+    int Export() {
+        if (!set_->is_check_file()) {
+            return Fail(request_.file + " is no check file, which an export takes");
+        }
+        const Tally tally = Inspect();
+        if (faults_ > 0) {
+            return Fail(request_.file + " is not whole, nothing was exported");
+        }
+        Begin();
+        if (std::string error; !ExportSet(*set_, request_.out, &error)) {
+            return Fail(error);
+        }
+        view_.End();
+        Json object = {{"event", "exported"}};
+        SetBytes(&object, "file", request_.out);
+        const std::string numbers = SetNumbers(&object, tally);
+        if (stream_ == stdout || request_.json) {
+            events_.Tell(object, fmt::format("{}: {}", EscapeBytes(request_.out), numbers));
+        }
+        return kDone;
     }
 
     // Returns what a restore would make of the set.
-    Tally Verify() {
-        Begin("verify");
+    Tally Inspect() {
+        Begin();
         const Tally tally = VerifySet(*set_, "", sink_);
-        Begin("compare with sums");
+        Begin();
         CheckSums(*set_, sink_);
-        End();
+        view_.End();
         return tally;
     }
 
-    // Tells why nothing comes of it.
+    // To be called before each pass.
+    void Begin() { view_.Begin(request_.subcommand, set_->TotalSize()); }
+
     int Fail(const std::string& message) {
-        End();
+        view_.End();
         events_.Error(message);
         return kTaskFailed;
     }
 
-    int Status() const { return set_ && faults_ == 0 ? kDone : kTaskFailed; }
+    int Status() const { return faults_ == 0 ? kDone : kTaskFailed; }
 
-  private:
     void Add(const Finding& finding) {
         const bool is_warning = finding.severity == Severity::kWarning;
         ++(is_warning ? warnings_ : faults_);
@@ -145,89 +183,36 @@ class Inspection {
         view_.Aside([&] { events_.TellFault(object, line); });
     }
 
-    FILE* const stream_;
-    EventWriter events_;
-    ProgressView view_;
+    // The same numbers under the same names, whatever looked at the set. Returns them in words.
+    std::string SetNumbers(Json* object, const Tally& tally) const {
+        std::string slices;
+        if (set_->is_check_file()) {
+            (*object)["slices"] = set_->size();
+            slices = " in " + Counted(set_->size(), "slice", "slices");
+        }
+        (*object)["entries"] = tally.entries();
+        (*object)["bytes"] = tally.bytes();
+        return fmt::format("{}{}, {} of content", Counted(tally.entries(), "entry", "entries"),
+                           slices, HumanSize(tally.bytes()));
+    }
+
+    const ArchiveRequest& request_;
+    // Standard output may be the archive, or lines for people to read on.
+    FILE* const stream_ =
+        request_.out == "-" || (request_.subcommand == "list" && !request_.json) ? stderr : stdout;
+    EventWriter events_{request_.json ? EventWriter::Format::kJson : EventWriter::Format::kText,
+                        request_.quiet, stream_};
+    ProgressView view_{request_.quiet || request_.json};
     const FindingSink sink_ = [this](const Finding& finding) { Add(finding); };
     std::optional<ArchiveSet> set_;
     uint64_t faults_ = 0;
     uint64_t warnings_ = 0;
 };
 
-// The same numbers under the same names, whatever looked at the set. Returns them in words.
-std::string SetNumbers(Json* object, const ArchiveSet& set, const Tally& tally) {
-    std::string slices;
-    if (set.is_check_file()) {
-        (*object)["slices"] = set.size();
-        slices = " in " + Counted(set.size(), "slice", "slices");
-    }
-    (*object)["entries"] = tally.entries();
-    (*object)["bytes"] = tally.bytes();
-    return fmt::format("{}{}, {} of content", Counted(tally.entries(), "entry", "entries"), slices,
-                       HumanSize(tally.bytes()));
-}
-
 }  // namespace
 
-int RunList(const ArchiveRequest& request) {
-    // On a terminal the lines themselves are the progress.
-    Inspection inspection(request, request.json ? stdout : stderr, isatty(STDOUT_FILENO) == 0);
-    if (inspection.set()) {
-        inspection.List([&request](const ArchiveEntry& entry) {
-            Print(stdout, (request.json ? EntryAsJson(entry) : EntryAsText(entry)) + "\n");
-        });
-    }
-    return inspection.Status();
-}
-
-int RunVerify(const ArchiveRequest& request) {
-    Inspection inspection(request, stdout);
-    if (!inspection.set()) {
-        return kTaskFailed;
-    }
-    const Tally tally = inspection.Verify();
-    const bool is_whole = inspection.Status() == kDone;
-    Json object = {{"event", "verified"}, {"whole", is_whole}};
-    const std::string text = fmt::format("{}: {}, {}", EscapeBytes(request.file),
-                                         is_whole ? Paint(stdout, Colour::kGreen, "whole")
-                                                  : Paint(stdout, Colour::kRed, "not whole"),
-                                         SetNumbers(&object, *inspection.set(), tally));
-    object["faults"] = inspection.faults();
-    object["warnings"] = inspection.warnings();
-    if (is_whole) {
-        inspection.events().Tell(object, text);
-    } else {
-        inspection.events().TellFault(object, text);
-    }
-    return inspection.Status();
-}
-
-int RunExport(const ArchiveRequest& request) {
-    // Standard output may be the archive.
-    FILE* const stream = request.out == "-" ? stderr : stdout;
-    Inspection inspection(request, stream);
-    if (!inspection.set()) {
-        return kTaskFailed;
-    }
-    if (!inspection.set()->is_check_file()) {
-        return inspection.Fail(request.file + " is no check file, which an export takes");
-    }
-    const Tally tally = inspection.Verify();
-    if (inspection.Status() != kDone) {
-        return inspection.Fail(request.file + " is not whole, nothing was exported");
-    }
-    inspection.Begin("export");
-    if (std::string error; !ExportSet(*inspection.set(), request.out, &error)) {
-        return inspection.Fail(error);
-    }
-    inspection.End();
-    Json object = {{"event", "exported"}};
-    SetBytes(&object, "file", request.out);
-    const std::string numbers = SetNumbers(&object, *inspection.set(), tally);
-    if (stream == stdout || request.json) {
-        inspection.events().Tell(object, fmt::format("{}: {}", EscapeBytes(request.out), numbers));
-    }
-    return kDone;
+int RunArchive(const ArchiveRequest& request) {
+    return ArchiveCommand(request).Run();
 }
 
 }  // namespace peltexctl

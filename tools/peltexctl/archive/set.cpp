@@ -34,13 +34,13 @@ bool IsCheckFile(std::string_view content, std::string_view name) {
            content.substr(0, content.find('\n')).find('|') != std::string_view::npos;
 }
 
+}  // namespace
+
 bool NamesSlice(std::string_view name) {
     const size_t dot = name.rfind('.');
     return dot != std::string_view::npos && dot + 1 < name.size() &&
            name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
 }
-
-}  // namespace
 
 // Takes a check file line by line, as a restore does. Returns what is wrong with it, in words, up
 // to the first such line; empty when nothing is.

@@ -34,11 +34,14 @@ struct Finding {
 
 using FindingSink = std::function<void(const Finding&)>;
 
+// Whether a name is that of a slice: it ends in a dot and a number.
+bool NamesSlice(std::string_view name);
+
 class ArchiveSet {
   public:
     enum class Kind {
         kArchive,
-        kSlice,  // one slice without its set: a name that ends in a dot and a number
+        kSlice,  // one slice without its set
         kCheckFile,
     };
 

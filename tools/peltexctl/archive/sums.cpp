@@ -78,11 +78,8 @@ std::string Compare(const ArchiveSet& set, size_t index, std::string_view expect
 }  // namespace
 
 std::string SumsName(const std::string& name) {
-    const size_t dot = std::min(name.rfind('.'), name.size());
-    const std::string last = name.substr(dot);
-    const bool is_of_set =
-        last == ".txt" || (last.size() > 1 && last.find_last_not_of("0123456789") == 0);
-    return name.substr(0, is_of_set ? dot : name.size()) + ".sha256";
+    const bool is_of_set = NamesSlice(name) || EndsWith(name, ".txt");
+    return name.substr(0, is_of_set ? name.rfind('.') : name.size()) + ".sha256";
 }
 
 void Summer::Add(UniqueFd file, const std::string& name) {

@@ -216,7 +216,7 @@ constexpr DotLine kDotLines[] = {
     {".threads", 0, 0, "", "list the threads of this process",
      [](Shell* shell, const Words& /*words*/) { TellThreads(&shell->events); }},
     {".help", 0, 0, "", "list these lines and the commands of the library",
-     [](Shell* /*shell*/, const Words& /*words*/) { fmt::print(stderr, "{}", ShellHelp()); }},
+     [](Shell* /*shell*/, const Words& /*words*/) { Print(stderr, ShellHelp()); }},
     {".quit", 0, 0, "", "end as at the end of input",
      [](Shell* shell, const Words& /*words*/) { shell->quits = true; }},
 };

@@ -211,11 +211,7 @@ int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& req
     static EventWriter* const events = new EventWriter(
         output.json ? EventWriter::Format::kJson : EventWriter::Format::kText, output.quiet);
     static ProgressView* const view = new ProgressView(output.quiet || output.json);
-    if (output.log.empty()) {
-        KeepLibraryLog();
-    } else {
-        ShowLibraryLog(output.log, view);
-    }
+    TakeLibraryLog(output.log, view);
     try {
         return TaskCommand(kind, request, events, view).Run(library, output);
     } catch (const Failure& failure) {

@@ -215,7 +215,8 @@ void TaskRun::ShowProgress() {
 void TaskRun::Stop() {
     stopping_ = true;
     if (!events_.json() && !events_.quiet()) {
-        view_.Aside([this] { fmt::print(stderr, "task {}: {}\n", task_, DescribeStop(kind_)); });
+        view_.Aside(
+            [this] { Print(stderr, fmt::format("task {}: {}\n", task_, DescribeStop(kind_))); });
     }
     const int result = Send(fmt::format("abort {}", task_));
     const std::lock_guard lock(mutex_);
