@@ -85,6 +85,12 @@ int RunArchiveCommand(const Options& options) {
     return RunArchive(request);
 }
 
+template <typename Value>
+CLI::Option* Add(CLI::App* app, const std::string& name, const char* type, Value* value,
+                 const char* help) {
+    return app->add_option(name, *value, help)->type_name(type);
+}
+
 void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
 
 void DeclareTask(CLI::App* command, Options* options) {
@@ -99,25 +105,19 @@ void DeclareTask(CLI::App* command, Options* options) {
             ->required();
     }
     const bool is_brief = command->get_name() == "brief";
-    command->add_option("SRC", task.source, "Source path")->type_name("PATH")->required();
-    command
-        ->add_option(is_brief ? "BRIEF" : "DEST", task.destination,
-                     is_brief ? "The brief file to write" : "Destination path")
-        ->type_name("PATH")
+    Add(command, "SRC", "PATH", &task.source, "Source path")->required();
+    Add(command, is_brief ? "BRIEF" : "DEST", "PATH", &task.destination,
+        is_brief ? "The brief file to write" : "Destination path")
         ->required();
-    command->add_option("--uid", task.uid, "Owner and group of what is written")
-        ->type_name("UID")
+    Add(command, "--uid", "UID", &task.uid, "Owner and group of what is written")
         ->capture_default_str();
-    command->add_option("--seinfo", task.se_info, "SELinux information for its labels")
-        ->type_name("INFO")
+    Add(command, "--seinfo", "INFO", &task.se_info, "SELinux information for its labels")
         ->capture_default_str();
     command->add_flag("--no-verify", task.no_verify, "Do not look at the trees before and after");
     command->add_flag("--force", task.force, "Go on where something would be lost");
     if (command->get_name() == "backup") {
-        command->add_option("--slice-size", task.slice_size, "Of a split backup, 1 to 2047 (100)")
-            ->type_name("MIB");
-        command->add_option("--take", task.take, "Where its slices go as they are handed over")
-            ->type_name("DIR");
+        Add(command, "--slice-size", "MIB", &task.slice_size, "Of a split backup, 1 to 2047 (100)");
+        Add(command, "--take", "DIR", &task.take, "Where its slices go as they are handed over");
         command->add_flag("--replace", task.replace, "Write over an archive or set of that name");
         command->add_flag("--sums", task.sums, "Write NAME.tar.sha256 for sha256sum -c, too");
     }
@@ -127,18 +127,15 @@ void DeclareTask(CLI::App* command, Options* options) {
 }
 
 void DeclareArchive(CLI::App* command, Options* options) {
-    const bool is_export = command->get_name() == "export";
-    command
-        ->add_option(is_export ? "CHECKFILE" : "FILE", options->archive.file,
-                     is_export ? "The check file of a set of slices"
-                               : "An archive, one slice, or a check file")
-        ->type_name("FILE")
+    Add(command, "FILE", "FILE", &options->archive.file, "An archive, one slice, or a check file")
         ->required();
-    if (is_export) {
-        command->add_option("OUT", options->archive.out, "The new archive, - for standard output")
-            ->type_name("FILE")
-            ->required();
-    }
+}
+
+void DeclareExport(CLI::App* command, Options* options) {
+    ArchiveRequest& archive = options->archive;
+    Add(command, "CHECKFILE", "FILE", &archive.file, "The check file of a set of slices")
+        ->required();
+    Add(command, "OUT", "FILE", &archive.out, "The new archive, - for standard output")->required();
 }
 
 struct Subcommand {
@@ -179,7 +176,7 @@ keep SRC from being removed, which fails the task.)"},
      RunArchiveCommand,
      R"(A fault is something that would not come back as it was, a warning something that may be as it
 should. Where NAME.tar.sha256 is beside FILE, content is compared with its sums.)"},
-    {"export", "Join a set of slices into one archive for any tar program", DeclareArchive,
+    {"export", "Join a set of slices into one archive for any tar program", DeclareExport,
      RunArchiveCommand,
      R"(The set is verified first. OUT is replaced when the new archive is whole.
 
@@ -218,12 +215,10 @@ void DeclareOptions(CLI::App* app, Options* options) {
     app->set_help_flag("-h,--help", "Print help and exit");
     app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
                           "Print the version and exit");
-    app->add_option("--library", options->library, "The library to load, not the installed one")
-        ->type_name("FILE");
-    app->add_option("--data", options->data, "Show it as /data, to this process only (needs root)")
-        ->type_name("DIR");
-    app->add_option("--log", options->output.log, "Show the library's log from this priority on")
-        ->type_name("LEVEL")
+    Add(app, "--library", "FILE", &options->library, "The library to load, not the installed one");
+    Add(app, "--data", "DIR", &options->data,
+        "Show it as /data, to this process only (needs root)");
+    Add(app, "--log", "LEVEL", &options->output.log, "Show the library's log from this priority on")
         ->check(
             CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
     app->add_flag("--json", options->output.json, "Print JSON objects, one per line");

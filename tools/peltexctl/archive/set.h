@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "archive/reader.h"
@@ -93,9 +94,9 @@ using EntryVisitor = std::function<void(const ArchiveEntry&)>;
 // Gives the entries of a set on, each cut file as one, as soon as its last part is known.
 class PartJoiner {
   public:
-    // Outside a set, parts are given as they are. `visit` must outlive the joiner.
-    PartJoiner(const ArchiveSet& set, const EntryVisitor& visit)
-        : joins_(set.is_check_file()), visit_(visit) {}
+    // Outside a set, parts are given as they are.
+    PartJoiner(const ArchiveSet& set, EntryVisitor visit)
+        : joins_(set.is_check_file()), visit_(std::move(visit)) {}
 
     // Every entry of every slice, in order, and then Finish(). `is_first` of its slice.
     void Take(const ArchiveEntry& entry, bool is_first);
@@ -103,7 +104,7 @@ class PartJoiner {
 
   private:
     const bool joins_;
-    const EntryVisitor& visit_;
+    const EntryVisitor visit_;
     std::optional<ArchiveEntry> cut_;  // more of it may follow
 };
 

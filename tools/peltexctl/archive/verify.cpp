@@ -49,7 +49,7 @@ std::string_view LastComponent(const ArchiveEntry& entry) {
 
 // Gives what a restore makes of an entry to `visit`, but for the destination itself.
 EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
-    return [&visit](const ArchiveEntry& entry) {
+    return [visit](const ArchiveEntry& entry) {
         const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
         if (entry.IsRestored() && !entry.path.empty()) {
             visit({entry.path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
@@ -298,16 +298,15 @@ class SetVerifier {
             CloseOpenPart(!is_first_, "");
         }
         open_part_.reset();
-        if (entry.FillsSlice()) {
+        if (entry.type == TYPE_MIDDLE_PART) {
+            open_part_ =
+                Finding{Severity::kFault, slice_, entry.name, "its next part is not there"};
+        } else if (entry.FillsSlice() && HasOddEnd(file, entry)) {
+            open_part_ =
+                Finding{Severity::kSuspicion, slice_, entry.name,
+                        "ends just where its slice does, in bytes that may not be its own"};
+        } else if (entry.FillsSlice()) {
             open_part_ = Finding{Severity::kWarning, slice_, entry.name, ""};
-            if (entry.type == TYPE_MIDDLE_PART) {
-                open_part_->severity = Severity::kFault;
-                open_part_->message = "its next part is not there";
-            } else if (HasOddEnd(file, entry)) {
-                open_part_->severity = Severity::kSuspicion;
-                open_part_->message =
-                    "ends just where its slice does, in bytes that may not be its own";
-            }
         }
     }
 
@@ -319,9 +318,8 @@ class SetVerifier {
             Fault(open_part_->entry,
                   "promises more content than there is: its slice goes on behind");
         } else if (open_part_ && !(open_part_->message + at_end).empty()) {
-            const std::string& own = open_part_->message;
-            sink_({open_part_->severity, open_part_->slice, open_part_->entry,
-                   own.empty() ? at_end : own});
+            open_part_->message = open_part_->message.empty() ? at_end : open_part_->message;
+            sink_(*open_part_);
         }
     }
 
@@ -380,11 +378,7 @@ class SetVerifier {
     const std::string destination_;
     const FindingSink& sink_;
     Tally tally_;
-    const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
-        tally_.Add(entry);
-    };
-    const EntryVisitor visit_ = ForTally(add_);
-    PartJoiner joiner_{set_, visit_};
+    PartJoiner joiner_{set_, ForTally([this](const TallyEntry& entry) { tally_.Add(entry); })};
 
     std::string slice_;                 // the name of the one at hand
     bool is_first_ = true;              // the next entry is its slice's first

@@ -37,20 +37,20 @@ constexpr StatusWords kStatusWords[] = {
 
 // Why a task leaves something out, as people and as programs read it.
 struct ReasonWords {
-    LeftOut reason;
     const char* text;
     const char* key;
 };
 
+// By LeftOut.
 constexpr ReasonWords kReasons[] = {
-    {LeftOut::kHardLinked, "hard-linked", "hard_linked"},
-    {LeftOut::kDex, ".dex", "dex"},
-    {LeftOut::kLib, "lib", "lib"},
-    {LeftOut::kLink, "link", "link"},
-    {LeftOut::kSpecial, "special file", "special"},
-    {LeftOut::kTinker, "tinker", "tinker"},
-    {LeftOut::kOwnArchive, "the archive itself", "own_archive"},
-    {LeftOut::kUnreadable, "unreadable", "unreadable"},
+    {"hard-linked", "hard_linked"},
+    {".dex", "dex"},
+    {"lib", "lib"},
+    {"link", "link"},
+    {"special file", "special"},
+    {"tinker", "tinker"},
+    {"the archive itself", "own_archive"},
+    {"unreadable", "unreadable"},
 };
 static_assert(std::size(kReasons) == kLeftOutReasons);
 
@@ -144,10 +144,10 @@ void EventWriter::Summary(const TaskSummary& summary) {
         object["left_out"] = summary.tally->left_out();
         object["reasons"] = Json::object();
         words.clear();
-        for (const ReasonWords& row : kReasons) {
-            if (const uint64_t count = summary.tally->left_out(row.reason); count > 0) {
-                object["reasons"][row.key] = count;
-                words.push_back(fmt::format("{} {}", count, row.text));
+        for (size_t i = 0; i < kLeftOutReasons; i++) {
+            if (const uint64_t count = summary.tally->left_out(LeftOut(i)); count > 0) {
+                object["reasons"][kReasons[i].key] = count;
+                words.push_back(fmt::format("{} {}", count, kReasons[i].text));
             }
         }
         text += fmt::format("\nleft out: {}", summary.tally->left_out());
