@@ -181,15 +181,16 @@ bool ArchiveReader::ReadHeader() {
     return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
 }
 
-// Bytes of the file, until the next call; null where they are not all there. Headers of small
-// entries lie close together: they are read along with the first.
+// Bytes of the file, until the next call; null where they are not all there. Reads up to the end of
+// a page: headers of small entries lie close together, and what is behind others is content.
 const char* ArchiveReader::BytesAt(uint64_t offset, uint64_t size) {
     if (offset < window_begin_ || offset + size > window_end_) {
-        const uint64_t count = std::min<uint64_t>(kWindow, file_.size() - offset);
-        const ssize_t taken = pread(file_.fd(), window_.get(), count, static_cast<off_t>(offset));
+        const uint64_t end = (offset + size + kPage - 1) / kPage * kPage;
+        const ssize_t count = pread(file_.fd(), window_.get(), std::min(end, file_.size()) - offset,
+                                    static_cast<off_t>(offset));
         file_.Reached(offset);
         window_begin_ = offset;
-        window_end_ = offset + static_cast<uint64_t>(std::max<ssize_t>(taken, 0));
+        window_end_ = offset + static_cast<uint64_t>(std::max<ssize_t>(count, 0));
     }
     return offset + size <= window_end_ ? window_.get() + (offset - window_begin_) : nullptr;
 }

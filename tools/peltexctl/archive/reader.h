@@ -151,11 +151,11 @@ class ArchiveReader {
     bool SkipContent(uint64_t size);
     bool Finish(ArchiveEnd end);
 
-    static constexpr size_t kWindow = 16384;
+    static constexpr size_t kPage = 4096;
 
     const ArchiveFile& file_;
     const size_t name_room_;
-    const std::unique_ptr<char[]> window_{new char[kWindow]};
+    const std::unique_ptr<char[]> window_{new char[2 * kPage]};
     uint64_t window_begin_ = 0;  // of what the window holds of the file
     uint64_t window_end_ = 0;
     android::installd::TarBlock block_;

@@ -67,6 +67,10 @@ enum class PathMark { kAny, kLink, kDirectory };
 // certain, and one in some hundred of the others, which are looked at a second time.
 class PathFilter {
   public:
+    // For an archive of so many bytes: an entry takes one block of it at least.
+    explicit PathFilter(uint64_t archive_size)
+        : words_(std::clamp<uint64_t>(archive_size / 1024, size_t{1} << 10, size_t{1} << 18)) {}
+
     // Returns whether it may have been there before.
     bool Add(std::string_view path, PathMark mark) { return Meet(path, mark, true); }
     bool MayHave(std::string_view path, PathMark mark) { return Meet(path, mark, false); }
@@ -85,7 +89,7 @@ class PathFilter {
         return is_there;
     }
 
-    std::vector<uint64_t> words_ = std::vector<uint64_t>(size_t{1} << 18);
+    std::vector<uint64_t> words_;
 };
 
 class SetVerifier {
@@ -385,7 +389,7 @@ class SetVerifier {
     bool begin_known_;                  // the slice before this one was read to its end
     std::optional<Finding> open_part_;  // what to tell of it when nothing goes on with it
 
-    PathFilter seen_;
+    PathFilter seen_{set_.TotalSize()};
     std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
     bool has_more_doubts_ = false;
     bool has_links_ = false;
