@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iterator>
@@ -40,6 +41,8 @@ struct Options {
 // Loads the library before the mount, so that its path means what it means to the caller, and
 // makes the mount before the library has a thread.
 Library SetUp(const Options& options) {
+    // Who reads what is printed may go: the task goes on.
+    std::signal(SIGPIPE, SIG_IGN);
     if (access("/proc/self/fd", F_OK) != 0) {
         throw Failure(kNoLibraryOrData, "/proc is not mounted, which the library needs");
     }

@@ -70,8 +70,8 @@ void TakeLibraryLog(const std::string& level, ProgressView* view) {
 void PrintKeptLog() {
     const std::lock_guard lock(g_mutex);
     if (g_forgotten > 0) {
-        Print(stderr, fmt::format("{} lines of the library's log before these; --log shows all\n",
-                                  g_forgotten));
+        Print(stderr, fmt::format("{} of the library's log before these; --log shows all\n",
+                                  Counted(g_forgotten, "line", "lines")));
     }
     for (const std::string& line : g_kept) {
         Print(stderr, line);
