@@ -80,21 +80,35 @@ class ArchiveCommand {
     explicit ArchiveCommand(const ArchiveRequest& request) : request_(request) {}
 
     int Run() {
+        try {
+            Open();
+            return request_.subcommand == "list"     ? List()
+                   : request_.subcommand == "verify" ? Verify()
+                                                     : Export();
+        } catch (const Failure& failure) {
+            view_.End();
+            events_.Error(failure.what());
+            return failure.code();
+        }
+    }
+
+  private:
+    void Open() {
         std::string error;
         set_ = ArchiveSet::Open(request_.file, sink_, &error);
-        if (!set_) {
-            return Fail(error);
-        }
+        Expect(set_.has_value(), error);
         set_->SetProgress([this](uint64_t done) {
             view_.SetDone(done);
             view_.Tick();
         });
-        return request_.subcommand == "list"     ? List()
-               : request_.subcommand == "verify" ? Verify()
-                                                 : Export();
     }
 
-  private:
+    static void Expect(bool is_so, const std::string& otherwise) {
+        if (!is_so) {
+            throw Failure(kTaskFailed, otherwise);
+        }
+    }
+
     int List() {
         // On a terminal the lines themselves are the progress.
         if (isatty(STDOUT_FILENO) == 0) {
@@ -125,17 +139,11 @@ class ArchiveCommand {
     }
 
     int Export() {
-        if (!set_->is_check_file()) {
-            return Fail(request_.file + " is no check file, which an export takes");
-        }
+        Expect(set_->is_check_file(), request_.file + " is no check file, which an export takes");
         const Tally tally = Inspect();
-        if (faults_ > 0) {
-            return Fail(request_.file + " is not whole, nothing was exported");
-        }
+        Expect(faults_ == 0, request_.file + " is not whole, nothing was exported");
         Begin();
-        if (std::string error; !ExportSet(*set_, request_.out, &error)) {
-            return Fail(error);
-        }
+        ExportSet(*set_, request_.out);
         view_.End();
         Json object = {{"event", "exported"}};
         SetBytes(&object, "file", request_.out);
@@ -158,12 +166,6 @@ class ArchiveCommand {
 
     // To be called before each pass.
     void Begin() { view_.Begin(request_.subcommand, set_->TotalSize()); }
-
-    int Fail(const std::string& message) {
-        view_.End();
-        events_.Error(message);
-        return kTaskFailed;
-    }
 
     int Status() const { return faults_ == 0 ? kDone : kTaskFailed; }
 

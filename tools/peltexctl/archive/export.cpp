@@ -39,16 +39,13 @@ class Output {
   public:
     explicit Output(const std::string& path) : path_(path) {}
 
-    // Throws Failure, as the others do.
     void Open() {
-        const size_t begin = path_.rfind('/') + 1;
-        const std::string name = path_.substr(begin);
+        const std::string name = path_.substr(path_.rfind('/') + 1);
         if (path_ == "-") {
             fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
             return Require(fd_.isOpen());
         }
-        directory_ = UniqueFd(open(begin == 0 ? "." : path_.substr(0, begin).c_str(),
-                                   O_PATH | O_DIRECTORY | O_CLOEXEC));
+        directory_ = DirectoryOf(path_);
         is_there_ = fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW) == 0;
         if (is_there_ && !S_ISREG(there_.st_mode) && !S_ISLNK(there_.st_mode)) {
             fd_ =
@@ -214,19 +211,13 @@ class Exporter {
 
 }  // namespace
 
-bool ExportSet(const ArchiveSet& set, const std::string& out, std::string* error) {
+void ExportSet(const ArchiveSet& set, const std::string& out) {
+    Expect(out != "-" || isatty(STDOUT_FILENO) != 1, "no archive is written to a terminal");
     Output output(out);
     const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
-    try {
-        Expect(out != "-" || isatty(STDOUT_FILENO) != 1, "no archive is written to a terminal");
-        output.Open();
-        Exporter(set, &output).Run();
-        output.Finish();
-        return true;
-    } catch (const Failure& failure) {
-        *error = failure.what();
-        return false;
-    }
+    output.Open();
+    Exporter(set, &output).Run();
+    output.Finish();
 }
 
 }  // namespace peltexctl

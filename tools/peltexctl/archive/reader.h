@@ -5,6 +5,8 @@
 // Not thread-safe: each object belongs to one thread.
 #pragma once
 
+#include <fcntl.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,6 +19,13 @@
 #include "tar/tar_header.h"
 
 namespace peltexctl {
+
+// The directory that `path` is in, for openat() and the like; not open where there is none.
+inline android::installd::UniqueFd DirectoryOf(const std::string& path) {
+    const size_t length = path.rfind('/') + 1;  // 0 where there is no slash
+    return android::installd::UniqueFd(
+        open(length == 0 ? "." : path.substr(0, length).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
 
 // Hears how many bytes are done.
 using ProgressSink = std::function<void(uint64_t done)>;

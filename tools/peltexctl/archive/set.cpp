@@ -92,11 +92,8 @@ std::string ArchiveSet::TakeLine(std::string_view line) {
 
 std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const FindingSink& sink,
                                            std::string* error) {
-    const size_t slash = path.rfind('/');
-    const size_t begin = slash == std::string::npos ? 0 : slash + 1;
-    UniqueFd directory(
-        open(begin == 0 ? "." : path.substr(0, begin).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    std::string name = path.substr(begin);
+    UniqueFd directory = DirectoryOf(path);
+    std::string name = path.substr(path.rfind('/') + 1);
     std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
     std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
     if (!file || !file->ReadAt(0, content.data(), content.size())) {
