@@ -44,7 +44,7 @@ class Report {
 
     // What a restore would make of the set.
     Tally Verify(const ArchiveSet& set) const {
-        const Tally tally = VerifySet(set, "", sink_).tally;
+        const Tally tally = VerifySet(set, "", sink_);
         CheckSums(set, sink_);
         return tally;
     }

@@ -103,7 +103,7 @@ class SetVerifier {
           sink_(sink),
           begin_known_(set.is_check_file()) {}
 
-    Verdict Run() {
+    Tally Run() {
         for (size_t i = 0; i < set_.size(); i++) {
             slice_ = set_.NameOf(i);
             CheckSlice(i);
@@ -115,7 +115,7 @@ class SetVerifier {
             CheckLastSliceFull();
         }
         LookAgain();
-        return verdict_;
+        return tally_;
     }
 
   private:
@@ -123,7 +123,7 @@ class SetVerifier {
 
     void Tell(Severity severity, const std::string& slice, const std::string& entry,
               const std::string& message) {
-        verdict_.faults += severity == Severity::kWarning ? 0 : 1;
+        faults_ += severity == Severity::kWarning ? 0 : 1;
         sink_({severity, slice, entry, message});
     }
     void Warn(const std::string& entry, const std::string& message) {
@@ -258,7 +258,7 @@ class SetVerifier {
 
     // Reads the entries once more for the paths that may have come before.
     void LookAgain() {
-        const uint64_t faults = verdict_.faults;
+        const uint64_t faults = faults_;
         slice_.clear();
         if (!doubtful_.empty()) {
             ListSet(set_, kIgnore, [this](const ArchiveEntry& entry) {
@@ -267,7 +267,7 @@ class SetVerifier {
                 }
             });
         }
-        if (has_more_doubts_ && faults == verdict_.faults) {
+        if (has_more_doubts_ && faults == faults_) {
             Warn("", "too many entries to tell whether a name is there twice");
         }
     }
@@ -391,9 +391,10 @@ class SetVerifier {
     const std::string destination_;
     const size_t name_room_;
     const FindingSink& sink_;
-    Verdict verdict_;
+    Tally tally_;  // of what a restore makes
+    uint64_t faults_ = 0;
     const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
-        verdict_.tally.Add(entry);
+        tally_.Add(entry);
     };
     const EntryVisitor visit_ = ForTally(add_);
     PartJoiner joiner_{set_, visit_};
@@ -411,7 +412,7 @@ class SetVerifier {
 
 }  // namespace
 
-Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink) {
+Tally VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink) {
     return SetVerifier(set, destination, sink).Run();
 }
 
