@@ -18,7 +18,7 @@
 #include "archive/commands.h"
 #include "shell/shell.h"
 #include "task/data_mount.h"
-#include "task/session_client.h"
+#include "task/library.h"
 #include "task/task_command.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"

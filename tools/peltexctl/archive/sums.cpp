@@ -82,12 +82,19 @@ std::string SumsName(const std::string& name) {
     return name.substr(0, is_of_set ? name.rfind('.') : name.size()) + ".sha256";
 }
 
-void Summer::Add(UniqueFd file, const std::string& name) {
+std::string Summer::Add(int directory, const std::string& name) {
     Collect();
     name_ = name;
+    std::string error;
+    const auto file = ArchiveFile::Open(directory, name, O_NOFOLLOW, &error);
+    if (!file) {
+        return error;
+    }
+    fstat(file->fd(), &last_);
     // Where no thread can be started, Collect() sums.
     sum_ = std::async(std::launch::async | std::launch::deferred,
-                      [held = std::move(file)] { return SumOf(held.get(), [](uint64_t) {}); });
+                      [held = *file] { return SumOf(held.fd(), [](uint64_t) {}); });
+    return error;
 }
 
 void Summer::Collect() {
@@ -100,8 +107,7 @@ void Summer::Collect() {
     }
 }
 
-bool Summer::Finish(int directory, const std::string& name, const struct stat& like,
-                    std::string* error) {
+bool Summer::Finish(int directory, const std::string& name, std::string* error) {
     Collect();
     *error = error_;
     if (!error->empty()) {
@@ -111,7 +117,7 @@ bool Summer::Finish(int directory, const std::string& name, const struct stat& l
     const bool is_written =
         file.Create(directory, name) &&
         write(file.fd(), lines_.data(), lines_.size()) == static_cast<ssize_t>(lines_.size()) &&
-        fchown(file.fd(), like.st_uid, like.st_gid) == 0 && file.Finish(like.st_mode & 0777);
+        fchown(file.fd(), last_.st_uid, last_.st_gid) == 0 && file.Finish(last_.st_mode & 0777);
     if (!is_written) {
         *error = fmt::format("{}: cannot be written: {}", name, ErrorText(errno));
     }
