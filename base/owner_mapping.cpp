@@ -1,4 +1,4 @@
-// Tested by tests/brief/permission_record_test.cpp.
+// Tested by tests/unit/brief/records_test.cpp.
 #include "base/owner_mapping.h"
 
 namespace android::installd {

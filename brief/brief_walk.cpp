@@ -1,4 +1,4 @@
-// Tested by tests/brief/directory_brief_test.cpp.
+// Tested by tests/unit/brief/briefs_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include "brief/brief_walk.h"

@@ -1,4 +1,4 @@
-// Tested by tests/brief/permission_record_test.cpp.
+// Tested by tests/unit/brief/records_test.cpp.
 #define LOG_TAG "BackupSessionFileOps"
 
 #include "brief/permission_record.h"

@@ -1,4 +1,4 @@
-// Tested by tests/fileops/file_operations_test.cpp.
+// Tested by tests/unit/tasks_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include "fileops/copy.h"

@@ -1,4 +1,4 @@
-// Tested by tests/fileops/tar_handlers_test.cpp.
+// Tested by tests/unit/tasks_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include "handlers/archive_handlers.h"

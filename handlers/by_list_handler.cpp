@@ -1,4 +1,4 @@
-// Tested by tests/brief/backup_by_file_test.cpp.
+// Tested by tests/unit/brief/briefs_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include "handlers/by_list_handler.h"

@@ -1,4 +1,4 @@
-// Tested by tests/service/split_hand_off_test.cpp.
+// Tested by tests/unit/service/sessions_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include "handlers/tar_cb_impl.h"

@@ -10,7 +10,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and testing with each preset takes on Debian 12 and 13.
 packages_build="g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev
-    libssl-dev python3 python3-seccomp libarchive-tools tar pkg-config groff-base"
+    nettle-dev python3 python3-seccomp libarchive-tools tar pkg-config groff-base"
 packages_clang="clang libclang-rt-dev llvm"
 packages_bench="libbenchmark-dev libarchive-tools toybox busybox rsync"
 packages_libcxx="libc++-dev libc++abi-dev googletest"

@@ -1,5 +1,5 @@
 // Sessions and their one callback: opening, closing, the client's death, keep-alive.
-// Tested by tests/service/session_test.cpp.
+// Tested by tests/unit/service/sessions_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include "service/backup_session_manager.h"

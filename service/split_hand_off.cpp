@@ -1,6 +1,6 @@
 // The manager's half of the hand-off of slices: the client's next command, keep-alive or abort ends
 // or prolongs the pause in which a split backup waits (task/backup_task.h).
-// Tested by tests/service/split_hand_off_test.cpp.
+// Tested by tests/unit/service/sessions_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include <log/log.h>

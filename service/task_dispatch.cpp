@@ -1,6 +1,6 @@
 // Which handler carries out which kind of task. The members forward to the handlers: those know the
 // task and nothing of the manager.
-// Tested by tests/service/task_loop_test.cpp, tests/fileops and tests/brief.
+// Tested by tests/unit/service/sessions_test.cpp, tests/unit/brief and tests/unit/tasks_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include <log/log.h>

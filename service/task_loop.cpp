@@ -10,7 +10,7 @@
 // Only a worker in a pass sees what is queued. One that was asked to exit and is between passes may
 // be about to end or about to begin another pass, and nothing but its next step shows which.
 // Nobody counts on such a worker before it has taken that step (settleWorkerLocked).
-// Tested by tests/service/task_loop_test.cpp and tests/service/worker_stress_test.cpp.
+// Tested by tests/unit/service/sessions_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include <limits.h>

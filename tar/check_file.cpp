@@ -1,4 +1,4 @@
-// Tested by tests/tar/tar_split_test.cpp.
+// Tested by tests/unit/archives_test.cpp.
 #include "tar/check_file.h"
 
 #include <log/log.h>

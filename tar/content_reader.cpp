@@ -1,4 +1,4 @@
-// Tested by tests/tar/tar_file_test.cpp.
+// Tested by tests/unit/archives_test.cpp.
 #include "tar/content_reader.h"
 
 #include <log/log.h>

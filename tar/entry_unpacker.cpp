@@ -1,4 +1,4 @@
-// Tested by tests/tar/untar_file_test.cpp.
+// Tested by tests/unit/archives_test.cpp.
 #include "tar/entry_unpacker.h"
 
 #include <log/log.h>

@@ -1,7 +1,7 @@
 // How much of a file goes into which slice, as functions of numbers. All sizes are bytes.
 //
 // Headers promise what comes out here, odd cases included, and whoever reads a set counts on it:
-// peltexctl verify, and tests/tar/split_model.py, which says the same in another language.
+// peltexctl verify, and tests/client/tar_model.py, which says the same in another language.
 // docs/LIMITS.md tells which files come out wrong.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Tested by tests/tar/tar_split_test.cpp.
+// Tested by tests/unit/archives_test.cpp.
 #include "tar/slice_writer.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// Tested by tests/tar/tar_header_test.cpp and tests/tar/tar_format_test.cpp.
+// Tested by tests/unit/archives_test.cpp.
 #include "tar/tar_header.h"
 
 #include <numeric>

@@ -1,4 +1,4 @@
-// Tested by tests/tar/tar_file_test.cpp and tests/tar/tar_split_test.cpp.
+// Tested by tests/unit/archives_test.cpp.
 #include "tar/tar_stream.h"
 
 #include <log/log.h>

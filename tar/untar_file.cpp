@@ -1,5 +1,4 @@
-// Tested by tests/tar/untar_file_test.cpp, tests/tar/tar_split_test.cpp and, against other
-// programs, tests/tar/test_peers.py.
+// Tested by tests/unit/archives_test.cpp and, against other programs, tests/client/peltexctl.md.
 #include "tar/untar_file.h"
 
 #include <log/log.h>

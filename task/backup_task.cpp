@@ -1,5 +1,5 @@
-// Tested by tests/service/commands_test.cpp, tests/service/split_hand_off_test.cpp (the pause) and
-// tests/fileops/file_operations_test.cpp (progress).
+// Tested by tests/unit/service/commands_test.cpp, tests/unit/service/sessions_test.cpp (the pause)
+// and tests/unit/tasks_test.cpp (progress).
 #define LOG_TAG "BackupSessionManager"
 
 #include "task/backup_task.h"

@@ -1,4 +1,4 @@
-// Tested by tests/platform/platform_test.cpp.
+// Tested by tests/unit/platform/platform_test.cpp.
 
 #include <sys/resource.h>
 #include <utils/AndroidThreads.h>

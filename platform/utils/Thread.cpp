@@ -1,4 +1,4 @@
-// Tested by tests/platform/platform_test.cpp.
+// Tested by tests/unit/platform/platform_test.cpp.
 
 #include <pthread.h>
 #include <unistd.h>

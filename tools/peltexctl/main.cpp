@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iterator>
@@ -17,11 +18,10 @@
 #include "archive/commands.h"
 #include "shell/shell.h"
 #include "task/data_mount.h"
-#include "task/session_client.h"
+#include "task/library.h"
 #include "task/task_command.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/help.h"
 #include "ui/library_log.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
@@ -41,6 +41,8 @@ struct Options {
 // Loads the library before the mount, so that its path means what it means to the caller, and
 // makes the mount before the library has a thread.
 Library SetUp(const Options& options) {
+    // Who reads what is printed may go: the task goes on.
+    std::signal(SIGPIPE, SIG_IGN);
     if (access("/proc/self/fd", F_OK) != 0) {
         throw Failure(kNoLibraryOrData, "/proc is not mounted, which the library needs");
     }
@@ -54,7 +56,7 @@ Library SetUp(const Options& options) {
 
 int RunShellCommand(const Options& options) {
     const Library library = SetUp(options);
-    ShowLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
+    TakeLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
     // Never destroyed: the library's threads may report to it until the process is gone.
     static EventWriter* const events = new EventWriter(
         options.output.json || isatty(STDOUT_FILENO) == 0 ? EventWriter::Format::kJson
@@ -74,15 +76,22 @@ int RunTaskCommand(const Options& options) {
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
-template <int (*kRun)(const ArchiveRequest& request, bool json)>
 int RunArchiveCommand(const Options& options) {
     if (options.data) {
         MountData(*options.data);
     }
     TakeSignals();
     ArchiveRequest request = options.archive;
+    request.subcommand = options.task.subcommand;
     request.quiet = options.output.quiet;
-    return kRun(request, options.output.json);
+    request.json = options.output.json;
+    return RunArchive(request);
+}
+
+template <typename Value>
+CLI::Option* Add(CLI::App* app, const std::string& name, const char* type, Value* value,
+                 const char* help) {
+    return app->add_option(name, *value, help)->type_name(type);
 }
 
 void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
@@ -99,25 +108,19 @@ void DeclareTask(CLI::App* command, Options* options) {
             ->required();
     }
     const bool is_brief = command->get_name() == "brief";
-    command->add_option("SRC", task.source, "Source path")->type_name("PATH")->required();
-    command
-        ->add_option(is_brief ? "BRIEF" : "DEST", task.destination,
-                     is_brief ? "The brief file to write" : "Destination path")
-        ->type_name("PATH")
+    Add(command, "SRC", "PATH", &task.source, "Source path")->required();
+    Add(command, is_brief ? "BRIEF" : "DEST", "PATH", &task.destination,
+        is_brief ? "The brief file to write" : "Destination path")
         ->required();
-    command->add_option("--uid", task.uid, "Owner and group of what is written")
-        ->type_name("UID")
+    Add(command, "--uid", "UID", &task.uid, "Owner and group of what is written")
         ->capture_default_str();
-    command->add_option("--seinfo", task.se_info, "SELinux information for its labels")
-        ->type_name("INFO")
+    Add(command, "--seinfo", "INFO", &task.se_info, "SELinux information for its labels")
         ->capture_default_str();
     command->add_flag("--no-verify", task.no_verify, "Do not look at the trees before and after");
     command->add_flag("--force", task.force, "Go on where something would be lost");
     if (command->get_name() == "backup") {
-        command->add_option("--slice-size", task.slice_size, "Of a split backup, 1 to 2047 (100)")
-            ->type_name("MIB");
-        command->add_option("--take", task.take, "Where its slices go as they are handed over")
-            ->type_name("DIR");
+        Add(command, "--slice-size", "MIB", &task.slice_size, "Of a split backup, 1 to 2047 (100)");
+        Add(command, "--take", "DIR", &task.take, "Where its slices go as they are handed over");
         command->add_flag("--replace", task.replace, "Write over an archive or set of that name");
         command->add_flag("--sums", task.sums, "Write NAME.tar.sha256 for sha256sum -c, too");
     }
@@ -127,18 +130,15 @@ void DeclareTask(CLI::App* command, Options* options) {
 }
 
 void DeclareArchive(CLI::App* command, Options* options) {
-    command->add_option("FILE", options->archive.file, "An archive, one slice, or a check file")
-        ->type_name("FILE")
+    Add(command, "FILE", "FILE", &options->archive.file, "An archive, one slice, or a check file")
         ->required();
 }
 
 void DeclareExport(CLI::App* command, Options* options) {
-    command->add_option("CHECKFILE", options->archive.file, "The check file of a set of slices")
-        ->type_name("FILE")
+    ArchiveRequest& archive = options->archive;
+    Add(command, "CHECKFILE", "FILE", &archive.file, "The check file of a set of slices")
         ->required();
-    command->add_option("OUT", options->archive.out, "The new archive, - for standard output")
-        ->type_name("FILE")
-        ->required();
+    Add(command, "OUT", "FILE", &archive.out, "The new archive, - for standard output")->required();
 }
 
 struct Subcommand {
@@ -146,42 +146,92 @@ struct Subcommand {
     const char* help;
     void (*declare)(CLI::App* command, Options* options);
     int (*run)(const Options& options);
+    const char* more;  // behind the options of its help
 };
 
 constexpr Subcommand kSubcommands[] = {
-    {"shell", "Send the lines of standard input to the library", DeclareShell, RunShellCommand},
-    {"backup", "Back up a file or a directory", DeclareTask, RunTaskCommand},
-    {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand},
-    {"move", "Move a directory's content", DeclareTask, RunTaskCommand},
-    {"brief", "List what a backup would hold", DeclareTask, RunTaskCommand},
-    {"list", "List the entries of an archive or a set of slices", DeclareArchive,
-     RunArchiveCommand<RunList>},
+    {"shell", "Send the lines of standard input to the library", DeclareShell, RunShellCommand,
+     R"(Each line of standard input is sent to the library in the current session. What comes back is
+printed as objects, or in words on a terminal. At its end the shell waits for the tasks of open
+sessions, 60 seconds at most.
+)"},
+    {"backup", "Back up a file or a directory", DeclareTask, RunTaskCommand,
+     R"(What is written is checked against SRC. A split backup pauses after each slice until the client
+has it; with --take each is moved to DIR then, so that DEST needs room for one slice.
+
+  peltexctl backup tar /data/data/com.app /data/data/bk --uid 10123
+  peltexctl backup split /data/data/com.app /data/data/bk --slice-size 64 --take /media/disk)"},
+    {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand,
+     R"(What is there afterwards is checked against SRC. A set of slices stays as it is, unless --consume
+asks for its removal. Nothing of DEST is removed before.
+
+  peltexctl restore tar /data/data/bk/com.app.tar /data/data/com.app --uid 10456
+  peltexctl restore split /data/data/bk/com.app.tar.txt /data/data/com.app --uid 10456)"},
+    {"move", "Move a directory's content", DeclareTask, RunTaskCommand,
+     R"(Each file is removed from SRC when it has been copied to DEST. Symbolic links are not moved and
+keep SRC from being removed, which fails the task.)"},
+    {"brief", "List what a backup would hold", DeclareTask, RunTaskCommand,
+     R"(A brief has a line PATH;MODE;TYPE;SIZE;TIME for each file and directory. The search file of
+"byfile" has lines [include]PATH and [exclude]PATH.)"},
+    {"list", "List the entries of an archive or a set of slices", DeclareArchive, RunArchiveCommand,
+     R"(A line for each entry, as of tar tv; a file that slices cut is one entry of its check file.)"},
     {"verify", "Tell whether an archive or a set of slices would come back whole", DeclareArchive,
-     RunArchiveCommand<RunVerify>},
+     RunArchiveCommand,
+     R"(A fault is something that would not come back as it was, a warning something that may be as it
+should. Where NAME.tar.sha256 is beside FILE, content is compared with its sums.)"},
     {"export", "Join a set of slices into one archive for any tar program", DeclareExport,
-     RunArchiveCommand<RunExport>},
+     RunArchiveCommand,
+     R"(The set is verified first. OUT is replaced when the new archive is whole.
+
+  peltexctl export com.app.tar.txt - | tar xf - -C DIR)"},
 };
+
+constexpr char kMore[] =
+    R"(Back up the data of an application, DIR being the /data of a device:
+  peltexctl --data DIR backup tar /data/data/com.app /data/data/bk
+Get the files out of slices that came from a device:
+  peltexctl export com.app.tar.txt com.app.tar && tar xf com.app.tar
+
+"peltexctl SUBCOMMAND --help" tells more, and man peltexctl most.
+
+Exit status:
+  0    done, and all of it is there
+  1    refused, failed or incomplete; an archive is not whole
+  2    the command line is wrong
+  3    no library, no /proc, or --data could not be mounted
+  130  ended by SIGINT, SIGTERM or SIGHUP
+)";
+
+// What stands behind the options of a subcommand's help.
+std::string FooterOf(const Subcommand& subcommand) {
+    std::string footer;
+    for (const TaskKind* kind : KindsOf(subcommand.name)) {
+        if (*kind->kind != '\0') {
+            footer += fmt::format("  {:<10}{}\n", kind->kind, kind->help);
+        }
+    }
+    footer = (footer.empty() ? "" : "Kinds:\n" + footer + "\n") + subcommand.more;
+    return subcommand.declare == DeclareShell ? footer + "\n" + ShellHelp() : footer;
+}
 
 void DeclareOptions(CLI::App* app, Options* options) {
     app->set_help_flag("-h,--help", "Print help and exit");
     app->set_version_flag("--version", "peltexctl " PELTEXCTL_VERSION,
                           "Print the version and exit");
-    app->add_option("--library", options->library, "The library to load, not the installed one")
-        ->type_name("FILE");
-    app->add_option("--data", options->data, "Show it as /data, to this process only (needs root)")
-        ->type_name("DIR");
-    app->add_option("--log", options->output.log, "Show the library's log from this priority on")
-        ->type_name("LEVEL")
+    Add(app, "--library", "FILE", &options->library, "The library to load, not the installed one");
+    Add(app, "--data", "DIR", &options->data,
+        "Show it as /data, to this process only (needs root)");
+    Add(app, "--log", "LEVEL", &options->output.log, "Show the library's log from this priority on")
         ->check(
             CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
     app->add_flag("--json", options->output.json, "Print JSON objects, one per line");
     app->add_flag("-q,--quiet", options->output.quiet, "Tell only what went wrong");
     app->require_subcommand(0, 1);
-    app->footer(HelpFooter(""));
+    app->footer(kMore);
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
         command->fallthrough();
-        command->footer(HelpFooter(row.name));
+        command->footer(FooterOf(row));
         row.declare(command, options);
     }
 }

@@ -6,14 +6,14 @@
 namespace peltexctl {
 
 struct ArchiveRequest {
-    std::string file;  // an archive, one slice, or a check file
-    std::string out;   // of an export; "-" for standard output
+    std::string subcommand;  // list, verify or export
+    std::string file;        // an archive, one slice, or a check file
+    std::string out;         // of an export; "-" for standard output
     bool quiet = false;
+    bool json = false;
 };
 
-// Each returns the program's exit status.
-int RunList(const ArchiveRequest& request, bool json);
-int RunVerify(const ArchiveRequest& request, bool json);
-int RunExport(const ArchiveRequest& request, bool json);
+// Returns the program's exit status.
+int RunArchive(const ArchiveRequest& request);
 
 }  // namespace peltexctl

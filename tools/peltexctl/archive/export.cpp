@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_archives.py.
+// Tested by tests/client/peltexctl.md.
 #include "archive/export.h"
 
 #include <fcntl.h>
@@ -10,9 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
-#include <stdexcept>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include "archive/new_file.h"
@@ -20,7 +18,6 @@
 #include "ui/exit_code.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
-#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -30,64 +27,63 @@ using namespace android::installd;
 
 constexpr uint64_t kLargestFile = 0xFFFFFFFFF;  // what twelve octal digits hold
 
+void Expect(bool is_so, const char* otherwise = "the set changed while it was read") {
+    if (!is_so) {
+        throw Failure(kTaskFailed, otherwise);
+    }
+}
+
 // Where the archive goes: into a new file beside `path`, which takes its place at the end, or
 // straight to standard output or what else is no regular file.
 class Output {
   public:
     explicit Output(const std::string& path) : path_(path) {}
 
-    bool Open() {
+    void Open() {
+        const std::string name = path_.substr(path_.rfind('/') + 1);
         if (path_ == "-") {
             fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
-            return fd_.isOpen();
+            return Require(fd_.isOpen());
         }
-        const size_t begin = path_.rfind('/') + 1;
-        const std::string name = path_.substr(begin);
-        directory_ = UniqueFd(open(begin == 0 ? "." : path_.substr(0, begin).c_str(),
-                                   O_PATH | O_DIRECTORY | O_CLOEXEC));
+        directory_ = DirectoryOf(path_);
         is_there_ = fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW) == 0;
         if (is_there_ && !S_ISREG(there_.st_mode) && !S_ISLNK(there_.st_mode)) {
             fd_ =
                 UniqueFd(openat(directory_.get(), name.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-            return fd_.isOpen();
+            return Require(fd_.isOpen());
         }
-        if (is_there_ && S_ISREG(there_.st_mode)) {
-            mode_ &= there_.st_mode;
-        }
-        return file_.Create(directory_.get(), name);
+        mode_ &= is_there_ && S_ISREG(there_.st_mode) ? there_.st_mode : 0777;
+        Require(file_.Create(directory_.get(), name));
     }
 
     // Heeds a file that the archive is made of: who cannot read it must not be able to read that
-    // either. Returns false when it is the file whose place the archive would take.
-    bool Heed(const ArchiveFile& source) {
+    // either. And the archive must not take its place.
+    void Heed(const ArchiveFile& source) {
         struct stat info = {};
-        if (fstat(source.fd(), &info) != 0) {
-            return false;
-        }
+        Require(fstat(source.fd(), &info) == 0);
         mode_ &= info.st_mode;
         struct stat own = {};
         if (file_.fd() != -1 && fstat(file_.fd(), &own) == 0 && own.st_gid != info.st_gid) {
             mode_ &= (info.st_mode & 07) << 3 | 0707;
         }
-        return !is_there_ || info.st_dev != there_.st_dev || info.st_ino != there_.st_ino;
+        Expect(!is_there_ || info.st_dev != there_.st_dev || info.st_ino != there_.st_ino,
+               "the output is part of the set itself");
     }
 
     void Write(std::string_view bytes) {
         const int fd = file_.fd() != -1 ? file_.fd() : fd_.get();
         while (!bytes.empty()) {
             const ssize_t count = write(fd, bytes.data(), bytes.size());
-            if (count == -1 && errno != EINTR) {
-                throw std::system_error(errno, std::generic_category(), "cannot write the archive");
-            }
+            Require(count != -1 || errno == EINTR);
             bytes.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
         }
     }
 
     // Makes it be there under its name.
-    bool Finish() {
+    void Finish() {
         const mode_t mask = umask(0);
         umask(mask);
-        return file_.fd() == -1 || file_.Finish(mode_ & 0666 & ~mask);
+        Require(file_.fd() == -1 || file_.Finish(mode_ & 0666 & ~mask));
     }
 
     [[noreturn]] void Interrupt() {
@@ -98,6 +94,11 @@ class Output {
     }
 
   private:
+    void Require(bool is_done) const {
+        peltexctl::Require(is_done,
+                           path_ == "-" ? "cannot write the archive" : "cannot write " + path_);
+    }
+
     const std::string path_;
     UniqueFd directory_;
     UniqueFd fd_;  // of what is no new file
@@ -107,30 +108,19 @@ class Output {
     mode_t mode_ = 0777;
 };
 
-void Expect(bool is_so, const char* otherwise = "the set changed while it was read") {
-    if (!is_so) {
-        throw std::runtime_error(otherwise);
-    }
-}
-
 class Exporter {
   public:
-    Exporter(const ArchiveSet& set, const std::function<void(uint64_t done)>& progress,
-             Output* output)
-        : set_(set), progress_(progress), output_(*output) {}
+    Exporter(const ArchiveSet& set, Output* output) : set_(set), output_(*output) {}
 
     void Run() {
-        constexpr char kIsInput[] = "the output is part of the set itself";
-        Expect(output_.Heed(set_.file()), kIsInput);
+        output_.Heed(set_.file());
         for (size_t i = 0; i < set_.size(); i++) {
-            std::string error;
-            const std::optional<ArchiveFile> file = set_.OpenSlice(i, &error);
-            Expect(file.has_value());
-            Expect(output_.Heed(*file), kIsInput);
-            ArchiveReader reader(*file);
+            const ArchiveFile file = Slice(i);
+            output_.Heed(file);
+            ArchiveReader reader(file);
             for (ArchiveEntry entry; reader.Next(&entry);) {
                 if (entry.IsRestored()) {
-                    CopyEntry(*file, i, entry, reader.header());
+                    CopyEntry(file, i, entry, reader.header());
                 }
             }
             Expect(reader.end() == ArchiveEnd::kEndBlocks);
@@ -140,6 +130,13 @@ class Exporter {
     }
 
   private:
+    ArchiveFile Slice(size_t index) const {
+        std::string error;
+        std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
+        Expect(file.has_value());
+        return *file;
+    }
+
     void FillBlock(uint64_t size) {
         output_.Write(std::string((kBlockSize - size % kBlockSize) % kBlockSize, '\0'));
     }
@@ -154,15 +151,13 @@ class Exporter {
             WriteHeader(header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
         }
         Expect(entry.size <= left_);
-        for (uint64_t done = 0; done < entry.size;) {
-            const auto count =
-                static_cast<size_t>(std::min<uint64_t>(entry.size - done, buffer_.size()));
+        left_ -= entry.size;
+        for (uint64_t done = 0, count = 0; done < entry.size; done += count) {
+            count = std::min<uint64_t>(entry.size - done, buffer_.size());
             Expect(file.ReadAt(entry.data_offset + done, buffer_.data(), count));
             output_.Write({buffer_.data(), count});
-            done += count;
-            progress_(done_ += count);
+            file.Reached(entry.data_offset + done);
         }
-        left_ -= entry.size;
         if (left_ == 0) {
             FillBlock(size_);
         }
@@ -172,16 +167,14 @@ class Exporter {
     // of the parts that the next slices begin with.
     uint64_t WholeSize(size_t index, const ArchiveEntry& entry) const {
         uint64_t size = entry.size;
-        bool goes_on = entry.FillsSlice();
-        for (size_t i = index + 1; goes_on && i < set_.size(); i++) {
-            std::string error;
-            const std::optional<ArchiveFile> file = set_.OpenSlice(i, &error);
-            ArchiveEntry part;
-            if (!file || !ArchiveReader(*file).Next(&part) || !part.Continues()) {
+        ArchiveEntry part = entry;
+        while (part.FillsSlice() && ++index < set_.size()) {
+            ArchiveFile file = Slice(index);
+            file.SetProgress(nullptr, 0);
+            if (!ArchiveReader(file).Next(&part) || !part.Continues()) {
                 break;
             }
             size += part.size;
-            goes_on = part.FillsSlice();
         }
         return size;
     }
@@ -210,36 +203,21 @@ class Exporter {
     }
 
     const ArchiveSet& set_;
-    const std::function<void(uint64_t done)>& progress_;
     Output& output_;
     std::vector<char> buffer_ = std::vector<char>(kContentChunk);
     uint64_t size_ = 0;  // content of the file at hand
     uint64_t left_ = 0;  // and what of it further parts bring
-    uint64_t done_ = 0;
 };
 
 }  // namespace
 
-bool ExportSet(const ArchiveSet& set, const std::string& out,
-               const std::function<void(uint64_t done)>& progress, std::string* error) {
-    if (out == "-" && isatty(STDOUT_FILENO) == 1) {
-        *error = "no archive is written to a terminal";
-        return false;
-    }
+void ExportSet(const ArchiveSet& set, const std::string& out) {
+    Expect(out != "-" || isatty(STDOUT_FILENO) != 1, "no archive is written to a terminal");
     Output output(out);
     const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
-    try {
-        if (output.Open()) {
-            Exporter(set, progress, &output).Run();
-            if (output.Finish()) {
-                return true;
-            }
-        }
-        *error = fmt::format("cannot write {}: {}", out, ErrorText(errno));
-    } catch (const std::exception& failure) {
-        *error = failure.what();
-    }
-    return false;
+    output.Open();
+    Exporter(set, &output).Run();
+    output.Finish();
 }
 
 }  // namespace peltexctl

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_archives.py.
+// Tested by tests/client/peltexctl.md.
 #include "archive/reader.h"
 
 #include <fcntl.h>
@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -62,6 +63,10 @@ std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& n
     return file;
 }
 
+UniqueFile ArchiveFile::Stream() const {
+    return UniqueFile(fdopen(fcntl(fd(), F_DUPFD_CLOEXEC, 0), "re"));
+}
+
 bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
     return offset <= size_ && size <= size_ - offset &&
            pread(fd(), buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
@@ -109,6 +114,27 @@ const char* DescribeEnd(ArchiveEnd end) {
     return kWords[static_cast<size_t>(end)];
 }
 
+const TypeWords& WordsOf(char type) {
+    static constexpr TypeWords kWords[] = {
+        {TYPE_REGULAR, '-', ""},
+        {TYPE_SYMLINK, 'l', ""},
+        {TYPE_DIRECTORY, 'd', ""},
+        {TYPE_FIRST_PART, '-', "first part"},
+        {TYPE_MIDDLE_PART, '-', "middle part"},
+        {TYPE_LAST_PART, '-', "last part"},
+        {'1', 'h', "hard link"},
+        {'3', 'c', "device"},
+        {'4', 'b', "device"},
+        {'6', 'p', "FIFO"},
+        {'g', '?', "extended header"},
+        {'x', '?', "extended header"},
+        {'V', '?', "volume label"},
+        {'\0', '?', "entry of an unknown type"},
+    };
+    return *std::find_if(std::begin(kWords), std::end(kWords) - 1,
+                         [type](const TypeWords& row) { return row.type == type; });
+}
+
 bool IsHeaderAt(const ArchiveFile& file, uint64_t offset) {
     TarBlock block;
     return file.ReadAt(offset, &block.header, kBlockSize) && IsHeader(block);
@@ -135,56 +161,48 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
     return false;
 }
 
-// Headers of small entries lie close together: they are read along with the first.
-bool ArchiveReader::Read(uint64_t offset, void* buffer, size_t size) {
-    constexpr uint64_t kWindow = 16384;
-    const auto is_there = [&] {
-        return offset >= window_offset_ && offset - window_offset_ <= window_.size() &&
-               size <= window_.size() - (offset - window_offset_);
-    };
-    if (!is_there() && offset <= file_.size()) {
-        window_offset_ = offset;
-        window_.resize(std::min(kWindow, file_.size() - offset));
-        const ssize_t count =
-            pread(file_.fd(), window_.data(), window_.size(), static_cast<off_t>(offset));
-        window_.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    }
-    const bool is_read = is_there();
-    if (is_read) {
-        std::memcpy(buffer, window_.data() + (offset - window_offset_), size);
-    }
-    return is_read;
-}
-
 // Reads a block that is a header; otherwise this is the end.
 bool ArchiveReader::ReadHeader() {
     if (end_ != ArchiveEnd::kNotYet) {
         return false;
     }
     block_offset_ = position_;
-    if (!Read(position_, &block_.header, kBlockSize)) {
+    const char* const bytes = BytesAt(position_, kBlockSize);
+    if (bytes == nullptr) {
         return Finish(ArchiveEnd::kNoEndBlocks);
     }
+    std::memcpy(&block_.header, bytes, kBlockSize);
     position_ += kBlockSize;
     if (*block_.bytes() == '\0') {
-        char second = 'x';
-        const bool ended = Read(position_ + kBlockSize - 1, &second, 1) &&
-                           Read(position_, &second, 1) && second == '\0';
-        return Finish(ended ? ArchiveEnd::kEndBlocks : ArchiveEnd::kLoneZeroBlock);
+        const char* const second = BytesAt(position_, kBlockSize);
+        return Finish(second != nullptr && *second == '\0' ? ArchiveEnd::kEndBlocks
+                                                           : ArchiveEnd::kLoneZeroBlock);
     }
     return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
 }
 
+// Bytes of the file, until the next call; null where they are not all there. Reads up to the end of
+// a page: headers of small entries lie close together, and what is behind others is content.
+const char* ArchiveReader::BytesAt(uint64_t offset, uint64_t size) {
+    if (offset < window_begin_ || offset + size > window_end_) {
+        const uint64_t end = (offset + size + kPage - 1) / kPage * kPage;
+        const ssize_t count = pread(file_.fd(), window_.get(), std::min(end, file_.size()) - offset,
+                                    static_cast<off_t>(offset));
+        file_.Reached(offset);
+        window_begin_ = offset;
+        window_end_ = offset + static_cast<uint64_t>(std::max<ssize_t>(count, 0));
+    }
+    return offset + size <= window_end_ ? window_.get() + (offset - window_begin_) : nullptr;
+}
+
 // A restore passes over a record of more bytes than a path has.
 void ArchiveReader::TakeRecord(std::optional<std::string>* text, std::string_view what) {
-    const uint64_t size =
-        NumberAt(offsetof(tar_header, size), sizeof(tar_header::size), UINT64_MAX, "size");
-    char buffer[kTarPathSize] = {};
+    const uint64_t size = Number(block_.header.size, UINT64_MAX, "size");
     text->reset();
     if (size >= kTarPathSize) {
         misread_ = what;
-    } else if (Read(position_, buffer, static_cast<size_t>(size))) {
-        *text = buffer;
+    } else if (const char* const bytes = BytesAt(position_, size)) {
+        text->emplace(bytes, strnlen(bytes, size));
     }
     SkipContent(size);
 }
@@ -194,30 +212,25 @@ void ArchiveReader::FillEntry(ArchiveEntry* entry) {
     const bool is_link = header.typeflag == TYPE_SYMLINK || header.typeflag == '1';
     entry->type =
         header.typeflag == TYPE_REGULAR_OLD ? static_cast<char>(TYPE_REGULAR) : header.typeflag;
-    entry->mode = static_cast<uint32_t>(
-        NumberAt(offsetof(tar_header, mode), sizeof(header.mode), 07777, "mode") & 07777);
-    entry->uid = NumberAt(offsetof(tar_header, uid), sizeof(header.uid), UINT32_MAX, "uid");
-    entry->gid = NumberAt(offsetof(tar_header, gid), sizeof(header.gid), UINT32_MAX, "gid");
-    entry->mtime = NumberAt(offsetof(tar_header, mtime), sizeof(header.mtime), 0, "");
+    entry->mode = static_cast<uint32_t>(Number(header.mode, 07777, "mode") & 07777);
+    entry->uid = Number(header.uid, UINT32_MAX, "uid");
+    entry->gid = Number(header.gid, UINT32_MAX, "gid");
+    entry->mtime = Number(header.mtime, 0, "");
     // Links and directories have no content, whatever their size says.
     const bool has_content = entry->type != TYPE_SYMLINK && entry->type != TYPE_DIRECTORY;
-    entry->size =
-        has_content ? NumberAt(offsetof(tar_header, size), sizeof(header.size), UINT64_MAX, "size")
-                    : 0;
+    entry->size = has_content ? Number(header.size, UINT64_MAX, "size") : 0;
     entry->data_offset = position_;
-    // Other programs put the front of a long name into the prefix; theirs is the other version.
-    const std::string_view marks(block_.bytes() + offsetof(tar_header, magic), 8);
-    if (!long_name_ && header.prefix[0] != '\0' &&
-        marks == std::string_view("ustar\0"
-                                  "00",
-                                  8)) {
-        misread_ = "name";
+    if (!is_link) {
+        entry->link.clear();
+    } else {
+        entry->link = long_link_ ? std::string_view(*long_link_) : block_.linkName();
     }
-    entry->link = !is_link     ? std::string_view()
-                  : long_link_ ? std::string_view(*long_link_)
-                               : block_.linkName();
-    // A restore reads on behind a field that is full.
-    if (!long_name_ && entry->name.size() >= sizeof(header.name)) {
+    // Other programs put the front of a long name into the prefix, with both digits of the version;
+    // and a restore reads on behind a field that is full.
+    const bool has_prefix = header.prefix[0] != '\0' &&
+                            std::memcmp(header.magic, "ustar", 6) == 0 &&
+                            std::memcmp(header.version, "00", sizeof(header.version)) == 0;
+    if (!long_name_ && (has_prefix || entry->name.size() >= sizeof(header.name))) {
         misread_ = "name";
     }
     if (!long_link_ && entry->link.size() >= sizeof(header.linkname)) {
@@ -231,17 +244,16 @@ void ArchiveReader::FillEntry(ArchiveEntry* entry) {
 
 // The field as a restore reads it: one without a digit takes its value from what follows. Makes a
 // note when the bits of `mask`, those that are used, say something else to other programs.
-uint64_t ArchiveReader::NumberAt(size_t offset, size_t width, uint64_t mask,
-                                 std::string_view what) {
-    const char* const field = block_.bytes() + offset;
-    const char* const end = field + width;
+template <size_t kWidth>
+uint64_t ArchiveReader::Number(const char (&field)[kWidth], uint64_t mask, std::string_view what) {
     // To others, digits follow on spaces, nothing is 0, and the first bit marks a binary number.
+    const char* const end = field + kWidth;
     const char* const begin = std::find_if(field, end, [](char byte) { return byte != ' '; });
     uint64_t standard = 0;
     if (std::from_chars(begin, end, standard, 8).ec == std::errc() && begin == field) {
         return standard;
     }
-    const uint64_t value = ParseOctalStr(field, width);
+    const uint64_t value = ParseOctalStr(field, kWidth);
     if (mask != 0 && ((*field & 0x80) != 0 || ((standard ^ value) & mask) != 0)) {
         misread_ = what;
     }

@@ -5,18 +5,30 @@
 // Not thread-safe: each object belongs to one thread.
 #pragma once
 
+#include <fcntl.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/file_handles.h"
 #include "tar/tar_header.h"
 
 namespace peltexctl {
+
+// The directory that `path` is in, for openat() and the like; not open where there is none.
+inline android::installd::UniqueFd DirectoryOf(const std::string& path) {
+    const size_t length = path.rfind('/') + 1;  // 0 where there is no slash
+    return android::installd::UniqueFd(
+        open(length == 0 ? "." : path.substr(0, length).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+// Hears how many bytes are done.
+using ProgressSink = std::function<void(uint64_t done)>;
 
 // A regular file that is open for reading, as long as there is a copy of this.
 class ArchiveFile {
@@ -29,6 +41,8 @@ class ArchiveFile {
     // In bytes, as it was when the file was opened.
     uint64_t size() const { return size_; }
     int fd() const { return fd_->get(); }
+    // A stream of its own, from the beginning on; null on failure.
+    android::installd::UniqueFile Stream() const;
 
     // Fills `buffer` from `offset` on. Returns false when fewer than `size` bytes are there or they
     // cannot be read; the buffer is undefined then.
@@ -38,9 +52,23 @@ class ArchiveFile {
     // none. Holes are not read. Nothing when it cannot be read.
     std::optional<uint64_t> FindNonZero(uint64_t offset) const;
 
+    // `sink`, which must outlive the file, hears of what is read, `begin` bytes being done before.
+    void SetProgress(const ProgressSink* sink, uint64_t begin) {
+        progress_ = sink;
+        begin_ = begin;
+    }
+    // To be called by who has come to `offset`.
+    void Reached(uint64_t offset) const {
+        if (progress_ != nullptr) {
+            (*progress_)(begin_ + offset);
+        }
+    }
+
   private:
     std::shared_ptr<const android::installd::UniqueFd> fd_;
     uint64_t size_ = 0;
+    const ProgressSink* progress_ = nullptr;
+    uint64_t begin_ = 0;
 };
 
 struct ArchiveEntry {
@@ -89,6 +117,14 @@ enum class ArchiveEnd {
 };
 const char* DescribeEnd(ArchiveEnd end);
 
+// A type for people.
+struct TypeWords {
+    char type;
+    char letter;       // as `ls -l` begins a line
+    const char* name;  // such as "hard link"; empty for a file, link or directory
+};
+const TypeWords& WordsOf(char type);
+
 // Whether the block at `offset` is a header.
 bool IsHeaderAt(const ArchiveFile& file, uint64_t offset);
 
@@ -115,18 +151,22 @@ class ArchiveReader {
     static constexpr size_t kLongestName = android::installd::kTarPathSize - 3;
 
   private:
-    bool Read(uint64_t offset, void* buffer, size_t size);
     bool ReadHeader();
+    const char* BytesAt(uint64_t offset, uint64_t size);
     void TakeRecord(std::optional<std::string>* text, std::string_view what);
     void FillEntry(ArchiveEntry* entry);
-    uint64_t NumberAt(size_t offset, size_t width, uint64_t mask, std::string_view what);
+    template <size_t kWidth>
+    uint64_t Number(const char (&field)[kWidth], uint64_t mask, std::string_view what);
     bool SkipContent(uint64_t size);
     bool Finish(ArchiveEnd end);
 
+    static constexpr size_t kPage = 4096;
+
     const ArchiveFile& file_;
     const size_t name_room_;
-    std::vector<char> window_;  // the bytes of the file from `window_offset_` on
-    uint64_t window_offset_ = 0;
+    const std::unique_ptr<char[]> window_{new char[2 * kPage]};
+    uint64_t window_begin_ = 0;  // of what the window holds of the file
+    uint64_t window_end_ = 0;
     android::installd::TarBlock block_;
     uint64_t block_offset_ = 0;
     uint64_t position_ = 0;

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_archives.py.
+// Tested by tests/client/peltexctl.md.
 #include "archive/set.h"
 
 #include <fcntl.h>
@@ -6,9 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
-#include <system_error>
 
 #include "ui/text.h"
 
@@ -36,48 +34,33 @@ bool IsCheckFile(std::string_view content, std::string_view name) {
            content.substr(0, content.find('\n')).find('|') != std::string_view::npos;
 }
 
+}  // namespace
+
 bool NamesSlice(std::string_view name) {
     const size_t dot = name.rfind('.');
     return dot != std::string_view::npos && dot + 1 < name.size() &&
            name.find_first_not_of("0123456789", dot + 1) == std::string_view::npos;
 }
 
-// The decimal number that is all of `text`, without a sign, spaces or zeros in front: whatever else
-// is a number to a restore, it is one of another value.
-std::optional<uint64_t> PlainNumber(std::string_view text) {
-    int64_t value = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    const bool is_plain = !text.empty() && text[0] != '-' && (text[0] != '0' || text.size() == 1);
-    return is_plain && error == std::errc() && stop == end
-               ? std::optional(static_cast<uint64_t>(value))
-               : std::nullopt;
-}
-
-}  // namespace
-
 // Takes a check file line by line, as a restore does. Returns what is wrong with it, in words, up
 // to the first such line; empty when nothing is.
 std::string ArchiveSet::ReadCheckFile() {
-    const UniqueFile stream(fdopen(fcntl(file_.fd(), F_DUPFD_CLOEXEC, 0), "re"));
+    const UniqueFile stream = file_.Stream();
     char line[kMaxLine + 1] = {};
     uint64_t taken = 0;
     while (stream != nullptr && fgets(line, sizeof(line), stream.get()) != nullptr) {
         std::string_view text = line;
         taken += text.size();
         const bool ends = !text.empty() && text.back() == '\n';
-        if (!ends && taken != file_.size()) {
-            return fmt::format(
-                "line {} has a NUL, or more than 2,046 bytes, so that a restore takes "
-                "it in pieces",
-                sizes_.size() + 1);
-        }
         text.remove_suffix(ends ? 1 : 0);
-        const std::string fault = sizes_.size() == kMostSlices || taken > kLargestCheckFile
-                                      ? "is more than 100,000 lines and 32 MiB can hold"
-                                      : TakeLine(text);
+        const std::string fault =
+            !ends && taken != file_.size()
+                ? "has a NUL, or more than 2,046 bytes, so that a restore takes it in pieces"
+            : size() == kMostSlices || taken > kLargestCheckFile
+                ? "is more than 100,000 lines and 32 MiB can hold"
+                : TakeLine(text);
         if (!fault.empty()) {
-            return fmt::format("line {} {}", sizes_.size() + 1, fault);
+            return fmt::format("line {} {}", size() + 1, fault);
         }
     }
     return taken != file_.size() ? "cannot be read" : taken == 0 ? "lists no slice" : "";
@@ -86,32 +69,31 @@ std::string ArchiveSet::ReadCheckFile() {
 std::string ArchiveSet::TakeLine(std::string_view line) {
     const size_t bar = std::min(line.rfind('|'), line.size());
     const std::string_view name = line.substr(0, bar);
-    const auto size = PlainNumber(line.substr(std::min(bar + 1, line.size())));
-    if (!size || name.empty()) {
+    const std::string_view digits = line.substr(std::min(bar + 1, line.size()));
+    const auto length = ParseNumber<int64_t>(digits);
+    // Whatever else is a number to a restore, with a sign or zeros in front, is another one to it.
+    if (!length || digits[0] == '-' || (digits[0] == '0' && digits.size() > 1) || name.empty()) {
         return fmt::format("is not NAME|SIZE with a size in plain decimal digits: {}",
                            line.substr(0, 300));
     }
     if (name.find('/') != std::string_view::npos) {
         return fmt::format("names a file elsewhere: {}", name);
     }
-    if (sizes_.empty()) {
+    if (ends_.empty()) {
         base_ = name.substr(0, name.rfind('.'));
     }
     // Slices are numbered from 0 on, so no name is there twice.
-    if (const std::string expected = NameOf(sizes_.size()); name != expected) {
+    if (const std::string expected = NameOf(size()); name != expected) {
         return fmt::format("lists {} where {} should be", name, expected);
     }
-    sizes_.push_back(*size);
+    ends_.push_back(TotalSize() + static_cast<uint64_t>(*length));
     return "";
 }
 
 std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const FindingSink& sink,
                                            std::string* error) {
-    const size_t slash = path.rfind('/');
-    const size_t begin = slash == std::string::npos ? 0 : slash + 1;
-    UniqueFd directory(
-        open(begin == 0 ? "." : path.substr(0, begin).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    std::string name = path.substr(begin);
+    UniqueFd directory = DirectoryOf(path);
+    std::string name = path.substr(path.rfind('/') + 1);
     std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
     std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
     if (!file || !file->ReadAt(0, content.data(), content.size())) {
@@ -124,12 +106,13 @@ std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const Findin
     set.directory_ = std::move(directory);
     if (!IsCheckFile(content, set.name_)) {
         set.kind_ = NamesSlice(set.name_) ? Kind::kSlice : Kind::kArchive;
+        set.ends_ = {set.file_.size()};
         return set;
     }
     set.kind_ = Kind::kCheckFile;
     if (const std::string fault = set.ReadCheckFile(); !fault.empty()) {
         sink({Severity::kFault, set.name_, "", fault});
-        set.sizes_.clear();
+        set.ends_.clear();
     } else if (const std::string next = set.NameOf(set.size());
                faccessat(set.directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
         sink({Severity::kWarning, next, "", "is there but not listed"});
@@ -142,8 +125,57 @@ std::string ArchiveSet::NameOf(size_t index) const {
 }
 
 std::optional<ArchiveFile> ArchiveSet::OpenSlice(size_t index, std::string* error) const {
-    return is_check_file() ? ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error)
-                           : file_;
+    std::optional<ArchiveFile> file =
+        is_check_file() ? ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error) : file_;
+    if (file && progress_) {
+        file->SetProgress(&progress_, BeginOf(index));
+    }
+    return file;
+}
+
+void PartJoiner::Take(const ArchiveEntry& entry, bool is_first) {
+    if (cut_ && is_first && entry.Continues() && entry.name == cut_->name) {
+        cut_->size += entry.size;
+    } else {
+        Finish();
+        if (!joins_ || entry.type != TYPE_FIRST_PART) {
+            visit_(entry);
+            return;
+        }
+        cut_ = entry;
+        cut_->type = TYPE_REGULAR;
+    }
+    if (!entry.FillsSlice()) {
+        Finish();
+    }
+}
+
+void PartJoiner::Finish() {
+    if (cut_) {
+        visit_(*cut_);
+        cut_.reset();
+    }
+}
+
+void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit) {
+    PartJoiner joiner(set, visit);
+    for (size_t i = 0; i < set.size(); i++) {
+        std::string error;
+        const std::optional<ArchiveFile> file = set.OpenSlice(i, &error);
+        if (!file) {
+            sink({Severity::kFault, set.NameOf(i), "", error});
+            continue;
+        }
+        ArchiveReader reader(*file);
+        ArchiveEntry entry;
+        for (bool is_first = true; reader.Next(&entry); is_first = false) {
+            joiner.Take(entry, is_first);
+        }
+        if (reader.end() != ArchiveEnd::kEndBlocks) {
+            sink({Severity::kFault, set.NameOf(i), entry.name, DescribeEnd(reader.end())});
+        }
+    }
+    joiner.Finish();
 }
 
 }  // namespace peltexctl

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "archive/reader.h"
@@ -34,11 +35,14 @@ struct Finding {
 
 using FindingSink = std::function<void(const Finding&)>;
 
+// Whether a name is that of a slice: it ends in a dot and a number.
+bool NamesSlice(std::string_view name);
+
 class ArchiveSet {
   public:
     enum class Kind {
         kArchive,
-        kSlice,  // one slice without its set: a name that ends in a dot and a number
+        kSlice,  // one slice without its set
         kCheckFile,
     };
 
@@ -58,14 +62,20 @@ class ArchiveSet {
     const ArchiveFile& file() const { return file_; }
 
     // The slices; of an archive or a single slice, itself alone.
-    size_t size() const { return is_check_file() ? sizes_.size() : 1; }
+    size_t size() const { return ends_.size(); }
     std::string NameOf(size_t index) const;
-    uint64_t SizeOf(size_t index) const { return is_check_file() ? sizes_[index] : file_.size(); }
-    // On failure returns nothing and says why in `error`.
+    // In bytes, as the check file says: of one, and of all.
+    uint64_t SizeOf(size_t index) const { return ends_[index] - BeginOf(index); }
+    uint64_t TotalSize() const { return BeginOf(size()); }
+    // On failure returns nothing and says why in `error`. The set must outlive the slice.
     std::optional<ArchiveFile> OpenSlice(size_t index, std::string* error) const;
+
+    // Whoever reads the slices from now on tells `sink` how far it is, in bytes of all of them.
+    void SetProgress(ProgressSink sink) { progress_ = std::move(sink); }
 
   private:
     explicit ArchiveSet(ArchiveFile file) : file_(std::move(file)) {}
+    uint64_t BeginOf(size_t index) const { return index == 0 ? 0 : ends_[index - 1]; }
     std::string ReadCheckFile();
     std::string TakeLine(std::string_view line);
 
@@ -74,8 +84,32 @@ class ArchiveSet {
     std::string name_;
     android::installd::UniqueFd directory_;
     ArchiveFile file_;
-    std::string base_;  // slices are named BASE.0, BASE.1 and so on
-    std::vector<uint64_t> sizes_;
+    std::string base_;            // slices are named BASE.0, BASE.1 and so on
+    std::vector<uint64_t> ends_;  // of the slices, were they one file
+    ProgressSink progress_;
 };
+
+using EntryVisitor = std::function<void(const ArchiveEntry&)>;
+
+// Gives the entries of a set on, each cut file as one, as soon as its last part is known.
+class PartJoiner {
+  public:
+    // Outside a set, parts are given as they are.
+    PartJoiner(const ArchiveSet& set, EntryVisitor visit)
+        : joins_(set.is_check_file()), visit_(std::move(visit)) {}
+
+    // Every entry of every slice, in order, and then Finish(). `is_first` of its slice.
+    void Take(const ArchiveEntry& entry, bool is_first);
+    void Finish();
+
+  private:
+    const bool joins_;
+    const EntryVisitor visit_;
+    std::optional<ArchiveEntry> cut_;  // more of it may follow
+};
+
+// Gives each entry to `visit`, in order, a cut file once with its whole size, and to `sink` a fault
+// for each slice that does not end as it should.
+void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit);
 
 }  // namespace peltexctl

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "archive/set.h"
-#include "base/file_handles.h"
 
 namespace peltexctl {
 
@@ -20,25 +19,26 @@ std::string SumsName(const std::string& name);
 // To be used by one thread at a time.
 class Summer {
   public:
-    // `file` is open for reading; `name` is what the sums' file calls it. Waits for the one before.
-    void Add(android::installd::UniqueFd file, const std::string& name);
+    // Begins with the file `name` of `directory`, which is no link. Waits for the one before.
+    // Returns why it cannot be read, empty when it can.
+    std::string Add(int directory, const std::string& name);
 
     // Waits for all sums, then writes them to `name` in `directory`, in place of one that is there,
-    // with owner and mode of `like`. On failure nothing is left, and one line is in `error`.
-    bool Finish(int directory, const std::string& name, const struct stat& like,
-                std::string* error);
+    // with owner and mode of the last file. On failure nothing is left, and one line is in `error`.
+    bool Finish(int directory, const std::string& name, std::string* error);
 
   private:
     void Collect();
 
     std::string name_;
+    struct stat last_ = {};
     std::future<std::string> sum_;
     std::string lines_;
     std::string error_;
 };
 
 // Compares the files of `set` with their sums, where there is a file of them; what differs is a
-// fault. Returns how many faults there were. Reads everything.
-uint64_t CheckSums(const ArchiveSet& set, const FindingSink& sink);
+// fault. Reads everything.
+void CheckSums(const ArchiveSet& set, const FindingSink& sink);
 
 }  // namespace peltexctl

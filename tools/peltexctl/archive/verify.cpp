@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_archives.py.
+// Tested by tests/client/test_verdicts.py and peltexctl.md.
 #include "archive/verify.h"
 
 #include <fmt/format.h>
@@ -10,8 +10,6 @@
 #include <string_view>
 #include <unordered_map>
 #include <vector>
-
-#include "archive/listing.h"
 
 namespace peltexctl {
 
@@ -52,7 +50,7 @@ std::string_view LastComponent(const ArchiveEntry& entry) {
 
 // Gives what a restore makes of an entry to `visit`, but for the destination itself.
 EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
-    return [&visit](const ArchiveEntry& entry) {
+    return [visit](const ArchiveEntry& entry) {
         const char type = entry.IsFile() ? static_cast<char>(TYPE_REGULAR) : entry.type;
         if (entry.IsRestored() && !entry.path.empty()) {
             visit({entry.path, type, entry.size, entry.link, ArchivedMode(type, entry.mode)});
@@ -70,6 +68,10 @@ enum class PathMark { kAny, kLink, kDirectory };
 // certain, and one in some hundred of the others, which are looked at a second time.
 class PathFilter {
   public:
+    // For an archive of so many bytes: an entry takes one block of it at least.
+    explicit PathFilter(uint64_t archive_size)
+        : words_(std::clamp<uint64_t>(archive_size / 1024, size_t{1} << 10, size_t{1} << 18)) {}
+
     // Returns whether it may have been there before.
     bool Add(std::string_view path, PathMark mark) { return Meet(path, mark, true); }
     bool MayHave(std::string_view path, PathMark mark) { return Meet(path, mark, false); }
@@ -77,9 +79,9 @@ class PathFilter {
   private:
     bool Meet(std::string_view path, PathMark mark, bool adds) {
         const uint64_t hash = kHashOf(path) + static_cast<uint64_t>(mark) * 0x9E3779B97F4A7C15;
-        uint64_t bit = hash;
         bool is_there = true;
-        for (int i = 0; i < 4; i++, bit += (hash >> 32) | 1) {
+        for (uint64_t i = 0; i < 4 && (is_there || adds); i++) {
+            const uint64_t bit = hash + i * ((hash >> 32) | 1);
             uint64_t& word = words_[bit / 64 % words_.size()];
             const uint64_t mask = uint64_t{1} << (bit % 64);
             is_there = is_there && (word & mask) != 0;
@@ -88,7 +90,7 @@ class PathFilter {
         return is_there;
     }
 
-    std::vector<uint64_t> words_ = std::vector<uint64_t>(size_t{1} << 18);
+    std::vector<uint64_t> words_;
 };
 
 class SetVerifier {
@@ -97,13 +99,10 @@ class SetVerifier {
         : set_(set),
           destination_(destination.empty() || destination.back() == '/' ? destination
                                                                         : destination + "/"),
-          name_room_(destination_.empty()
-                         ? ArchiveReader::kLongestName
-                         : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1)),
           sink_(sink),
           begin_known_(set.is_check_file()) {}
 
-    Verdict Run() {
+    Tally Run() {
         for (size_t i = 0; i < set_.size(); i++) {
             slice_ = set_.NameOf(i);
             CheckSlice(i);
@@ -115,22 +114,17 @@ class SetVerifier {
             CheckLastSliceFull();
         }
         LookAgain();
-        return verdict_;
+        return tally_;
     }
 
   private:
     enum class Met { kNot, kLink, kOther };
 
-    void Tell(Severity severity, const std::string& slice, const std::string& entry,
-              const std::string& message) {
-        verdict_.faults += severity == Severity::kWarning ? 0 : 1;
-        sink_({severity, slice, entry, message});
-    }
     void Warn(const std::string& entry, const std::string& message) {
-        Tell(Severity::kWarning, slice_, entry, message);
+        sink_({Severity::kWarning, slice_, entry, message});
     }
     void Fault(const std::string& entry, const std::string& message) {
-        Tell(Severity::kFault, slice_, entry, message);
+        sink_({Severity::kFault, slice_, entry, message});
     }
 
     void CheckSlice(size_t index) {
@@ -143,10 +137,14 @@ class SetVerifier {
             return;
         }
         const bool has_size = CheckSize(*file, index);
-        ArchiveReader reader(*file, name_room_);
+        ArchiveReader reader(
+            *file, destination_.empty()
+                       ? ArchiveReader::kLongestName
+                       : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1));
         ArchiveEntry entry;
         for (is_first_ = true; reader.Next(&entry); is_first_ = false) {
-            CheckEntry(*file, entry);
+            CheckEntry(entry);
+            CheckPart(*file, entry);
             joiner_.Take(entry, is_first_);
         }
         // What of the end follows from such a size goes without saying.
@@ -171,20 +169,21 @@ class SetVerifier {
         return is_listed && file.size() % kBlockSize == 0;
     }
 
-    void CheckEntry(const ArchiveFile& file, const ArchiveEntry& entry) {
+    void CheckEntry(const ArchiveEntry& entry) {
         if (!entry.misread.empty()) {
             Fault(entry.name, fmt::format("a restore and other programs read its {} differently",
                                           entry.misread));
         }
-        if (entry.IsRestored()) {
-            CheckPlace(entry);
-        } else {
+        if (!entry.IsRestored()) {
             // These two hold nothing that could come back.
             const bool is_needless = entry.type == 'g' || entry.type == 'V';
-            Tell(is_needless ? Severity::kWarning : Severity::kFault, slice_, entry.name,
-                 fmt::format("a restore passes over this {}", TypeName(entry.type)));
+            sink_({is_needless ? Severity::kWarning : Severity::kFault, slice_, entry.name,
+                   fmt::format("a restore passes over this {}", WordsOf(entry.type).name)});
+        } else if (const char* const fault = FaultOfPlace(entry); fault != nullptr) {
+            Fault(entry.name, fault);
+        } else if (!entry.path.empty()) {
+            Remember(entry);
         }
-        CheckPart(file, entry);
         // Owners from the first application's on become the one that a restore is for.
         if (entry.IsFile() && !entry.Continues() && (entry.mode & S_ISUID) != 0 &&
             entry.uid < kFirstApplicationUid) {
@@ -192,59 +191,55 @@ class SetVerifier {
         }
     }
 
-    // Where a restore puts the entry: what no file system takes, what it passes over, what lies
-    // outside the destination or may.
-    void CheckPlace(const ArchiveEntry& entry) {
+    // Why an entry does not get where it should: what no file system takes, what a restore passes
+    // over, what lies outside the destination; null where nothing is wrong.
+    const char* FaultOfPlace(const ArchiveEntry& entry) const {
         const std::string& path = entry.path;
         const std::string_view last = LastComponent(entry);
         const auto is_long = [](std::string_view each) {
             return each.size() - (each.rfind('/') + 1) > kLongestComponent;
         };
         if (last == "..") {
-            Fault(entry.name, "leaves the directory to be restored");
-        } else if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
-            Fault(entry.name, "is no name that a restore can make something of");
-        } else if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
-            Fault(entry.name, "a link without a target, which no file system takes");
-        } else if (path.size() > kLongestComponent && AnyUpwards(path, is_long)) {
-            Fault(entry.name, "no file system takes a component of more than 255 bytes");
-        } else if (entry.name.find("tinker/") != std::string::npos &&
-                   ((destination_.empty() ? "/" : destination_) + entry.name)
-                           .find("/com.tencent.mm/tinker/") != std::string::npos) {
-            Fault(entry.name, "lies in a directory that a restore passes over");
-        } else if (!path.empty()) {
-            // A restore makes one directory above a file, with what is known: the file's own mode.
-            const std::string_view parent = ParentOf(path);
-            if (!MayGoThroughLink(path) && set_.kind() != ArchiveSet::Kind::kSlice &&
-                !parent.empty() && !seen_.MayHave(parent, PathMark::kDirectory)) {
-                Fault(
-                    entry.name,
-                    "no entry in front of it is its directory: that comes back otherwise, or not");
-            }
-            Remember(entry, path);
+            return "leaves the directory to be restored";
         }
+        if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
+            return "is no name that a restore can make something of";
+        }
+        if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
+            return "a link without a target, which no file system takes";
+        }
+        if (path.size() > kLongestComponent && AnyUpwards(path, is_long)) {
+            return "no file system takes a component of more than 255 bytes";
+        }
+        const bool is_passed_over = entry.name.find("tinker/") != std::string::npos &&
+                                    ((destination_.empty() ? "/" : destination_) + entry.name)
+                                            .find("/com.tencent.mm/tinker/") != std::string::npos;
+        return is_passed_over ? "lies in a directory that a restore passes over" : nullptr;
     }
 
-    bool MayGoThroughLink(std::string_view path) {
-        bool may_go = false;
-        for (; has_links_ && !path.empty(); path = ParentOf(path)) {
-            if (seen_.MayHave(path, PathMark::kLink)) {
-                may_go = true;
-                LookAgainFor(path);
+    void Remember(const ArchiveEntry& entry) {
+        bool may_go_through_link = false;
+        AnyUpwards(entry.path, [&](std::string_view each) {
+            if (has_links_ && seen_.MayHave(each, PathMark::kLink)) {
+                may_go_through_link = true;
+                LookAgainFor(each);
             }
+            return !has_links_;
+        });
+        // A restore makes one directory above a file, with what is known: the file's own mode.
+        const std::string_view parent = ParentOf(entry.path);
+        if (!may_go_through_link && set_.kind() != ArchiveSet::Kind::kSlice && !parent.empty() &&
+            !seen_.MayHave(parent, PathMark::kDirectory)) {
+            Fault(entry.name,
+                  "no entry in front of it is its directory: that comes back otherwise, or not");
         }
-        return may_go;
-    }
-
-    void Remember(const ArchiveEntry& entry, std::string_view path) {
-        if (seen_.Add(path, PathMark::kAny) && !entry.Continues()) {
-            LookAgainFor(path);
+        if (seen_.Add(entry.path, PathMark::kAny) && !entry.Continues()) {
+            LookAgainFor(entry.path);
         }
-        if (entry.type == TYPE_SYMLINK) {
-            has_links_ = true;
-            seen_.Add(path, PathMark::kLink);
-        } else if (entry.type == TYPE_DIRECTORY) {
-            seen_.Add(path, PathMark::kDirectory);
+        if (!entry.IsFile()) {
+            const bool is_link = entry.type == TYPE_SYMLINK;
+            has_links_ = has_links_ || is_link;
+            seen_.Add(entry.path, is_link ? PathMark::kLink : PathMark::kDirectory);
         }
     }
 
@@ -258,16 +253,15 @@ class SetVerifier {
 
     // Reads the entries once more for the paths that may have come before.
     void LookAgain() {
-        const uint64_t faults = verdict_.faults;
         slice_.clear();
         if (!doubtful_.empty()) {
-            ListSet(set_, kIgnore, [this](const ArchiveEntry& entry) {
+            VisitEntries(set_, kIgnore, [this](const ArchiveEntry& entry) {
                 if (entry.IsRestored()) {
                     LookAgainAt(entry);
                 }
             });
         }
-        if (has_more_doubts_ && faults == verdict_.faults) {
+        if (has_more_doubts_) {
             Warn("", "too many entries to tell whether a name is there twice");
         }
     }
@@ -309,16 +303,15 @@ class SetVerifier {
             CloseOpenPart(!is_first_, "");
         }
         open_part_.reset();
-        if (entry.FillsSlice()) {
+        if (entry.type == TYPE_MIDDLE_PART) {
+            open_part_ =
+                Finding{Severity::kFault, slice_, entry.name, "its next part is not there"};
+        } else if (entry.FillsSlice() && HasOddEnd(file, entry)) {
+            open_part_ =
+                Finding{Severity::kSuspicion, slice_, entry.name,
+                        "ends just where its slice does, in bytes that may not be its own"};
+        } else if (entry.FillsSlice()) {
             open_part_ = Finding{Severity::kWarning, slice_, entry.name, ""};
-            if (entry.type == TYPE_MIDDLE_PART) {
-                open_part_->severity = Severity::kFault;
-                open_part_->message = "its next part is not there";
-            } else if (HasOddEnd(file, entry)) {
-                open_part_->severity = Severity::kSuspicion;
-                open_part_->message =
-                    "ends just where its slice does, in bytes that may not be its own";
-            }
         }
     }
 
@@ -330,9 +323,8 @@ class SetVerifier {
             Fault(open_part_->entry,
                   "promises more content than there is: its slice goes on behind");
         } else if (open_part_ && !(open_part_->message + at_end).empty()) {
-            const std::string& own = open_part_->message;
-            Tell(open_part_->severity, open_part_->slice, open_part_->entry,
-                 own.empty() ? at_end : own);
+            open_part_->message = open_part_->message.empty() ? at_end : open_part_->message;
+            sink_(*open_part_);
         }
     }
 
@@ -389,21 +381,16 @@ class SetVerifier {
 
     const ArchiveSet& set_;
     const std::string destination_;
-    const size_t name_room_;
     const FindingSink& sink_;
-    Verdict verdict_;
-    const std::function<void(const TallyEntry&)> add_ = [this](const TallyEntry& entry) {
-        verdict_.tally.Add(entry);
-    };
-    const EntryVisitor visit_ = ForTally(add_);
-    PartJoiner joiner_{set_, visit_};
+    Tally tally_;
+    PartJoiner joiner_{set_, ForTally([this](const TallyEntry& entry) { tally_.Add(entry); })};
 
     std::string slice_;                 // the name of the one at hand
     bool is_first_ = true;              // the next entry is its slice's first
     bool begin_known_;                  // the slice before this one was read to its end
     std::optional<Finding> open_part_;  // what to tell of it when nothing goes on with it
 
-    PathFilter seen_;
+    PathFilter seen_{set_.TotalSize()};
     std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
     bool has_more_doubts_ = false;
     bool has_links_ = false;
@@ -411,12 +398,12 @@ class SetVerifier {
 
 }  // namespace
 
-Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink) {
+Tally VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink) {
     return SetVerifier(set, destination, sink).Run();
 }
 
 void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit) {
-    ListSet(set, kIgnore, ForTally(visit));
+    VisitEntries(set, kIgnore, ForTally(visit));
 }
 
 }  // namespace peltexctl

@@ -5,7 +5,6 @@
 // Not thread-safe. Memory is constant.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -14,14 +13,10 @@
 
 namespace peltexctl {
 
-struct Verdict {
-    Tally tally;          // of what a restore makes below its destination
-    uint64_t faults = 0;  // and suspicions, which only the directory that was packed can settle
-};
-
 // Gives each finding to `sink`. `destination` is where a restore would go, empty where that is not
-// known: the longer its path, the shorter the names that come back.
-Verdict VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink);
+// known: the longer its path, the shorter the names that come back. Returns what a restore makes
+// below it.
+Tally VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink);
 
 // Gives every entry that makes up the tally to `visit`, in the order of the archive, a cut file
 // once with its whole size. Its texts live as long as the call.

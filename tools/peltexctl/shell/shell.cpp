@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_shell.py.
+// Tested by tests/client/peltexctl.md.
 #include "shell/shell.h"
 
 #include <fmt/format.h>
@@ -13,15 +13,16 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "shell/task_tracker.h"
 #include "task/directory.h"
-#include "task/session_client.h"
+#include "task/library.h"
+#include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/json.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
 #include "ui/text.h"
@@ -83,8 +84,9 @@ void TellThreads(EventWriter* events) {
 
 class Shell {
   public:
-    Shell(const Library& library, EventWriter* writer)
-        : events(*writer), client(library, [this](const StatusEvent& event) { Heard(event); }) {}
+    Shell(const Library& library, EventWriter* writer) : events(*writer), library_(library) {
+        RenewCallback();
+    }
 
     int Run() {
         const SignalScope signals([this](int /*times*/) {
@@ -103,14 +105,33 @@ class Shell {
         return End();
     }
 
+    void RenewCallback() {
+        callback_ = new ClientCallback(++callbacks_made_,
+                                       [this](const StatusEvent& event) { Heard(event); });
+    }
+
     void OpenSession() {
-        session = client.Open();
+        session = library_.start(callback_);
+        open_.push_back(session);
         events.Session(session);
+    }
+
+    void FinishSession(int id) {
+        const int result = library_.finish(id);
+        if (result == 0) {
+            open_.erase(std::remove(open_.begin(), open_.end(), id), open_.end());
+        }
+        events.Closed(id, result);
+    }
+
+    void Die() {
+        if (callback_->Die()) {
+            open_.clear();
+        }
     }
 
     EventWriter& events;
     TaskTracker tasks;
-    SessionClient client;
     int session = -1;
     bool quits = false;
 
@@ -124,8 +145,8 @@ class Shell {
     }
 
     int Execute(const std::string& line) {
-        const int result = client.Execute(session, line);
-        // The library sees a line up to its first NUL.
+        const int result = library_.Execute(session, line);
+        // It sees a line up to its first NUL.
         const Words words = SplitWords(line.substr(0, line.find('\0')));
         if (result >= kFirstId) {
             tasks.Given(result, session);
@@ -138,21 +159,24 @@ class Shell {
     void HandleDotLine(const std::string& line);
 
     int End() {
-        const std::vector<int> sessions = client.open_sessions();
-        std::vector<int> unfinished = tasks.WaitAllEnded(sessions, After(kQuietWaitSeconds));
+        std::vector<int> unfinished = tasks.WaitAllEnded(open_, After(kQuietWaitSeconds));
         if (!unfinished.empty()) {
             events.Note("waiting for " + tasks.DescribeUnfinished());
-            unfinished =
-                tasks.WaitAllEnded(sessions, After(kDefaultWaitSeconds - kQuietWaitSeconds));
+            unfinished = tasks.WaitAllEnded(open_, After(kDefaultWaitSeconds - kQuietWaitSeconds));
         }
         for (const int task : unfinished) {
             events.Error(fmt::format("task {} has not ended", task));
         }
-        for (const int open : sessions) {
-            events.Closed(open, client.Finish(open));
+        for (const int open : std::vector<int>(open_)) {
+            FinishSession(open);
         }
         return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
     }
+
+    const Library library_;
+    android::sp<ClientCallback> callback_;  // of the next session
+    int callbacks_made_ = 0;
+    std::vector<int> open_;  // sessions, oldest first
 };
 
 void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
@@ -179,7 +203,7 @@ constexpr DotLine kDotLines[] = {
      [](Shell* shell, const Words& words) {
          if (!words.empty()) {
              Expect(words[0] == "new");
-             shell->client.RenewCallback();
+             shell->RenewCallback();
          }
          shell->OpenSession();
      }},
@@ -187,8 +211,7 @@ constexpr DotLine kDotLines[] = {
      [](Shell* shell, const Words& words) { shell->session = IntAt(words, 0); }},
     {".finish", 0, 1, "[ID]", "finish session ID or the current one",
      [](Shell* shell, const Words& words) {
-         const int session = IntAt(words, 0, shell->session);
-         shell->events.Closed(session, shell->client.Finish(session));
+         shell->FinishSession(IntAt(words, 0, shell->session));
      }},
     {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
      [](Shell* shell, const Words& words) {
@@ -211,11 +234,11 @@ constexpr DotLine kDotLines[] = {
          std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
      }},
     {".die", 0, 0, "", "let the current callback's process die, and with it all sessions",
-     [](Shell* shell, const Words& /*words*/) { shell->client.Die(); }},
+     [](Shell* shell, const Words& /*words*/) { shell->Die(); }},
     {".threads", 0, 0, "", "list the threads of this process",
      [](Shell* shell, const Words& /*words*/) { TellThreads(&shell->events); }},
     {".help", 0, 0, "", "list these lines and the commands of the library",
-     [](Shell* /*shell*/, const Words& /*words*/) { fmt::print(stderr, "{}", ShellHelp()); }},
+     [](Shell* /*shell*/, const Words& /*words*/) { Print(stderr, ShellHelp()); }},
     {".quit", 0, 0, "", "end as at the end of input",
      [](Shell* shell, const Words& /*words*/) { shell->quits = true; }},
 };

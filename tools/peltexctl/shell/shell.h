@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "task/session_client.h"
+#include "task/library.h"
 #include "ui/events.h"
 
 namespace peltexctl {

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_command_line.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/data_mount.h"
 
 #include <fcntl.h>
@@ -8,13 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "task/directory.h"
+#include "task/tree_walk.h"
 #include "ui/exit_code.h"
 
 namespace peltexctl {
@@ -36,23 +36,19 @@ void Bind(const UniqueFd& source, const std::string& name, const std::string& ta
           fmt::format("mount {} on {} (by /proc)", name, target));
 }
 
-struct RootEntry {
-    std::string name;
-    struct stat status;
-    UniqueFd opened;
-};
-
-void RecreateEntry(const RootEntry& entry, const std::string& target) {
-    if (S_ISLNK(entry.status.st_mode)) {
-        std::error_code ignored;
-        const fs::path link = fs::read_symlink("/" + entry.name, ignored);
+void RecreateEntry(const UniqueFd& entry, const std::string& name, const std::string& target) {
+    struct stat status = {};
+    Check(fstat(entry.get(), &status) == 0, "look at " + name);
+    if (S_ISLNK(status.st_mode)) {
+        LinkBuffer buffer;
+        const std::string link(ReadLink(entry, "", buffer));
         Check(symlink(link.c_str(), target.c_str()) == 0, "make the link " + target);
         return;
     }
-    Check((S_ISDIR(entry.status.st_mode) ? mkdir(target.c_str(), 0755)
-                                         : mknod(target.c_str(), S_IFREG | 0644, 0)) == 0,
+    Check((S_ISDIR(status.st_mode) ? mkdir(target.c_str(), 0755)
+                                   : mknod(target.c_str(), S_IFREG | 0644, 0)) == 0,
           "make " + target);
-    Bind(entry.opened, "/" + entry.name, target);
+    Bind(entry, name, target);
 }
 
 // Makes a root that holds the entries of / and an empty /data. It is mounted on `directory`, the
@@ -61,24 +57,20 @@ void RecreateEntry(const RootEntry& entry, const std::string& target) {
 // since the mount may cover some of it. What is called /data there, such as a link that leads
 // nowhere, makes room for the new root's own.
 void BuildRoot(const std::string& directory) {
-    std::vector<RootEntry> entries;
-    Check(ForEachName(
-              OpenDirectory("/"),
-              [&entries](const std::string& name) {
-                  const std::string path = "/" + name;
-                  RootEntry entry{
-                      name, {}, UniqueFd(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC))};
-                  Check(lstat(path.c_str(), &entry.status) == 0, "open " + path);
-                  if (path != kData) {
-                      entries.push_back(std::move(entry));
-                  }
-              }),
-          "list /");
+    std::vector<std::pair<std::string, UniqueFd>> entries;
+    const auto open_entry = [&entries](const std::string& name) {
+        const std::string path = "/" + name;
+        if (path != kData) {
+            entries.emplace_back(path, open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+            Check(entries.back().second.isOpen(), "open " + path);
+        }
+    };
+    Check(ForEachName(OpenDirectory("/"), open_entry), "list /");
     Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, "mode=0755") == 0 &&
               mount(nullptr, directory.c_str(), nullptr, MS_UNBINDABLE, nullptr) == 0,
           "mount a root on " + directory);
-    for (const RootEntry& entry : entries) {
-        RecreateEntry(entry, directory + "/" + entry.name);
+    for (const auto& [path, entry] : entries) {
+        RecreateEntry(entry, path, directory + path);
     }
     Check(mkdir((directory + kData).c_str(), 0771) == 0, "make " + directory + kData);
 }

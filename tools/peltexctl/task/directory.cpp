@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_refusals.py and test_archive_tasks.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/directory.h"
 
 #include <dirent.h>
@@ -7,11 +7,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
 #include "ui/exit_code.h"
 
 namespace peltexctl {
+
+namespace fs = std::filesystem;
 
 std::optional<struct stat> StatOf(const std::string& path) {
     struct stat status = {};
@@ -40,20 +44,12 @@ std::string NearestThere(std::string path) {
 }
 
 bool LiesIn(const std::string& inner, const FileId& outer) {
-    UniqueFd directory = OpenDirectory(NearestThere(inner));
-    std::optional<FileId> below;
-    for (struct stat status = {}; directory.isOpen() && fstat(directory.get(), &status) == 0;) {
-        const FileId id{status.st_dev, status.st_ino};
-        if (id == outer) {
-            return true;
-        }
-        if (below && *below == id) {
-            return false;  // the root is its own parent
-        }
-        below = id;
-        directory = UniqueFd(openat(directory.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::error_code failure;
+    fs::path path = fs::canonical(NearestThere(inner), failure);
+    while (IdOf(path) != outer && path.has_relative_path()) {
+        path = path.parent_path();
     }
-    return false;
+    return IdOf(path) == outer;
 }
 
 UniqueFd OpenDirectory(const std::string& path) {
@@ -63,18 +59,6 @@ UniqueFd OpenDirectory(const std::string& path) {
 UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name) {
     return UniqueFd(
         openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status) {
-    UniqueFd file(
-        openat(parent.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.isOpen() && fstat(file.get(), status) == 0 && S_ISREG(status->st_mode)) {
-        return file;
-    }
-    if (file.isOpen()) {
-        errno = EINVAL;
-    }
-    return UniqueFd();
 }
 
 bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take) {
@@ -93,6 +77,13 @@ bool ForEachName(const UniqueFd& directory, const std::function<void(const char*
         }
     }
     return errno == 0 || errno == ENOENT;
+}
+
+void RemoveFiles(int directory, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        Require(unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT,
+                "cannot be removed: " + name);
+    }
 }
 
 void MadeDirectory::Make(const std::string& path, uid_t uid) {

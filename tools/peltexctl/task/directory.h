@@ -42,13 +42,12 @@ UniqueFd OpenDirectory(const std::string& path);
 // The directory `name` of `parent`, which is no link.
 UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name);
 
-// The regular file `name` of `parent` for reading, with its status. A link is not followed, and a
-// FIFO not waited for. On failure not open, and errno tells why.
-UniqueFd OpenRegularAt(const UniqueFd& parent, const std::string& name, struct stat* status);
-
 // Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be
 // read.
 bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take);
+
+// Removes files of a directory, in this order. Throws Failure.
+void RemoveFiles(int directory, const std::vector<std::string>& names);
 
 // A directory that is there when a task needs it, with those above it that were missing.
 class MadeDirectory {

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_checks.py and test_briefs.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/records.h"
 
 #include <fcntl.h>

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "task/task_check.h"
 #include "task/task_kinds.h"
@@ -20,6 +21,11 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set);
 
 // What would lose something by what was tallied; --force does without.
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check);
+
+// The files in `directory` of the archive or set that the task writes, its sums among them; none
+// for a task that writes something else. Of a set first what says that it is one.
+std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& request,
+                                    const UniqueFd& directory);
 
 // "; make room" where the file system of `path` has not got so many bytes left, else nothing.
 std::string HintAtRoom(const std::string& path, uint64_t bytes);

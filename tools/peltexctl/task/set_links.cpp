@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_restores.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/set_links.h"
 
 #include <fcntl.h>
@@ -13,13 +13,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string_view>
-#include <vector>
 
 #include "archive/sums.h"
-#include "task/backup_files.h"
 #include "ui/exit_code.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -27,14 +25,15 @@ namespace {
 
 constexpr std::string_view kPrefix = ".peltexctl-restore-";
 
-// Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file.
-void RemoveLinks(const UniqueFd& parent, const UniqueFd& directory, const std::string& name) {
+// Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file,
+// which may have the name `check_file`.
+void RemoveLinks(const UniqueFd& parent, const UniqueFd& directory, const std::string& name,
+                 std::string_view check_file) {
     ForEachName(directory, [&](const char* inside) {
         struct stat status = {};
-        const std::string_view text = inside;
         if (fstatat(directory.get(), inside, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             (S_ISLNK(status.st_mode) ||
-             (S_ISREG(status.st_mode) && text.substr(text.rfind('.') + 1) == "txt"))) {
+             (S_ISREG(status.st_mode) && (EndsWith(inside, ".txt") || inside == check_file)))) {
             unlinkat(directory.get(), inside, 0);
         }
     });
@@ -53,28 +52,21 @@ bool IsLeftover(const UniqueFd& directory) {
 
 SetLinks::~SetLinks() {
     if (!path_.empty()) {
-        RemoveLinks(parent_, fd_, peltexctl::NameOf(path_));
+        RemoveLinks(parent_, fd_, peltexctl::NameOf(path_), set_.name());
     }
 }
 
 std::string SetLinks::RemoveLeftovers() const {
     const UniqueFd parent = OpenDirectory(directory_);
-    std::vector<std::string> names;
-    if (parent.isOpen()) {
-        ForEachName(parent, [&](const char* name) {
-            if (std::string_view(name).substr(0, kPrefix.size()) == kPrefix) {
-                names.emplace_back(name);
-            }
-        });
-    }
     std::string told;
-    for (const std::string& name : names) {
-        const UniqueFd directory = OpenDirectoryAt(parent, name);
+    ForEachName(parent, [&](const std::string& name) {
+        const bool is_named = name.rfind(kPrefix, 0) == 0;
+        const UniqueFd directory = is_named ? OpenDirectoryAt(parent, name) : UniqueFd();
         if (IsLeftover(directory)) {
-            RemoveLinks(parent, directory, name);
+            RemoveLinks(parent, directory, name, set_.name());
             told += fmt::format("{}{}/{}", told.empty() ? "" : ", ", directory_, name);
         }
-    }
+    });
     return told;
 }
 
@@ -109,19 +101,14 @@ uint64_t SetLinks::BytesRead() {
            (done_ < set_.size() ? ReadPosition(directory_ + "/" + set_.NameOf(done_)) : 0);
 }
 
-uint64_t ReadPosition(const std::string& path) {
-    struct stat file = {};
-    const UniqueFd list = OpenDirectory("/proc/self/fdinfo");
+uint64_t ReadPosition(const std::string& path, int own) {
+    const std::optional<FileId> file = IdOf(path);
     uint64_t position = 0;
-    if (!list.isOpen() || stat(path.c_str(), &file) != 0) {
-        return 0;
-    }
-    ForEachName(list, [&](const char* name) {
-        std::string key;
-        uint64_t value = 0;
-        if (IdOf(std::string("/proc/self/fd/") + name) == FileId(file.st_dev, file.st_ino) &&
-            std::ifstream(std::string("/proc/self/fdinfo/") + name) >> key >> value) {
-            position = std::max(position, value);
+    ForEachName(OpenDirectory("/proc/self/fd"), [&](const char* name) {
+        const int fd = ParseInt(name).value_or(-1);
+        struct stat status = {};
+        if (fd != own && fstat(fd, &status) == 0 && file == FileId(status.st_dev, status.st_ino)) {
+            position = std::max(position, static_cast<uint64_t>(lseek(fd, 0, SEEK_CUR)));
         }
     });
     return position;

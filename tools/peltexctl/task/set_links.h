@@ -46,9 +46,9 @@ class SetLinks {
     uint64_t done_bytes_ = 0;
 };
 
-// How far somebody in this process has read the open file at `path`; 0 where that is not to be
-// seen.
-uint64_t ReadPosition(const std::string& path);
+// How far the library has read the file at `path`, which this program may have open as `own`; 0
+// where that is not to be seen.
+uint64_t ReadPosition(const std::string& path, int own = -1);
 
 // Takes a set away whose entries are all there: what says that it is one first. Throws Failure.
 void RemoveSet(const ArchiveSet& set);

@@ -1,8 +1,9 @@
-// Tested by tests/peltexctl/test_archive_tasks.py.
+// Tested by tests/client/test_running.py.
 #include "task/slice_hand_over.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "archive/new_file.h"
 #include "ui/text.h"
@@ -24,23 +26,6 @@ constexpr std::string_view kEndMark = "|end";
 constexpr std::chrono::microseconds kFirstRepeat{100};
 constexpr std::chrono::milliseconds kLastRepeat{50};
 constexpr std::chrono::seconds kKeepAliveEvery{10};
-
-// Copies the content of an open file. Returns false when it cannot, with errno, or when `goes_on`
-// says so, with ECANCELED.
-bool CopyContent(const UniqueFd& from, int to, const std::function<bool()>& goes_on) {
-    constexpr size_t kAtATime = 8 << 20;  // so that no single call takes long
-    ssize_t length = 0;
-    while ((length = sendfile(to, from.get(), nullptr, kAtATime)) > 0) {
-        if (fdatasync(to) != 0) {
-            return false;
-        }
-        if (!goes_on()) {
-            errno = ECANCELED;
-            return false;
-        }
-    }
-    return length == 0;
-}
 
 }  // namespace
 
@@ -141,18 +126,10 @@ std::string SliceHandOver::Finish(bool whole) {
         return error;
     }
     error = Take(base_ + ".txt");
-    struct stat like = {};
-    const UniqueFd& directory = take_.empty() ? from_ : to_.fd();
-    if (!error.empty() || !summer_) {
-        return error;
+    if (!failed_ && summer_ && !summer_->Finish(Held().get(), SumsName(base_), &error)) {
+        return fmt::format("{}/{}: cannot be written: {}", Directory(), SumsName(base_), error);
     }
-    std::string sums_error;
-    if (fstatat(directory.get(), (base_ + ".txt").c_str(), &like, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !summer_->Finish(directory.get(), SumsName(base_), like, &sums_error)) {
-        return fmt::format("{}/{}: cannot be written: {}", Directory(), SumsName(base_),
-                           sums_error);
-    }
-    return "";
+    return error;
 }
 
 uint64_t SliceHandOver::Count() const {
@@ -161,39 +138,30 @@ uint64_t SliceHandOver::Count() const {
 }
 
 std::string SliceHandOver::DescribeLeft() const {
-    const uint64_t here = Count() - taken_;
-    if (taken_ + here == 0) {
-        return "no slice is left";
+    const uint64_t count = Count();
+    std::vector<std::string> places;
+    for (const auto& [slices, place] :
+         {std::pair(taken_, take_), std::pair(count - taken_, destination_)}) {
+        if (slices > 0) {
+            places.push_back(fmt::format("{} in {}", Counted(slices, "slice", "slices"), place));
+        }
     }
-    std::string left =
-        taken_ > 0 ? Counted(taken_, "slice", "slices") + " in " + take_ : std::string();
-    if (here > 0) {
-        left += fmt::format("{}{} in {}", taken_ > 0 ? " and " : "",
-                            Counted(here, "slice", "slices"), destination_);
-    }
-    return left + (taken_ + here == 1 ? " is left" : " are left");
+    return count == 0
+               ? "no slice is left"
+               : fmt::format("{} {} left", fmt::join(places, " and "), count == 1 ? "is" : "are");
 }
 
 // Returns what went wrong.
 std::string SliceHandOver::Take(const std::string& name) {
-    std::string error;
     if (name.empty()) {
-        return error;
+        return "";
     }
     if (!from_.isOpen()) {
         from_ = OpenDirectory(destination_);
     }
-    if (!take_.empty()) {
-        error = MoveAway(name);
-    }
+    std::string error = take_.empty() ? "" : MoveAway(name);
     if (error.empty() && summer_) {
-        struct stat status = {};
-        UniqueFd file = OpenRegularAt(take_.empty() ? from_ : to_.fd(), name, &status);
-        if (file.isOpen()) {
-            summer_->Add(std::move(file), name);
-        } else {
-            error = ErrorText(errno);
-        }
+        error = summer_->Add(Held().get(), name);
     }
     failed_ = !error.empty();
     return failed_ ? fmt::format("{}/{}: could not be taken to {}: {}", destination_, name,
@@ -202,34 +170,54 @@ std::string SliceHandOver::Take(const std::string& name) {
 }
 
 std::string SliceHandOver::MoveAway(const std::string& name) {
-    // The library may make the task's last files without a word about them.
-    const bool is_slice = name != base_ + ".txt";
-    std::string error;
     if (renameat(from_.get(), name.c_str(), to_.fd().get(), name.c_str()) != 0) {
-        error = errno == EXDEV ? CopyAway(name) : ErrorText(errno);
+        if (std::string error = errno == EXDEV ? CopyAway(name) : ErrorText(errno);
+            !error.empty()) {
+            return error;
+        }
     }
-    taken_ += error.empty() && is_slice ? 1 : 0;
-    return error;
+    // The library may make the task's last files without a word about them.
+    taken_ += name != base_ + ".txt" ? 1 : 0;
+    return "";
 }
 
 // To another file system, where nothing has the name before all is there.
 std::string SliceHandOver::CopyAway(const std::string& name) {
+    std::string error;
     struct stat status = {};
-    const UniqueFd from = OpenRegularAt(from_, name, &status);
+    const std::optional<ArchiveFile> from =
+        ArchiveFile::Open(from_.get(), name, O_NOFOLLOW, &error);
+    if (!from) {
+        return error;
+    }
+    NewFile to;
+    const bool is_moved = fstat(from->fd(), &status) == 0 && to.Create(to_.fd().get(), name) &&
+                          CopyContent(from->fd(), to.fd()) &&
+                          (fchown(to.fd(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
+                          to.Finish(status.st_mode & 0777) &&
+                          unlinkat(from_.get(), name.c_str(), 0) == 0;
+    return is_moved ? "" : ErrorText(errno);
+}
+
+// Returns false when it cannot, with errno, or when it is to be given up, with ECANCELED.
+bool SliceHandOver::CopyContent(int from, int to) {
+    constexpr size_t kAtATime = 8 << 20;  // so that no single call takes long
     Clock::time_point alive = Clock::now();
-    const auto goes_on = [&] {
+    ssize_t length = 0;
+    while ((length = sendfile(to, from, nullptr, kAtATime)) > 0) {
+        if (fdatasync(to) != 0) {
+            return false;
+        }
         if (Clock::now() - alive >= kKeepAliveEvery) {
             alive = Clock::now();
             send_("keepalive", false);
         }
-        return tick_();
-    };
-    NewFile to;
-    const bool is_moved =
-        from.isOpen() && to.Create(to_.fd().get(), name) && CopyContent(from, to.fd(), goes_on) &&
-        (fchown(to.fd(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
-        to.Finish(status.st_mode & 0777) && unlinkat(from_.get(), name.c_str(), 0) == 0;
-    return is_moved ? "" : ErrorText(errno);
+        if (!tick_()) {
+            errno = ECANCELED;
+            return false;
+        }
+    }
+    return length == 0;
 }
 
 std::optional<SliceHandOver::Slice> SliceHandOver::NextSlice() {

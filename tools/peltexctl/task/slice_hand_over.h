@@ -80,6 +80,9 @@ class SliceHandOver {
     std::string Take(const std::string& name);
     std::string MoveAway(const std::string& name);
     std::string CopyAway(const std::string& name);
+    bool CopyContent(int from, int to);
+    // The directory that the set is in.
+    const UniqueFd& Held() const { return take_.empty() ? from_ : to_.fd(); }
     std::optional<Slice> NextSlice();
     bool HasMoved() const;
     void Continue(bool is_repeated);

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_checks.py.
+// Tested by tests/client/test_verdicts.py and peltexctl.md.
 #include "task/task_check.h"
 
 #include <fcntl.h>
@@ -31,43 +31,18 @@ std::string_view WithoutSlashes(std::string_view path) {
     return path;
 }
 
-// Looks expected entries up in a directory.
-class Place {
-  public:
-    // `is_unpacked`: modes are those that an archive brings back.
-    Place(const std::string& directory, bool is_unpacked)
-        : directory_(OpenDirectory(directory)), is_unpacked_(is_unpacked) {}
-
-    // What is there under the name of `expected`. Its texts live until the next call.
-    std::optional<TallyEntry> Find(const TallyEntry& expected) {
-        name_ = WithoutSlashes(expected.path);
-        struct stat status = {};
-        if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return std::nullopt;
-        }
-        const Modes modes = !expected.mode ? Modes::kNone
-                            : is_unpacked_ ? Modes::kArchived
-                                           : Modes::kAll;
-        TallyEntry found = EntryOf(name_, status, modes);
-        if (found.type == '2') {
-            found.link = ReadLink(directory_, name_.c_str(), target_);
-        }
-        return found;
-    }
-
-  private:
-    const UniqueFd directory_;
-    const bool is_unpacked_;
-    std::string name_;
-    LinkBuffer target_ = {};
-};
-
 std::string Describe(const TallyEntry& entry) {
     const std::string text = entry.type == '0'   ? fmt::format("a file of {} bytes", entry.size)
                              : entry.type == '2' ? fmt::format("a link to {}", entry.link)
                              : entry.type == '5' ? "a directory"
                                                  : "a special file";
     return entry.mode ? fmt::format("{} with mode {:04o}", text, *entry.mode) : text;
+}
+
+// But for their paths.
+bool AreSame(const TallyEntry& one, const TallyEntry& other) {
+    return one.type == other.type && one.size == other.size && one.link == other.link &&
+           one.mode == other.mode;
 }
 
 // A number for all that an entry's tally sees of it.
@@ -104,7 +79,7 @@ void TaskCheck::Before() {
             }
             tick_();
         };
-        expected_ = VerifySet(*set_, request_.destination, tell).tally;
+        expected_ = VerifySet(*set_, request_.destination, tell);
         CheckSums(*set_, tell);
         return;
     }
@@ -152,13 +127,15 @@ uint64_t TaskCheck::RoomFor(uint64_t block_size) {
 }
 
 std::vector<std::string> TaskCheck::After(const std::string& result) {
+    found_ = {};
     Differences differences;
-    if (TallyResult(result, &differences)) {
-        if (kind_.result == Result::kTree) {
-            CompareInTree(result, &differences);
-        } else {
-            CompareWithFile(result, &differences);
+    if (kind_.result == Result::kTree) {
+        differences = LookUp(result);
+        if (found_ == expected_) {
+            differences = {};
         }
+    } else if (TallyFile(result, &differences) && found_ != expected_) {
+        CompareWithFile(result, &differences);
     }
     std::vector<std::string> lines;
     for (const Differences& some : {set_faults_, differences}) {
@@ -174,56 +151,61 @@ uint64_t TaskCheck::missing_bytes() const {
     return expected_.bytes() - std::min(expected_.bytes(), found_.bytes());
 }
 
-// Returns whether it differs from what is expected, as far as it can be read.
-bool TaskCheck::TallyResult(const std::string& result, Differences* faults) {
-    found_ = {};
-    const EntrySink add = [this](const TallyEntry& entry) {
-        found_.Add(entry);
+// Tallies what is in the directory `result` under the names of what is expected, and tells in what
+// it differs.
+TaskCheck::Differences TaskCheck::LookUp(const std::string& result) {
+    Differences differences;
+    const UniqueFd directory = OpenDirectory(result);
+    std::string name;
+    LinkBuffer target;
+    VisitExpected([&](const TallyEntry& expected) {
         tick_();
-    };
-    if (kind_.result == Result::kTree) {
-        Place place(result, kind_.source == Source::kSet);
-        VisitExpected([&](const TallyEntry& entry) {
-            if (const std::optional<TallyEntry> found = place.Find(entry)) {
-                add(*found);
-            }
-        });
-    } else if (kind_.result == Result::kRecords) {
-        if (!VisitBrief(result, add)) {
-            faults->Add(result + ": cannot be read");
-            return false;
+        name = WithoutSlashes(expected.path);
+        struct stat status = {};
+        const bool is_there =
+            fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+        TallyEntry found;
+        if (is_there) {
+            found = EntryOf(expected.path, status, expected.mode ? kind_.modes : Modes::kNone);
+            found.link = found.type == '2' ? ReadLink(directory, name.c_str(), target) : "";
+            found_.Add(found);
         }
-    } else {
-        const FindingSink tell = [&](const Finding& finding) {
-            // Whether a suspicion is one the source tells.
-            if (finding.severity == Finding::Severity::kFault) {
-                faults->Add(DescribeFinding(finding));
-            }
-            tick_();
-        };
-        std::string error;
-        const std::optional<ArchiveSet> set = ArchiveSet::Open(result, tell, &error);
-        if (!set) {
-            faults->Add(error);
-            return false;
+        if (!is_there || !AreSame(found, expected)) {
+            differences.Add(fmt::format("{}/{}: is {}, and should be {}", result, expected.path,
+                                        is_there ? Describe(found) : "missing",
+                                        Describe(expected)));
         }
-        found_ = VerifySet(*set, "", tell).tally;
-    }
-    return found_ != expected_;
+    });
+    return differences;
 }
 
-// Each expected entry with the one of its name.
-void TaskCheck::CompareInTree(const std::string& result, Differences* differences) const {
-    Place place(result, kind_.source == Source::kSet);
-    VisitExpected([&](const TallyEntry& entry) {
-        const std::optional<TallyEntry> found = place.Find(entry);
-        const std::string is_there = found ? "is " + Describe(*found) : "is missing";
-        if (const std::string expected = "is " + Describe(entry); expected != is_there) {
-            differences->Add(fmt::format("{}/{}: {}, and should be {}", result, entry.path,
-                                         is_there, expected.substr(3)));
+// Tallies what is in the archive or brief that was written. Returns whether it can be read.
+bool TaskCheck::TallyFile(const std::string& result, Differences* faults) {
+    if (kind_.result == Result::kRecords) {
+        const bool is_read = VisitBrief(result, [this](const TallyEntry& entry) {
+            found_.Add(entry);
+            tick_();
+        });
+        if (!is_read) {
+            faults->Add(result + ": cannot be read");
+        }
+        return is_read;
+    }
+    const FindingSink tell = [&](const Finding& finding) {
+        // Whether a suspicion is one the source tells.
+        if (finding.severity == Finding::Severity::kFault) {
+            faults->Add(DescribeFinding(finding));
         }
         tick_();
-    });
+    };
+    std::string error;
+    const std::optional<ArchiveSet> set = ArchiveSet::Open(result, tell, &error);
+    if (set) {
+        found_ = VerifySet(*set, "", tell);
+    } else {
+        faults->Add(error);
+    }
+    return set.has_value();
 }
 
 // Entries cannot be looked up in a file: some of their sums are kept at a time.

@@ -58,8 +58,8 @@ class TaskCheck {
                       const EntrySink& entries) const;
     bool VisitBrief(const std::string& brief, const EntrySink& entries) const;
     bool VisitExpected(const EntrySink& entries) const;
-    bool TallyResult(const std::string& result, Differences* faults);
-    void CompareInTree(const std::string& result, Differences* differences) const;
+    Differences LookUp(const std::string& result);
+    bool TallyFile(const std::string& result, Differences* faults);
     void CompareWithFile(const std::string& result, Differences* differences) const;
 
     const TaskKind& kind_;

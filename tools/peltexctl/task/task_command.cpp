@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_command_line.py, test_checks.py and test_restores.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/task_command.h"
 
 #include <fcntl.h>
@@ -13,11 +13,11 @@
 
 #include "archive/set.h"
 #include "archive/sums.h"
-#include "task/backup_files.h"
 #include "task/refusals.h"
 #include "task/set_links.h"
 #include "task/task_check.h"
 #include "task/task_run.h"
+#include "ui/exit_code.h"
 #include "ui/library_log.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
@@ -30,24 +30,19 @@ namespace {
 // A task with what comes before and behind the library's part.
 class TaskCommand {
   public:
-    TaskCommand(const TaskKind& kind, const TaskRequest& request, EventWriter* events,
-                ProgressView* view)
-        : kind_(kind), request_(request), events_(*events), view_(*view) {}
+    explicit TaskCommand(const TaskJob& job)
+        : job_(job), kind_(job.kind), request_(job.request), events_(job.events), view_(job.view) {}
 
     // Returns the program's exit status. Throws Failure.
-    int Run(const Library& library, const TaskOutput& output) {
+    int Run(const Library& library) {
         const SignalScope signals([this](int /*times*/) {
             EndInterrupted(is_over_ ? "interrupted: it is done, but not checked"
                                     : "interrupted: nothing was begun");
         });
         RefuseAll();
         Prepare();
-        options_.log_is_shown = output.log != "silent";
-        // Never destroyed: the last callback may be on its way out.
-        static TaskRun* const run =
-            new TaskRun(library, kind_, request_, options_, &events_, &view_);
         TaskSummary summary;
-        if (const int status = run->Run(&summary); status != kDone) {
+        if (const int status = RunJob(library, job_, &summary); status != kDone) {
             made_.Remove();
             return status;
         }
@@ -102,12 +97,11 @@ class TaskCommand {
         if (request_.replace) {
             for (const std::string& directory : {request_.destination, request_.take}) {
                 const UniqueFd held = OpenDirectory(directory);
-                RemoveFiles(held.get(),
-                            BackupFiles(held, NameOf(request_.source) + ".tar", kind_.HandsOver()));
+                RemoveFiles(held.get(), FilesThere(kind_, request_, held));
             }
         }
-        options_.command = kind_.Command(request_);
-        options_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
+        job_.command = kind_.Command(request_);
+        job_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
         if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
             events_.Note(fmt::format(
                 "you are not root: what is restored belongs to uid {}, and other owners "
@@ -118,24 +112,28 @@ class TaskCommand {
             return;
         }
         made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid)));
-        options_.total = 0;
+        job_.total = 0;
         for (size_t i = 0; i < set_->size(); i++) {
-            options_.total += set_->SizeOf(i);
+            job_.total += set_->SizeOf(i);
         }
-        options_.bytes_read = [this] {
-            return links_ ? links_->BytesRead() : ReadPosition(request_.source);
+        job_.bytes_read = [this] {
+            return links_ ? links_->BytesRead() : ReadPosition(request_.source, set_->file().fd());
         };
         if (kind_.RestoresSlices()) {
-            links_.emplace(*set_, ParentOf(request_.source));
-            if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
-                events_.Note(left + ": left by a restore that was killed, removed");
-            }
-            links_->Make(request_.destination);
-            TaskRequest of_links = request_;
-            of_links.source = links_->CheckFile();
-            options_.command = kind_.Command(of_links);
-            options_.left_too = "; " + links_->path() + " is left, which the next restore removes";
+            MakeLinks();
         }
+    }
+
+    void MakeLinks() {
+        links_.emplace(*set_, ParentOf(request_.source));
+        if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
+            events_.Note(left + ": left by a restore that was killed, removed");
+        }
+        links_->Make(request_.destination);
+        TaskRequest of_links = request_;
+        of_links.source = links_->CheckFile();
+        job_.command = kind_.Command(of_links);
+        job_.left_too = "; " + links_->path() + " is left, which the next restore removes";
     }
 
     // What is done about a task that the library has brought to a good end. Returns the program's
@@ -179,17 +177,15 @@ class TaskCommand {
 
     static void WriteSums(const std::string& archive) {
         const UniqueFd directory = OpenDirectory(ParentOf(archive));
-        struct stat status = {};
-        UniqueFd file = OpenRegularAt(directory, NameOf(archive), &status);
-        Require(file.isOpen(), archive);
+        const std::string name = NameOf(archive);
         Summer summer;
-        std::string error;
-        summer.Add(std::move(file), NameOf(archive));
-        if (!summer.Finish(directory.get(), SumsName(NameOf(archive)), status, &error)) {
+        std::string error = summer.Add(directory.get(), name);
+        if (!error.empty() || !summer.Finish(directory.get(), SumsName(name), &error)) {
             throw Failure(kTaskFailed, error);
         }
     }
 
+    TaskJob job_;
     const TaskKind& kind_;
     const TaskRequest& request_;
     EventWriter& events_;
@@ -199,7 +195,6 @@ class TaskCommand {
     std::optional<TaskCheck> check_;  // none with --no-verify
     std::optional<SetLinks> links_;
     MadeDirectory made_;
-    TaskRun::Options options_;
     std::atomic<bool> is_over_{false};
 };
 
@@ -211,13 +206,9 @@ int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& req
     static EventWriter* const events = new EventWriter(
         output.json ? EventWriter::Format::kJson : EventWriter::Format::kText, output.quiet);
     static ProgressView* const view = new ProgressView(output.quiet || output.json);
-    if (output.log.empty()) {
-        KeepLibraryLog();
-    } else {
-        ShowLibraryLog(output.log, view);
-    }
+    TakeLibraryLog(output.log, view);
     try {
-        return TaskCommand(kind, request, events, view).Run(library, output);
+        return TaskCommand({kind, request, *events, *view, output.log != "silent"}).Run(library);
     } catch (const Failure& failure) {
         view->End();
         events->Error(failure.what());

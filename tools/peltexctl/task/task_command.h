@@ -1,7 +1,7 @@
 // The subcommands that carry out one task.
 #pragma once
 
-#include "task/session_client.h"
+#include "task/library.h"
 #include "task/task_kinds.h"
 
 namespace peltexctl {

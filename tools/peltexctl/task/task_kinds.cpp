@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_command_line.py and test_checks.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/task_kinds.h"
 
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_checks.py.
+// Tested by tests/client/peltexctl.md.
 #include "task/tree_walk.h"
 
 #include <fcntl.h>
@@ -14,14 +14,13 @@ class Walk {
   public:
     Walk(const std::string& top, const WalkOptions& options, const EntrySink& entries,
          const LeftOutSink& left_out)
-        : options_(options), entries_(entries), left_out_(left_out), path_(top + "/") {}
+        : options_(options),
+          entries_(entries),
+          left_out_(left_out),
+          path_(top + "/"),
+          below_(path_.size()) {}
 
-    bool Run() {
-        const size_t top = path_.size();
-        UniqueFd directory = OpenDirectory(path_);
-        below_ = top;
-        return directory.isOpen() && Directory(directory);
-    }
+    bool Run() { return Directory(OpenDirectory(path_)); }
 
   private:
     bool Directory(const UniqueFd& directory) {
@@ -52,9 +51,8 @@ class Walk {
         }
         entries_(entry);
         if (S_ISDIR(status.st_mode)) {
-            const UniqueFd inner = OpenDirectoryAt(directory, name);
             path_ += '/';
-            if (!inner.isOpen() || !Directory(inner)) {
+            if (!Directory(OpenDirectoryAt(directory, name))) {
                 left_out_(LeftOut::kUnreadable, Below());
             }
         }
@@ -100,7 +98,7 @@ class Walk {
     const EntrySink& entries_;
     const LeftOutSink& left_out_;
     std::string path_;
-    size_t below_ = 0;  // where paths below the top begin
+    const size_t below_;  // where paths below the top begin
     LinkBuffer target_ = {};
 };
 

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_shell.py.
+// Tested by tests/client/peltexctl.md.
 #include "ui/events.h"
 
 #include <fmt/format.h>
@@ -6,10 +6,11 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
 
-#include "ui/json.h"
 #include "ui/terminal.h"
 #include "ui/text.h"
 
@@ -17,31 +18,56 @@ namespace peltexctl {
 
 namespace {
 
-// The library's figures are decimal numbers.
-std::string HumanBytes(const std::string& figure) {
-    return HumanSize(std::strtoull(figure.c_str(), nullptr, 10));
-}
+// A status in words, {0} being its message and {1} that as a size.
+struct StatusWords {
+    int code;
+    const char* words;
+};
+
+constexpr StatusWords kStatusWords[] = {
+    {kStatusFailed, "failed"},
+    {kStatusSuccess, "done"},
+    {kStatusStarted, "started"},
+    {kStatusAborted, "aborted"},
+    {kStatusProgress, "{1}"},
+    {kStatusSlicePackaged, "slice {0}"},
+    {kStatusTimeout, "timed out: nobody took the slice"},
+    {kStatusBriefSize, "{1} listed"},
+};
 
 // Why a task leaves something out, as people and as programs read it.
 struct ReasonWords {
-    LeftOut reason;
     const char* text;
     const char* key;
 };
 
+// By LeftOut.
 constexpr ReasonWords kReasons[] = {
-    {LeftOut::kHardLinked, "hard-linked", "hard_linked"},
-    {LeftOut::kDex, ".dex", "dex"},
-    {LeftOut::kLib, "lib", "lib"},
-    {LeftOut::kLink, "link", "link"},
-    {LeftOut::kSpecial, "special file", "special"},
-    {LeftOut::kTinker, "tinker", "tinker"},
-    {LeftOut::kOwnArchive, "the archive itself", "own_archive"},
-    {LeftOut::kUnreadable, "unreadable", "unreadable"},
+    {"hard-linked", "hard_linked"},
+    {".dex", "dex"},
+    {"lib", "lib"},
+    {"link", "link"},
+    {"special file", "special"},
+    {"tinker", "tinker"},
+    {"the archive itself", "own_archive"},
+    {"unreadable", "unreadable"},
 };
 static_assert(std::size(kReasons) == kLeftOutReasons);
 
 }  // namespace
+
+void SetBytes(Json* object, const char* key, std::string_view bytes, const char* raw_key) {
+    std::string text = BytesToUtf8(bytes);
+    const bool is_text = text == bytes;
+    (*object)[key] = std::move(text);
+    if (!is_text) {
+        (*object)[raw_key] = Hexadecimal(bytes);
+    }
+}
+
+std::string JsonLine(const Json& object) {
+    return object.dump(-1, ' ', true);
+}
 
 bool EndsTask(const StatusEvent& event) {
     return event.message == "processTask finish" || RefusesPath(event);
@@ -52,27 +78,18 @@ bool RefusesPath(const StatusEvent& event) {
 }
 
 std::string DescribeStatus(const StatusEvent& event) {
-    switch (event.code) {
-        case kStatusFailed:
-            return RefusesPath(event) ? "failed: a path is not allowed or the source does not exist"
-                                      : "failed";
-        case kStatusSuccess:
-            return "done";
-        case kStatusStarted:
-            return "started";
-        case kStatusAborted:
-            return "aborted";
-        case kStatusProgress:
-            return HumanBytes(event.message);
-        case kStatusSlicePackaged:
-            return "slice " + event.message;
-        case kStatusTimeout:
-            return "timed out: nobody took the slice";
-        case kStatusBriefSize:
-            return HumanBytes(event.message) + " listed";
-        default:
-            return fmt::format("status {} {}", event.code, event.message);
+    if (RefusesPath(event)) {
+        return "failed: a path is not allowed or the source does not exist";
     }
+    for (const StatusWords& row : kStatusWords) {
+        if (row.code == event.code) {
+            // The library's figures are decimal numbers.
+            const auto bytes = ParseNumber<uint64_t>(event.message);
+            return fmt::format(fmt::runtime(row.words), event.message,
+                               HumanSize(bytes.value_or(0)));
+        }
+    }
+    return fmt::format("status {} {}", event.code, event.message);
 }
 
 void EventWriter::Session(int session) {
@@ -127,10 +144,10 @@ void EventWriter::Summary(const TaskSummary& summary) {
         object["left_out"] = summary.tally->left_out();
         object["reasons"] = Json::object();
         words.clear();
-        for (const ReasonWords& row : kReasons) {
-            if (const uint64_t count = summary.tally->left_out(row.reason); count > 0) {
-                object["reasons"][row.key] = count;
-                words.push_back(fmt::format("{} {}", count, row.text));
+        for (size_t i = 0; i < kLeftOutReasons; i++) {
+            if (const uint64_t count = summary.tally->left_out(LeftOut(i)); count > 0) {
+                object["reasons"][kReasons[i].key] = count;
+                words.push_back(fmt::format("{} {}", count, kReasons[i].text));
             }
         }
         text += fmt::format("\nleft out: {}", summary.tally->left_out());
@@ -157,15 +174,18 @@ void EventWriter::Note(const std::string& message) {
 
 void EventWriter::Tell(const Json& object, const std::string& text) {
     if (!quiet_) {
-        WriteLine(json() ? JsonLine(object) : text);
+        TellFault(object, text);
     }
+}
+
+void EventWriter::TellFault(const Json& object, const std::string& text) {
+    WriteLine(json() ? JsonLine(object) : text);
 }
 
 void EventWriter::WriteLine(const std::string& line) {
     const std::lock_guard lock(mutex_);
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    Print(stream_, line + "\n");
+    std::fflush(stream_);
 }
 
 }  // namespace peltexctl

@@ -1,18 +1,28 @@
 // What the program reports, one line per event on standard output: JSON objects for programs, or
 // the same in words for people. Every line is written whole and flushed.
 //
+// Names of files are bytes: in JSON those that are no UTF-8 are shown with the code points of their
+// bytes' values, and "raw" beside them holds the bytes in hexadecimal.
+//
 // Thread-safe: the library's threads and the program's own write through one object.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "archive/tally.h"
 
 namespace peltexctl {
+
+using Json = nlohmann::ordered_json;
+
+void SetBytes(Json* object, const char* key, std::string_view bytes, const char* raw_key = "raw");
+std::string JsonLine(const Json& object);
 
 // The codes of a task's statuses.
 enum StatusCode : int {
@@ -58,7 +68,8 @@ class EventWriter {
     enum class Format { kJson, kText };
 
     // A `quiet` one tells only what went wrong.
-    explicit EventWriter(Format format, bool quiet = false) : format_(format), quiet_(quiet) {}
+    explicit EventWriter(Format format, bool quiet = false, FILE* stream = stdout)
+        : format_(format), quiet_(quiet), stream_(stream) {}
 
     EventWriter(const EventWriter&) = delete;
     EventWriter& operator=(const EventWriter&) = delete;
@@ -71,8 +82,9 @@ class EventWriter {
     void Status(const StatusEvent& event);
     void Closed(int session, int result);
     void Summary(const TaskSummary& summary);
-    // An event as an object, and the same in words.
-    void Tell(const nlohmann::ordered_json& object, const std::string& text);
+    // An event as an object, and the same in words; the second is of what went wrong.
+    void Tell(const Json& object, const std::string& text);
+    void TellFault(const Json& object, const std::string& text);
     // In words it goes to standard error.
     void Error(const std::string& message);
     // The same for what is no failure.
@@ -83,6 +95,7 @@ class EventWriter {
 
     const Format format_;
     const bool quiet_;
+    FILE* const stream_;
     std::mutex mutex_;  // one line at a time
 };
 

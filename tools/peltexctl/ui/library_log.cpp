@@ -1,10 +1,11 @@
-// Tested by tests/peltexctl/test_command_line.py.
+// Tested by tests/client/peltexctl.md.
 #include "ui/library_log.h"
 
 #include <android/log.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -29,67 +31,50 @@ std::mutex g_mutex;
 std::deque<std::string>& g_kept = *new std::deque<std::string>;
 uint64_t g_forgotten = 0;
 
-// Logged as an error for each further part of a cut file, which is none.
-bool IsNoError(const __android_log_message& message) {
-    return __android_log_get_minimum_priority() == ANDROID_LOG_ERROR &&
-           std::string_view(message.message) == "CreateFile:appending this file\n";
-}
-
-std::string LineOf(const __android_log_message& message) {
-    std::string_view text = message.message;
-    text = text.substr(0, text.find_last_not_of('\n') + 1);
-    return fmt::format("{}/{}({}): {}\n", "??VDIWEF"[message.priority & 7], message.tag, getpid(),
-                       EscapeBytes(text));
-}
-
 void Take(const __android_log_message* message) {
-    if (IsNoError(*message)) {
+    std::string_view text = message->message;
+    text = text.substr(0, text.find_last_not_of('\n') + 1);
+    // Logged as an error for each further part of a cut file, which is none.
+    if (text == "CreateFile:appending this file" &&
+        __android_log_get_minimum_priority() == ANDROID_LOG_ERROR) {
         return;
     }
-    const std::string line = LineOf(*message);
-    const auto print = [&line] { fmt::print(stderr, "{}", line); };
-    if (g_keeps) {
-        const std::lock_guard lock(g_mutex);
-        g_kept.push_back(line);
-        if (g_kept.size() > kKept) {
-            g_kept.pop_front();
-            ++g_forgotten;
-        }
-    } else if (g_view != nullptr) {
-        g_view->Aside(print);
-    } else {
-        print();
+    const std::string line = fmt::format("{}/{}({}): {}\n", "??VDIWEF"[message->priority & 7],
+                                         message -> tag, getpid(), EscapeBytes(text));
+    if (g_view != nullptr && !g_keeps) {
+        return g_view->Aside([&line] { Print(stderr, line); });
+    }
+    const std::lock_guard lock(g_mutex);
+    if (!g_keeps) {
+        return Print(stderr, line);
+    }
+    g_kept.push_back(line);
+    if (g_kept.size() > kKept) {
+        g_kept.pop_front();
+        ++g_forgotten;
     }
 }
 
 }  // namespace
 
-void ShowLibraryLog(const std::string& level, ProgressView* view) {
-    constexpr int kPriorities[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_INFO, ANDROID_LOG_WARN,
-                                   ANDROID_LOG_ERROR, ANDROID_LOG_SILENT};
-    for (size_t i = 0; i < std::size(kLogLevels); i++) {
-        if (level == kLogLevels[i]) {
-            __android_log_set_minimum_priority(kPriorities[i]);
-        }
-    }
+void TakeLibraryLog(const std::string& level, ProgressView* view) {
+    constexpr int kPriorities[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_INFO,   ANDROID_LOG_WARN,
+                                   ANDROID_LOG_ERROR, ANDROID_LOG_SILENT, ANDROID_LOG_ERROR};
+    const auto* const row = std::find(std::begin(kLogLevels), std::end(kLogLevels), level);
+    __android_log_set_minimum_priority(kPriorities[row - std::begin(kLogLevels)]);
+    g_keeps = level.empty();
     g_view = view;
-    __android_log_set_logger(Take);
-}
-
-void KeepLibraryLog() {
-    __android_log_set_minimum_priority(ANDROID_LOG_ERROR);
-    g_keeps = true;
     __android_log_set_logger(Take);
 }
 
 void PrintKeptLog() {
     const std::lock_guard lock(g_mutex);
     if (g_forgotten > 0) {
-        fmt::print(stderr, "{} lines of the library's log before these; --log shows all\n",
-                   g_forgotten);
+        Print(stderr, fmt::format("{} of the library's log before these; --log shows all\n",
+                                  Counted(g_forgotten, "line", "lines")));
     }
     for (const std::string& line : g_kept) {
-        fmt::print(stderr, "{}", line);
+        Print(stderr, line);
     }
     g_kept.clear();
 }

@@ -1,11 +1,13 @@
-// Tested by tests/peltexctl/test_terminal.py.
+// Tested by tests/client/test_running.py.
 #include "ui/progress_view.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "ui/terminal.h"
 #include "ui/text.h"
@@ -65,33 +67,27 @@ void ProgressView::Tick() {
         return;
     }
     next_shown_ = now + (redraws_ ? Clock::duration(kBarInterval) : kLineInterval);
-    if (redraws_) {
-        DrawBar();
-    } else {
-        fmt::print(stderr, "{}: {}\n", label_, Standing());
+    const std::string standing = Standing();
+    if (!redraws_) {
+        return Print(stderr, fmt::format("{}: {}\n", label_, standing));
     }
-}
-
-void ProgressView::DrawBar() {
-    std::string line = Standing();
     const size_t columns = Columns(stderr) - 1;
-    const size_t taken = label_.size() + 2 + line.size();
+    const size_t taken = label_.size() + 2 + standing.size();
+    std::string bar;
     if (total_ > 0 && columns > taken + kMinBar + 3) {
         const size_t width = std::min(columns - taken - 3, kMaxBar);
         const auto filled = static_cast<size_t>(Share() * static_cast<double>(width));
-        line = fmt::format("{}: [{}{}] {}", label_,
-                           Paint(stderr, Colour::kGreen, std::string(filled, '#')),
-                           std::string(width - filled, '.'), line);
-    } else {
-        line = fmt::format("{}: {}", label_, line).substr(0, columns);
+        bar = fmt::format("[{}{}] ", Paint(stderr, Colour::kGreen, std::string(filled, '#')),
+                          std::string(width - filled, '.'));
     }
-    fmt::print(stderr, "\r{}\x1b[K", line);
+    const std::string line = fmt::format("{}: {}{}", label_, bar, standing);
+    Print(stderr, fmt::format("\r{}\x1b[K", bar.empty() ? line.substr(0, columns) : line));
     bar_shown_ = true;
 }
 
 void ProgressView::EraseBar() {
     if (std::exchange(bar_shown_, false)) {
-        fmt::print(stderr, "\r\x1b[K");
+        Print(stderr, "\r\x1b[K");
     }
 }
 
@@ -103,22 +99,23 @@ double ProgressView::Share() const {
 std::string ProgressView::Standing() const {
     const std::chrono::duration<double> elapsed = Clock::now() - start_;
     const uint64_t done = done_;
-    std::string text;
+    std::vector<std::string> words;
     if (total_ > 0) {
-        text = fmt::format("{:2} %, {} of {}, ", static_cast<int>(100 * Share()), HumanSize(done),
-                           HumanSize(total_));
+        words = {fmt::format("{:2} %", static_cast<int>(100 * Share())),
+                 fmt::format("{} of {}", HumanSize(done), HumanSize(total_))};
     } else if (done > 0) {
-        text = HumanSize(done) + ", ";
+        words = {HumanSize(done)};
     }
     if (done > 0) {
-        text += HumanRate(done, elapsed.count()) + ", ";
+        words.push_back(HumanRate(done, elapsed.count()));
     }
-    if (total_ > 0 && done > 0) {
-        text += HumanTime(elapsed.count() * (1 / Share() - 1)) + " left";
-    } else {
-        text += HumanTime(elapsed.count());
+    words.push_back(total_ > 0 && done > 0
+                        ? HumanTime(elapsed.count() * (1 / Share() - 1)) + " left"
+                        : HumanTime(elapsed.count()));
+    if (!note_.empty()) {
+        words.push_back(note_);
     }
-    return note_.empty() ? text : text + ", " + note_;
+    return fmt::format("{}", fmt::join(words, ", "));
 }
 
 }  // namespace peltexctl

@@ -39,7 +39,6 @@ class ProgressView {
   private:
     using Clock = std::chrono::steady_clock;
 
-    void DrawBar();
     void EraseBar();
     double Share() const;
     std::string Standing() const;

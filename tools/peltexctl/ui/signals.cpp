@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_signals.py.
+// Tested by tests/client/test_running.py.
 #include "ui/signals.h"
 
 #include <pthread.h>

@@ -1,4 +1,4 @@
-// Tested by tests/peltexctl/test_terminal.py.
+// Tested by tests/client/test_running.py.
 #include "ui/terminal.h"
 
 #include <fmt/format.h>
@@ -42,8 +42,13 @@ size_t Columns(FILE* stream) {
     return ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
+void Print(FILE* stream, const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stream);
+}
+
 void PrintError(const std::string& message) {
-    fmt::print(stderr, "{} {}\n", Paint(stderr, Colour::kRed, "peltexctl:"), EscapeBytes(message));
+    Print(stderr,
+          fmt::format("{} {}\n", Paint(stderr, Colour::kRed, "peltexctl:"), EscapeBytes(message)));
 }
 
 void EndInterrupted(const std::string& message) {

@@ -22,6 +22,9 @@ std::string Paint(FILE* stream, Colour colour, const std::string& text);
 // The width of the terminal behind `stream`; 80 where it tells none.
 size_t Columns(FILE* stream);
 
+// Where `stream` cannot be written, nothing comes of it.
+void Print(FILE* stream, const std::string& text);
+
 // "peltexctl: MESSAGE" on standard error, as one line whatever bytes are in it.
 void PrintError(const std::string& message);
 

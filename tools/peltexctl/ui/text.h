@@ -2,17 +2,28 @@
 // the locale's LC_CTYPE is C.UTF-8.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace peltexctl {
 
-// The decimal number that is the whole of `word`, with an optional minus; nothing if it is not one
-// or does not fit.
-std::optional<int> ParseInt(std::string_view word);
+// The decimal number that is the whole of `word`, with an optional minus where the type has a sign;
+// nothing if it is not one or does not fit.
+template <typename Number>
+std::optional<Number> ParseNumber(std::string_view word) {
+    Number value = 0;
+    const char* const end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, value);
+    return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
+}
+inline std::optional<int> ParseInt(std::string_view word) {
+    return ParseNumber<int>(word);
+}
 
 // A number of seconds, 0 to a million, with or without a fraction.
 std::optional<double> ParseSeconds(std::string_view word);
