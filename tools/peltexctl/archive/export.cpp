@@ -46,6 +46,7 @@ class Output {
             return Require(fd_.isOpen());
         }
         directory_ = DirectoryOf(path_);
+        Require(directory_.isOpen());
         is_there_ = fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW) == 0;
         if (is_there_ && !S_ISREG(there_.st_mode) && !S_ISLNK(there_.st_mode)) {
             fd_ =

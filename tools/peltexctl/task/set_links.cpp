@@ -8,7 +8,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -89,29 +88,6 @@ void SetLinks::Make(const std::string& other) {
                     symlinkat((directory_ + "/" + name).c_str(), fd_.get(), name.c_str()) == 0,
                 fmt::format("{}/{}", path, name));
     }
-}
-
-uint64_t SetLinks::BytesRead() {
-    struct stat status = {};
-    while (done_ < set_.size() &&
-           fstatat(fd_.get(), set_.NameOf(done_).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        done_bytes_ += set_.SizeOf(done_++);
-    }
-    return done_bytes_ +
-           (done_ < set_.size() ? ReadPosition(directory_ + "/" + set_.NameOf(done_)) : 0);
-}
-
-uint64_t ReadPosition(const std::string& path, int own) {
-    const std::optional<FileId> file = IdOf(path);
-    uint64_t position = 0;
-    ForEachName(OpenDirectory("/proc/self/fd"), [&](const char* name) {
-        const int fd = ParseInt(name).value_or(-1);
-        struct stat status = {};
-        if (fd != own && fstat(fd, &status) == 0 && file == FileId(status.st_dev, status.st_ino)) {
-            position = std::max(position, static_cast<uint64_t>(lseek(fd, 0, SEEK_CUR)));
-        }
-    });
-    return position;
 }
 
 void RemoveSet(const ArchiveSet& set) {

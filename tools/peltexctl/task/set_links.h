@@ -33,22 +33,13 @@ class SetLinks {
     std::string CheckFile() const { return path_ + "/" + set_.name(); }
     const std::string& path() const { return path_; }
 
-    // How many slices the library is done with, and how far it has read the next one.
-    uint64_t BytesRead();
-
   private:
     const ArchiveSet& set_;
     const std::string directory_;
     std::string path_;  // empty until it is made
     UniqueFd parent_;
     UniqueFd fd_;
-    size_t done_ = 0;
-    uint64_t done_bytes_ = 0;
 };
-
-// How far the library has read the file at `path`, which this program may have open as `own`; 0
-// where that is not to be seen.
-uint64_t ReadPosition(const std::string& path, int own = -1);
 
 // Takes a set away whose entries are all there: what says that it is one first. Throws Failure.
 void RemoveSet(const ArchiveSet& set);

@@ -17,6 +17,7 @@
 #include "brief/search_rules.h"
 #include "task/records.h"
 #include "ui/exit_code.h"
+#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -87,8 +88,8 @@ void TaskCheck::Before() {
         [this](const TallyEntry& entry) {
             expected_.Add(entry);
             if (spool_) {
-                fmt::print(spool_.get(), "/{};0;{:d};{};0\n", entry.path, entry.type == '5',
-                           entry.size);
+                Print(spool_.get(),
+                      fmt::format("/{};0;{:d};{};0\n", entry.path, entry.type == '5', entry.size));
             }
             tick_();
         },
@@ -99,7 +100,8 @@ void TaskCheck::Before() {
                 first_lost_.emplace_back(path);
             }
         });
-    if (!is_read || (kind_.IsMove() && (!spool_ || std::fflush(spool_.get()) != 0))) {
+    if (!is_read || (kind_.IsMove() && (!spool_ || std::fflush(spool_.get()) != 0 ||
+                                        std::ferror(spool_.get()) != 0))) {
         throw Failure(kTaskFailed,
                       fmt::format("{}: {}; --force goes on without a check", source_,
                                   is_read ? "no room for a list of it in /tmp" : "cannot be read"));

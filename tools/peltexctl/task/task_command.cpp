@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,11 +28,30 @@ namespace peltexctl {
 
 namespace {
 
+// By the whole program, whose tasks that unpack read little but the archive.
+uint64_t BytesRead() {
+    std::ifstream counters("/proc/self/io");
+    std::string name;
+    uint64_t count = 0;
+    counters >> name >> count;
+    return count;
+}
+
 // A task with what comes before and behind the library's part.
 class TaskCommand {
   public:
     explicit TaskCommand(const TaskJob& job)
         : job_(job), kind_(job.kind), request_(job.request), events_(job.events), view_(job.view) {}
+
+    ~TaskCommand() {
+        links_.reset();  // they may lie in what was made
+        if (!is_over_) {
+            made_.Remove();
+        }
+    }
+
+    TaskCommand(const TaskCommand&) = delete;
+    TaskCommand& operator=(const TaskCommand&) = delete;
 
     // Returns the program's exit status. Throws Failure.
     int Run(const Library& library) {
@@ -43,7 +63,6 @@ class TaskCommand {
         Prepare();
         TaskSummary summary;
         if (const int status = RunJob(library, job_, &summary); status != kDone) {
-            made_.Remove();
             return status;
         }
         is_over_ = true;
@@ -112,13 +131,8 @@ class TaskCommand {
             return;
         }
         made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid)));
-        job_.total = 0;
-        for (size_t i = 0; i < set_->size(); i++) {
-            job_.total += set_->SizeOf(i);
-        }
-        job_.bytes_read = [this] {
-            return links_ ? links_->BytesRead() : ReadPosition(request_.source, set_->file().fd());
-        };
+        job_.total = set_->TotalSize();
+        job_.bytes_read = [before = BytesRead()] { return BytesRead() - before; };
         if (kind_.RestoresSlices()) {
             MakeLinks();
         }
