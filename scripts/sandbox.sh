@@ -5,7 +5,7 @@
 #
 # The command sees this machine's programs and libraries and this checkout, all read only; what it
 # may write is in memory and gone when it ends, but for the DIRs given (which have to be there).
-# /data, /storage/emulated and /mnt/androidwritable are empty directories. Mounts, processes and
+# /data, /storage/emulated and /mnt/androidwritable hold empty directories. Mounts, processes and
 # System V IPC are its own: nothing outside sees them, no signal or priority leaves, and what it has
 # started ends with it. SIGTERM and SIGHUP are handed on to it. Exit status: the command's.
 . "$(dirname "$0")/lib.sh"
@@ -42,7 +42,7 @@ for path in /dev/null /dev/zero /dev/full /dev/random /dev/urandom /dev/tty /dev
 done
 ln -s /proc/self/fd "$root/dev/fd"
 ln -s pts/ptmx "$root/dev/ptmx"
-mkdir -p "$root"/{proc,tmp,run,var/tmp,root,dev/shm,data/data,storage/emulated,mnt/androidwritable}
+mkdir -p "$root"/{proc,tmp,run,var/tmp,root,dev/shm,data/data,data/misc/wifi,storage/emulated,mnt/androidwritable}
 chmod 1777 "$root"/{tmp,var/tmp,dev/shm}
 bind "$project" ro
 while [ "${1:-}" = --write ]; do

@@ -31,6 +31,7 @@ mkdir "$work/by-pkg-config"
 "$@" -std=c++17 "$sources/embed.cpp" -o "$work/by-pkg-config/embed" -Wl,-rpath,"$libraries" \
     $(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags --libs peltexinstalld)
 
+mkdir -p /data/data/embed  # what other tests change meanwhile would fail a brief
 for client in by-cmake by-pkg-config; do
-    "$work/$client/embed" "get_brief dir /data/data /storage/emulated/$client.brief default 0"
+    "$work/$client/embed" "get_brief dir /data/data/embed /data/data/embed/$client default 0"
 done
