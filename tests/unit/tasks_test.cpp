@@ -2,6 +2,8 @@
 #include <sys/fsuid.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "base/path_rules.h"
 #include "base/permissions.h"
 #include "fileops/copy.h"
