@@ -77,10 +77,13 @@ void BuildRoot(const std::string& directory) {
 
 std::string ResolveDirectory(const std::string& directory) {
     std::error_code failure;
-    fs::create_directories(directory, failure);
-    // create_directories speaks of a file in the way as of a success, in some cases.
-    const fs::path real = failure ? fs::path() : fs::canonical(directory, failure);
-    if (!failure && !fs::is_directory(real, failure)) {
+    std::error_code not_made;
+    fs::create_directories(directory, not_made);
+    // Of a file in the way create_directories tells this or that.
+    const fs::path real = fs::canonical(directory, failure);
+    if (failure && not_made) {
+        failure = not_made;
+    } else if (!failure && !fs::is_directory(real, failure)) {
         failure = std::make_error_code(std::errc::not_a_directory);
     }
     if (failure || real == "/") {
