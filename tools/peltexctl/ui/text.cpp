@@ -101,7 +101,8 @@ std::string HumanSize(uint64_t bytes) {
     }
     double value = static_cast<double>(bytes) / 1024;
     const char* unit = "KMGTPE";
-    for (; value >= 1024; value /= 1024) {
+    while (value >= 1024) {
+        value /= 1024;
         unit++;
     }
     return fmt::format("{:.1f} {}iB", value, *unit);
