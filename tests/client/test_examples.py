@@ -125,7 +125,8 @@ def run_bash(command, **variables):
         ["bash", "-o", "pipefail", "-c", CLIENT + command],
         cwd="/data/data", text=True, errors="backslashreplace", timeout=SECONDS,
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-        env={**os.environ, "PROGRAM": PROGRAM, "LC_ALL": "C", "TZ": "UTC", **variables})
+        env={**os.environ, "PROGRAM": PROGRAM, "LC_ALL": "C", "TZ": "UTC",
+             "TERM": "xterm", "NO_COLOR": "", **variables})
     lines, status = done.stdout.splitlines(), f"[{done.returncode}]"
     return lines, [status] * (done.returncode != 0 and lines[-1:] != [status])
 
