@@ -23,6 +23,7 @@
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/library_log.h"
+#include "ui/progress_view.h"
 #include "ui/signals.h"
 #include "ui/terminal.h"
 
@@ -33,7 +34,9 @@ namespace {
 struct Options {
     std::optional<std::string> library;
     std::optional<std::string> data;
-    TaskOutput output;
+    std::string log;  // the lowest priority to show of the library's; empty: after a failure
+    bool json = false;
+    bool quiet = false;
     TaskRequest task;
     ArchiveRequest archive;
 };
@@ -54,38 +57,33 @@ Library SetUp(const Options& options) {
     return library;
 }
 
-int RunShellCommand(const Options& options) {
+int RunShellCommand(const Options& options, EventWriter* /*events*/, ProgressView* view) {
     const Library library = SetUp(options);
-    TakeLibraryLog(options.output.log.empty() ? "error" : options.output.log, nullptr);
-    // Never destroyed: the library's threads may report to it until the process is gone.
-    static EventWriter* const events = new EventWriter(
-        options.output.json || isatty(STDOUT_FILENO) == 0 ? EventWriter::Format::kJson
-                                                          : EventWriter::Format::kText,
-        options.output.quiet);
-    return RunShell(library, events);
+    TakeLibraryLog(options.log.empty() ? "error" : options.log, view);
+    // Programs read objects, even where a command line that is wrong is told people.
+    static EventWriter events(options.json || isatty(STDOUT_FILENO) == 0, options.quiet);
+    return RunShell(library, &events);
 }
 
-int RunTaskCommand(const Options& options) {
+int RunTaskCommand(const Options& options, EventWriter* events, ProgressView* view) {
     TaskRequest request = options.task;
     for (std::string* path : {&request.source, &request.destination, &request.take}) {
         // Which completion adds, and by which the library would lose the name before it.
         path->erase(std::max<size_t>(path->find_last_not_of('/') + 1, path->empty() ? 0 : 1));
     }
     const TaskKind& kind = CheckRequest(request);
-    return RunTask(SetUp(options), kind, request, options.output);
+    const Library library = SetUp(options);
+    TakeLibraryLog(options.log, view);
+    return RunTask(library, {kind, request, *events, *view, options.log != "silent"});
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
-int RunArchiveCommand(const Options& options) {
+int RunArchiveCommand(const Options& options, EventWriter* events, ProgressView* view) {
     if (options.data) {
         MountData(*options.data);
     }
     TakeSignals();
-    ArchiveRequest request = options.archive;
-    request.subcommand = options.task.subcommand;
-    request.quiet = options.output.quiet;
-    request.json = options.output.json;
-    return RunArchive(request);
+    return RunArchive(options.archive, events, view);
 }
 
 template <typename Value>
@@ -94,12 +92,11 @@ CLI::Option* Add(CLI::App* app, const std::string& name, const char* type, Value
     return app->add_option(name, *value, help)->type_name(type);
 }
 
-void DeclareShell(CLI::App* /*command*/, Options* /*options*/) {}
-
 void DeclareTask(CLI::App* command, Options* options) {
     TaskRequest& task = options->task;
+    const std::string& name = command->get_name();
     std::vector<std::string> kinds;
-    for (const TaskKind* kind : KindsOf(command->get_name())) {
+    for (const TaskKind* kind : KindsOf(name)) {
         kinds.emplace_back(kind->kind);
     }
     if (kinds.size() > 1) {
@@ -107,7 +104,7 @@ void DeclareTask(CLI::App* command, Options* options) {
             ->check(CLI::IsMember(kinds))
             ->required();
     }
-    const bool is_brief = command->get_name() == "brief";
+    const bool is_brief = name == "brief";
     Add(command, "SRC", "PATH", &task.source, "Source path")->required();
     Add(command, is_brief ? "BRIEF" : "DEST", "PATH", &task.destination,
         is_brief ? "The brief file to write" : "Destination path")
@@ -118,13 +115,13 @@ void DeclareTask(CLI::App* command, Options* options) {
         ->capture_default_str();
     command->add_flag("--no-verify", task.no_verify, "Do not look at the trees before and after");
     command->add_flag("--force", task.force, "Go on where something would be lost");
-    if (command->get_name() == "backup") {
+    if (name == "backup") {
         Add(command, "--slice-size", "MIB", &task.slice_size, "Of a split backup, 1 to 2047 (100)");
         Add(command, "--take", "DIR", &task.take, "Where its slices go as they are handed over");
         command->add_flag("--replace", task.replace, "Write over an archive or set of that name");
         command->add_flag("--sums", task.sums, "Write NAME.tar.sha256 for sha256sum -c, too");
     }
-    if (command->get_name() == "restore") {
+    if (name == "restore") {
         command->add_flag("--consume", task.consume, "Remove a set when all of it is there");
     }
 }
@@ -144,13 +141,13 @@ void DeclareExport(CLI::App* command, Options* options) {
 struct Subcommand {
     const char* name;
     const char* help;
-    void (*declare)(CLI::App* command, Options* options);
-    int (*run)(const Options& options);
+    void (*declare)(CLI::App* command, Options* options);  // null where there are none of its own
+    int (*run)(const Options& options, EventWriter* events, ProgressView* view);
     const char* more;  // behind the options of its help
 };
 
 constexpr Subcommand kSubcommands[] = {
-    {"shell", "Send the lines of standard input to the library", DeclareShell, RunShellCommand,
+    {"shell", "Send the lines of standard input to the library", nullptr, RunShellCommand,
      R"(Each line of standard input is sent to the library in the current session. What comes back is
 printed as objects, or in words on a terminal. At its end the shell waits for the tasks of open
 sessions, 60 seconds at most.
@@ -211,7 +208,7 @@ std::string FooterOf(const Subcommand& subcommand) {
         }
     }
     footer = (footer.empty() ? "" : "Kinds:\n" + footer + "\n") + subcommand.more;
-    return subcommand.declare == DeclareShell ? footer + "\n" + ShellHelp() : footer;
+    return subcommand.run == RunShellCommand ? footer + "\n" + ShellHelp() : footer;
 }
 
 void DeclareOptions(CLI::App* app, Options* options) {
@@ -221,18 +218,20 @@ void DeclareOptions(CLI::App* app, Options* options) {
     Add(app, "--library", "FILE", &options->library, "The library to load, not the installed one");
     Add(app, "--data", "DIR", &options->data,
         "Show it as /data, to this process only (needs root)");
-    Add(app, "--log", "LEVEL", &options->output.log, "Show the library's log from this priority on")
+    Add(app, "--log", "LEVEL", &options->log, "Show the library's log from this priority on")
         ->check(
             CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
-    app->add_flag("--json", options->output.json, "Print JSON objects, one per line");
-    app->add_flag("-q,--quiet", options->output.quiet, "Tell only what went wrong");
+    app->add_flag("--json", options->json, "Print JSON objects, one per line");
+    app->add_flag("-q,--quiet", options->quiet, "Tell only what went wrong");
     app->require_subcommand(0, 1);
     app->footer(kMore);
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
         command->fallthrough();
         command->footer(FooterOf(row));
-        row.declare(command, options);
+        if (row.declare != nullptr) {
+            row.declare(command, options);
+        }
     }
 }
 
@@ -278,6 +277,26 @@ void OpenMissingStreams() {
     }
 }
 
+// Returns the program's exit status.
+int Run(const Subcommand& subcommand, Options* options) {
+    options->task.subcommand = options->archive.subcommand = subcommand.name;
+    HoldSignals();
+    const SignalScope signals([](int /*times*/) { EndInterrupted("interrupted"); });
+    // Standard output may be the archive, or lines for people to read on. Static: the library's
+    // threads may report to them until the process is gone.
+    const bool is_list = options->archive.subcommand == "list" && !options->json;
+    static EventWriter events(options->json, options->quiet,
+                              is_list || options->archive.out == "-" ? stderr : stdout);
+    static ProgressView view(options->quiet || options->json);
+    try {
+        return subcommand.run(*options, &events, &view);
+    } catch (const Failure& failure) {
+        view.End();
+        events.Error(failure.what());
+        return failure.code();
+    }
+}
+
 int Main(int argc, char** argv) {
     // Names are read as UTF-8 whatever the terminal is set to.
     // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
@@ -297,10 +316,7 @@ int Main(int argc, char** argv) {
     }
     for (const Subcommand& row : kSubcommands) {
         if (app.got_subcommand(row.name)) {
-            options.task.subcommand = row.name;
-            HoldSignals();
-            const SignalScope signals([](int /*times*/) { EndInterrupted("interrupted"); });
-            return row.run(options);
+            return Run(row, &options);
         }
     }
     FailUsage(app, NoSubcommand(app));
@@ -318,10 +334,10 @@ int main(int argc, char** argv) {
         peltexctl::PrintError(failure.what());
         status = failure.code();
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "peltexctl: %s\n", failure.what());
+        peltexctl::PrintError(failure.what());
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        std::fprintf(stderr, "peltexctl: standard output could not be written\n");
+        peltexctl::PrintError("standard output could not be written");
         status = status == peltexctl::kDone ? peltexctl::kTaskFailed : status;
     }
     peltexctl::LeaveSignals();

@@ -1,21 +1,17 @@
 // Tested by tests/client/peltexctl.md.
 #include "archive/commands.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <optional>
 
 #include "archive/export.h"
 #include "archive/sums.h"
 #include "archive/verify.h"
-#include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/progress_view.h"
 #include "ui/terminal.h"
 #include "ui/text.h"
 
@@ -38,21 +34,13 @@ std::string ModeAsText(uint32_t mode, char letter) {
     return text;
 }
 
-std::string TimeAsText(uint64_t seconds) {
-    const auto time = static_cast<time_t>(seconds);
-    struct tm parts = {};
-    char text[64] = {};
-    const bool is_date = localtime_r(&time, &parts) != nullptr &&
-                         strftime(text, sizeof(text), "%Y-%m-%d %H:%M", &parts) != 0;
-    return is_date ? text : fmt::format("{}", seconds);
-}
-
 // One line as `tar tv` writes it.
 std::string EntryAsText(const ArchiveEntry& entry) {
     const TypeWords& words = WordsOf(entry.type);
     return fmt::format(
         "{} {:>11} {:>10} {} {}{}{}", ModeAsText(entry.mode, words.letter),
-        fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size), TimeAsText(entry.mtime),
+        fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size),
+        fmt::format("{:%Y-%m-%d %H:%M}", fmt::localtime(static_cast<time_t>(entry.mtime))),
         EscapeBytes(entry.name), entry.link.empty() ? "" : " -> " + EscapeBytes(entry.link),
         *words.name == '\0'
             ? ""
@@ -77,78 +65,58 @@ std::string EntryAsJson(const ArchiveEntry& entry) {
 // A subcommand at work. What is wrong with the set is told as it is found, and counted.
 class ArchiveCommand {
   public:
-    explicit ArchiveCommand(const ArchiveRequest& request) : request_(request) {}
+    ArchiveCommand(const ArchiveRequest& request, EventWriter* events, ProgressView* view)
+        : request_(request),
+          events_(*events),
+          view_(*view),
+          set_(request.file, sink_, [this](uint64_t done) {
+              view_.SetDone(done);
+              view_.Tick();
+          }) {}
 
     int Run() {
-        try {
-            Open();
-            return request_.subcommand == "list"     ? List()
-                   : request_.subcommand == "verify" ? Verify()
-                                                     : Export();
-        } catch (const Failure& failure) {
-            view_.End();
-            events_.Error(failure.what());
-            return failure.code();
-        }
+        return request_.subcommand == "list"     ? List()
+               : request_.subcommand == "verify" ? Verify()
+                                                 : Export();
     }
 
   private:
-    void Open() {
-        std::string error;
-        set_ = ArchiveSet::Open(request_.file, sink_, &error);
-        Expect(set_.has_value(), error);
-        set_->SetProgress([this](uint64_t done) {
-            view_.SetDone(done);
-            view_.Tick();
-        });
-    }
-
-    static void Expect(bool is_so, const std::string& otherwise) {
-        if (!is_so) {
-            throw Failure(kTaskFailed, otherwise);
-        }
-    }
-
     int List() {
         // On a terminal the lines themselves are the progress.
         if (isatty(STDOUT_FILENO) == 0) {
             Begin();
         }
-        VisitEntries(*set_, sink_, [this](const ArchiveEntry& entry) {
-            Print(stdout, (request_.json ? EntryAsJson(entry) : EntryAsText(entry)) + "\n");
+        VisitEntries(set_, sink_, [this](const ArchiveEntry& entry) {
+            Print(stdout, (events_.json() ? EntryAsJson(entry) : EntryAsText(entry)) + "\n");
         });
         return Status();
     }
 
     int Verify() {
         const Tally tally = Inspect();
-        const bool is_whole = faults_ == 0;
-        Json object = {{"event", "verified"}, {"whole", is_whole}};
-        const std::string text = fmt::format("{}: {}, {}", EscapeBytes(request_.file),
-                                             is_whole ? Paint(stdout, Colour::kGreen, "whole")
-                                                      : Paint(stdout, Colour::kRed, "not whole"),
-                                             SetNumbers(&object, tally));
+        Json object = {{"event", "verified"}, {"whole", faults_ == 0}};
+        const std::string verdict = faults_ == 0 ? Paint(stdout, Colour::kGreen, "whole")
+                                                 : Paint(stdout, Colour::kRed, "not whole");
+        const std::string numbers = SetNumbers(&object, tally);
         object["faults"] = faults_;
         object["warnings"] = warnings_;
-        if (is_whole) {
-            events_.Tell(object, text);
-        } else {
-            events_.TellFault(object, text);
-        }
+        events_.Tell(object,
+                     fmt::format("{}: {}, {}", EscapeBytes(request_.file), verdict, numbers),
+                     faults_ > 0);
         return Status();
     }
 
     int Export() {
-        Expect(set_->is_check_file(), request_.file + " is no check file, which an export takes");
+        Ensure(set_.is_check_file(), request_.file + " is no check file, which an export takes");
         const Tally tally = Inspect();
-        Expect(faults_ == 0, request_.file + " is not whole, nothing was exported");
+        Ensure(faults_ == 0, request_.file + " is not whole, nothing was exported");
         Begin();
-        ExportSet(*set_, request_.out);
+        ExportSet(set_, request_.out);
         view_.End();
         Json object = {{"event", "exported"}};
         SetBytes(&object, "file", request_.out);
         const std::string numbers = SetNumbers(&object, tally);
-        if (stream_ == stdout || request_.json) {
+        if (request_.out != "-" || events_.json()) {
             events_.Tell(object, fmt::format("{}: {}", EscapeBytes(request_.out), numbers));
         }
         return kDone;
@@ -157,40 +125,41 @@ class ArchiveCommand {
     // Returns what a restore would make of the set.
     Tally Inspect() {
         Begin();
-        const Tally tally = VerifySet(*set_, "", sink_);
+        const Tally tally = VerifySet(set_, "", sink_);
         Begin();
-        CheckSums(*set_, sink_);
+        CheckSums(set_, sink_);
         view_.End();
         return tally;
     }
 
     // To be called before each pass.
-    void Begin() { view_.Begin(request_.subcommand, set_->TotalSize()); }
+    void Begin() { view_.Begin(request_.subcommand, set_.TotalSize()); }
 
     int Status() const { return faults_ == 0 ? kDone : kTaskFailed; }
 
     void Add(const Finding& finding) {
         const bool is_warning = finding.severity == Severity::kWarning;
         ++(is_warning ? warnings_ : faults_);
-        Json object = {{"event", is_warning ? "warning" : "fault"}};
+        const char* const word = is_warning ? "warning" : "fault";
+        Json object = {{"event", word}};
         SetBytes(&object, "slice", finding.slice, "raw_slice");
         SetBytes(&object, "entry", finding.entry);
         object["message"] = BytesToUtf8(finding.message);
-        std::string line = is_warning ? Paint(stream_, Colour::kYellow, "warning:")
-                                      : Paint(stream_, Colour::kRed, "fault:");
+        std::string line = Paint(events_.stream(), is_warning ? Colour::kYellow : Colour::kRed,
+                                 fmt::format("{}:", word));
         for (const std::string& part : {finding.slice, finding.entry, finding.message}) {
             line += part.empty() ? "" : " " + EscapeBytes(part) + ":";
         }
         line.pop_back();
-        view_.Aside([&] { events_.TellFault(object, line); });
+        view_.Aside([&] { events_.Tell(object, line, true); });
     }
 
     // The same numbers under the same names, whatever looked at the set. Returns them in words.
     std::string SetNumbers(Json* object, const Tally& tally) const {
         std::string slices;
-        if (set_->is_check_file()) {
-            (*object)["slices"] = set_->size();
-            slices = " in " + Counted(set_->size(), "slice", "slices");
+        if (set_.is_check_file()) {
+            (*object)["slices"] = set_.size();
+            slices = " in " + Counted(set_.size(), "slice", "slices");
         }
         (*object)["entries"] = tally.entries();
         (*object)["bytes"] = tally.bytes();
@@ -199,22 +168,18 @@ class ArchiveCommand {
     }
 
     const ArchiveRequest& request_;
-    // Standard output may be the archive, or lines for people to read on.
-    FILE* const stream_ =
-        request_.out == "-" || (request_.subcommand == "list" && !request_.json) ? stderr : stdout;
-    EventWriter events_{request_.json ? EventWriter::Format::kJson : EventWriter::Format::kText,
-                        request_.quiet, stream_};
-    ProgressView view_{request_.quiet || request_.json};
-    const FindingSink sink_ = [this](const Finding& finding) { Add(finding); };
-    std::optional<ArchiveSet> set_;
+    EventWriter& events_;
+    ProgressView& view_;
     uint64_t faults_ = 0;
     uint64_t warnings_ = 0;
+    const FindingSink sink_ = [this](const Finding& finding) { Add(finding); };
+    const ArchiveSet set_;
 };
 
 }  // namespace
 
-int RunArchive(const ArchiveRequest& request) {
-    return ArchiveCommand(request).Run();
+int RunArchive(const ArchiveRequest& request, EventWriter* events, ProgressView* view) {
+    return ArchiveCommand(request, events, view).Run();
 }
 
 }  // namespace peltexctl

@@ -3,17 +3,18 @@
 
 #include <string>
 
+#include "ui/events.h"
+#include "ui/progress_view.h"
+
 namespace peltexctl {
 
 struct ArchiveRequest {
     std::string subcommand;  // list, verify or export
     std::string file;        // an archive, one slice, or a check file
     std::string out;         // of an export; "-" for standard output
-    bool quiet = false;
-    bool json = false;
 };
 
-// Returns the program's exit status.
-int RunArchive(const ArchiveRequest& request);
+// Returns the program's exit status. Throws Failure.
+int RunArchive(const ArchiveRequest& request, EventWriter* events, ProgressView* view);
 
 }  // namespace peltexctl

@@ -7,9 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -27,10 +25,8 @@ using namespace android::installd;
 
 constexpr uint64_t kLargestFile = 0xFFFFFFFFF;  // what twelve octal digits hold
 
-void Expect(bool is_so, const char* otherwise = "the set changed while it was read") {
-    if (!is_so) {
-        throw Failure(kTaskFailed, otherwise);
-    }
+void ExpectSame(bool is_so) {
+    Ensure(is_so, "the set changed while it was read");
 }
 
 // Where the archive goes: into a new file beside `path`, which takes its place at the end, or
@@ -40,43 +36,45 @@ class Output {
     explicit Output(const std::string& path) : path_(path) {}
 
     void Open() {
-        const std::string name = path_.substr(path_.rfind('/') + 1);
         if (path_ == "-") {
-            fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
-            return Require(fd_.isOpen());
+            return;
         }
+        const std::string name = path_.substr(path_.rfind('/') + 1);
         directory_ = DirectoryOf(path_);
         Require(directory_.isOpen());
-        is_there_ = fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW) == 0;
-        if (is_there_ && !S_ISREG(there_.st_mode) && !S_ISLNK(there_.st_mode)) {
-            fd_ =
+        fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW);
+        const mode_t type = there_.st_mode & S_IFMT;  // 0 where nothing is
+        if (type == 0 || type == S_IFREG || type == S_IFLNK) {
+            mode_ &= type == S_IFREG ? there_.st_mode : 0666;
+            file_.Create(directory_.get(), name);
+            fd_ = file_.fd();
+        } else {
+            other_ =
                 UniqueFd(openat(directory_.get(), name.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-            return Require(fd_.isOpen());
+            fd_ = other_.get();
         }
-        mode_ &= is_there_ && S_ISREG(there_.st_mode) ? there_.st_mode : 0777;
-        Require(file_.Create(directory_.get(), name));
+        Require(fd_ != -1);
     }
 
     // Heeds a file that the archive is made of: who cannot read it must not be able to read that
     // either. And the archive must not take its place.
     void Heed(const ArchiveFile& source) {
         struct stat info = {};
-        Require(fstat(source.fd(), &info) == 0);
-        mode_ &= info.st_mode;
         struct stat own = {};
-        if (file_.fd() != -1 && fstat(file_.fd(), &own) == 0 && own.st_gid != info.st_gid) {
+        Require(fstat(source.fd(), &info) == 0 && fstat(fd_, &own) == 0);
+        mode_ &= info.st_mode;
+        if (own.st_gid != info.st_gid) {
             mode_ &= (info.st_mode & 07) << 3 | 0707;
         }
-        Expect(!is_there_ || info.st_dev != there_.st_dev || info.st_ino != there_.st_ino,
+        Ensure(info.st_dev != there_.st_dev || info.st_ino != there_.st_ino,
                "the output is part of the set itself");
     }
 
     void Write(std::string_view bytes) {
-        const int fd = file_.fd() != -1 ? file_.fd() : fd_.get();
         while (!bytes.empty()) {
-            const ssize_t count = write(fd, bytes.data(), bytes.size());
-            Require(count != -1 || errno == EINTR);
-            bytes.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
+            const ssize_t count = write(fd_, bytes.data(), bytes.size());
+            Require(count != -1);
+            bytes.remove_prefix(static_cast<size_t>(count));
         }
     }
 
@@ -84,7 +82,7 @@ class Output {
     void Finish() {
         const mode_t mask = umask(0);
         umask(mask);
-        Require(file_.fd() == -1 || file_.Finish(mode_ & 0666 & ~mask));
+        Require(fd_ != file_.fd() || file_.Finish(mode_ & ~mask));
     }
 
     [[noreturn]] void Interrupt() {
@@ -101,12 +99,12 @@ class Output {
     }
 
     const std::string path_;
+    int fd_ = STDOUT_FILENO;
     UniqueFd directory_;
-    UniqueFd fd_;  // of what is no new file
+    UniqueFd other_;  // what is no new file
     NewFile file_;
-    bool is_there_ = false;
-    struct stat there_ = {};
-    mode_t mode_ = 0777;
+    struct stat there_ = {};  // what has the name before
+    mode_t mode_ = 0666;
 };
 
 class Exporter {
@@ -116,7 +114,8 @@ class Exporter {
     void Run() {
         output_.Heed(set_.file());
         for (size_t i = 0; i < set_.size(); i++) {
-            const ArchiveFile file = Slice(i);
+            const ArchiveFile file = set_.OpenSlice(i);
+            ExpectSame(file.fault().empty());
             output_.Heed(file);
             ArchiveReader reader(file);
             for (ArchiveEntry entry; reader.Next(&entry);) {
@@ -124,38 +123,31 @@ class Exporter {
                     CopyEntry(file, i, entry, reader.header());
                 }
             }
-            Expect(reader.end() == ArchiveEnd::kEndBlocks);
+            ExpectSame(reader.end() == ArchiveEnd::kEndBlocks);
         }
-        Expect(left_ == 0);
+        ExpectSame(left_ == 0);
         output_.Write(std::string(kEndBlocksSize, '\0'));
     }
 
   private:
-    ArchiveFile Slice(size_t index) const {
-        std::string error;
-        std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
-        Expect(file.has_value());
-        return *file;
-    }
-
     void FillBlock(uint64_t size) {
         output_.Write(std::string((kBlockSize - size % kBlockSize) % kBlockSize, '\0'));
     }
 
     void CopyEntry(const ArchiveFile& file, size_t index, const ArchiveEntry& entry,
                    const tar_header& header) {
-        Expect(entry.Continues() == (left_ > 0));
+        ExpectSame(entry.Continues() == (left_ > 0));
         if (!entry.Continues()) {
             size_ = left_ = entry.IsFile() ? WholeSize(index, entry) : 0;
             WriteRecord(header, TYPE_LONG_LINK, entry.link);
             WriteRecord(header, TYPE_LONG_NAME, entry.name);
             WriteHeader(header, entry.IsFile() ? TYPE_REGULAR : TypeFlag{entry.type}, size_);
         }
-        Expect(entry.size <= left_);
+        ExpectSame(entry.size <= left_);
         left_ -= entry.size;
         for (uint64_t done = 0, count = 0; done < entry.size; done += count) {
             count = std::min<uint64_t>(entry.size - done, buffer_.size());
-            Expect(file.ReadAt(entry.data_offset + done, buffer_.data(), count));
+            ExpectSame(file.ReadAt(entry.data_offset + done, buffer_.data(), count));
             output_.Write({buffer_.data(), count});
             file.Reached(entry.data_offset + done);
         }
@@ -170,8 +162,8 @@ class Exporter {
         uint64_t size = entry.size;
         ArchiveEntry part = entry;
         while (part.FillsSlice() && ++index < set_.size()) {
-            ArchiveFile file = Slice(index);
-            file.SetProgress(nullptr, 0);
+            // Without the set's progress, which would jump ahead.
+            const ArchiveFile file(set_.directory(), set_.NameOf(index), O_NOFOLLOW);
             if (!ArchiveReader(file).Next(&part) || !part.Continues()) {
                 break;
             }
@@ -193,7 +185,7 @@ class Exporter {
     // The stored header with what is other than it was, and with both digits of the version, which
     // make the prefix be looked at.
     void WriteHeader(tar_header header, TypeFlag type, uint64_t size) {
-        Expect(size <= kLargestFile, "a file is larger than a header can say");
+        Ensure(size <= kLargestFile, "a file is larger than a header can say");
         header.typeflag = type;
         I2Ocs(header.size, sizeof(header.size), static_cast<long>(size));
         std::memcpy(header.magic, "ustar", sizeof(header.magic));
@@ -213,7 +205,7 @@ class Exporter {
 }  // namespace
 
 void ExportSet(const ArchiveSet& set, const std::string& out) {
-    Expect(out != "-" || isatty(STDOUT_FILENO) != 1, "no archive is written to a terminal");
+    Ensure(out != "-" || isatty(STDOUT_FILENO) != 1, "no archive is written to a terminal");
     Output output(out);
     const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
     output.Open();

@@ -43,24 +43,19 @@ void SetPath(ArchiveEntry* entry) {
 
 }  // namespace
 
-std::optional<ArchiveFile> ArchiveFile::Open(int directory, const std::string& name, int flags,
-                                             std::string* error) {
+ArchiveFile::ArchiveFile(int directory, const std::string& name, int flags) {
     // A device is not even opened, and a FIFO that takes the file's place not waited for.
-    ArchiveFile file;
     struct stat info = {};
     const bool is_other = fstatat(directory, name.c_str(), &info, 0) == 0 && !S_ISREG(info.st_mode);
-    file.fd_ = std::make_shared<const UniqueFd>(
+    fd_ = std::make_shared<const UniqueFd>(
         is_other ? -1 : openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
-    if (!is_other && (file.fd() == -1 || fstat(file.fd(), &info) != 0)) {
-        *error = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
-        return std::nullopt;
+    if (!is_other && (fd() == -1 || fstat(fd(), &info) != 0)) {
+        fault_ = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
+    } else if (!S_ISREG(info.st_mode)) {
+        fault_ = "is no regular file: an archive, a slice or a check file is wanted";
+    } else {
+        size_ = static_cast<uint64_t>(info.st_size);
     }
-    if (!S_ISREG(info.st_mode)) {
-        *error = "is no regular file: an archive, a slice or a check file is wanted";
-        return std::nullopt;
-    }
-    file.size_ = static_cast<uint64_t>(info.st_size);
-    return file;
 }
 
 UniqueFile ArchiveFile::Stream() const {
@@ -145,7 +140,8 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
         const tar_header& header = block_.header;
         // Of records, too: a restore looks at the name before it looks at the type.
         entry->name = long_name_ ? std::string_view(*long_name_) : block_.name();
-        if (entry->name.find("../") != std::string::npos || entry->name.size() > name_room_) {
+        if (entry->name.find("../") != std::string::npos ||
+            in_front_ + entry->name.size() >= kTarPathSize) {
             return Finish(ArchiveEnd::kRefusedName);
         }
         if (header.typeflag == TYPE_LONG_NAME) {

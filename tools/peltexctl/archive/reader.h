@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/file_handles.h"
 #include "tar/tar_header.h"
@@ -30,14 +31,15 @@ inline android::installd::UniqueFd DirectoryOf(const std::string& path) {
 // Hears how many bytes are done.
 using ProgressSink = std::function<void(uint64_t done)>;
 
-// A regular file that is open for reading, as long as there is a copy of this.
+// A regular file that is open for reading, as long as there is a copy of this; or one that is not,
+// and holds no bytes.
 class ArchiveFile {
   public:
-    // Opens `name` in the directory `directory`, or a path from AT_FDCWD. `flags` are added to
-    // those of open(). On failure returns nothing and says why in `error`.
-    static std::optional<ArchiveFile> Open(int directory, const std::string& name, int flags,
-                                           std::string* error);
+    // Opens `name` in the directory `directory`. `flags` are added to those of open().
+    ArchiveFile(int directory, const std::string& name, int flags);
 
+    // Why it is not open, for people; empty where it is.
+    const std::string& fault() const { return fault_; }
     // In bytes, as it was when the file was opened.
     uint64_t size() const { return size_; }
     int fd() const { return fd_->get(); }
@@ -52,23 +54,20 @@ class ArchiveFile {
     // none. Holes are not read. Nothing when it cannot be read.
     std::optional<uint64_t> FindNonZero(uint64_t offset) const;
 
-    // `sink`, which must outlive the file, hears of what is read, `begin` bytes being done before.
-    void SetProgress(const ProgressSink* sink, uint64_t begin) {
-        progress_ = sink;
-        begin_ = begin;
-    }
+    // `sink` hears of each offset that Reached() is told of.
+    void SetProgress(ProgressSink sink) { progress_ = std::move(sink); }
     // To be called by who has come to `offset`.
     void Reached(uint64_t offset) const {
-        if (progress_ != nullptr) {
-            (*progress_)(begin_ + offset);
+        if (progress_) {
+            progress_(offset);
         }
     }
 
   private:
     std::shared_ptr<const android::installd::UniqueFd> fd_;
     uint64_t size_ = 0;
-    const ProgressSink* progress_ = nullptr;
-    uint64_t begin_ = 0;
+    std::string fault_;
+    ProgressSink progress_;
 };
 
 struct ArchiveEntry {
@@ -130,10 +129,10 @@ bool IsHeaderAt(const ArchiveFile& file, uint64_t offset);
 
 class ArchiveReader {
   public:
-    // `file` must outlive the reader. Names may have `name_room` bytes: what the path of a
-    // restore's destination leaves of the longest path.
-    explicit ArchiveReader(const ArchiveFile& file, size_t name_room = kLongestName)
-        : file_(file), name_room_(name_room) {}
+    // `file` must outlive the reader. `in_front` is how many bytes a restore puts in front of each
+    // name: at least those of the shortest destination, one byte and a slash.
+    explicit ArchiveReader(const ArchiveFile& file, size_t in_front = 2)
+        : file_(file), in_front_(in_front) {}
 
     // Reads the next header with the records in front of it. Returns false at the end; `entry` is
     // then the one to blame, if the end is kRefusedName or kDataCut.
@@ -146,9 +145,6 @@ class ArchiveReader {
 
     // Where the block lies that ended the archive.
     uint64_t end_offset() const { return block_offset_; }
-
-    // Below the shortest destination, one byte and a slash.
-    static constexpr size_t kLongestName = android::installd::kTarPathSize - 3;
 
   private:
     bool ReadHeader();
@@ -163,7 +159,7 @@ class ArchiveReader {
     static constexpr size_t kPage = 4096;
 
     const ArchiveFile& file_;
-    const size_t name_room_;
+    const size_t in_front_;
     const std::unique_ptr<char[]> window_{new char[2 * kPage]};
     uint64_t window_begin_ = 0;  // of what the window holds of the file
     uint64_t window_end_ = 0;

@@ -6,8 +6,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <string_view>
+#include <utility>
 
+#include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -90,45 +91,37 @@ std::string ArchiveSet::TakeLine(std::string_view line) {
     return "";
 }
 
-std::optional<ArchiveSet> ArchiveSet::Open(const std::string& path, const FindingSink& sink,
-                                           std::string* error) {
-    UniqueFd directory = DirectoryOf(path);
-    std::string name = path.substr(path.rfind('/') + 1);
-    std::optional<ArchiveFile> file = ArchiveFile::Open(directory.get(), name, 0, error);
-    std::string content(file ? std::min<uint64_t>(file->size(), kMaxLine) : 0, '\0');
-    if (!file || !file->ReadAt(0, content.data(), content.size())) {
-        *error = fmt::format("{}: {}", path, file ? "cannot be read" : *error);
-        return std::nullopt;
-    }
-    ArchiveSet set(std::move(*file));
-    set.path_ = path;
-    set.name_ = std::move(name);
-    set.directory_ = std::move(directory);
-    if (!IsCheckFile(content, set.name_)) {
-        set.kind_ = NamesSlice(set.name_) ? Kind::kSlice : Kind::kArchive;
-        set.ends_ = {set.file_.size()};
-        return set;
-    }
-    set.kind_ = Kind::kCheckFile;
-    if (const std::string fault = set.ReadCheckFile(); !fault.empty()) {
-        sink({Severity::kFault, set.name_, "", fault});
-        set.ends_.clear();
-    } else if (const std::string next = set.NameOf(set.size());
-               faccessat(set.directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+ArchiveSet::ArchiveSet(const std::string& path, const FindingSink& sink, ProgressSink progress)
+    : path_(path),
+      name_(path.substr(path.rfind('/') + 1)),
+      directory_(DirectoryOf(path)),
+      file_(directory(), name_, 0),
+      progress_(std::move(progress)) {
+    std::string content(std::min<uint64_t>(file_.size(), kMaxLine), '\0');
+    Ensure(file_.fault().empty(), path + ": " + file_.fault());
+    Ensure(file_.ReadAt(0, content.data(), content.size()), path + ": cannot be read");
+    if (!IsCheckFile(content, name_)) {
+        kind_ = NamesSlice(name_) ? Kind::kSlice : Kind::kArchive;
+        ends_ = {file_.size()};
+    } else if (const std::string fault = ReadCheckFile(); !fault.empty()) {
+        sink({Severity::kFault, name_, "", fault});
+        ends_.clear();
+    } else if (const std::string next = NameOf(size());
+               faccessat(directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
         sink({Severity::kWarning, next, "", "is there but not listed"});
     }
-    return set;
 }
 
 std::string ArchiveSet::NameOf(size_t index) const {
     return is_check_file() ? fmt::format("{}.{}", base_, index) : name_;
 }
 
-std::optional<ArchiveFile> ArchiveSet::OpenSlice(size_t index, std::string* error) const {
-    std::optional<ArchiveFile> file =
-        is_check_file() ? ArchiveFile::Open(directory(), NameOf(index), O_NOFOLLOW, error) : file_;
-    if (file && progress_) {
-        file->SetProgress(&progress_, BeginOf(index));
+ArchiveFile ArchiveSet::OpenSlice(size_t index) const {
+    ArchiveFile file =
+        is_check_file() ? ArchiveFile(directory(), NameOf(index), O_NOFOLLOW) : file_;
+    if (progress_) {
+        file.SetProgress(
+            [this, begin = BeginOf(index)](uint64_t offset) { progress_(begin + offset); });
     }
     return file;
 }
@@ -160,13 +153,12 @@ void PartJoiner::Finish() {
 void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit) {
     PartJoiner joiner(set, visit);
     for (size_t i = 0; i < set.size(); i++) {
-        std::string error;
-        const std::optional<ArchiveFile> file = set.OpenSlice(i, &error);
-        if (!file) {
-            sink({Severity::kFault, set.NameOf(i), "", error});
+        const ArchiveFile file = set.OpenSlice(i);
+        if (!file.fault().empty()) {
+            sink({Severity::kFault, set.NameOf(i), "", file.fault()});
             continue;
         }
-        ArchiveReader reader(*file);
+        ArchiveReader reader(file);
         ArchiveEntry entry;
         for (bool is_first = true; reader.Next(&entry); is_first = false) {
             joiner.Take(entry, is_first);

@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "archive/reader.h"
@@ -47,10 +46,9 @@ class ArchiveSet {
     };
 
     // Finds out by its content what the file at `path` is, and reads a check file, once. What is
-    // wrong with its lines goes to `sink`; such a line lists nothing. On failure returns nothing
-    // and one line in `error`.
-    static std::optional<ArchiveSet> Open(const std::string& path, const FindingSink& sink,
-                                          std::string* error);
+    // wrong with its lines goes to `sink`; such a file lists nothing. Throws Failure. Whoever reads
+    // the slices tells `progress` how far it is, in bytes of all of them.
+    ArchiveSet(const std::string& path, const FindingSink& sink, ProgressSink progress = {});
 
     Kind kind() const { return kind_; }
     bool is_check_file() const { return kind_ == Kind::kCheckFile; }
@@ -67,26 +65,22 @@ class ArchiveSet {
     // In bytes, as the check file says: of one, and of all.
     uint64_t SizeOf(size_t index) const { return ends_[index] - BeginOf(index); }
     uint64_t TotalSize() const { return BeginOf(size()); }
-    // On failure returns nothing and says why in `error`. The set must outlive the slice.
-    std::optional<ArchiveFile> OpenSlice(size_t index, std::string* error) const;
-
-    // Whoever reads the slices from now on tells `sink` how far it is, in bytes of all of them.
-    void SetProgress(ProgressSink sink) { progress_ = std::move(sink); }
+    // The set must outlive the slice, which may have a fault.
+    ArchiveFile OpenSlice(size_t index) const;
 
   private:
-    explicit ArchiveSet(ArchiveFile file) : file_(std::move(file)) {}
     uint64_t BeginOf(size_t index) const { return index == 0 ? 0 : ends_[index - 1]; }
     std::string ReadCheckFile();
     std::string TakeLine(std::string_view line);
 
-    Kind kind_ = Kind::kArchive;
-    std::string path_;
-    std::string name_;
-    android::installd::UniqueFd directory_;
-    ArchiveFile file_;
+    const std::string path_;
+    const std::string name_;
+    const android::installd::UniqueFd directory_;
+    const ArchiveFile file_;
+    const ProgressSink progress_;
+    Kind kind_ = Kind::kCheckFile;
     std::string base_;            // slices are named BASE.0, BASE.1 and so on
     std::vector<uint64_t> ends_;  // of the slices, were they one file
-    ProgressSink progress_;
 };
 
 using EntryVisitor = std::function<void(const ArchiveEntry&)>;

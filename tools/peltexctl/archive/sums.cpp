@@ -8,13 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "archive/new_file.h"
+#include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -27,7 +28,7 @@ constexpr char kNoSum[] = "no sum can be made of it";
 
 // The sum of all of the file in hexadecimal; empty when it cannot be read. Nettle is loaded where a
 // sum is wanted: most runs want none, and it is there for no other processor than this machine's.
-std::string SumOf(int fd, const ProgressSink& reached) {
+std::string SumOf(const ArchiveFile& file) {
     static void* const nettle = dlopen("libnettle.so.8", RTLD_NOW);
     const auto find = [](const char* name) {
         return nettle == nullptr ? nullptr : dlsym(nettle, name);
@@ -42,10 +43,10 @@ std::string SumOf(int fd, const ProgressSink& reached) {
     begin(&context);
     std::vector<unsigned char> buffer(size_t{64} << 10);
     ssize_t count = 0;
-    for (off_t offset = 0; (count = pread(fd, buffer.data(), buffer.size(), offset)) > 0;
+    for (off_t offset = 0; (count = pread(file.fd(), buffer.data(), buffer.size(), offset)) > 0;
          offset += count) {
         update(&context, static_cast<size_t>(count), buffer.data());
-        reached(static_cast<uint64_t>(offset));
+        file.Reached(static_cast<uint64_t>(offset));
     }
     char sum[SHA256_DIGEST_SIZE];
     end(&context, sizeof(sum), reinterpret_cast<unsigned char*>(sum));
@@ -65,13 +66,11 @@ std::optional<size_t> IndexOf(const ArchiveSet& set, const std::string& name) {
 // What is wrong with a file that should have this sum, in words; empty when nothing is. That it has
 // another size than its check file says is told elsewhere.
 std::string Compare(const ArchiveSet& set, size_t index, std::string_view expected) {
-    std::string error;
-    const auto slice = index < set.size() ? set.OpenSlice(index, &error) : set.file();
-    if (!slice || (index < set.size() && slice->size() != set.SizeOf(index))) {
+    const ArchiveFile file = index < set.size() ? set.OpenSlice(index) : set.file();
+    if (!file.fault().empty() || (index < set.size() && file.size() != set.SizeOf(index))) {
         return "";
     }
-    const std::string sum =
-        SumOf(slice->fd(), [&slice](uint64_t offset) { slice->Reached(offset); });
+    const std::string sum = SumOf(file);
     return sum == expected ? "" : sum.empty() ? kNoSum : "its bytes are not those of its sum";
 }
 
@@ -83,45 +82,40 @@ std::string SumsName(const std::string& name) {
 }
 
 std::string Summer::Add(int directory, const std::string& name) {
-    Collect();
-    name_ = name;
-    std::string error;
-    const auto file = ArchiveFile::Open(directory, name, O_NOFOLLOW, &error);
-    if (!file) {
-        return error;
+    const ArchiveFile file(directory, name, O_NOFOLLOW);
+    if (!file.fault().empty()) {
+        return file.fault();
     }
-    fstat(file->fd(), &last_);
-    // Where no thread can be started, Collect() sums.
-    sum_ = std::async(std::launch::async | std::launch::deferred,
-                      [held = *file] { return SumOf(held.fd(), [](uint64_t) {}); });
-    return error;
+    fstat(file.fd(), &last_);
+    if (lines_.valid()) {
+        lines_.wait();
+    }
+    // Where no thread can be started, the sum is made when it is waited for.
+    lines_ = std::async(std::launch::async | std::launch::deferred, [before = std::move(lines_),
+                                                                     file, name]() mutable {
+        std::string lines = before.valid() ? before.get() : "";
+        const std::string sum = SumOf(file);
+        Ensure(!sum.empty(), fmt::format("{}: {}", name, kNoSum));
+        Ensure(name.find('\n') == std::string::npos, name + ": no sums are kept of such a name");
+        return lines += fmt::format("{}  {}\n", sum, name);
+    });
+    return "";
 }
 
-void Summer::Collect() {
-    const std::string sum = sum_.valid() ? sum_.get() : "-";
-    if (sum.empty() || name_.find('\n') != std::string::npos) {
-        error_ =
-            fmt::format("{}: {}", name_, sum.empty() ? kNoSum : "no sums are kept of such a name");
-    } else if (sum != "-") {
-        lines_ += fmt::format("{}  {}\n", sum, name_);
-    }
-}
-
-bool Summer::Finish(int directory, const std::string& name, std::string* error) {
-    Collect();
-    *error = error_;
-    if (!error->empty()) {
-        return false;
-    }
+std::string Summer::Finish(int directory, const std::string& name) {
     NewFile file;
-    const bool is_written =
-        file.Create(directory, name) &&
-        write(file.fd(), lines_.data(), lines_.size()) == static_cast<ssize_t>(lines_.size()) &&
-        fchown(file.fd(), last_.st_uid, last_.st_gid) == 0 && file.Finish(last_.st_mode & 0777);
-    if (!is_written) {
-        *error = fmt::format("{}: cannot be written: {}", name, ErrorText(errno));
+    try {
+        const std::string lines = lines_.get();
+        Require(file.Create(directory, name) &&
+                    write(file.fd(), lines.data(), lines.size()) ==
+                        static_cast<ssize_t>(lines.size()) &&
+                    fchown(file.fd(), last_.st_uid, last_.st_gid) == 0 &&
+                    file.Finish(last_.st_mode & 0777),
+                name + ": cannot be written");
+    } catch (const Failure& failure) {
+        return failure.what();
     }
-    return is_written;
+    return "";
 }
 
 void CheckSums(const ArchiveSet& set, const FindingSink& sink) {
@@ -132,17 +126,16 @@ void CheckSums(const ArchiveSet& set, const FindingSink& sink) {
     if (faccessat(set.directory(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
         return;
     }
-    std::string error = kNoSum;
-    const auto file = ArchiveFile::Open(set.directory(), name, O_NOFOLLOW, &error);
-    const UniqueFile stream = file ? file->Stream() : nullptr;
-    if (stream == nullptr) {
-        return fault(name, error);
+    const ArchiveFile file(set.directory(), name, O_NOFOLLOW);
+    if (!file.fault().empty()) {
+        return fault(name, file.fault());
     }
+    const UniqueFile stream = file.Stream();
     std::vector<bool> is_summed(set.size() + (set.is_check_file() ? 1 : 0));
     // An archive and a set of one name share the file: the last that was written has it.
     bool is_of_another = false;
     char line[8192] = {};
-    while (fgets(line, sizeof(line), stream.get()) != nullptr) {
+    while (stream != nullptr && fgets(line, sizeof(line), stream.get()) != nullptr) {
         constexpr size_t kDigits = size_t{2} * SHA256_DIGEST_SIZE;
         const std::string_view text(line);
         const std::string_view mark = text.substr(std::min(kDigits, text.size()), 2);

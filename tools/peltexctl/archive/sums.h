@@ -24,17 +24,13 @@ class Summer {
     std::string Add(int directory, const std::string& name);
 
     // Waits for all sums, then writes them to `name` in `directory`, in place of one that is there,
-    // with owner and mode of the last file. On failure nothing is left, and one line is in `error`.
-    bool Finish(int directory, const std::string& name, std::string* error);
+    // with owner and mode of the last file. Returns which file is why they cannot be written, and
+    // leaves nothing then; empty when they are. REQUIRES: a file was added.
+    std::string Finish(int directory, const std::string& name);
 
   private:
-    void Collect();
-
-    std::string name_;
     struct stat last_ = {};
-    std::future<std::string> sum_;
-    std::string lines_;
-    std::string error_;
+    std::future<std::string> lines_;  // of all files that were added
 };
 
 // Compares the files of `set` with their sums, where there is a file of them; what differs is a

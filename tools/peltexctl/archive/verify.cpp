@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ui/text.h"
+
 namespace peltexctl {
 
 namespace {
@@ -26,26 +28,6 @@ constexpr size_t kMostDoubtful = 10000;
 std::string_view ParentOf(std::string_view path) {
     const size_t slash = path.rfind('/');
     return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-// Calls `take` with `path` and each directory above it, the deepest first, until it returns true.
-template <typename Take>
-bool AnyUpwards(std::string_view path, const Take& take) {
-    for (; !path.empty(); path = ParentOf(path)) {
-        if (take(path)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// The last component of an entry's name, a directory's without the slash behind it.
-std::string_view LastComponent(const ArchiveEntry& entry) {
-    std::string_view name = entry.name;
-    if (entry.type == TYPE_DIRECTORY && !name.empty() && name.back() == '/') {
-        name.remove_suffix(1);
-    }
-    return name.substr(name.rfind('/') + 1);
 }
 
 // Gives what a restore makes of an entry to `visit`, but for the destination itself.
@@ -97,22 +79,23 @@ class SetVerifier {
   public:
     SetVerifier(const ArchiveSet& set, const std::string& destination, const FindingSink& sink)
         : set_(set),
-          destination_(destination.empty() || destination.back() == '/' ? destination
-                                                                        : destination + "/"),
+          destination_((destination.empty() ? "." : destination) + "/"),
           sink_(sink),
           begin_known_(set.is_check_file()) {}
 
     Tally Run() {
         for (size_t i = 0; i < set_.size(); i++) {
             slice_ = set_.NameOf(i);
-            CheckSlice(i);
+            begin_known_ = CheckSlice(set_.OpenSlice(i), set_.SizeOf(i)) && set_.is_check_file();
+            if (!begin_known_) {
+                open_part_.reset();
+            }
         }
         joiner_.Finish();
-        if (set_.is_check_file() && set_.size() > 0) {
-            CloseOpenPart(false,
-                          "ends just where the last slice does: a further one may be missing");
-            CheckLastSliceFull();
+        if (open_part_) {
+            sink_(*open_part_);
         }
+        CheckLastSliceFull();
         LookAgain();
         return tally_;
     }
@@ -127,46 +110,33 @@ class SetVerifier {
         sink_({Severity::kFault, slice_, entry, message});
     }
 
-    void CheckSlice(size_t index) {
-        std::string error;
-        const std::optional<ArchiveFile> file = set_.OpenSlice(index, &error);
-        if (!file) {
-            Fault("", error);
-            open_part_.reset();
-            begin_known_ = false;
-            return;
+    // Returns whether its end blocks were reached.
+    bool CheckSlice(const ArchiveFile& file, uint64_t listed_size) {
+        if (!file.fault().empty()) {
+            Fault("", file.fault());
+            return false;
         }
-        const bool has_size = CheckSize(*file, index);
-        ArchiveReader reader(
-            *file, destination_.empty()
-                       ? ArchiveReader::kLongestName
-                       : kTarPathSize - 1 - std::min(destination_.size(), kTarPathSize - 1));
-        ArchiveEntry entry;
-        for (is_first_ = true; reader.Next(&entry); is_first_ = false) {
-            CheckEntry(entry);
-            CheckPart(*file, entry);
-            joiner_.Take(entry, is_first_);
-        }
-        // What of the end follows from such a size goes without saying.
-        if (has_size && (entry.misread != "size" || reader.end() == ArchiveEnd::kEndBlocks)) {
-            CheckEnd(*file, reader, entry);
-        }
-        begin_known_ = reader.end() == ArchiveEnd::kEndBlocks && set_.is_check_file();
-        if (!begin_known_) {
-            open_part_.reset();
-        }
-    }
-
-    bool CheckSize(const ArchiveFile& file, size_t index) {
-        const bool is_listed = file.size() == set_.SizeOf(index);
-        if (!is_listed) {
-            Fault("", fmt::format("has {} bytes, the check file says {}", file.size(),
-                                  set_.SizeOf(index)));
-        } else if (file.size() % kBlockSize != 0) {
+        const bool has_size = file.size() == listed_size && file.size() % kBlockSize == 0;
+        if (file.size() != listed_size) {
+            Fault("",
+                  fmt::format("has {} bytes, the check file says {}", file.size(), listed_size));
+        } else if (!has_size) {
             Fault("", fmt::format("has {} bytes, no multiple of 512: a restore takes nothing of it",
                                   file.size()));
         }
-        return is_listed && file.size() % kBlockSize == 0;
+        ArchiveReader reader(file, destination_.size());
+        ArchiveEntry entry;
+        for (is_first_ = true; reader.Next(&entry); is_first_ = false) {
+            CheckEntry(entry);
+            CheckPart(file, entry);
+            joiner_.Take(entry, is_first_);
+        }
+        const bool has_end = reader.end() == ArchiveEnd::kEndBlocks;
+        // What of the end follows from such a size goes without saying.
+        if (has_size && (has_end || entry.misread != "size")) {
+            CheckEnd(file, reader, entry);
+        }
+        return has_end;
     }
 
     void CheckEntry(const ArchiveEntry& entry) {
@@ -194,38 +164,38 @@ class SetVerifier {
     // Why an entry does not get where it should: what no file system takes, what a restore passes
     // over, what lies outside the destination; null where nothing is wrong.
     const char* FaultOfPlace(const ArchiveEntry& entry) const {
-        const std::string& path = entry.path;
-        const std::string_view last = LastComponent(entry);
-        const auto is_long = [](std::string_view each) {
-            return each.size() - (each.rfind('/') + 1) > kLongestComponent;
-        };
+        const bool is_directory = entry.type == TYPE_DIRECTORY;
+        std::string_view last = entry.name;
+        last.remove_suffix(is_directory && EndsWith(last, "/") ? 1 : 0);
+        last.remove_prefix(last.rfind('/') + 1);
         if (last == "..") {
             return "leaves the directory to be restored";
         }
-        if (path.empty() ? entry.type != TYPE_DIRECTORY : last.empty() || last == ".") {
+        if (entry.path.empty() ? !is_directory : last.empty() || last == ".") {
             return "is no name that a restore can make something of";
         }
         if (entry.type == TYPE_SYMLINK && entry.link.empty()) {
             return "a link without a target, which no file system takes";
         }
-        if (path.size() > kLongestComponent && AnyUpwards(path, is_long)) {
-            return "no file system takes a component of more than 255 bytes";
+        for (std::string_view up = entry.path; up.size() > kLongestComponent; up = ParentOf(up)) {
+            if (up.size() - (up.rfind('/') + 1) > kLongestComponent) {
+                return "no file system takes a component of more than 255 bytes";
+            }
         }
-        const bool is_passed_over = entry.name.find("tinker/") != std::string::npos &&
-                                    ((destination_.empty() ? "/" : destination_) + entry.name)
-                                            .find("/com.tencent.mm/tinker/") != std::string::npos;
+        const bool is_passed_over =
+            entry.name.find("tinker/") != std::string::npos &&
+            (destination_ + entry.name).find("/com.tencent.mm/tinker/") != std::string::npos;
         return is_passed_over ? "lies in a directory that a restore passes over" : nullptr;
     }
 
     void Remember(const ArchiveEntry& entry) {
         bool may_go_through_link = false;
-        AnyUpwards(entry.path, [&](std::string_view each) {
-            if (has_links_ && seen_.MayHave(each, PathMark::kLink)) {
+        for (std::string_view up = entry.path; has_links_ && !up.empty(); up = ParentOf(up)) {
+            if (seen_.MayHave(up, PathMark::kLink)) {
                 may_go_through_link = true;
-                LookAgainFor(each);
+                LookAgainFor(up);
             }
-            return !has_links_;
-        });
+        }
         // A restore makes one directory above a file, with what is known: the file's own mode.
         const std::string_view parent = ParentOf(entry.path);
         if (!may_go_through_link && set_.kind() != ArchiveSet::Kind::kSlice && !parent.empty() &&
@@ -244,10 +214,8 @@ class SetVerifier {
     }
 
     void LookAgainFor(std::string_view path) {
-        if (doubtful_.size() < kMostDoubtful) {
+        if (doubtful_.size() <= kMostDoubtful) {
             doubtful_.emplace(kHashOf(path), Met::kNot);
-        } else {
-            has_more_doubts_ = true;
         }
     }
 
@@ -261,7 +229,7 @@ class SetVerifier {
                 }
             });
         }
-        if (has_more_doubts_) {
+        if (doubtful_.size() > kMostDoubtful) {
             Warn("", "too many entries to tell whether a name is there twice");
         }
     }
@@ -269,15 +237,15 @@ class SetVerifier {
     void LookAgainAt(const ArchiveEntry& entry) {
         // A link itself replaces one of its name; all else is written through it.
         const bool is_link = entry.type == TYPE_SYMLINK;
-        const bool is_through =
-            AnyUpwards(is_link ? ParentOf(entry.path) : entry.path, [&](std::string_view each) {
-                const auto row = doubtful_.find(kHashOf(each));
-                const bool leads_on = row != doubtful_.end() && row->second == Met::kLink;
-                if (leads_on) {
-                    Fault(entry.name, fmt::format("goes through the link {} of the archive", each));
-                }
-                return leads_on;
-            });
+        bool is_through = false;
+        for (std::string_view up = is_link ? ParentOf(entry.path) : entry.path;
+             !is_through && !up.empty(); up = ParentOf(up)) {
+            const auto row = doubtful_.find(kHashOf(up));
+            is_through = row != doubtful_.end() && row->second == Met::kLink;
+            if (is_through) {
+                Fault(entry.name, fmt::format("goes through the link {} of the archive", up));
+            }
+        }
         const auto own = doubtful_.find(kHashOf(entry.path));
         if (own == doubtful_.end()) {
             return;
@@ -299,8 +267,13 @@ class SetVerifier {
             open_part_ && is_first_ && entry.Continues() && open_part_->entry == entry.name;
         if (!goes_on && entry.Continues() && (begin_known_ || !is_first_)) {
             Fault(entry.name, "continues a file that does not go on here");
-        } else if (!goes_on) {
-            CloseOpenPart(!is_first_, "");
+        } else if (open_part_ && !is_first_) {
+            // A first part may be a file that ended just where its slice did, or one whose header
+            // promises too much, so that what lies behind its content passes for it.
+            Fault(open_part_->entry,
+                  "promises more content than there is: its slice goes on behind");
+        } else if (open_part_ && !goes_on && open_part_->severity != Severity::kWarning) {
+            sink_(*open_part_);
         }
         open_part_.reset();
         if (entry.type == TYPE_MIDDLE_PART) {
@@ -311,20 +284,9 @@ class SetVerifier {
                 Finding{Severity::kSuspicion, slice_, entry.name,
                         "ends just where its slice does, in bytes that may not be its own"};
         } else if (entry.FillsSlice()) {
-            open_part_ = Finding{Severity::kWarning, slice_, entry.name, ""};
-        }
-    }
-
-    // Nothing goes on with the part that filled its slice. A first part may be a file that ended
-    // just there, or one whose header promises too much, so that what lies behind its content
-    // passes for it.
-    void CloseOpenPart(bool is_in_slice, const std::string& at_end) {
-        if (open_part_ && is_in_slice) {
-            Fault(open_part_->entry,
-                  "promises more content than there is: its slice goes on behind");
-        } else if (open_part_ && !(open_part_->message + at_end).empty()) {
-            open_part_->message = open_part_->message.empty() ? at_end : open_part_->message;
-            sink_(*open_part_);
+            open_part_ =
+                Finding{Severity::kWarning, slice_, entry.name,
+                        "ends just where the last slice does: a further one may be missing"};
         }
     }
 
@@ -342,21 +304,17 @@ class SetVerifier {
     }
 
     void CheckEnd(const ArchiveFile& file, const ArchiveReader& reader, const ArchiveEntry& entry) {
-        switch (reader.end()) {
-            case ArchiveEnd::kEndBlocks:
-                return CheckBehindEnd(file, reader.end_offset());
-            case ArchiveEnd::kRefusedName:
-            case ArchiveEnd::kDataCut:
-                return Fault(entry.name, DescribeEnd(reader.end()));
-            default:
-                Fault("", fmt::format("{}, at {}{}", DescribeEnd(reader.end()), reader.end_offset(),
-                                      entry.name.empty() ? "" : ", behind " + entry.name));
+        const ArchiveEnd end = reader.end();
+        const uint64_t offset = reader.end_offset();
+        if (end == ArchiveEnd::kRefusedName || end == ArchiveEnd::kDataCut) {
+            return Fault(entry.name, DescribeEnd(end));
         }
-    }
-
-    // Others fill up behind the end blocks, with zeros. All else was something once: a header that
-    // is overwritten with zeros ends an archive early.
-    void CheckBehindEnd(const ArchiveFile& file, uint64_t offset) {
+        if (end != ArchiveEnd::kEndBlocks) {
+            return Fault("", fmt::format("{}, at {}{}", DescribeEnd(end), offset,
+                                         entry.name.empty() ? "" : ", behind " + entry.name));
+        }
+        // Others fill up behind the end blocks, with zeros. All else was something once: a header
+        // that is overwritten with zeros ends an archive early.
         const std::optional<uint64_t> used = file.FindNonZero(offset);
         if (!used) {
             Fault("", "its end cannot be read");
@@ -369,12 +327,11 @@ class SetVerifier {
     // A slice that is not the last is closed by the write that makes it reach the slice size. When
     // the last one is as full, another was begun, which is dropped if it holds empty files alone.
     void CheckLastSliceFull() {
-        const uint64_t last = set_.SizeOf(set_.size() - 1);
-        uint64_t slice_size = UINT64_MAX;
+        uint64_t slice_size = INT64_MAX;
         for (size_t i = 0; i + 1 < set_.size(); i++) {
             slice_size = std::min(slice_size, set_.SizeOf(i) / kMiB * kMiB);
         }
-        if (last >= kEndBlocksSize && last - kEndBlocksSize >= slice_size) {
+        if (set_.size() > 1 && set_.SizeOf(set_.size() - 1) >= slice_size + kEndBlocksSize) {
             Warn("", "the last slice is full: empty files behind it, if there were any, are lost");
         }
     }
@@ -392,7 +349,6 @@ class SetVerifier {
 
     PathFilter seen_{set_.TotalSize()};
     std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
-    bool has_more_doubts_ = false;
     bool has_links_ = false;
 };
 

@@ -126,8 +126,9 @@ std::string SliceHandOver::Finish(bool whole) {
         return error;
     }
     error = Take(base_ + ".txt");
-    if (!failed_ && summer_ && !summer_->Finish(Held().get(), SumsName(base_), &error)) {
-        return fmt::format("{}/{}: cannot be written: {}", Directory(), SumsName(base_), error);
+    if (!failed_ && summer_) {
+        error = summer_->Finish(Held().get(), SumsName(base_));
+        return error.empty() ? "" : Directory() + "/" + error;
     }
     return error;
 }
@@ -183,16 +184,14 @@ std::string SliceHandOver::MoveAway(const std::string& name) {
 
 // To another file system, where nothing has the name before all is there.
 std::string SliceHandOver::CopyAway(const std::string& name) {
-    std::string error;
     struct stat status = {};
-    const std::optional<ArchiveFile> from =
-        ArchiveFile::Open(from_.get(), name, O_NOFOLLOW, &error);
-    if (!from) {
-        return error;
+    const ArchiveFile from(from_.get(), name, O_NOFOLLOW);
+    if (!from.fault().empty()) {
+        return from.fault();
     }
     NewFile to;
-    const bool is_moved = fstat(from->fd(), &status) == 0 && to.Create(to_.fd().get(), name) &&
-                          CopyContent(from->fd(), to.fd()) &&
+    const bool is_moved = fstat(from.fd(), &status) == 0 && to.Create(to_.fd().get(), name) &&
+                          CopyContent(from.fd(), to.fd()) &&
                           (fchown(to.fd(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
                           to.Finish(status.st_mode & 0777) &&
                           unlinkat(from_.get(), name.c_str(), 0) == 0;

@@ -200,14 +200,13 @@ bool TaskCheck::TallyFile(const std::string& result, Differences* faults) {
         }
         tick_();
     };
-    std::string error;
-    const std::optional<ArchiveSet> set = ArchiveSet::Open(result, tell, &error);
-    if (set) {
-        found_ = VerifySet(*set, "", tell);
-    } else {
-        faults->Add(error);
+    try {
+        found_ = VerifySet(ArchiveSet(result, tell), "", tell);
+    } catch (const Failure& failure) {
+        faults->Add(failure.what());
+        return false;
     }
-    return set.has_value();
+    return true;
 }
 
 // Entries cannot be looked up in a file: some of their sums are kept at a time.
@@ -222,12 +221,10 @@ void TaskCheck::CompareWithFile(const std::string& result, Differences* differen
             }
             tick_();
         };
-        std::string error;
         if (kind_.result == Result::kRecords) {
             VisitBrief(result, keep);
-        } else if (const std::optional<ArchiveSet> set = ArchiveSet::Open(
-                       result, [](const Finding&) {}, &error)) {
-            VisitRestored(*set, keep);
+        } else {
+            VisitRestored(ArchiveSet(result, [](const Finding&) {}), keep);
         }
         std::sort(sums.begin(), sums.end());
         VisitExpected([&](const TallyEntry& entry) {

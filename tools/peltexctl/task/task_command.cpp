@@ -96,14 +96,9 @@ class TaskCommand {
     }
 
     void OpenSet() {
-        std::string error;
-        set_ = ArchiveSet::Open(
-            request_.source,
-            [this](const Finding& finding) { line_faults_.push_back(DescribeFinding(finding)); },
-            &error);
-        if (!set_) {
-            throw Failure(kTaskFailed, error);
-        }
+        set_.emplace(request_.source, [this](const Finding& finding) {
+            line_faults_.push_back(DescribeFinding(finding));
+        });
         RefuseArchive(kind_, *set_);
         if (set_->size() == 0 && !request_.force) {
             throw Failure(kTaskFailed, line_faults_.empty() ? request_.source + ": lists no slice"
@@ -193,10 +188,10 @@ class TaskCommand {
         const UniqueFd directory = OpenDirectory(ParentOf(archive));
         const std::string name = NameOf(archive);
         Summer summer;
-        std::string error = summer.Add(directory.get(), name);
-        if (!error.empty() || !summer.Finish(directory.get(), SumsName(name), &error)) {
-            throw Failure(kTaskFailed, error);
-        }
+        const std::string unread = summer.Add(directory.get(), name);
+        const std::string fault =
+            unread.empty() ? summer.Finish(directory.get(), SumsName(name)) : unread;
+        Ensure(fault.empty(), fault);
     }
 
     TaskJob job_;
@@ -214,20 +209,8 @@ class TaskCommand {
 
 }  // namespace
 
-int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request,
-            const TaskOutput& output) {
-    // Never destroyed: the library's threads may report to them until the process is gone.
-    static EventWriter* const events = new EventWriter(
-        output.json ? EventWriter::Format::kJson : EventWriter::Format::kText, output.quiet);
-    static ProgressView* const view = new ProgressView(output.quiet || output.json);
-    TakeLibraryLog(output.log, view);
-    try {
-        return TaskCommand({kind, request, *events, *view, output.log != "silent"}).Run(library);
-    } catch (const Failure& failure) {
-        view->End();
-        events->Error(failure.what());
-        return failure.code();
-    }
+int RunTask(const Library& library, const TaskJob& job) {
+    return TaskCommand(job).Run(library);
 }
 
 }  // namespace peltexctl

@@ -2,18 +2,11 @@
 #pragma once
 
 #include "task/library.h"
-#include "task/task_kinds.h"
+#include "task/task_run.h"
 
 namespace peltexctl {
 
-struct TaskOutput {
-    bool json = false;
-    bool quiet = false;
-    std::string log;  // the lowest priority to show of the library's log; empty: after a failure
-};
-
-// Returns the program's exit status.
-int RunTask(const Library& library, const TaskKind& kind, const TaskRequest& request,
-            const TaskOutput& output);
+// Returns the program's exit status. Throws Failure.
+int RunTask(const Library& library, const TaskJob& job);
 
 }  // namespace peltexctl

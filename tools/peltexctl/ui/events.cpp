@@ -157,7 +157,7 @@ void EventWriter::Summary(const TaskSummary& summary) {
 }
 
 void EventWriter::Error(const std::string& message) {
-    if (json()) {
+    if (json_) {
         Json object = {{"event", "error"}};
         SetBytes(&object, "message", message);
         WriteLine(JsonLine(object));
@@ -172,14 +172,10 @@ void EventWriter::Note(const std::string& message) {
     }
 }
 
-void EventWriter::Tell(const Json& object, const std::string& text) {
-    if (!quiet_) {
-        TellFault(object, text);
+void EventWriter::Tell(const Json& object, const std::string& text, bool went_wrong) {
+    if (!quiet_ || went_wrong) {
+        WriteLine(json_ ? JsonLine(object) : text);
     }
-}
-
-void EventWriter::TellFault(const Json& object, const std::string& text) {
-    WriteLine(json() ? JsonLine(object) : text);
 }
 
 void EventWriter::WriteLine(const std::string& line) {

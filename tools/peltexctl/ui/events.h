@@ -65,26 +65,24 @@ struct TaskSummary {
 
 class EventWriter {
   public:
-    enum class Format { kJson, kText };
-
-    // A `quiet` one tells only what went wrong.
-    explicit EventWriter(Format format, bool quiet = false, FILE* stream = stdout)
-        : format_(format), quiet_(quiet), stream_(stream) {}
+    // Writes objects or words. A `quiet` one tells only what went wrong.
+    EventWriter(bool json, bool quiet, FILE* stream = stdout)
+        : json_(json), quiet_(quiet), stream_(stream) {}
 
     EventWriter(const EventWriter&) = delete;
     EventWriter& operator=(const EventWriter&) = delete;
 
-    bool json() const { return format_ == Format::kJson; }
+    bool json() const { return json_; }
     bool quiet() const { return quiet_; }
+    FILE* stream() const { return stream_; }
 
     void Session(int session);
     void Result(const std::string& command, int result);
     void Status(const StatusEvent& event);
     void Closed(int session, int result);
     void Summary(const TaskSummary& summary);
-    // An event as an object, and the same in words; the second is of what went wrong.
-    void Tell(const Json& object, const std::string& text);
-    void TellFault(const Json& object, const std::string& text);
+    // An event as an object, and the same in words.
+    void Tell(const Json& object, const std::string& text, bool went_wrong = false);
     // In words it goes to standard error.
     void Error(const std::string& message);
     // The same for what is no failure.
@@ -93,7 +91,7 @@ class EventWriter {
   private:
     void WriteLine(const std::string& line);
 
-    const Format format_;
+    const bool json_;
     const bool quiet_;
     FILE* const stream_;
     std::mutex mutex_;  // one line at a time

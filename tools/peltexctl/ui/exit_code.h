@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "ui/text.h"
 
@@ -28,10 +29,16 @@ class Failure : public std::runtime_error {
     ExitCode code_;
 };
 
-// Throws "MESSAGE: what errno says" where `is_done` is false, which a system call has just told.
-inline void Require(bool is_done, const std::string& message, ExitCode status = kTaskFailed) {
+inline void Ensure(bool is_so, std::string_view otherwise, ExitCode code = kTaskFailed) {
+    if (!is_so) {
+        throw Failure(code, std::string(otherwise));
+    }
+}
+
+// The same with "MESSAGE: what errno says", where a system call has just told whether it is done.
+inline void Require(bool is_done, const std::string& message, ExitCode code = kTaskFailed) {
     if (!is_done) {
-        throw Failure(status, message + ": " + ErrorText(errno));
+        throw Failure(code, message + ": " + ErrorText(errno));
     }
 }
 
