@@ -1,7 +1,6 @@
 // Options, and the table of subcommands.
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -10,7 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,7 +29,10 @@ namespace peltexctl {
 
 namespace {
 
+struct Subcommand;
+
 struct Options {
+    const Subcommand* subcommand = nullptr;
     std::optional<std::string> library;
     std::optional<std::string> data;
     std::string log;  // the lowest priority to show of the library's; empty: after a failure
@@ -219,11 +220,10 @@ void DeclareOptions(CLI::App* app, Options* options) {
     Add(app, "--data", "DIR", &options->data,
         "Show it as /data, to this process only (needs root)");
     Add(app, "--log", "LEVEL", &options->log, "Show the library's log from this priority on")
-        ->check(
-            CLI::IsMember(std::vector<std::string>(std::begin(kLogLevels), std::end(kLogLevels))));
+        ->check(CLI::IsMember(kLogLevels));
     app->add_flag("--json", options->json, "Print JSON objects, one per line");
     app->add_flag("-q,--quiet", options->quiet, "Tell only what went wrong");
-    app->require_subcommand(0, 1);
+    app->require_subcommand(1);
     app->footer(kMore);
     for (const Subcommand& row : kSubcommands) {
         CLI::App* command = app->add_subcommand(row.name, row.help);
@@ -232,40 +232,34 @@ void DeclareOptions(CLI::App* app, Options* options) {
         if (row.declare != nullptr) {
             row.declare(command, options);
         }
+        command->callback([options, &row] {
+            options->subcommand = &row;
+            options->task.subcommand = options->archive.subcommand = row.name;
+        });
     }
 }
 
-// What is wrong with a command line, and which help tells more.
-[[noreturn]] void FailUsage(const CLI::App& app, const std::string& reason) {
+// What is wrong with a command line, and which help tells more. CLI11 says what is missing before
+// what is too much.
+std::string DescribeUsage(const CLI::App& app, const CLI::ParseError& failure) {
     const std::vector<CLI::App*> commands = app.get_subcommands();
-    throw Failure(kUsage, fmt::format("{}; see peltexctl {}--help", reason,
-                                      commands.empty() ? "" : commands[0]->get_name() + " "));
-}
-
-// The first word that is no option, where no subcommand was found.
-std::string NoSubcommand(const CLI::App& app) {
-    std::vector<std::string> names;
-    for (const Subcommand& row : kSubcommands) {
-        names.emplace_back(row.name);
-    }
-    const std::vector<std::string> words = app.remaining();
-    return fmt::format("{}: {}",
-                       words.empty() ? "a subcommand is missing"
-                                     : fmt::format("\"{}\" is no subcommand", words[0]),
-                       fmt::join(names, ", "));
-}
-
-// What is wrong with a command line. CLI11 says what is missing before what is too much.
-std::string Describe(const CLI::App& app, const CLI::ParseError& failure) {
     const std::vector<std::string> words = app.remaining(true);
     const auto option = std::find_if(words.begin(), words.end(), [](const std::string& word) {
         return word.size() > 1 && word[0] == '-';
     });
+    std::string reason = failure.what();
     if (option != words.end()) {
-        return fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}",
-                           *option);
+        reason =
+            fmt::format("\"{0}\" is no option here; a file of that name is written ./{0}", *option);
+    } else if (commands.empty() && (!words.empty() || failure.get_name() == "RequiredError")) {
+        reason = words.empty() ? "a subcommand is missing"
+                               : fmt::format("\"{}\" is no subcommand", words[0]);
+        for (const Subcommand& row : kSubcommands) {
+            reason += fmt::format("{} {}", &row == kSubcommands ? ":" : ",", row.name);
+        }
     }
-    return app.get_subcommands().empty() && !words.empty() ? NoSubcommand(app) : failure.what();
+    return fmt::format("{}; see peltexctl {}--help", reason,
+                       commands.empty() ? "" : commands[0]->get_name() + " ");
 }
 
 // What is opened later takes the lowest free number, and must not become an output by that.
@@ -277,19 +271,17 @@ void OpenMissingStreams() {
     }
 }
 
-// Returns the program's exit status.
-int Run(const Subcommand& subcommand, Options* options) {
-    options->task.subcommand = options->archive.subcommand = subcommand.name;
+int Run(const Options& options) {
     HoldSignals();
     const SignalScope signals([](int /*times*/) { EndInterrupted("interrupted"); });
     // Standard output may be the archive, or lines for people to read on. Static: the library's
     // threads may report to them until the process is gone.
-    const bool is_list = options->archive.subcommand == "list" && !options->json;
-    static EventWriter events(options->json, options->quiet,
-                              is_list || options->archive.out == "-" ? stderr : stdout);
-    static ProgressView view(options->quiet || options->json);
+    const bool is_list = options.archive.subcommand == "list" && !options.json;
+    static EventWriter events(options.json, options.quiet,
+                              is_list || options.archive.out == "-" ? stderr : stdout);
+    static ProgressView view(options.quiet || options.json);
     try {
-        return subcommand.run(*options, &events, &view);
+        return options.subcommand->run(options, &events, &view);
     } catch (const Failure& failure) {
         view.End();
         events.Error(failure.what());
@@ -312,14 +304,10 @@ int Main(int argc, char** argv) {
         if (end.get_exit_code() == 0) {
             return app.exit(end);
         }
-        FailUsage(app, Describe(app, end));
+        PrintError(DescribeUsage(app, end));
+        return kUsage;
     }
-    for (const Subcommand& row : kSubcommands) {
-        if (app.got_subcommand(row.name)) {
-            return Run(row, &options);
-        }
-    }
-    FailUsage(app, NoSubcommand(app));
+    return Run(options);
 }
 
 }  // namespace
@@ -330,9 +318,6 @@ int main(int argc, char** argv) {
     int status = peltexctl::kTaskFailed;
     try {
         status = peltexctl::Main(argc, argv);
-    } catch (const peltexctl::Failure& failure) {
-        peltexctl::PrintError(failure.what());
-        status = failure.code();
     } catch (const std::exception& failure) {
         peltexctl::PrintError(failure.what());
     }

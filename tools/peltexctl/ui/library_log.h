@@ -4,6 +4,7 @@
 // Thread-safe: the library logs on threads of its own.
 #pragma once
 
+#include <array>
 #include <string>
 
 #include "ui/progress_view.h"
@@ -11,7 +12,7 @@
 namespace peltexctl {
 
 // The words for --log, from the chattiest on.
-inline constexpr const char* kLogLevels[] = {"debug", "info", "warn", "error", "silent"};
+inline constexpr std::array kLogLevels = {"debug", "info", "warn", "error", "silent"};
 
 // Shows the lines from `level` on, past the bar of `view` if there is one. Where `level` is empty,
 // keeps the last lines that tell of errors instead. To be called before the library has a thread.
