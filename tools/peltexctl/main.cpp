@@ -273,7 +273,7 @@ void OpenMissingStreams() {
 
 int Run(const Options& options) {
     HoldSignals();
-    const SignalScope signals([](int /*times*/) { EndInterrupted("interrupted"); });
+    const SignalScope signals([] { EndInterrupted("interrupted"); });
     // Standard output may be the archive, or lines for people to read on. Static: the library's
     // threads may report to them until the process is gone.
     const bool is_list = options.archive.subcommand == "list" && !options.json;
@@ -325,7 +325,6 @@ int main(int argc, char** argv) {
         peltexctl::PrintError("standard output could not be written");
         status = status == peltexctl::kDone ? peltexctl::kTaskFailed : status;
     }
-    peltexctl::LeaveSignals();
     // Without the destructors of static objects: the library's would take its state from under
     // worker threads that are still on their way out.
     _exit(status);

@@ -207,7 +207,7 @@ class Exporter {
 void ExportSet(const ArchiveSet& set, const std::string& out) {
     Ensure(out != "-" || isatty(STDOUT_FILENO) != 1, "no archive is written to a terminal");
     Output output(out);
-    const SignalScope signals([&](int /*times*/) { output.Interrupt(); });
+    const SignalScope signals([&] { output.Interrupt(); });
     output.Open();
     Exporter(set, &output).Run();
     output.Finish();

@@ -89,7 +89,7 @@ class Shell {
     }
 
     int Run() {
-        const SignalScope signals([this](int /*times*/) {
+        const SignalScope signals([this] {
             const std::string left = tasks.DescribeUnfinished();
             EndInterrupted("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
         });

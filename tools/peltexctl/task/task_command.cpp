@@ -55,7 +55,7 @@ class TaskCommand {
 
     // Returns the program's exit status. Throws Failure.
     int Run(const Library& library) {
-        const SignalScope signals([this](int /*times*/) {
+        const SignalScope signals([this] {
             EndInterrupted(is_over_ ? "interrupted: it is done, but not checked"
                                     : "interrupted: nothing was begun");
         });

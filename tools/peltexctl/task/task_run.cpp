@@ -99,7 +99,7 @@ class TaskRun {
                            job.left_too) {}
 
     int Run(TaskSummary* summary) {
-        const SignalScope signals([this](int times) { Interrupt(times); });
+        const SignalScope signals([this] { Interrupt(); });
         if (slices_) {
             slices_->Prepare();
         }
@@ -258,11 +258,10 @@ class TaskRun {
 
     // On the signals' thread. Who asks twice does not wait: some tasks never end, such as the copy
     // of a FIFO.
-    void Interrupt(int times) {
-        if (times > 1) {
+    void Interrupt() {
+        if (is_interrupted_.exchange(true)) {
             EndInterrupted(left_unfinished_);
         }
-        is_interrupted_ = true;
         const std::lock_guard lock(mutex_);
         has_news_ = true;
         changed_.notify_all();

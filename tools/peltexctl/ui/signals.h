@@ -7,11 +7,11 @@
 namespace peltexctl {
 
 // What a signal does while this object lives; afterwards it does what it did before. The handler is
-// called on the signals' thread, one at a time and not after the destructor, with how many signals
-// have come meanwhile. It must not wait, so that the next signal finds it free.
+// called on the signals' thread, one at a time and not after the destructor. It must not wait, so
+// that the next signal finds it free.
 class SignalScope {
   public:
-    using Handler = std::function<void(int times)>;
+    using Handler = std::function<void()>;
 
     explicit SignalScope(Handler handler);
     ~SignalScope();
@@ -21,7 +21,6 @@ class SignalScope {
 
   private:
     Handler before_;
-    int times_before_;
 };
 
 // From here on the signals are held back from this thread and from those made later. One that was
@@ -31,8 +30,5 @@ void HoldSignals();
 // From here on the signals do what the SignalScope of the moment says. To be called once, when this
 // thread sees the files that it will work with: the signals' thread sees what it sees then.
 void TakeSignals();
-
-// Ends the signals' thread, if there is one.
-void LeaveSignals();
 
 }  // namespace peltexctl
