@@ -89,6 +89,7 @@ class ArchiveCommand {
         VisitEntries(set_, sink_, [this](const ArchiveEntry& entry) {
             Print(stdout, (events_.json() ? EntryAsJson(entry) : EntryAsText(entry)) + "\n");
         });
+        view_.End();
         return Status();
     }
 

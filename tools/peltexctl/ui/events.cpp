@@ -19,12 +19,7 @@ namespace peltexctl {
 namespace {
 
 // A status in words, {0} being its message and {1} that as a size.
-struct StatusWords {
-    int code;
-    const char* words;
-};
-
-constexpr StatusWords kStatusWords[] = {
+constexpr std::pair<int, const char*> kStatusWords[] = {
     {kStatusFailed, "failed"},
     {kStatusSuccess, "done"},
     {kStatusStarted, "started"},
@@ -35,14 +30,8 @@ constexpr StatusWords kStatusWords[] = {
     {kStatusBriefSize, "{1} listed"},
 };
 
-// Why a task leaves something out, as people and as programs read it.
-struct ReasonWords {
-    const char* text;
-    const char* key;
-};
-
-// By LeftOut.
-constexpr ReasonWords kReasons[] = {
+// By LeftOut, as people and as programs read it.
+constexpr std::pair<const char*, const char*> kReasons[] = {
     {"hard-linked", "hard_linked"},
     {".dex", "dex"},
     {"lib", "lib"},
@@ -81,12 +70,10 @@ std::string DescribeStatus(const StatusEvent& event) {
     if (RefusesPath(event)) {
         return "failed: a path is not allowed or the source does not exist";
     }
-    for (const StatusWords& row : kStatusWords) {
-        if (row.code == event.code) {
-            // The library's figures are decimal numbers.
+    for (const auto& [code, words] : kStatusWords) {
+        if (code == event.code) {
             const auto bytes = ParseNumber<uint64_t>(event.message);
-            return fmt::format(fmt::runtime(row.words), event.message,
-                               HumanSize(bytes.value_or(0)));
+            return fmt::format(fmt::runtime(words), event.message, HumanSize(bytes.value_or(0)));
         }
     }
     return fmt::format("status {} {}", event.code, event.message);
@@ -146,8 +133,8 @@ void EventWriter::Summary(const TaskSummary& summary) {
         words.clear();
         for (size_t i = 0; i < kLeftOutReasons; i++) {
             if (const uint64_t count = summary.tally->left_out(LeftOut(i)); count > 0) {
-                object["reasons"][kReasons[i].key] = count;
-                words.push_back(fmt::format("{} {}", count, kReasons[i].text));
+                object["reasons"][kReasons[i].second] = count;
+                words.push_back(fmt::format("{} {}", count, kReasons[i].first));
             }
         }
         text += fmt::format("\nleft out: {}", summary.tally->left_out());
@@ -157,13 +144,12 @@ void EventWriter::Summary(const TaskSummary& summary) {
 }
 
 void EventWriter::Error(const std::string& message) {
-    if (json_) {
-        Json object = {{"event", "error"}};
-        SetBytes(&object, "message", message);
-        WriteLine(JsonLine(object));
-    } else {
-        PrintError(message);
+    if (!json_) {
+        return PrintError(message);
     }
+    Json object = {{"event", "error"}};
+    SetBytes(&object, "message", message);
+    Tell(object, "", true);
 }
 
 void EventWriter::Note(const std::string& message) {
@@ -174,14 +160,11 @@ void EventWriter::Note(const std::string& message) {
 
 void EventWriter::Tell(const Json& object, const std::string& text, bool went_wrong) {
     if (!quiet_ || went_wrong) {
-        WriteLine(json_ ? JsonLine(object) : text);
+        const std::string line = (json_ ? JsonLine(object) : text) + "\n";
+        const std::lock_guard lock(mutex_);
+        Print(stream_, line);
+        std::fflush(stream_);
     }
-}
-
-void EventWriter::WriteLine(const std::string& line) {
-    const std::lock_guard lock(mutex_);
-    Print(stream_, line + "\n");
-    std::fflush(stream_);
 }
 
 }  // namespace peltexctl

@@ -24,7 +24,6 @@ using Json = nlohmann::ordered_json;
 void SetBytes(Json* object, const char* key, std::string_view bytes, const char* raw_key = "raw");
 std::string JsonLine(const Json& object);
 
-// The codes of a task's statuses.
 enum StatusCode : int {
     kStatusFailed = -1,
     kStatusSuccess = 0,
@@ -45,13 +44,9 @@ struct StatusEvent {
     int callback;  // the callback object's number, from 1
 };
 
-// Whether a task is over with this status.
+// Whether a task is over with this status, and whether it never began, because of a path.
 bool EndsTask(const StatusEvent& event);
-
-// Whether a task never began, because of one of its paths.
 bool RefusesPath(const StatusEvent& event);
-
-// A status in words, such as "started".
 std::string DescribeStatus(const StatusEvent& event);
 
 // What a task has done, as far as it is known.
@@ -68,9 +63,6 @@ class EventWriter {
     // Writes objects or words. A `quiet` one tells only what went wrong.
     EventWriter(bool json, bool quiet, FILE* stream = stdout)
         : json_(json), quiet_(quiet), stream_(stream) {}
-
-    EventWriter(const EventWriter&) = delete;
-    EventWriter& operator=(const EventWriter&) = delete;
 
     bool json() const { return json_; }
     bool quiet() const { return quiet_; }
@@ -89,8 +81,6 @@ class EventWriter {
     void Note(const std::string& message);
 
   private:
-    void WriteLine(const std::string& line);
-
     const bool json_;
     const bool quiet_;
     FILE* const stream_;

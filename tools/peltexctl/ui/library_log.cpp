@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
-#include <iterator>
 #include <mutex>
 #include <string_view>
 
@@ -22,13 +21,12 @@ namespace {
 
 constexpr size_t kKept = 10;
 
-// Constant from before the library has a thread.
-bool g_keeps = false;
+// Constant from before the library has a thread; without a view, lines are kept.
 ProgressView* g_view = nullptr;
 
 std::mutex g_mutex;
-// Protected by g_mutex. Never destroyed: the library's threads may outlive the program's end.
-std::deque<std::string>& g_kept = *new std::deque<std::string>;
+// Protected by g_mutex.
+std::deque<std::string> g_kept;
 uint64_t g_forgotten = 0;
 
 void Take(const __android_log_message* message) {
@@ -41,13 +39,10 @@ void Take(const __android_log_message* message) {
     }
     const std::string line = fmt::format("{}/{}({}): {}\n", "??VDIWEF"[message->priority & 7],
                                          message -> tag, getpid(), EscapeBytes(text));
-    if (g_view != nullptr && !g_keeps) {
+    if (g_view != nullptr) {
         return g_view->Aside([&line] { Print(stderr, line); });
     }
     const std::lock_guard lock(g_mutex);
-    if (!g_keeps) {
-        return Print(stderr, line);
-    }
     g_kept.push_back(line);
     if (g_kept.size() > kKept) {
         g_kept.pop_front();
@@ -60,10 +55,9 @@ void Take(const __android_log_message* message) {
 void TakeLibraryLog(const std::string& level, ProgressView* view) {
     constexpr int kPriorities[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_INFO,   ANDROID_LOG_WARN,
                                    ANDROID_LOG_ERROR, ANDROID_LOG_SILENT, ANDROID_LOG_ERROR};
-    const auto* const row = std::find(std::begin(kLogLevels), std::end(kLogLevels), level);
-    __android_log_set_minimum_priority(kPriorities[row - std::begin(kLogLevels)]);
-    g_keeps = level.empty();
-    g_view = view;
+    const auto row = std::find(kLogLevels.begin(), kLogLevels.end(), level);
+    __android_log_set_minimum_priority(kPriorities[row - kLogLevels.begin()]);
+    g_view = level.empty() ? nullptr : view;
     __android_log_set_logger(Take);
 }
 

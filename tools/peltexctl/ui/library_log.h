@@ -14,8 +14,8 @@ namespace peltexctl {
 // The words for --log, from the chattiest on.
 inline constexpr std::array kLogLevels = {"debug", "info", "warn", "error", "silent"};
 
-// Shows the lines from `level` on, past the bar of `view` if there is one. Where `level` is empty,
-// keeps the last lines that tell of errors instead. To be called before the library has a thread.
+// Shows the lines from `level` on, past the bar of `view`. Where `level` is empty, keeps the last
+// lines that tell of errors instead. To be called before the library has a thread.
 void TakeLibraryLog(const std::string& level, ProgressView* view);
 
 // Prints what was kept, and forgets it.

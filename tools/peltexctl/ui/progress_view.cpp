@@ -25,10 +25,6 @@ constexpr size_t kMinBar = 10;
 
 ProgressView::ProgressView(bool quiet) : quiet_(quiet), redraws_(CanRedraw(stderr)) {}
 
-ProgressView::~ProgressView() {
-    End();
-}
-
 void ProgressView::Begin(const std::string& label, uint64_t total) {
     const std::lock_guard lock(mutex_);
     done_ = 0;

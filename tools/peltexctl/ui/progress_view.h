@@ -17,10 +17,6 @@ class ProgressView {
   public:
     // Shows nothing if it is `quiet`.
     explicit ProgressView(bool quiet);
-    ~ProgressView();
-
-    ProgressView(const ProgressView&) = delete;
-    ProgressView& operator=(const ProgressView&) = delete;
 
     // Begins something called `label`, which does `total` bytes; 0 if that is not known.
     void Begin(const std::string& label, uint64_t total = 0);

@@ -2,6 +2,7 @@
 #include "ui/text.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cwchar>
@@ -84,11 +85,8 @@ std::string EscapeBytes(std::string_view bytes) {
 }
 
 std::string Hexadecimal(std::string_view bytes) {
-    std::string digits;
-    for (const char byte : bytes) {
-        digits += fmt::format("{:02x}", static_cast<unsigned char>(byte));
-    }
-    return digits;
+    const auto* const begin = reinterpret_cast<const unsigned char*>(bytes.data());
+    return fmt::format("{:02x}", fmt::join(begin, begin + bytes.size(), ""));
 }
 
 std::string Counted(uint64_t number, std::string_view one, std::string_view many) {
