@@ -123,7 +123,7 @@ class Exporter {
                     CopyEntry(file, i, entry, reader.header());
                 }
             }
-            ExpectSame(reader.end() == ArchiveEnd::kEndBlocks);
+            ExpectSame(reader.has_end_blocks());
         }
         ExpectSame(left_ == 0);
         output_.Write(std::string(kEndBlocksSize, '\0'));

@@ -96,19 +96,6 @@ bool ArchiveEntry::FillsSlice() const {
            (type == TYPE_FIRST_PART && size > 0 && size % kContentChunk == 0);
 }
 
-const char* DescribeEnd(ArchiveEnd end) {
-    constexpr const char* kWords[] = {
-        "",
-        "ends with its end blocks",
-        "a single zero block ends it here",
-        "ends without its end blocks",
-        "no valid header where one should be",
-        "a restore ends here: it refuses names with \"../\" and paths of more than 2,047 bytes",
-        "the bytes that its header promises are not there",
-    };
-    return kWords[static_cast<size_t>(end)];
-}
-
 const TypeWords& WordsOf(char type) {
     static constexpr TypeWords kWords[] = {
         {TYPE_REGULAR, '-', ""},
@@ -142,7 +129,10 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
         entry->name = long_name_ ? std::string_view(*long_name_) : block_.name();
         if (entry->name.find("../") != std::string::npos ||
             in_front_ + entry->name.size() >= kTarPathSize) {
-            return Finish(ArchiveEnd::kRefusedName);
+            return Finish(
+                "a restore ends here: it refuses names with \"../\" and paths of more than 2,047 "
+                "bytes",
+                true);
         }
         if (header.typeflag == TYPE_LONG_NAME) {
             TakeRecord(&long_name_, "name");
@@ -159,22 +149,22 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
 
 // Reads a block that is a header; otherwise this is the end.
 bool ArchiveReader::ReadHeader() {
-    if (end_ != ArchiveEnd::kNotYet) {
+    if (fault_ != nullptr) {
         return false;
     }
     block_offset_ = position_;
     const char* const bytes = BytesAt(position_, kBlockSize);
     if (bytes == nullptr) {
-        return Finish(ArchiveEnd::kNoEndBlocks);
+        return Finish("ends without its end blocks");
     }
     std::memcpy(&block_.header, bytes, kBlockSize);
     position_ += kBlockSize;
     if (*block_.bytes() == '\0') {
         const char* const second = BytesAt(position_, kBlockSize);
-        return Finish(second != nullptr && *second == '\0' ? ArchiveEnd::kEndBlocks
-                                                           : ArchiveEnd::kLoneZeroBlock);
+        has_end_blocks_ = second != nullptr && *second == '\0';
+        return Finish(has_end_blocks_ ? "" : "a single zero block ends it here");
     }
-    return IsHeader(block_) || Finish(ArchiveEnd::kInvalidBlock);
+    return IsHeader(block_) || Finish("no valid header where one should be");
 }
 
 // Bytes of the file, until the next call; null where they are not all there. Reads up to the end of
@@ -260,15 +250,16 @@ uint64_t ArchiveReader::Number(const char (&field)[kWidth], uint64_t mask, std::
 bool ArchiveReader::SkipContent(uint64_t size) {
     const uint64_t there = file_.size() - position_;
     if (size > there) {
-        return Finish(ArchiveEnd::kDataCut);
+        return Finish("the bytes that its header promises are not there", true);
     }
     position_ += size;
     position_ += std::min(file_.size() - position_, (kBlockSize - size % kBlockSize) % kBlockSize);
     return true;
 }
 
-bool ArchiveReader::Finish(ArchiveEnd end) {
-    end_ = end;
+bool ArchiveReader::Finish(const char* fault, bool blames_entry) {
+    fault_ = fault;
+    blames_entry_ = blames_entry;
     return false;
 }
 

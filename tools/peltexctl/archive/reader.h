@@ -104,18 +104,6 @@ struct ArchiveEntry {
     }
 };
 
-// Why there are no more entries.
-enum class ArchiveEnd {
-    kNotYet,
-    kEndBlocks,      // two zero blocks, as it should be
-    kLoneZeroBlock,  // one zero block
-    kNoEndBlocks,    // the file ends where a header should be
-    kInvalidBlock,   // a block that is no header
-    kRefusedName,    // a name with "../", or longer than a path can be: a restore fails here
-    kDataCut,        // the last entry's content is not all there
-};
-const char* DescribeEnd(ArchiveEnd end);
-
 // A type for people.
 struct TypeWords {
     char type;
@@ -134,15 +122,17 @@ class ArchiveReader {
     explicit ArchiveReader(const ArchiveFile& file, size_t in_front = 2)
         : file_(file), in_front_(in_front) {}
 
-    // Reads the next header with the records in front of it. Returns false at the end; `entry` is
-    // then the one to blame, if the end is kRefusedName or kDataCut.
+    // Reads the next header with the records in front of it. Returns false at the end.
     bool Next(ArchiveEntry* entry);
 
     // Of the last entry, as it is stored.
     const android::installd::tar_header& header() const { return block_.header; }
 
-    ArchiveEnd end() const { return end_; }
-
+    // Whether the end is two zero blocks, as it should be, and what it is otherwise, for people.
+    bool has_end_blocks() const { return has_end_blocks_; }
+    const char* fault() const { return fault_; }
+    // Whether the entry that Next() has filled in last is to blame.
+    bool blames_entry() const { return blames_entry_; }
     // Where the block lies that ended the archive.
     uint64_t end_offset() const { return block_offset_; }
 
@@ -154,7 +144,7 @@ class ArchiveReader {
     template <size_t kWidth>
     uint64_t Number(const char (&field)[kWidth], uint64_t mask, std::string_view what);
     bool SkipContent(uint64_t size);
-    bool Finish(ArchiveEnd end);
+    bool Finish(const char* fault, bool blames_entry = false);
 
     static constexpr size_t kPage = 4096;
 
@@ -166,7 +156,9 @@ class ArchiveReader {
     android::installd::TarBlock block_;
     uint64_t block_offset_ = 0;
     uint64_t position_ = 0;
-    ArchiveEnd end_ = ArchiveEnd::kNotYet;
+    const char* fault_ = nullptr;  // null before the end, empty where that is as it should be
+    bool has_end_blocks_ = false;
+    bool blames_entry_ = false;
     std::optional<std::string> long_name_;
     std::optional<std::string> long_link_;
     std::string_view misread_;

@@ -163,8 +163,8 @@ void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVis
         for (bool is_first = true; reader.Next(&entry); is_first = false) {
             joiner.Take(entry, is_first);
         }
-        if (reader.end() != ArchiveEnd::kEndBlocks) {
-            sink({Severity::kFault, set.NameOf(i), entry.name, DescribeEnd(reader.end())});
+        if (!reader.has_end_blocks()) {
+            sink({Severity::kFault, set.NameOf(i), entry.name, reader.fault()});
         }
     }
     joiner.Finish();

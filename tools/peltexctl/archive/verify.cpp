@@ -43,9 +43,6 @@ EntryVisitor ForTally(const std::function<void(const TallyEntry&)>& visit) {
 constexpr std::hash<std::string_view> kHashOf{};
 const FindingSink kIgnore = [](const Finding&) {};
 
-// What is remembered of a path.
-enum class PathMark { kAny, kLink, kDirectory };
-
 // Which paths came before, in a fixed amount of memory. A Bloom filter: what was added is found for
 // certain, and one in some hundred of the others, which are looked at a second time.
 class PathFilter {
@@ -54,13 +51,16 @@ class PathFilter {
     explicit PathFilter(uint64_t archive_size)
         : words_(std::clamp<uint64_t>(archive_size / 1024, size_t{1} << 10, size_t{1} << 18)) {}
 
-    // Returns whether it may have been there before.
-    bool Add(std::string_view path, PathMark mark) { return Meet(path, mark, true); }
-    bool MayHave(std::string_view path, PathMark mark) { return Meet(path, mark, false); }
+    // As an entry of this type; kAny without regard to it. Returns whether it may have been there.
+    bool Add(std::string_view path, char type) { return Meet(path, type, true); }
+    bool MayHave(std::string_view path, char type) { return Meet(path, type, false); }
+
+    static constexpr char kAny = '\0';
 
   private:
-    bool Meet(std::string_view path, PathMark mark, bool adds) {
-        const uint64_t hash = kHashOf(path) + static_cast<uint64_t>(mark) * 0x9E3779B97F4A7C15;
+    bool Meet(std::string_view path, char type, bool adds) {
+        const uint64_t hash =
+            kHashOf(path) + static_cast<unsigned char>(type) * uint64_t{0x9E3779B97F4A7C15};
         bool is_there = true;
         for (uint64_t i = 0; i < 4 && (is_there || adds); i++) {
             const uint64_t bit = hash + i * ((hash >> 32) | 1);
@@ -101,8 +101,6 @@ class SetVerifier {
     }
 
   private:
-    enum class Met { kNot, kLink, kOther };
-
     void Warn(const std::string& entry, const std::string& message) {
         sink_({Severity::kWarning, slice_, entry, message});
     }
@@ -131,12 +129,11 @@ class SetVerifier {
             CheckPart(file, entry);
             joiner_.Take(entry, is_first_);
         }
-        const bool has_end = reader.end() == ArchiveEnd::kEndBlocks;
         // What of the end follows from such a size goes without saying.
-        if (has_size && (has_end || entry.misread != "size")) {
+        if (has_size && (reader.has_end_blocks() || entry.misread != "size")) {
             CheckEnd(file, reader, entry);
         }
-        return has_end;
+        return reader.has_end_blocks();
     }
 
     void CheckEntry(const ArchiveEntry& entry) {
@@ -191,7 +188,7 @@ class SetVerifier {
     void Remember(const ArchiveEntry& entry) {
         bool may_go_through_link = false;
         for (std::string_view up = entry.path; has_links_ && !up.empty(); up = ParentOf(up)) {
-            if (seen_.MayHave(up, PathMark::kLink)) {
+            if (seen_.MayHave(up, TYPE_SYMLINK)) {
                 may_go_through_link = true;
                 LookAgainFor(up);
             }
@@ -199,23 +196,22 @@ class SetVerifier {
         // A restore makes one directory above a file, with what is known: the file's own mode.
         const std::string_view parent = ParentOf(entry.path);
         if (!may_go_through_link && set_.kind() != ArchiveSet::Kind::kSlice && !parent.empty() &&
-            !seen_.MayHave(parent, PathMark::kDirectory)) {
+            !seen_.MayHave(parent, TYPE_DIRECTORY)) {
             Fault(entry.name,
                   "no entry in front of it is its directory: that comes back otherwise, or not");
         }
-        if (seen_.Add(entry.path, PathMark::kAny) && !entry.Continues()) {
+        if (seen_.Add(entry.path, PathFilter::kAny) && !entry.Continues()) {
             LookAgainFor(entry.path);
         }
         if (!entry.IsFile()) {
-            const bool is_link = entry.type == TYPE_SYMLINK;
-            has_links_ = has_links_ || is_link;
-            seen_.Add(entry.path, is_link ? PathMark::kLink : PathMark::kDirectory);
+            has_links_ = has_links_ || entry.type == TYPE_SYMLINK;
+            seen_.Add(entry.path, entry.type);
         }
     }
 
     void LookAgainFor(std::string_view path) {
         if (doubtful_.size() <= kMostDoubtful) {
-            doubtful_.emplace(kHashOf(path), Met::kNot);
+            doubtful_.emplace(kHashOf(path), kNotMet);
         }
     }
 
@@ -241,7 +237,7 @@ class SetVerifier {
         for (std::string_view up = is_link ? ParentOf(entry.path) : entry.path;
              !is_through && !up.empty(); up = ParentOf(up)) {
             const auto row = doubtful_.find(kHashOf(up));
-            is_through = row != doubtful_.end() && row->second == Met::kLink;
+            is_through = row != doubtful_.end() && row->second == TYPE_SYMLINK;
             if (is_through) {
                 Fault(entry.name, fmt::format("goes through the link {} of the archive", up));
             }
@@ -250,11 +246,11 @@ class SetVerifier {
         if (own == doubtful_.end()) {
             return;
         }
-        if (own->second != Met::kNot && !is_through && !entry.Continues()) {
+        if (own->second != kNotMet && !is_through && !entry.Continues()) {
             Fault(entry.name, "is there again: this one comes back, those before it do not");
         }
-        if (own->second != Met::kLink) {
-            own->second = is_link ? Met::kLink : Met::kOther;
+        if (own->second != TYPE_SYMLINK) {
+            own->second = entry.type;
         }
     }
 
@@ -304,13 +300,12 @@ class SetVerifier {
     }
 
     void CheckEnd(const ArchiveFile& file, const ArchiveReader& reader, const ArchiveEntry& entry) {
-        const ArchiveEnd end = reader.end();
         const uint64_t offset = reader.end_offset();
-        if (end == ArchiveEnd::kRefusedName || end == ArchiveEnd::kDataCut) {
-            return Fault(entry.name, DescribeEnd(end));
+        if (reader.blames_entry()) {
+            return Fault(entry.name, reader.fault());
         }
-        if (end != ArchiveEnd::kEndBlocks) {
-            return Fault("", fmt::format("{}, at {}{}", DescribeEnd(end), offset,
+        if (!reader.has_end_blocks()) {
+            return Fault("", fmt::format("{}, at {}{}", reader.fault(), offset,
                                          entry.name.empty() ? "" : ", behind " + entry.name));
         }
         // Others fill up behind the end blocks, with zeros. All else was something once: a header
@@ -348,7 +343,9 @@ class SetVerifier {
     std::optional<Finding> open_part_;  // what to tell of it when nothing goes on with it
 
     PathFilter seen_{set_.TotalSize()};
-    std::unordered_map<uint64_t, Met> doubtful_;  // by their hashes, the paths to look for again
+    static constexpr char kNotMet = '\0';
+    // By their hashes, the paths to look for again, and what entry was met there.
+    std::unordered_map<uint64_t, char> doubtful_;
     bool has_links_ = false;
 };
 
