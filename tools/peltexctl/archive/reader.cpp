@@ -67,7 +67,7 @@ bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
            pread(fd(), buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
 }
 
-std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {
+uint64_t ArchiveFile::FindNonZero(uint64_t offset) const {
     char buffer[16384];
     while (offset < size_) {
         // Where holes are not known, everything is data.
@@ -76,10 +76,9 @@ std::optional<uint64_t> ArchiveFile::FindNonZero(uint64_t offset) const {
         } else if (errno == ENXIO) {
             return size_;
         }
-        const auto count = static_cast<size_t>(
-            std::min<uint64_t>(sizeof(buffer), size_ - std::min(offset, size_)));
+        const uint64_t count = std::min<uint64_t>(sizeof(buffer), size_ - std::min(offset, size_));
         if (!ReadAt(offset, buffer, count)) {
-            return std::nullopt;
+            return offset;
         }
         const char* const found =
             std::find_if(buffer, buffer + count, [](char byte) { return byte != '\0'; });

@@ -50,9 +50,9 @@ class ArchiveFile {
     // cannot be read; the buffer is undefined then.
     bool ReadAt(uint64_t offset, void* buffer, size_t size) const;
 
-    // Where the first byte from `offset` on lies that is not zero; the file's size where there is
-    // none. Holes are not read. Nothing when it cannot be read.
-    std::optional<uint64_t> FindNonZero(uint64_t offset) const;
+    // Where the first byte from `offset` on lies that is not zero, or one near it that cannot be
+    // read; the file's size where there is none. Holes are not read.
+    uint64_t FindNonZero(uint64_t offset) const;
 
     // `sink` hears of each offset that Reached() is told of.
     void SetProgress(ProgressSink sink) { progress_ = std::move(sink); }

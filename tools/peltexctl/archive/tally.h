@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <numeric>
 #include <optional>
 #include <string_view>
@@ -43,7 +44,11 @@ inline std::optional<uint32_t> ArchivedMode(char type, uint32_t mode) {
 
 class Tally {
   public:
-    void Add(const TallyEntry& entry);
+    void Add(const TallyEntry& entry) {
+        ++entries_;
+        bytes_ += entry.size;
+        sum_ += HashOf(entry);
+    }
 
     // A directory that is left out counts as one, whatever it holds.
     void LeaveOut(LeftOut reason) { ++left_out_[static_cast<size_t>(reason)]; }
@@ -65,6 +70,22 @@ class Tally {
     bool operator!=(const Tally& other) const { return !(*this == other); }
 
   private:
+    // Keeps every bit in play in the sum of many.
+    static uint64_t Mix(uint64_t value) {
+        value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
+        value = (value ^ (value >> 27)) * 0x94D049BB133111EB;
+        return value ^ (value >> 31);
+    }
+
+    static uint64_t HashOf(const TallyEntry& entry) {
+        constexpr uint64_t kNoMode = 0xFFFFFFFF;
+        const std::hash<std::string_view> hash;
+        uint64_t value = Mix(hash(entry.path) + entry.size);
+        value = Mix(value + (uint64_t{entry.mode.value_or(kNoMode)} << 8) +
+                    static_cast<unsigned char>(entry.type));
+        return entry.link.empty() ? value : Mix(value + hash(entry.link));
+    }
+
     uint64_t entries_ = 0;
     uint64_t bytes_ = 0;
     uint64_t sum_ = 0;  // of the entries' hashes, wrapping

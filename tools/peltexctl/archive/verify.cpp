@@ -272,17 +272,17 @@ class SetVerifier {
             sink_(*open_part_);
         }
         open_part_.reset();
+        const auto open = [&](Severity severity, const char* message) {
+            open_part_ = Finding{severity, slice_, entry.name, message};
+        };
         if (entry.type == TYPE_MIDDLE_PART) {
-            open_part_ =
-                Finding{Severity::kFault, slice_, entry.name, "its next part is not there"};
+            open(Severity::kFault, "its next part is not there");
         } else if (entry.FillsSlice() && HasOddEnd(file, entry)) {
-            open_part_ =
-                Finding{Severity::kSuspicion, slice_, entry.name,
-                        "ends just where its slice does, in bytes that may not be its own"};
+            open(Severity::kSuspicion,
+                 "ends just where its slice does, in bytes that may not be its own");
         } else if (entry.FillsSlice()) {
-            open_part_ =
-                Finding{Severity::kWarning, slice_, entry.name,
-                        "ends just where the last slice does: a further one may be missing"};
+            open(Severity::kWarning,
+                 "ends just where the last slice does: a further one may be missing");
         }
     }
 
@@ -310,12 +310,9 @@ class SetVerifier {
         }
         // Others fill up behind the end blocks, with zeros. All else was something once: a header
         // that is overwritten with zeros ends an archive early.
-        const std::optional<uint64_t> used = file.FindNonZero(offset);
-        if (!used) {
-            Fault("", "its end cannot be read");
-        } else if (*used < file.size()) {
+        if (const uint64_t used = file.FindNonZero(offset); used < file.size()) {
             Fault("", fmt::format("ends at {}, and what follows at {} does not come back", offset,
-                                  *used));
+                                  used));
         }
     }
 
