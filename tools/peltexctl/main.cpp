@@ -23,7 +23,7 @@
 #include "ui/library_log.h"
 #include "ui/progress_view.h"
 #include "ui/signals.h"
-#include "ui/terminal.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

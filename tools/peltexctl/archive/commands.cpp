@@ -12,7 +12,6 @@
 #include "archive/sums.h"
 #include "archive/verify.h"
 #include "ui/exit_code.h"
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {

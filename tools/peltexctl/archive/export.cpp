@@ -15,7 +15,7 @@
 #include "archive/reader.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
-#include "ui/terminal.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 

@@ -24,7 +24,6 @@
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -17,7 +17,6 @@
 #include "brief/search_rules.h"
 #include "task/records.h"
 #include "ui/exit_code.h"
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -17,7 +17,6 @@
 #include "ui/exit_code.h"
 #include "ui/library_log.h"
 #include "ui/signals.h"
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {

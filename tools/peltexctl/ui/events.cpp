@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -5,8 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-
-#include "ui/text.h"
+#include <system_error>
 
 namespace peltexctl {
 
@@ -38,7 +37,7 @@ inline void Ensure(bool is_so, std::string_view otherwise, ExitCode code = kTask
 // The same with "MESSAGE: what errno says", where a system call has just told whether it is done.
 inline void Require(bool is_done, const std::string& message, ExitCode code = kTaskFailed) {
     if (!is_done) {
-        throw Failure(code, message + ": " + ErrorText(errno));
+        throw Failure(code, message + ": " + std::generic_category().message(errno));
     }
 }
 

@@ -12,7 +12,6 @@
 #include <mutex>
 #include <string_view>
 
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -3,13 +3,14 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <utility>
 #include <vector>
 
-#include "ui/terminal.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -20,6 +21,12 @@ constexpr std::chrono::milliseconds kBarInterval{100};
 constexpr std::chrono::seconds kLineInterval{1};
 constexpr size_t kMaxBar = 40;
 constexpr size_t kMinBar = 10;
+
+// The width of the terminal; 80 where it tells none.
+size_t Columns() {
+    winsize size = {};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
 
 }  // namespace
 
@@ -67,7 +74,7 @@ void ProgressView::Tick() {
     if (!redraws_) {
         return Print(stderr, fmt::format("{}: {}\n", label_, standing));
     }
-    const size_t columns = Columns(stderr) - 1;
+    const size_t columns = Columns() - 1;
     const size_t taken = label_.size() + 2 + standing.size();
     std::string bar;
     if (total_ > 0 && columns > taken + kMinBar + 3) {

@@ -1,14 +1,19 @@
-// Tested by tests/client/peltexctl.md.
+// Tested by tests/client/peltexctl.md and test_running.py.
 #include "ui/text.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cwchar>
 #include <iterator>
 #include <sstream>
-#include <system_error>
+
+#include "ui/exit_code.h"
 
 namespace peltexctl {
 
@@ -30,6 +35,12 @@ void ForEachCharacter(std::string_view bytes, const Take& take) {
         take(bytes.substr(0, length), is_valid, character);
         bytes.remove_prefix(length);
     }
+}
+
+std::string_view Environment(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in this process changes the environment
+    const char* value = getenv(name);
+    return value != nullptr ? value : "";
 }
 
 }  // namespace
@@ -127,6 +138,38 @@ bool EndsWith(std::string_view text, std::string_view end) {
 
 std::string ErrorText(int error) {
     return std::generic_category().message(error);
+}
+
+bool CanRedraw(FILE* stream) {
+    const std::string_view term = Environment("TERM");
+    return isatty(fileno(stream)) == 1 && !term.empty() && term != "dumb";
+}
+
+std::string Paint(FILE* stream, Colour colour, const std::string& text) {
+    if (!CanRedraw(stream) || !Environment("NO_COLOR").empty()) {
+        return text;
+    }
+    return fmt::format("\x1b[{}m{}\x1b[0m", 31 + static_cast<int>(colour), text);
+}
+
+void Print(FILE* stream, const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void PrintError(const std::string& message) {
+    Print(stderr,
+          fmt::format("{} {}\n", Paint(stderr, Colour::kRed, "peltexctl:"), EscapeBytes(message)));
+}
+
+void EndInterrupted(const std::string& message) {
+    const std::string line = fmt::format("peltexctl: {}\n", EscapeBytes(message));
+    pollfd ready = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT) != 0) {
+        [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.data(), line.size());
+    }
+    // Past those who would flush streams, which may wait for a reader.
+    syscall(SYS_exit_group, kInterrupted);
+    __builtin_unreachable();
 }
 
 }  // namespace peltexctl

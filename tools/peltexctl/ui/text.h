@@ -1,9 +1,12 @@
-// Small text helpers: numbers as people type them, words, bytes that need not be UTF-8. REQUIRES:
-// the locale's LC_CTYPE is C.UTF-8.
+// Text for people: numbers as they type and read them, bytes that need not be UTF-8, colours, and
+// how lines reach a terminal. REQUIRES: the locale's LC_CTYPE is C.UTF-8.
+//
+// Thread-safe.
 #pragma once
 
 #include <charconv>
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,26 +42,37 @@ std::string BytesToUtf8(std::string_view bytes);
 // no UTF-8 as escapes.
 std::string EscapeBytes(std::string_view bytes);
 
-// Two lower-case digits for each byte.
 std::string Hexadecimal(std::string_view bytes);
 
 // "1 entry", "2 entries".
 std::string Counted(uint64_t number, std::string_view one, std::string_view many);
 
-// "512 B", "1.5 MiB": binary units, one decimal from KiB on.
+// "512 B", "1.5 MiB", "1.5 MiB/s", "0:07", "1:02:03".
 std::string HumanSize(uint64_t bytes);
-
 uint64_t BytesPerSecond(uint64_t bytes, double seconds);
-
-// "1.5 MiB/s": what that many bytes in that many seconds make.
 std::string HumanRate(uint64_t bytes, double seconds);
-
-// "0:07", "1:02:03": whole seconds.
 std::string HumanTime(double seconds);
 
 bool EndsWith(std::string_view text, std::string_view end);
 
 // The system's words for an errno value.
 std::string ErrorText(int error);
+
+// Whether `stream` is a terminal that can draw over a line: TERM=dumb says that it cannot.
+bool CanRedraw(FILE* stream);
+
+// `text` in this colour on such a terminal, unless NO_COLOR is set to anything but the empty text.
+enum class Colour { kRed, kGreen, kYellow };
+std::string Paint(FILE* stream, Colour colour, const std::string& text);
+
+// Where `stream` cannot be written, nothing comes of it.
+void Print(FILE* stream, const std::string& text);
+
+// "peltexctl: MESSAGE" on standard error, as one line whatever bytes are in it.
+void PrintError(const std::string& message);
+
+// Ends the program as interrupted with the same, from any thread: takes no lock and waits for
+// nobody. What a full pipe does not take is not told.
+[[noreturn]] void EndInterrupted(const std::string& message);
 
 }  // namespace peltexctl
