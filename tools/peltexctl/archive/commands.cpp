@@ -154,7 +154,7 @@ class ArchiveCommand {
         view_.Aside([&] { events_.Tell(object, line, true); });
     }
 
-    // The same numbers under the same names, whatever looked at the set. Returns them in words.
+    // Returns the numbers in words.
     std::string SetNumbers(Json* object, const Tally& tally) const {
         std::string slices;
         if (set_.is_check_file()) {

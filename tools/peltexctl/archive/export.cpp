@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "archive/new_file.h"
-#include "archive/reader.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
 #include "ui/text.h"

@@ -1,7 +1,6 @@
 // Tested by tests/client/peltexctl.md.
 #include "archive/reader.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,9 +9,7 @@
 #include <charconv>
 #include <cstring>
 #include <iterator>
-#include <string_view>
 #include <system_error>
-#include <utility>
 
 #include "ui/text.h"
 
@@ -146,7 +143,6 @@ bool ArchiveReader::Next(ArchiveEntry* entry) {
     return false;
 }
 
-// Reads a block that is a header; otherwise this is the end.
 bool ArchiveReader::ReadHeader() {
     if (fault_ != nullptr) {
         return false;
@@ -245,7 +241,6 @@ uint64_t ArchiveReader::Number(const char (&field)[kWidth], uint64_t mask, std::
     return value;
 }
 
-// Moves behind `size` bytes of content and what fills their last block.
 bool ArchiveReader::SkipContent(uint64_t size) {
     const uint64_t there = file_.size() - position_;
     if (size > there) {

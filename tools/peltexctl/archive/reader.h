@@ -21,7 +21,7 @@
 
 namespace peltexctl {
 
-// The directory that `path` is in, for openat() and the like; not open where there is none.
+// The directory that `path` is in; not open where there is none.
 inline android::installd::UniqueFd DirectoryOf(const std::string& path) {
     const size_t length = path.rfind('/') + 1;  // 0 where there is no slash
     return android::installd::UniqueFd(
@@ -125,15 +125,13 @@ class ArchiveReader {
     // Reads the next header with the records in front of it. Returns false at the end.
     bool Next(ArchiveEntry* entry);
 
-    // Of the last entry, as it is stored.
     const android::installd::tar_header& header() const { return block_.header; }
 
-    // Whether the end is two zero blocks, as it should be, and what it is otherwise, for people.
+    // Of the end: whether it is two zero blocks, as it should be, and else what it is, for people,
+    // whether the entry that Next() filled in last is to blame, and where it lies.
     bool has_end_blocks() const { return has_end_blocks_; }
     const char* fault() const { return fault_; }
-    // Whether the entry that Next() has filled in last is to blame.
     bool blames_entry() const { return blames_entry_; }
-    // Where the block lies that ended the archive.
     uint64_t end_offset() const { return block_offset_; }
 
   private:

@@ -3,10 +3,8 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "ui/exit_code.h"
 #include "ui/text.h"

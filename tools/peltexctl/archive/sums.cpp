@@ -9,8 +9,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <optional>
-#include <string_view>
 #include <utility>
 #include <vector>
 

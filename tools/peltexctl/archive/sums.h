@@ -19,13 +19,13 @@ std::string SumsName(const std::string& name);
 // To be used by one thread at a time.
 class Summer {
   public:
-    // Begins with the file `name` of `directory`, which is no link. Waits for the one before.
-    // Returns why it cannot be read, empty when it can.
+    // Begins with the file `name` of `directory`, which is no link. Returns why it cannot be read,
+    // empty when it can.
     std::string Add(int directory, const std::string& name);
 
-    // Waits for all sums, then writes them to `name` in `directory`, in place of one that is there,
-    // with owner and mode of the last file. Returns which file is why they cannot be written, and
-    // leaves nothing then; empty when they are. REQUIRES: a file was added.
+    // Writes the sums to `name` in `directory`, in place of one that is there, with owner and mode
+    // of the last file. Returns which file is why they cannot be written, and leaves nothing then;
+    // empty when they are. REQUIRES: a file was added.
     std::string Finish(int directory, const std::string& name);
 
   private:

@@ -5,9 +5,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <functional>
-#include <optional>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 

@@ -14,12 +14,10 @@
 namespace peltexctl {
 
 // Gives each finding to `sink`. `destination` is where a restore would go, empty where that is not
-// known: the longer its path, the shorter the names that come back. Returns what a restore makes
-// below it.
+// known: the longer its path, the shorter the names that come back. Returns what a restore makes.
 Tally VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink);
 
-// Gives every entry that makes up the tally to `visit`, in the order of the archive, a cut file
-// once with its whole size. Its texts live as long as the call.
+// Gives every entry that makes up the tally to `visit`, whose texts live as long as the call.
 void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit);
 
 }  // namespace peltexctl

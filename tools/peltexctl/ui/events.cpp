@@ -118,8 +118,9 @@ void EventWriter::Summary(const TaskSummary& summary) {
     object["seconds"] = std::round(summary.seconds * 1000) / 1000;
     words.push_back(fmt::format("{:.{}f} s", summary.seconds, summary.seconds < 10 ? 2 : 1));
     if (bytes > 0 && summary.has_rate) {
-        object["bytes_per_second"] = BytesPerSecond(bytes, summary.seconds);
-        words.push_back(HumanRate(bytes, summary.seconds));
+        const uint64_t rate = BytesPerSecond(bytes, summary.seconds);
+        object["bytes_per_second"] = rate;
+        words.push_back(HumanSize(rate) + "/s");
     }
     if (summary.slices) {
         object["slices"] = *summary.slices;

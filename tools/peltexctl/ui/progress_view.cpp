@@ -110,7 +110,7 @@ std::string ProgressView::Standing() const {
         words = {HumanSize(done)};
     }
     if (done > 0) {
-        words.push_back(HumanRate(done, elapsed.count()));
+        words.push_back(HumanSize(BytesPerSecond(done, elapsed.count())) + "/s");
     }
     words.push_back(total_ > 0 && done > 0
                         ? HumanTime(elapsed.count() * (1 / Share() - 1)) + " left"

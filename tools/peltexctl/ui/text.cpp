@@ -122,10 +122,6 @@ uint64_t BytesPerSecond(uint64_t bytes, double seconds) {
     return static_cast<uint64_t>(static_cast<double>(bytes) / std::max(seconds, kShortest));
 }
 
-std::string HumanRate(uint64_t bytes, double seconds) {
-    return HumanSize(BytesPerSecond(bytes, seconds)) + "/s";
-}
-
 std::string HumanTime(double seconds) {
     const auto whole = static_cast<int64_t>(seconds);
     return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
