@@ -73,13 +73,6 @@ class ArchiveCommand {
               view_.Tick();
           }) {}
 
-    int Run() {
-        return request_.subcommand == "list"     ? List()
-               : request_.subcommand == "verify" ? Verify()
-                                                 : Export();
-    }
-
-  private:
     int List() {
         // On a terminal the lines themselves are the progress.
         if (isatty(STDOUT_FILENO) == 0) {
@@ -122,6 +115,7 @@ class ArchiveCommand {
         return kDone;
     }
 
+  private:
     // Returns what a restore would make of the set.
     Tally Inspect() {
         Begin();
@@ -179,7 +173,10 @@ class ArchiveCommand {
 }  // namespace
 
 int RunArchive(const ArchiveRequest& request, EventWriter* events, ProgressView* view) {
-    return ArchiveCommand(request, events, view).Run();
+    ArchiveCommand command(request, events, view);
+    return request.subcommand == "list"     ? command.List()
+           : request.subcommand == "verify" ? command.Verify()
+                                            : command.Export();
 }
 
 }  // namespace peltexctl

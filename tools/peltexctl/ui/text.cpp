@@ -50,11 +50,8 @@ std::optional<double> ParseSeconds(std::string_view word) {
     std::istringstream stream{std::string(word)};
     double seconds = 0;
     stream >> std::noskipws >> seconds;
-    // Written so that "nan" is refused by whoever reads it.
-    if (!stream || !stream.eof() || !(seconds >= 0 && seconds <= kMaxSeconds)) {
-        return std::nullopt;
-    }
-    return seconds;
+    const bool is_right = stream && stream.eof() && seconds >= 0 && seconds <= kMaxSeconds;
+    return is_right ? std::optional(seconds) : std::nullopt;
 }
 
 std::vector<std::string> SplitWords(const std::string& line) {
