@@ -19,16 +19,12 @@ namespace peltexctl {
 
 // Something that keeps an archive from coming back as it was, or may.
 struct Finding {
-    enum class Severity {
-        kFault,
-        // It cannot be told from a fault by the archive alone, but by the directory it was made of.
-        kSuspicion,
-        kWarning,
-    };
+    // A suspicion cannot be told from a fault by the archive alone, but by what it was made of.
+    enum class Severity { kFault, kSuspicion, kWarning };
 
     Severity severity;
-    std::string slice;  // the file's name; empty when it is about no single one
-    std::string entry;  // the entry's name; empty when it is about no single one
+    std::string slice;  // names; empty when it is about no single one
+    std::string entry;
     std::string message;
 };
 
@@ -39,11 +35,8 @@ bool NamesSlice(std::string_view name);
 
 class ArchiveSet {
   public:
-    enum class Kind {
-        kArchive,
-        kSlice,  // one slice without its set
-        kCheckFile,
-    };
+    // A slice is one without its set.
+    enum class Kind { kArchive, kSlice, kCheckFile };
 
     // Finds out by its content what the file at `path` is, and reads a check file, once. What is
     // wrong with its lines goes to `sink`; such a file lists nothing. Throws Failure. Whoever reads
