@@ -61,7 +61,7 @@ Library SetUp(const Options& options) {
 int RunShellCommand(const Options& options, EventWriter* /*events*/, ProgressView* view) {
     const Library library = SetUp(options);
     TakeLibraryLog(options.log.empty() ? "error" : options.log, view);
-    // Programs read objects, even where a command line that is wrong is told people.
+    // What is no terminal gets objects; why the shell cannot begin is told people all the same.
     static EventWriter events(options.json || isatty(STDOUT_FILENO) == 0, options.quiet);
     return RunShell(library, &events);
 }
