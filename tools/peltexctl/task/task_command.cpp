@@ -61,10 +61,7 @@ class TaskCommand {
         });
         RefuseAll();
         Prepare();
-        TaskSummary summary;
-        if (const int status = RunJob(library, job_, &summary); status != kDone) {
-            return status;
-        }
+        const TaskSummary summary = RunJob(library, job_);
         is_over_ = true;
         return Conclude(summary);
     }
