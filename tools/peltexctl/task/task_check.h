@@ -18,8 +18,8 @@ namespace peltexctl {
 
 class TaskCheck {
   public:
-    // `tick` is called for each entry that is looked at. `set` is what a restore of an archive
-    // reads, else null. All must outlive the check.
+    // `tick` is called now and then. `set` is what a restore of an archive reads, else null. All
+    // must outlive the check.
     TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
               std::function<void()> tick);
 
@@ -52,15 +52,13 @@ class TaskCheck {
 
     bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool RecordsApply() const;
-    bool VisitRecords(const std::string& file, const std::string& top,
-                      const EntrySink& entries) const;
-    bool VisitBrief(const std::string& brief, const EntrySink& entries) const;
+    bool VisitSearch(WalkOptions options, const EntrySink& entries,
+                     const LeftOutSink& left_out) const;
     bool VisitExpected(const EntrySink& entries) const;
-    Differences LookUp(const std::string& result);
-    bool TallyFile(const std::string& result, Differences* faults);
-    void CompareWithFile(const std::string& result, Differences* differences) const;
+    bool RecordsApply() const;
+    void LookUp(const std::string& result);
+    void LookInto(const std::string& result);
+    void CompareWith(const std::string& result, const std::function<void(const EntrySink&)>& visit);
 
     const TaskKind& kind_;
     const TaskRequest& request_;
@@ -70,7 +68,7 @@ class TaskCheck {
     Tally expected_;
     Tally found_;
     std::vector<std::string> first_lost_;
-    Differences set_faults_;
+    Differences differences_;
     android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
 };
 

@@ -76,7 +76,7 @@ class TaskCommand {
         if (request_.no_verify) {
             return;
         }
-        view_.Begin("looking at " + EscapeBytes(request_.source));
+        view_.Begin("looking at " + EscapeBytes(request_.source), set_ ? set_->TotalSize() : 0);
         check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
         try {
             check_->Before();
@@ -102,6 +102,10 @@ class TaskCommand {
             throw Failure(kTaskFailed, error);
         }
         RefuseArchive(kind_, *set_);
+        set_->SetProgress([this](uint64_t done) {
+            view_.SetDone(done);
+            view_.Tick();
+        });
         if (set_->size() == 0 && !request_.force) {
             throw Failure(kTaskFailed, line_faults_.empty() ? request_.source + ": lists no slice"
                                                             : line_faults_[0]);

@@ -18,7 +18,7 @@ class Walk {
           entries_(entries),
           left_out_(left_out),
           path_(top + "/"),
-          below_(path_.size()) {}
+          top_(path_.size()) {}
 
     bool Run() { return Directory(OpenDirectory(path_)); }
 
@@ -27,7 +27,7 @@ class Walk {
         const size_t length = path_.size();
         return ForEachName(directory, [&](const char* name) {
             path_.append(name);
-            Entry(directory, name, length == below_);
+            Entry(directory, name, length == top_);
             path_.resize(length);
         });
     }
@@ -92,13 +92,15 @@ class Walk {
     }
 
     bool Has(LeftOut reason) const { return (options_.rules & Bit(reason)) != 0; }
-    std::string_view Below() const { return std::string_view(path_).substr(below_); }
+    std::string_view Below() const {
+        return std::string_view(path_).substr(options_.begin > 0 ? options_.begin : top_);
+    }
 
     const WalkOptions& options_;
     const EntrySink& entries_;
     const LeftOutSink& left_out_;
     std::string path_;
-    const size_t below_;  // where paths below the top begin
+    const size_t top_;  // the length of the top's path
     LinkBuffer target_ = {};
 };
 
