@@ -2,7 +2,6 @@
 #include "shell/shell.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -31,15 +31,12 @@ namespace peltexctl {
 
 namespace {
 
-constexpr double kDefaultWaitSeconds = 60;
-constexpr double kQuietWaitSeconds = 2;
+using Seconds = TaskTracker::Seconds;
+
+constexpr Seconds kDefaultWait{60};
+constexpr Seconds kQuietWait{2};
 
 using Words = std::vector<std::string>;
-
-TaskTracker::Clock::time_point After(double seconds) {
-    return TaskTracker::Clock::now() + std::chrono::duration_cast<TaskTracker::Clock::duration>(
-                                           std::chrono::duration<double>(seconds));
-}
 
 // What a wrong word throws.
 void Expect(bool is_right) {
@@ -54,32 +51,31 @@ int IntAt(const Words& words, size_t index, int missing = 0) {
     return index < words.size() ? ParseInt(words[index]).value() : missing;
 }
 
-double SecondsAt(const Words& words, size_t index) {
-    return index < words.size() ? ParseSeconds(words[index]).value() : kDefaultWaitSeconds;
+Seconds SecondsAt(const Words& words, size_t index) {
+    return index < words.size() ? Seconds(ParseSeconds(words[index]).value()) : kDefaultWait;
 }
 
 // The threads of this process, oldest first; one that ends meanwhile is left out.
 void TellThreads(EventWriter* events) {
     Json threads = Json::array();
-    std::vector<std::string> lines;
+    std::string text;
     ForEachName(OpenDirectory("/proc/self/task"), [&](const std::string& tid) {
         std::ifstream file("/proc/self/task/" + tid + "/comm", std::ios::binary);
-        std::string name{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        std::string name{std::istreambuf_iterator<char>(file), {}};
         errno = 0;
         const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(*ParseInt(tid)));
         if (name.empty() || errno != 0) {
             return;
         }
         name.pop_back();  // the newline that the kernel adds; the name itself may hold others
-        lines.push_back(fmt::format("thread {:>7}  nice {:>3}  {}", tid, nice, EscapeBytes(name)));
-        Json thread;
+        text += fmt::format("{}thread {:>7}  nice {:>3}  {}", text.empty() ? "" : "\n", tid, nice,
+                            EscapeBytes(name));
+        Json& thread = threads.emplace_back();
         SetBytes(&thread, "name", name);
         thread["tid"] = *ParseInt(tid);
         thread["nice"] = nice;
-        threads.push_back(std::move(thread));
     });
-    events->Tell({{"event", "threads"}, {"threads", threads}},
-                 fmt::format("{}", fmt::join(lines, "\n")));
+    events->Tell({{"event", "threads"}, {"threads", threads}}, text);
 }
 
 class Shell {
@@ -112,14 +108,14 @@ class Shell {
 
     void OpenSession() {
         session = library_.start(callback_);
-        open_.push_back(session);
+        open_.insert(session);
         events.Session(session);
     }
 
     void FinishSession(int id) {
         const int result = library_.finish(id);
         if (result == 0) {
-            open_.erase(std::remove(open_.begin(), open_.end(), id), open_.end());
+            open_.erase(id);
         }
         events.Closed(id, result);
     }
@@ -159,15 +155,15 @@ class Shell {
     void HandleDotLine(const std::string& line);
 
     int End() {
-        std::vector<int> unfinished = tasks.WaitAllEnded(open_, After(kQuietWaitSeconds));
+        std::vector<int> unfinished = tasks.WaitAllEnded(open_, kQuietWait);
         if (!unfinished.empty()) {
             events.Note("waiting for " + tasks.DescribeUnfinished());
-            unfinished = tasks.WaitAllEnded(open_, After(kDefaultWaitSeconds - kQuietWaitSeconds));
+            unfinished = tasks.WaitAllEnded(open_, kDefaultWait - kQuietWait);
         }
         for (const int task : unfinished) {
             events.Error(fmt::format("task {} has not ended", task));
         }
-        for (const int open : std::vector<int>(open_)) {
+        for (const int open : std::set<int>(open_)) {
             FinishSession(open);
         }
         return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
@@ -176,7 +172,7 @@ class Shell {
     const Library library_;
     android::sp<ClientCallback> callback_;  // of the next session
     int callbacks_made_ = 0;
-    std::vector<int> open_;  // sessions, oldest first
+    std::set<int> open_;  // sessions, oldest first
 };
 
 void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
@@ -215,17 +211,17 @@ constexpr DotLine kDotLines[] = {
      }},
     {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
      [](Shell* shell, const Words& words) {
-         const double seconds = SecondsAt(words, 1);
-         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), After(seconds)),
-                fmt::format("ended within {} s", seconds));
+         const Seconds seconds = SecondsAt(words, 1);
+         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), seconds),
+                fmt::format("ended within {} s", seconds.count()));
      }},
     {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK",
      [](Shell* shell, const Words& words) {
-         const double seconds = SecondsAt(words, 2);
+         const Seconds seconds = SecondsAt(words, 2);
          const int code = IntAt(words, 1);
-         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, After(seconds));
+         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, seconds);
          Waited(shell, IntAt(words, 0), came ? std::optional(code) : std::nullopt,
-                fmt::format("reported code {} within {} s", code, seconds));
+                fmt::format("reported code {} within {} s", code, seconds.count()));
      }},
     {".sleep", 1, 1, "MS", "do nothing for MS milliseconds",
      [](Shell* /*shell*/, const Words& words) {
@@ -261,17 +257,18 @@ void Shell::HandleDotLine(const std::string& line) {
     }
 }
 
-constexpr const char* kLibraryCommands[][2] = {
-    {"backup KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or byfile"},
-    {"backup split SRC DEST MIB SEINFO UID", "again: the next slice"},
-    {"restore KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or split"},
-    {"move dir SRC DEST SEINFO UID", "a directory's content"},
-    {"get_brief KIND SRC BRIEF SEINFO UID", "KIND: dir or byfile"},
-    {"abort TASK", "take a task out of the queue, or ask it to stop"},
-    {"keepalive", "keep a backup that pauses after a slice waiting"},
-    {"setweight tar WEIGHT", "the priority of archive tasks: 0 (lowest) to 100"},
-    {"delay NUMBER", "accepted, without effect"},
-};
+constexpr char kLibraryCommands[] = R"(
+Commands of the library:
+  backup KIND SRC DEST SEINFO UID       KIND: file, dir, tar or byfile
+  backup split SRC DEST MIB SEINFO UID  again: the next slice
+  restore KIND SRC DEST SEINFO UID      KIND: file, dir, tar or split
+  move dir SRC DEST SEINFO UID          a directory's content
+  get_brief KIND SRC BRIEF SEINFO UID   KIND: dir or byfile
+  abort TASK                            take a task out of the queue, or ask it to stop
+  keepalive                             keep a backup that pauses after a slice waiting
+  setweight tar WEIGHT                  the priority of archive tasks: 0 (lowest) to 100
+  delay NUMBER                          accepted, without effect
+)";
 
 }  // namespace
 
@@ -288,11 +285,7 @@ std::string ShellHelp() {
         text +=
             fmt::format("  {:<38}{}\n", fmt::format("{} {}", row.name, row.arguments), row.help);
     }
-    text += "\nCommands of the library:\n";
-    for (const auto& [line, help] : kLibraryCommands) {
-        text += fmt::format("  {:<38}{}\n", line, help);
-    }
-    return text;
+    return text + kLibraryCommands;
 }
 
 }  // namespace peltexctl

@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,7 @@ namespace peltexctl {
 
 class TaskTracker {
   public:
-    using Clock = std::chrono::steady_clock;
+    using Seconds = std::chrono::duration<double>;
 
     // Records one call of the callback. May come before Given() for the same task.
     void Heard(const StatusEvent& event) {
@@ -39,14 +40,10 @@ class TaskTracker {
 
     // Whether people are to be told of this task's progress again: once a second.
     bool IsProgressDue(int id) {
-        constexpr std::chrono::seconds kInterval{1};
         const std::lock_guard lock(mutex_);
         Task& task = tasks_[id];
         const Clock::time_point now = Clock::now();
-        if (task.untaken.count(kStatusProgress) == 0) {
-            task.shown = now;
-        }
-        const bool is_due = now - task.shown >= kInterval;
+        const bool is_due = now - task.shown >= std::chrono::seconds(1);
         task.shown = is_due ? now : task.shown;
         return is_due;
     }
@@ -54,8 +51,8 @@ class TaskTracker {
     // Records that the library answered a command with this task.
     void Given(int id, int session) {
         const std::lock_guard lock(mutex_);
-        std::optional<int>& of_task = tasks_[id].session;
-        of_task = of_task.value_or(session);
+        Task& task = tasks_[id];
+        task.session = task.session.value_or(session);
     }
 
     // Records that an abort of the task was accepted: one that was running has status 2 by then.
@@ -68,20 +65,20 @@ class TaskTracker {
         }
     }
 
-    // Waits until the task has ended. Returns its last code (2 if it never ran), or nothing at the
-    // deadline. One that nobody has heard of yet may still turn up.
-    std::optional<int> WaitEnded(int id, Clock::time_point deadline) {
+    // Waits until the task has ended. Returns its last code (2 if it never ran), or nothing where
+    // that takes longer. One that nobody has heard of yet may still turn up.
+    std::optional<int> WaitEnded(int id, Seconds patience) {
         std::unique_lock lock(mutex_);
-        changed_.wait_until(lock, deadline, [this, id] { return tasks_[id].end.has_value(); });
+        changed_.wait_for(lock, patience, [this, id] { return tasks_[id].end.has_value(); });
         return tasks_[id].end;
     }
 
     // Waits for a status of the task that no earlier call for that task and code has taken, and
-    // takes it. Returns false at the deadline.
-    bool WaitStatus(int id, int code, Clock::time_point deadline) {
+    // takes it. Returns false where that takes longer.
+    bool WaitStatus(int id, int code, Seconds patience) {
         std::unique_lock lock(mutex_);
         std::map<int, int>& untaken = tasks_[id].untaken;
-        const bool has_come = changed_.wait_until(lock, deadline, [&untaken, code] {
+        const bool has_come = changed_.wait_for(lock, patience, [&untaken, code] {
             return untaken.count(code) > 0 && untaken[code] > 0;
         });
         if (has_come) {
@@ -90,16 +87,15 @@ class TaskTracker {
         return has_come;
     }
 
-    // Waits until every given task of these sessions has ended. Returns those that have not at the
-    // deadline.
-    std::vector<int> WaitAllEnded(const std::vector<int>& sessions, Clock::time_point deadline) {
+    // Waits until every given task of these sessions has ended. Returns those that have not by
+    // then.
+    std::vector<int> WaitAllEnded(const std::set<int>& sessions, Seconds patience) {
         std::unique_lock lock(mutex_);
         std::vector<int> unfinished;
-        changed_.wait_until(lock, deadline, [&] {
+        changed_.wait_for(lock, patience, [&] {
             unfinished.clear();
             for (const auto& [id, task] : tasks_) {
-                if (task.IsUnfinished() &&
-                    std::find(sessions.begin(), sessions.end(), *task.session) != sessions.end()) {
+                if (task.IsUnfinished() && sessions.count(*task.session) > 0) {
                     unfinished.push_back(id);
                 }
             }
@@ -132,13 +128,15 @@ class TaskTracker {
     }
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     struct Task {
         bool IsUnfinished() const { return session && !end; }
 
-        std::optional<int> session;          // of one that was given
-        std::optional<int> end;              // the last code of one that has ended
-        Clock::time_point shown{};           // when progress was
-        std::string last_words = "waiting";  // its last status, as people read it
+        std::optional<int> session;              // of one that was given
+        std::optional<int> end;                  // the last code of one that has ended
+        Clock::time_point shown = Clock::now();  // when its progress was
+        std::string last_words = "waiting";      // its last status, as people read it
         // How many statuses of each code have come, less those that WaitStatus() has taken.
         std::map<int, int> untaken;
     };
