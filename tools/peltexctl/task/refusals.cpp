@@ -143,11 +143,11 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
 }
 
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
-    const uint64_t more = check->lost() - check->first_lost().size();
-    RefuseIf(kind.IsMove() && check->lost() > 0,
+    const FirstOf& lost = check->lost();
+    RefuseIf(kind.IsMove() && !lost.lines.empty(),
              "{}: a move would delete what it leaves out: {}{}; --force goes on", request.source,
-             fmt::join(check->first_lost(), ", "),
-             more > 0 ? fmt::format(" and {} more", more) : "");
+             fmt::join(lost.lines, ", "),
+             lost.more > 0 ? fmt::format(" and {} more", lost.more) : "");
     if (kind.IsBrief()) {
         return;
     }

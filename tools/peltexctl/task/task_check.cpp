@@ -25,8 +25,6 @@ namespace peltexctl {
 
 namespace {
 
-constexpr size_t kNamed = 3;
-
 std::string_view WithoutSlashes(std::string_view path) {
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
     return path;
@@ -67,9 +65,10 @@ bool VisitRecords(const std::string& file, const std::string& top, const EntrySi
 
 }  // namespace
 
-void TaskCheck::Differences::Add(const std::string& line) {
+void FirstOf::Add(std::string_view line) {
+    constexpr size_t kNamed = 3;
     if (lines.size() < kNamed) {
-        lines.push_back(line);
+        lines.emplace_back(line);
     } else {
         ++more;
     }
@@ -84,7 +83,7 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       source_(kind.SourcePath(request)),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
-void TaskCheck::Before() {
+bool TaskCheck::Before() {
     if (set_ != nullptr) {
         const FindingSink tell = [this](const Finding& finding) {
             if (finding.severity != Finding::Severity::kWarning) {
@@ -93,7 +92,7 @@ void TaskCheck::Before() {
         };
         expected_ = VerifySet(*set_, request_.destination, tell);
         CheckSums(*set_, tell);
-        return;
+        return true;
     }
     const bool is_read = VisitSource(
         [this](const TallyEntry& entry) {
@@ -107,20 +106,18 @@ void TaskCheck::Before() {
         [this](LeftOut reason, std::string_view path) {
             expected_.LeaveOut(reason);
             // Links keep their directory from being removed.
-            if (reason != LeftOut::kLink && first_lost_.size() < kNamed) {
-                first_lost_.emplace_back(path);
+            if (reason != LeftOut::kLink) {
+                lost_.Add(path);
             }
         });
-    if (!is_read || (kind_.IsMove() && (!spool_ || std::fflush(spool_.get()) != 0 ||
-                                        std::ferror(spool_.get()) != 0))) {
+    const bool is_listed = !kind_.IsMove() || (spool_ && std::fflush(spool_.get()) == 0 &&
+                                               std::ferror(spool_.get()) == 0);
+    if (!(is_read && is_listed) && !request_.force) {
         throw Failure(kTaskFailed,
                       fmt::format("{}: {}; --force goes on without a check", source_,
                                   is_read ? "no room for a list of it in /tmp" : "cannot be read"));
     }
-}
-
-uint64_t TaskCheck::lost() const {
-    return expected_.left_out() - expected_.left_out(LeftOut::kLink);
+    return is_read && is_listed;
 }
 
 uint64_t TaskCheck::RoomFor(uint64_t block_size) {
@@ -158,7 +155,7 @@ uint64_t TaskCheck::missing_bytes() const {
 
 // Tallies what is in the directory `result` under the names of what is expected.
 void TaskCheck::LookUp(const std::string& result) {
-    Differences differences = differences_;
+    FirstOf differences = differences_;
     const UniqueFd directory = OpenDirectory(result);
     std::string name;
     LinkBuffer target;

@@ -78,12 +78,7 @@ class TaskCommand {
         }
         view_.Begin("looking at " + EscapeBytes(request_.source), set_ ? set_->TotalSize() : 0);
         check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
-        try {
-            check_->Before();
-        } catch (const Failure&) {
-            if (!request_.force) {
-                throw;
-            }
+        if (!check_->Before()) {
             check_.reset();
         }
         if (!request_.force) {
@@ -96,7 +91,11 @@ class TaskCommand {
         std::string error;
         set_ = ArchiveSet::Open(
             request_.source,
-            [this](const Finding& finding) { line_faults_.push_back(DescribeFinding(finding)); },
+            [this](const Finding& finding) {
+                if (finding.severity == Finding::Severity::kFault) {
+                    line_faults_.push_back(DescribeFinding(finding));
+                }
+            },
             &error);
         if (!set_) {
             throw Failure(kTaskFailed, error);
@@ -107,8 +106,7 @@ class TaskCommand {
             view_.Tick();
         });
         if (set_->size() == 0 && !request_.force) {
-            throw Failure(kTaskFailed, line_faults_.empty() ? request_.source + ": lists no slice"
-                                                            : line_faults_[0]);
+            throw Failure(kTaskFailed, line_faults_[0]);
         }
     }
 

@@ -255,11 +255,7 @@ class TaskRun {
 
     void Stop() {
         stopping_ = true;
-        if (!job_.events.json() && !job_.events.quiet()) {
-            job_.view.Aside([this] {
-                Print(stderr, fmt::format("task {}: {}\n", task_, DescribeStop(job_.kind)));
-            });
-        }
+        job_.view.Aside([this] { job_.events.Note(DescribeStop(job_.kind)); });
         const int result = Send(fmt::format("abort {}", task_));
         const std::lock_guard lock(mutex_);
         // One that has not begun leaves the queue without a status; of a running one it has come.
