@@ -38,12 +38,6 @@ std::string Describe(const TallyEntry& entry) {
     return entry.mode ? fmt::format("{} with mode {:04o}", text, *entry.mode) : text;
 }
 
-// But for their paths.
-bool AreSame(const TallyEntry& one, const TallyEntry& other) {
-    return one.type == other.type && one.size == other.size && one.link == other.link &&
-           one.mode == other.mode;
-}
-
 // A number for all that an entry's tally sees of it.
 uint64_t SumOf(const TallyEntry& entry) {
     Tally tally;
@@ -171,7 +165,7 @@ void TaskCheck::LookUp(const std::string& result) {
             found.link = found.type == '2' ? ReadLink(directory, name.c_str(), target) : "";
             found_.Add(found);
         }
-        if (!is_there || !AreSame(found, expected)) {
+        if (!is_there || SumOf(found) != SumOf(expected)) {
             differences.Add(fmt::format("{}/{}: is {}, and should be {}", result, expected.path,
                                         is_there ? Describe(found) : "missing",
                                         Describe(expected)));
