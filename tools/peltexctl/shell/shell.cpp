@@ -2,23 +2,25 @@
 #include "shell/shell.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <thread>
 #include <vector>
 
-#include "shell/task_tracker.h"
 #include "task/directory.h"
 #include "task/library.h"
 #include "ui/events.h"
@@ -30,15 +32,137 @@ namespace peltexctl {
 
 namespace {
 
-constexpr double kDefaultWaitSeconds = 60;
-constexpr double kQuietWaitSeconds = 2;
-
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
 using Words = std::vector<std::string>;
 
-TaskTracker::Clock::time_point After(double seconds) {
-    return TaskTracker::Clock::now() + std::chrono::duration_cast<TaskTracker::Clock::duration>(
-                                           std::chrono::duration<double>(seconds));
-}
+constexpr Seconds kDefaultWait{60};
+constexpr Seconds kQuietWait{2};
+
+// What is known of the tasks that the library was given: which statuses came, which have ended. A
+// task that a session takes out of the queue with its end is not told of, and never ends here.
+//
+// Thread-safe. Statuses are recorded on the library's threads, some of them with the library's lock
+// held; nothing here calls the library.
+class TaskTracker {
+  public:
+    // Records one call of the callback. May come before Given() for the same task.
+    void Heard(const StatusEvent& event) {
+        const std::lock_guard lock(mutex_);
+        Task& task = tasks_[event.task];
+        task.last_words = DescribeStatus(event);
+        task.untaken[event.code]++;
+        if (EndsTask(event)) {
+            task.end = event.code;
+        }
+        changed_.notify_all();
+    }
+
+    // Whether people are to be told of this task's progress again: once a second.
+    bool IsProgressDue(int id) {
+        const std::lock_guard lock(mutex_);
+        Task& task = tasks_[id];
+        const Clock::time_point now = Clock::now();
+        const bool is_due = now - task.shown >= std::chrono::seconds(1);
+        task.shown = is_due ? now : task.shown;
+        return is_due;
+    }
+
+    // Records that the library answered a command with this task.
+    void Given(int id, int session) {
+        const std::lock_guard lock(mutex_);
+        Task& task = tasks_[id];
+        task.session = task.session.value_or(session);
+    }
+
+    // Records that an abort of the task was accepted: one that was running has status 2 by then.
+    void AbortAccepted(int id) {
+        const std::lock_guard lock(mutex_);
+        Task& task = tasks_[id];
+        if (!task.end && task.untaken.count(kStatusAborted) == 0) {
+            task.end = kStatusAborted;
+            changed_.notify_all();
+        }
+    }
+
+    // Waits until the task has ended. Returns its last code (2 if it never ran), or nothing where
+    // that takes longer. One that nobody has heard of yet may still turn up.
+    std::optional<int> WaitEnded(int id, Seconds patience) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, patience, [this, id] { return tasks_[id].end.has_value(); });
+        return tasks_[id].end;
+    }
+
+    // Waits for a status of the task that no earlier call for that task and code has taken, and
+    // takes it. Returns false where that takes longer.
+    bool WaitStatus(int id, int code, Seconds patience) {
+        std::unique_lock lock(mutex_);
+        std::map<int, int>& untaken = tasks_[id].untaken;
+        const bool has_come = changed_.wait_for(lock, patience, [&untaken, code] {
+            return untaken.count(code) > 0 && untaken[code] > 0;
+        });
+        if (has_come) {
+            --untaken[code];
+        }
+        return has_come;
+    }
+
+    // Waits until every given task of these sessions has ended. Returns those that have not by
+    // then.
+    std::vector<int> WaitAllEnded(const std::set<int>& sessions, Seconds patience) {
+        std::unique_lock lock(mutex_);
+        std::vector<int> unfinished;
+        changed_.wait_for(lock, patience, [&] {
+            unfinished.clear();
+            for (const auto& [id, task] : tasks_) {
+                if (task.IsUnfinished() && sessions.count(*task.session) > 0) {
+                    unfinished.push_back(id);
+                }
+            }
+            return unfinished.empty();
+        });
+        return unfinished;
+    }
+
+    // The given tasks that have not ended, and what was last heard of each; waits for nobody.
+    std::string DescribeUnfinished() const {
+        const std::unique_lock lock(mutex_, std::try_to_lock);
+        std::string text;
+        if (lock.owns_lock()) {
+            for (const auto& [id, task] : tasks_) {
+                if (task.IsUnfinished()) {
+                    text +=
+                        fmt::format("{}task {}: {}", text.empty() ? "" : ", ", id, task.last_words);
+                }
+            }
+        }
+        return text;
+    }
+
+    // True if a given task ended with -1.
+    bool AnyFailed() const {
+        const std::lock_guard lock(mutex_);
+        return std::any_of(tasks_.begin(), tasks_.end(), [](const auto& entry) {
+            return entry.second.session && entry.second.end == kStatusFailed;
+        });
+    }
+
+  private:
+    struct Task {
+        bool IsUnfinished() const { return session && !end; }
+
+        std::optional<int> session;              // of one that was given
+        std::optional<int> end;                  // the last code of one that has ended
+        Clock::time_point shown = Clock::now();  // when its progress was
+        std::string last_words = "waiting";      // its last status, as people read it
+        // How many statuses of each code have come, less those that WaitStatus() has taken.
+        std::map<int, int> untaken;
+    };
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<int, Task> tasks_;  // protected by mutex_
+};
 
 // What a wrong word throws.
 void Expect(bool is_right) {
@@ -53,32 +177,31 @@ int IntAt(const Words& words, size_t index, int missing = 0) {
     return index < words.size() ? ParseInt(words[index]).value() : missing;
 }
 
-double SecondsAt(const Words& words, size_t index) {
-    return index < words.size() ? ParseSeconds(words[index]).value() : kDefaultWaitSeconds;
+Seconds SecondsAt(const Words& words, size_t index) {
+    return index < words.size() ? Seconds(ParseSeconds(words[index]).value()) : kDefaultWait;
 }
 
 // The threads of this process, oldest first; one that ends meanwhile is left out.
 void TellThreads(EventWriter* events) {
     Json threads = Json::array();
-    std::vector<std::string> lines;
+    std::string text;
     ForEachName(OpenDirectory("/proc/self/task"), [&](const std::string& tid) {
         std::ifstream file("/proc/self/task/" + tid + "/comm", std::ios::binary);
-        std::string name{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        std::string name{std::istreambuf_iterator<char>(file), {}};
         errno = 0;
         const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(*ParseInt(tid)));
         if (name.empty() || errno != 0) {
             return;
         }
         name.pop_back();  // the newline that the kernel adds; the name itself may hold others
-        lines.push_back(fmt::format("thread {:>7}  nice {:>3}  {}", tid, nice, EscapeBytes(name)));
-        Json thread;
+        text += fmt::format("{}thread {:>7}  nice {:>3}  {}", text.empty() ? "" : "\n", tid, nice,
+                            EscapeBytes(name));
+        Json& thread = threads.emplace_back();
         SetBytes(&thread, "name", name);
         thread["tid"] = *ParseInt(tid);
         thread["nice"] = nice;
-        threads.push_back(std::move(thread));
     });
-    events->Tell({{"event", "threads"}, {"threads", threads}},
-                 fmt::format("{}", fmt::join(lines, "\n")));
+    events->Tell({{"event", "threads"}, {"threads", threads}}, text);
 }
 
 class Shell {
@@ -111,14 +234,14 @@ class Shell {
 
     void OpenSession() {
         session = library_.start(callback_);
-        open_.push_back(session);
+        open_.insert(session);
         events.Session(session);
     }
 
     void FinishSession(int id) {
         const int result = library_.finish(id);
         if (result == 0) {
-            open_.erase(std::remove(open_.begin(), open_.end(), id), open_.end());
+            open_.erase(id);
         }
         events.Closed(id, result);
     }
@@ -158,15 +281,15 @@ class Shell {
     void HandleDotLine(const std::string& line);
 
     int End() {
-        std::vector<int> unfinished = tasks.WaitAllEnded(open_, After(kQuietWaitSeconds));
+        std::vector<int> unfinished = tasks.WaitAllEnded(open_, kQuietWait);
         if (!unfinished.empty()) {
             events.Note("waiting for " + tasks.DescribeUnfinished());
-            unfinished = tasks.WaitAllEnded(open_, After(kDefaultWaitSeconds - kQuietWaitSeconds));
+            unfinished = tasks.WaitAllEnded(open_, kDefaultWait - kQuietWait);
         }
         for (const int task : unfinished) {
             events.Error(fmt::format("task {} has not ended", task));
         }
-        for (const int open : std::vector<int>(open_)) {
+        for (const int open : std::set<int>(open_)) {
             FinishSession(open);
         }
         return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
@@ -175,7 +298,7 @@ class Shell {
     const Library library_;
     android::sp<ClientCallback> callback_;  // of the next session
     int callbacks_made_ = 0;
-    std::vector<int> open_;  // sessions, oldest first
+    std::set<int> open_;  // sessions, oldest first
 };
 
 void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
@@ -214,17 +337,17 @@ constexpr DotLine kDotLines[] = {
      }},
     {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
      [](Shell* shell, const Words& words) {
-         const double seconds = SecondsAt(words, 1);
-         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), After(seconds)),
-                fmt::format("ended within {} s", seconds));
+         const Seconds seconds = SecondsAt(words, 1);
+         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), seconds),
+                fmt::format("ended within {} s", seconds.count()));
      }},
     {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK",
      [](Shell* shell, const Words& words) {
-         const double seconds = SecondsAt(words, 2);
+         const Seconds seconds = SecondsAt(words, 2);
          const int code = IntAt(words, 1);
-         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, After(seconds));
+         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, seconds);
          Waited(shell, IntAt(words, 0), came ? std::optional(code) : std::nullopt,
-                fmt::format("reported code {} within {} s", code, seconds));
+                fmt::format("reported code {} within {} s", code, seconds.count()));
      }},
     {".sleep", 1, 1, "MS", "do nothing for MS milliseconds",
      [](Shell* /*shell*/, const Words& words) {
@@ -260,17 +383,18 @@ void Shell::HandleDotLine(const std::string& line) {
     }
 }
 
-constexpr const char* kLibraryCommands[][2] = {
-    {"backup KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or byfile"},
-    {"backup split SRC DEST MIB SEINFO UID", "again: the next slice"},
-    {"restore KIND SRC DEST SEINFO UID", "KIND: file, dir, tar or split"},
-    {"move dir SRC DEST SEINFO UID", "a directory's content"},
-    {"get_brief KIND SRC BRIEF SEINFO UID", "KIND: dir or byfile"},
-    {"abort TASK", "take a task out of the queue, or ask it to stop"},
-    {"keepalive", "keep a backup that pauses after a slice waiting"},
-    {"setweight tar WEIGHT", "the priority of archive tasks: 0 (lowest) to 100"},
-    {"delay NUMBER", "accepted, without effect"},
-};
+constexpr char kLibraryCommands[] = R"(
+Commands of the library:
+  backup KIND SRC DEST SEINFO UID       KIND: file, dir, tar or byfile
+  backup split SRC DEST MIB SEINFO UID  again: the next slice
+  restore KIND SRC DEST SEINFO UID      KIND: file, dir, tar or split
+  move dir SRC DEST SEINFO UID          a directory's content
+  get_brief KIND SRC BRIEF SEINFO UID   KIND: dir or byfile
+  abort TASK                            take a task out of the queue, or ask it to stop
+  keepalive                             keep a backup that pauses after a slice waiting
+  setweight tar WEIGHT                  the priority of archive tasks: 0 (lowest) to 100
+  delay NUMBER                          accepted, without effect
+)";
 
 }  // namespace
 
@@ -287,11 +411,7 @@ std::string ShellHelp() {
         text +=
             fmt::format("  {:<38}{}\n", fmt::format("{} {}", row.name, row.arguments), row.help);
     }
-    text += "\nCommands of the library:\n";
-    for (const auto& [line, help] : kLibraryCommands) {
-        text += fmt::format("  {:<38}{}\n", line, help);
-    }
-    return text;
+    return text + kLibraryCommands;
 }
 
 }  // namespace peltexctl

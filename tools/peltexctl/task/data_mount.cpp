@@ -5,17 +5,18 @@
 #include <fmt/format.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "task/directory.h"
-#include "task/tree_walk.h"
 #include "ui/exit_code.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -30,25 +31,10 @@ void Check(bool is_done, const std::string& action) {
 }
 
 // The path names what is open even when a later mount covers its own.
-void Bind(const UniqueFd& source, const std::string& name, const std::string& target) {
+void Bind(const UniqueFd& source, const std::string& target) {
     const std::string path = fmt::format("/proc/self/fd/{}", source.get());
     Check(mount(path.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
-          fmt::format("mount {} on {} (by /proc)", name, target));
-}
-
-void RecreateEntry(const UniqueFd& entry, const std::string& name, const std::string& target) {
-    struct stat status = {};
-    Check(fstat(entry.get(), &status) == 0, "look at " + name);
-    if (S_ISLNK(status.st_mode)) {
-        LinkBuffer buffer;
-        const std::string link(ReadLink(entry, "", buffer));
-        Check(symlink(link.c_str(), target.c_str()) == 0, "make the link " + target);
-        return;
-    }
-    Check((S_ISDIR(status.st_mode) ? mkdir(target.c_str(), 0755)
-                                   : mknod(target.c_str(), S_IFREG | 0644, 0)) == 0,
-          "make " + target);
-    Bind(entry, name, target);
+          "mount anything on " + target + " (by /proc)");
 }
 
 // Makes a root that holds the entries of / and an empty /data. It is mounted on `directory`, the
@@ -57,42 +43,54 @@ void RecreateEntry(const UniqueFd& entry, const std::string& name, const std::st
 // since the mount may cover some of it. What is called /data there, such as a link that leads
 // nowhere, makes room for the new root's own.
 void BuildRoot(const std::string& directory) {
-    std::vector<std::pair<std::string, UniqueFd>> entries;
-    const auto open_entry = [&entries](const std::string& name) {
-        const std::string path = "/" + name;
+    std::vector<std::pair<fs::path, UniqueFd>> entries;
+    for (const fs::path& path : fs::directory_iterator("/")) {
         if (path != kData) {
             entries.emplace_back(path, open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-            Check(entries.back().second.isOpen(), "open " + path);
+            Check(entries.back().second.isOpen(), "open " + path.string());
         }
-    };
-    Check(ForEachName(OpenDirectory("/"), open_entry), "list /");
+    }
     Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, "mode=0755") == 0 &&
               mount(nullptr, directory.c_str(), nullptr, MS_UNBINDABLE, nullptr) == 0,
           "mount a root on " + directory);
     for (const auto& [path, entry] : entries) {
-        RecreateEntry(entry, path, directory + path);
+        const std::string target = directory + path.string();
+        if (fs::is_symlink(path)) {
+            fs::copy_symlink(path, target);
+        } else {
+            Check(fs::is_directory(path) ? fs::create_directory(target)
+                                         : std::ofstream(target).is_open(),
+                  "make " + target);
+            Bind(entry, target);
+        }
     }
-    Check(mkdir((directory + kData).c_str(), 0771) == 0, "make " + directory + kData);
+    fs::create_directory(directory + kData);
 }
 
-std::string ResolveDirectory(const std::string& directory) {
-    std::error_code failure;
+void Mount(const std::string& directory) {
+    Check(unshare(CLONE_NEWNS) == 0 &&
+              mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+          "make a mount namespace");
     std::error_code not_made;
     fs::create_directories(directory, not_made);
-    // Of a file in the way create_directories tells this or that.
-    const fs::path real = fs::canonical(directory, failure);
-    if (failure && not_made) {
-        failure = not_made;
-    } else if (!failure && !fs::is_directory(real, failure)) {
-        failure = std::make_error_code(std::errc::not_a_directory);
-    }
-    if (failure || real == "/") {
+    const UniqueFd source(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!source.isOpen()) {
         throw Failure(kNoLibraryOrData,
-                      failure ? fmt::format("--data \"{}\": {}; a directory is wanted", directory,
-                                            failure.message())
-                              : "--data: / cannot be mounted inside itself");
+                      fmt::format("--data \"{}\": {}; a directory is wanted", directory,
+                                  errno == ENOENT ? not_made.message() : ErrorText(errno)));
     }
-    return real;
+    const std::string root = fs::canonical(directory);
+    if (root == "/") {
+        throw Failure(kNoLibraryOrData, "--data: / cannot be mounted inside itself");
+    }
+    if (fs::is_directory(kData)) {
+        return Bind(source, kData);
+    }
+    const fs::path working = fs::current_path();
+    BuildRoot(root);
+    Bind(source, root + kData);
+    Check(chdir(root.c_str()) == 0 && chroot(".") == 0 && chdir(working.c_str()) == 0,
+          "enter " + root);
 }
 
 }  // namespace
@@ -102,20 +100,11 @@ void MountData(const std::string& directory) {
         throw Failure(kNoLibraryOrData,
                       "--data needs root, to make a mount for this process; use sudo");
     }
-    Check(unshare(CLONE_NEWNS) == 0 &&
-              mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
-          "make a mount namespace");
-    const std::string root = ResolveDirectory(directory);
-    const UniqueFd source(open(root.c_str(), O_PATH | O_CLOEXEC));
-    std::error_code ignored;
-    if (fs::is_directory(kData, ignored)) {
-        return Bind(source, root, kData);
+    try {
+        Mount(directory);
+    } catch (const fs::filesystem_error& failure) {
+        throw Failure(kNoLibraryOrData, std::string("--data: ") + failure.what());
     }
-    const std::string working = fs::current_path(ignored);
-    BuildRoot(root);
-    Bind(source, root, root + kData);
-    Check(chdir(root.c_str()) == 0 && chroot(".") == 0 && chdir(working.c_str()) == 0,
-          "enter " + root);
 }
 
 }  // namespace peltexctl

@@ -88,12 +88,11 @@ void RemoveFiles(int directory, const std::vector<std::string>& names) {
 
 void MadeDirectory::Make(const std::string& path, uid_t uid) {
     constexpr mode_t kMode = 0777;  // less the umask
-    size_t position = NearestThere(path).size();
-    fd_ = OpenDirectory(path.substr(0, position));
-    while (fd_.isOpen() && position < path.size()) {
-        const size_t begin = path.find_first_not_of('/', position);
-        position = std::min(path.find('/', begin), path.size());
-        const std::string name = path.substr(begin, position - begin);
+    const std::string whole = fs::absolute(path);
+    const std::string there = NearestThere(whole);
+    fd_ = OpenDirectory(there);
+    for (const fs::path& name : fs::path(whole.substr(there.size())).relative_path()) {
+        Require(fd_.isOpen(), path);
         const bool is_new = mkdirat(fd_.get(), name.c_str(), kMode) == 0;
         UniqueFd next = OpenDirectoryAt(fd_, name);
         if (is_new) {
@@ -101,9 +100,8 @@ void MadeDirectory::Make(const std::string& path, uid_t uid) {
         }
         fd_ = std::move(next);
     }
-    Require(fd_.isOpen() &&
-                (made_.empty() || uid == 0 || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0),
-            path);
+    const bool gives = !made_.empty() && uid != 0;
+    Require(fd_.isOpen() && (!gives || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0), path);
 }
 
 void MadeDirectory::Remove() {

@@ -8,19 +8,6 @@
 
 namespace peltexctl {
 
-namespace {
-
-template <typename Function>
-void Resolve(void* handle, const std::string& file, const char* name, Function** function) {
-    *function = reinterpret_cast<Function*>(dlsym(handle, name));
-    if (*function == nullptr) {
-        throw Failure(kNoLibraryOrData,
-                      fmt::format("{}: has no function {}, so it is not the library", file, name));
-    }
-}
-
-}  // namespace
-
 Library LoadLibrary(const std::optional<std::string>& path) {
     // With the version of its interface: the name without one is there for those who link. The
     // loader takes a name without a slash for one to search for.
@@ -35,11 +22,18 @@ Library LoadLibrary(const std::optional<std::string>& path) {
                       fmt::format("cannot load the library: {}; --library FILE names another",
                                   text != nullptr ? text : "unknown error"));
     }
-    Library library{};
-    Resolve(handle, file, "startBackupSession", &library.start);
-    Resolve(handle, file, "executeBackupTask", &library.execute);
-    Resolve(handle, file, "finishBackupSession", &library.finish);
-    return library;
+    const auto find = [&](const char* name) {
+        void* const function = dlsym(handle, name);
+        if (function == nullptr) {
+            throw Failure(kNoLibraryOrData, fmt::format("{}: has no function {}, so it is not the "
+                                                        "library",
+                                                        file, name));
+        }
+        return function;
+    };
+    return {reinterpret_cast<decltype(Library::start)>(find("startBackupSession")),
+            reinterpret_cast<decltype(Library::execute)>(find("executeBackupTask")),
+            reinterpret_cast<decltype(Library::finish)>(find("finishBackupSession"))};
 }
 
 }  // namespace peltexctl

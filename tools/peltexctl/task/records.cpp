@@ -3,13 +3,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 
-#include "task/directory.h"
+#include "base/file_handles.h"
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -18,42 +18,36 @@ namespace {
 // The library reads lines in pieces of this size.
 constexpr size_t kMaxLine = 2048;
 
-// Takes the number behind the last ';' off the line.
-template <typename Number>
-bool TakeNumber(std::string_view* line, Number* number) {
-    const size_t mark = line->rfind(';');
-    if (mark == std::string_view::npos) {
-        return false;
-    }
-    const std::string_view text = line->substr(mark + 1);
-    *line = line->substr(0, mark);
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, *number);
-    return error == std::errc() && stop == end;
-}
-
-std::optional<Record> ParseRecord(std::string_view line) {
-    Record record{};
+// From its end: the path may hold semicolons.
+std::optional<TallyEntry> ParseRecord(std::string_view line) {
+    int64_t mode = 0;
+    int64_t type = 0;
+    int64_t size = 0;
     int64_t time = 0;
-    int type = 0;
-    if (!TakeNumber(&line, &time) || !TakeNumber(&line, &record.size) ||
-        !TakeNumber(&line, &type) || !TakeNumber(&line, &record.mode) || line.empty()) {
-        return std::nullopt;
+    for (int64_t* field : {&time, &size, &type, &mode}) {
+        const size_t mark = line.rfind(';');
+        const auto number = ParseNumber<int64_t>(line.substr(mark + 1));
+        if (!number || mark == std::string_view::npos || mark == 0) {
+            return std::nullopt;
+        }
+        *field = *number;
+        line = line.substr(0, mark);
     }
-    record.path = line;
-    record.is_directory = type == 1;
-    return record;
+    const bool is_directory = type == 1;
+    return TallyEntry{line, is_directory ? '5' : '0',
+                      is_directory ? 0 : static_cast<uint64_t>(size), "",
+                      static_cast<uint32_t>(mode)};
 }
 
 }  // namespace
 
-bool ReadRecords(const std::string& path, RecordLines lines,
-                 const std::function<bool(const Record& record)>& take,
+bool ReadRecords(const std::string& file, RecordLines lines,
+                 const std::function<bool(const TallyEntry& record)>& take,
                  const std::function<void(std::string_view line)>& other) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const android::installd::UniqueFile file(fd < 0 ? nullptr : fdopen(fd, "r"));
+    const int fd = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const android::installd::UniqueFile stream(fd < 0 ? nullptr : fdopen(fd, "r"));
     struct stat status = {};
-    if (file == nullptr || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (stream == nullptr || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         return false;
     }
     std::string line;
@@ -65,12 +59,12 @@ bool ReadRecords(const std::string& path, RecordLines lines,
         }
         const std::string_view text =
             std::string_view(line).substr(0, line.find_last_not_of('\n') + 1);
-        const std::optional<Record> record = ParseRecord(text);
+        const auto record = ParseRecord(text);
         const bool goes_on = record ? take(*record) : (other ? other(text) : void(), true);
         line.clear();
         return goes_on;
     };
-    while (fgets(piece, sizeof(piece), file.get()) != nullptr) {
+    while (fgets(piece, sizeof(piece), stream.get()) != nullptr) {
         const bool begins =
             lines == RecordLines::kEach || piece[0] == '/' || line.size() >= 2 * kMaxLine;
         if (begins && !give()) {
@@ -78,7 +72,7 @@ bool ReadRecords(const std::string& path, RecordLines lines,
         }
         line += piece;
     }
-    return std::ferror(file.get()) == 0 && (give(), true);
+    return std::ferror(stream.get()) == 0 && (give(), true);
 }
 
 }  // namespace peltexctl

@@ -3,29 +3,23 @@
 // Not thread-safe. Memory grows with the length of a line alone, which is bounded.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 
-namespace peltexctl {
+#include "archive/tally.h"
 
-struct Record {
-    std::string_view path;
-    uint32_t mode;
-    bool is_directory;
-    uint64_t size;
-};
+namespace peltexctl {
 
 enum class RecordLines {
     kEach,    // a line is a record or none, as a backup by list reads them
     kJoined,  // a line that does not begin with '/' belongs to the path before it
 };
 
-// Gives each record of the file to `take`, which may stop by returning false, and what is none to
-// `other`. Returns false when the file cannot be read, or is no regular file.
-bool ReadRecords(const std::string& path, RecordLines lines,
-                 const std::function<bool(const Record& record)>& take,
+// Gives each record of the file to `take`, with its whole path, which may stop by returning false,
+// and what is none to `other`. Returns false when the file cannot be read, or is no regular file.
+bool ReadRecords(const std::string& file, RecordLines lines,
+                 const std::function<bool(const TallyEntry& record)>& take,
                  const std::function<void(std::string_view line)>& other = {});
 
 }  // namespace peltexctl

@@ -101,11 +101,11 @@ void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
 void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
     const std::string from = kind.SourcePath(request);
     const std::optional<struct stat> source = StatOf(from);
+    const bool is_file = kind.source == Source::kFile;
     const bool is_tree = kind.source == Source::kTree || kind.source == Source::kRecords;
     RefuseIf(!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode),
              "{}: is no regular file; --force goes on", from);
-    if (kind.Copies()) {
-        const bool is_file = kind.source == Source::kFile;
+    if (kind.result == Result::kTree && (is_file || is_tree)) {
         RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request), is_file);
     }
     if (kind.source == Source::kRecords) {
@@ -143,11 +143,11 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
 }
 
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
-    const uint64_t more = check->lost() - check->first_lost().size();
-    RefuseIf(kind.IsMove() && check->lost() > 0,
+    const FirstOf& lost = check->lost();
+    RefuseIf(kind.IsMove() && !lost.lines.empty(),
              "{}: a move would delete what it leaves out: {}{}; --force goes on", request.source,
-             fmt::join(check->first_lost(), ", "),
-             more > 0 ? fmt::format(" and {} more", more) : "");
+             fmt::join(lost.lines, ", "),
+             lost.more > 0 ? fmt::format(" and {} more", lost.more) : "");
     if (kind.IsBrief()) {
         return;
     }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,9 +24,6 @@ namespace peltexctl {
 
 namespace {
 
-constexpr size_t kNamed = 3;
-const LeftOutSink kIgnore = [](LeftOut, std::string_view) {};
-
 std::string_view WithoutSlashes(std::string_view path) {
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
     return path;
@@ -39,12 +37,6 @@ std::string Describe(const TallyEntry& entry) {
     return entry.mode ? fmt::format("{} with mode {:04o}", text, *entry.mode) : text;
 }
 
-// But for their paths.
-bool AreSame(const TallyEntry& one, const TallyEntry& other) {
-    return one.type == other.type && one.size == other.size && one.link == other.link &&
-           one.mode == other.mode;
-}
-
 // A number for all that an entry's tally sees of it.
 uint64_t SumOf(const TallyEntry& entry) {
     Tally tally;
@@ -52,11 +44,24 @@ uint64_t SumOf(const TallyEntry& entry) {
     return tally.sum();
 }
 
+// The records of `file`, but for its own: a brief may list itself, as far as it is written by then.
+// Paths are those below `top`.
+bool VisitRecords(const std::string& file, const std::string& top, const EntrySink& entries) {
+    return ReadRecords(file, RecordLines::kJoined, [&](TallyEntry entry) {
+        if (entry.path != file) {
+            entry.path.remove_prefix(entry.path.rfind(top, 0) == 0 ? top.size() : 0);
+            entries(entry);
+        }
+        return true;
+    });
+}
+
 }  // namespace
 
-void TaskCheck::Differences::Add(const std::string& line) {
+void FirstOf::Add(std::string_view line) {
+    constexpr size_t kNamed = 3;
     if (lines.size() < kNamed) {
-        lines.push_back(line);
+        lines.emplace_back(line);
     } else {
         ++more;
     }
@@ -71,17 +76,16 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       source_(kind.SourcePath(request)),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
-void TaskCheck::Before() {
+bool TaskCheck::Before() {
     if (set_ != nullptr) {
         const FindingSink tell = [this](const Finding& finding) {
             if (finding.severity != Finding::Severity::kWarning) {
-                set_faults_.Add(DescribeFinding(finding));
+                differences_.Add(DescribeFinding(finding));
             }
-            tick_();
         };
         expected_ = VerifySet(*set_, request_.destination, tell);
         CheckSums(*set_, tell);
-        return;
+        return true;
     }
     const bool is_read = VisitSource(
         [this](const TallyEntry& entry) {
@@ -95,20 +99,18 @@ void TaskCheck::Before() {
         [this](LeftOut reason, std::string_view path) {
             expected_.LeaveOut(reason);
             // Links keep their directory from being removed.
-            if (reason != LeftOut::kLink && first_lost_.size() < kNamed) {
-                first_lost_.emplace_back(path);
+            if (reason != LeftOut::kLink) {
+                lost_.Add(path);
             }
         });
-    if (!is_read || (kind_.IsMove() && (!spool_ || std::fflush(spool_.get()) != 0 ||
-                                        std::ferror(spool_.get()) != 0))) {
+    const bool is_listed = !kind_.IsMove() || (spool_ && std::fflush(spool_.get()) == 0 &&
+                                               std::ferror(spool_.get()) == 0);
+    if (!(is_read && is_listed) && !request_.force) {
         throw Failure(kTaskFailed,
                       fmt::format("{}: {}; --force goes on without a check", source_,
                                   is_read ? "no room for a list of it in /tmp" : "cannot be read"));
     }
-}
-
-uint64_t TaskCheck::lost() const {
-    return expected_.left_out() - expected_.left_out(LeftOut::kLink);
+    return is_read && is_listed;
 }
 
 uint64_t TaskCheck::RoomFor(uint64_t block_size) {
@@ -128,22 +130,14 @@ uint64_t TaskCheck::RoomFor(uint64_t block_size) {
 }
 
 std::vector<std::string> TaskCheck::After(const std::string& result) {
-    found_ = {};
-    Differences differences;
     if (kind_.result == Result::kTree) {
-        differences = LookUp(result);
-        if (found_ == expected_) {
-            differences = {};
-        }
-    } else if (TallyFile(result, &differences) && found_ != expected_) {
-        CompareWithFile(result, &differences);
+        LookUp(result);
+    } else {
+        LookInto(result);
     }
-    std::vector<std::string> lines;
-    for (const Differences& some : {set_faults_, differences}) {
-        lines.insert(lines.end(), some.lines.begin(), some.lines.end());
-        if (some.more > 0) {
-            lines.push_back(fmt::format("and {} more", some.more));
-        }
+    std::vector<std::string> lines = differences_.lines;
+    if (differences_.more > 0) {
+        lines.push_back(fmt::format("and {} more", differences_.more));
     }
     return lines;
 }
@@ -152,10 +146,9 @@ uint64_t TaskCheck::missing_bytes() const {
     return expected_.bytes() - std::min(expected_.bytes(), found_.bytes());
 }
 
-// Tallies what is in the directory `result` under the names of what is expected, and tells in what
-// it differs.
-TaskCheck::Differences TaskCheck::LookUp(const std::string& result) {
-    Differences differences;
+// Tallies what is in the directory `result` under the names of what is expected.
+void TaskCheck::LookUp(const std::string& result) {
+    FirstOf differences = differences_;
     const UniqueFd directory = OpenDirectory(result);
     std::string name;
     LinkBuffer target;
@@ -167,69 +160,66 @@ TaskCheck::Differences TaskCheck::LookUp(const std::string& result) {
             fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
         TallyEntry found;
         if (is_there) {
-            found = EntryOf(expected.path, status, expected.mode ? kind_.modes : Modes::kNone);
+            found = EntryOf(expected.path, status, expected.mode ? kind_.modes() : Modes::kNone);
             found.link = found.type == '2' ? ReadLink(directory, name.c_str(), target) : "";
             found_.Add(found);
         }
-        if (!is_there || !AreSame(found, expected)) {
+        if (!is_there || SumOf(found) != SumOf(expected)) {
             differences.Add(fmt::format("{}/{}: is {}, and should be {}", result, expected.path,
                                         is_there ? Describe(found) : "missing",
                                         Describe(expected)));
         }
     });
-    return differences;
+    if (found_ != expected_) {
+        differences_ = differences;
+    }
 }
 
-// Tallies what is in the archive or brief that was written. Returns whether it can be read.
-bool TaskCheck::TallyFile(const std::string& result, Differences* faults) {
+// Tallies what is in the archive or brief that was written.
+void TaskCheck::LookInto(const std::string& result) {
     if (kind_.result == Result::kRecords) {
-        const bool is_read = VisitBrief(result, [this](const TallyEntry& entry) {
+        const std::string top = kind_.source == Source::kTree ? source_ + "/" : "/";
+        const auto visit = [&](const EntrySink& entries) {
+            return VisitRecords(result, top, entries);
+        };
+        const bool is_read = visit([this](const TallyEntry& entry) {
             found_.Add(entry);
             tick_();
         });
-        if (!is_read) {
-            faults->Add(result + ": cannot be read");
-        }
-        return is_read;
+        return is_read ? CompareWith(result, visit) : differences_.Add(result + ": cannot be read");
     }
-    const FindingSink tell = [&](const Finding& finding) {
+    const FindingSink tell = [this](const Finding& finding) {
         // Whether a suspicion is one the source tells.
         if (finding.severity == Finding::Severity::kFault) {
-            faults->Add(DescribeFinding(finding));
+            differences_.Add(DescribeFinding(finding));
         }
-        tick_();
     };
     try {
-        found_ = VerifySet(ArchiveSet(result, tell), "", tell);
+        const ArchiveSet set(result, tell, [this](uint64_t /*done*/) { tick_(); });
+        found_ = VerifySet(set, "", tell);
+        CompareWith(result, [&set](const EntrySink& entries) { VisitRestored(set, entries); });
     } catch (const Failure& failure) {
-        faults->Add(failure.what());
-        return false;
+        differences_.Add(failure.what());
     }
-    return true;
 }
 
 // Entries cannot be looked up in a file: some of their sums are kept at a time.
-void TaskCheck::CompareWithFile(const std::string& result, Differences* differences) const {
+void TaskCheck::CompareWith(const std::string& result,
+                            const std::function<void(const EntrySink&)>& visit) {
     constexpr uint64_t kAtATime = 1 << 16;
-    const uint64_t parts = found_.entries() / kAtATime + 1;
+    const uint64_t parts = found_ == expected_ ? 0 : found_.entries() / kAtATime + 1;
     for (uint64_t part = 0; part < parts; part++) {
         std::vector<uint64_t> sums;
-        const EntrySink keep = [&](const TallyEntry& entry) {
+        visit([&](const TallyEntry& entry) {
             if (const uint64_t sum = SumOf(entry); sum % parts == part) {
                 sums.push_back(sum);
             }
-            tick_();
-        };
-        if (kind_.result == Result::kRecords) {
-            VisitBrief(result, keep);
-        } else {
-            VisitRestored(ArchiveSet(result, [](const Finding&) {}), keep);
-        }
+        });
         std::sort(sums.begin(), sums.end());
         VisitExpected([&](const TallyEntry& entry) {
             const uint64_t sum = SumOf(entry);
             if (sum % parts == part && !std::binary_search(sums.begin(), sums.end(), sum)) {
-                differences->Add(
+                differences_.Add(
                     fmt::format("{}/{}: is not in {} as it is there", source_, entry.path, result));
             }
             tick_();
@@ -244,22 +234,33 @@ bool TaskCheck::VisitExpected(const EntrySink& entries) const {
                                      entry.mode = std::nullopt;
                                      entries(entry);
                                  })
-                  : VisitSource(entries, kIgnore);
+                  : VisitSource(entries, [](LeftOut, std::string_view) {});
 }
 
 bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const {
+    WalkOptions options;
+    options.rules = kind_.leaves_out;
+    options.modes = kind_.modes();
+    if (kind_.result == Result::kSet) {
+        options.own = IdOf(kind_.ResultPath(request_));
+    } else if (kind_.IsBrief()) {
+        // It is listed as far as it is written by then.
+        options.is_excluded = [this](const std::string& path) {
+            return path == request_.destination;
+        };
+    }
     switch (kind_.source) {
         case Source::kFile: {
             const std::optional<struct stat> status = StatOf(source_);
             if (status) {
-                entries(EntryOf(NameOf(TargetFile(request_)), *status, kind_.modes));
+                entries(EntryOf(NameOf(TargetFile(request_)), *status, Modes::kNone));
             }
             return status.has_value();
         }
         case Source::kList:
             return VisitList(entries, left_out);
         case Source::kSearch:
-            return VisitSearch(entries, left_out);
+            return VisitSearch(options, entries, left_out);
         case Source::kSet:
             VisitRestored(*set_, entries);
             return true;
@@ -267,21 +268,10 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
             if (RecordsApply()) {
                 return VisitRecords(source_ + ".txt", request_.destination + "/", entries);
             }
+            options.modes = Modes::kNone;
             break;
         case Source::kTree:
             break;
-    }
-    WalkOptions options;
-    options.rules = kind_.leaves_out;
-    options.modes = kind_.source == Source::kTree ? kind_.modes : Modes::kNone;
-    if (kind_.result == Result::kSet) {
-        options.own = IdOf(kind_.ResultPath(request_));
-    }
-    if (kind_.IsBrief()) {
-        // It is listed as far as it is written by then.
-        options.is_excluded = [this](const std::string& path) {
-            return path == request_.destination;
-        };
     }
     return WalkTree(source_, options, entries, left_out);
 }
@@ -290,30 +280,30 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
     const std::string app = NameOf(request_.destination);
     return ReadRecords(
         source_, RecordLines::kEach,
-        [&](const Record& record) {
+        [&](const TallyEntry& record) {
             struct stat status = {};
             const std::string path(record.path);
             const size_t at = path.find(app);
-            const std::string_view below = WithoutSlashes(
-                at == std::string::npos ? "" : std::string_view(path).substr(at + app.size()));
-            const bool is_there = lstat(path.c_str(), &status) == 0;
-            if (!is_there) {
+            const std::string_view below =
+                WithoutSlashes(at == std::string::npos ? "" : record.path.substr(at + app.size()));
+            if (lstat(path.c_str(), &status) != 0) {
                 left_out(LeftOut::kUnreadable, path);
             } else if (S_ISLNK(status.st_mode)) {
                 left_out(LeftOut::kLink, path);
             } else if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
                 left_out(LeftOut::kSpecial, path);
-            } else if (!record.is_directory && EndsWith(path, ".dex")) {
+            } else if (record.type != '5' && EndsWith(path, ".dex")) {
                 left_out(LeftOut::kDex, path);
             } else if (!below.empty()) {
-                entries(EntryOf(below, status, kind_.modes));
+                entries(EntryOf(below, status, Modes::kNone));
             }
             return true;
         },
         [&](std::string_view line) { left_out(LeftOut::kUnreadable, line); });
 }
 
-bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const {
+bool TaskCheck::VisitSearch(WalkOptions options, const EntrySink& entries,
+                            const LeftOutSink& left_out) const {
     struct stat status = {};
     android::installd::SearchRules rules;
     if (stat(source_.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -321,31 +311,20 @@ bool TaskCheck::VisitSearch(const EntrySink& entries, const LeftOutSink& left_ou
         return false;
     }
     const android::installd::ExcludeRules excludes(rules.excludes);
-    WalkOptions options;
-    options.rules = kind_.leaves_out;
-    options.modes = kind_.modes;
     options.is_excluded = [&](const std::string& path) {
         return path == request_.destination || excludes.cover(path);
     };
     for (const std::string& include : rules.includes) {
+        const std::string_view path = WithoutSlashes(include);
+        options.begin = include.size() - path.size();
         if (lstat(include.c_str(), &status) != 0) {
             left_out(LeftOut::kUnreadable, include);
-        } else if (!S_ISDIR(status.st_mode)) {
-            if (stat(include.c_str(), &status) == 0) {
-                entries(EntryOf(WithoutSlashes(include), status, kind_.modes));
+        } else if (S_ISDIR(status.st_mode)) {
+            if (!excludes.cover(include)) {
+                WalkTree(include, options, entries, left_out);
             }
-        } else if (!excludes.cover(include)) {
-            const std::string top(WithoutSlashes(include));
-            std::string path;
-            WalkTree(
-                include, options,
-                [&](const TallyEntry& entry) {
-                    path = fmt::format("{}/{}", top, entry.path);
-                    TallyEntry whole = entry;
-                    whole.path = path;
-                    entries(whole);
-                },
-                left_out);
+        } else if (stat(include.c_str(), &status) == 0) {
+            entries(EntryOf(path, status, options.modes));
         }
     }
     return true;
@@ -359,44 +338,15 @@ bool TaskCheck::RecordsApply() const {
            !android::installd::isStoragePath(request_.destination.c_str());
 }
 
-// Paths are those below `top`.
-bool TaskCheck::VisitRecords(const std::string& file, const std::string& top,
-                             const EntrySink& entries) const {
-    return ReadRecords(file, RecordLines::kJoined, [&](const Record& record) {
-        TallyEntry entry;
-        entry.path = record.path.substr(record.path.rfind(top, 0) == 0 ? top.size() : 0);
-        entry.type = record.is_directory ? '5' : '0';
-        entry.size = record.is_directory ? 0 : record.size;
-        entry.mode = record.mode;
-        entries(entry);
-        return true;
-    });
-}
-
-// A brief may list itself, as far as it is written by then.
-bool TaskCheck::VisitBrief(const std::string& brief, const EntrySink& entries) const {
-    const std::string top = kind_.source == Source::kTree ? source_ + "/" : "/";
-    return VisitRecords(brief, top, [&](const TallyEntry& entry) {
-        if (top.compare(0, top.size(), brief, 0, top.size()) != 0 ||
-            entry.path != std::string_view(brief).substr(top.size())) {
-            entries(entry);
-        }
-    });
-}
-
 std::string DescribeFinding(const Finding& finding) {
-    std::string line = finding.slice;
-    for (const std::string& part : {finding.entry, finding.message}) {
-        if (!part.empty()) {
-            line += (line.empty() ? "" : ": ") + part;
-        }
-    }
-    return line;
+    std::vector<std::string> parts = {finding.slice, finding.entry, finding.message};
+    parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
+    return fmt::format("{}", fmt::join(parts, ": "));
 }
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    ReadRecords(copy + ".txt", RecordLines::kJoined, [&first](const Record& record) {
+    ReadRecords(copy + ".txt", RecordLines::kJoined, [&first](const TallyEntry& record) {
         first = std::string(record.path);
         return false;
     });

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "archive/set.h"
@@ -16,23 +17,31 @@
 
 namespace peltexctl {
 
+// The first of some things in words, and a count of the others.
+struct FirstOf {
+    void Add(std::string_view line);
+
+    std::vector<std::string> lines;
+    uint64_t more = 0;
+};
+
 class TaskCheck {
   public:
-    // `tick` is called for each entry that is looked at. `set` is what a restore of an archive
-    // reads, else null. All must outlive the check.
+    // `tick` is called now and then. `set` is what a restore of an archive reads, else null. All
+    // must outlive the check.
     TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
               std::function<void()> tick);
 
-    // Tallies what the task is to bring. Throws Failure where that cannot be known.
-    void Before();
+    // Tallies what the task is to bring. Where that cannot be known it throws Failure, or returns
+    // false if the request goes on all the same.
+    bool Before();
 
     // What the task brings, and what it leaves out.
     const Tally& expected() const { return expected_; }
     // The bytes that it takes on a file system with blocks of this size.
     uint64_t RoomFor(uint64_t block_size);
-    // The first of those that a move leaves out and would delete, and how many there are.
-    const std::vector<std::string>& first_lost() const { return first_lost_; }
-    uint64_t lost() const;
+    // What a move leaves out and would delete.
+    const FirstOf& lost() const { return lost_; }
 
     // Tallies what is there; `result` is where it is. Returns one line for each of the first
     // differences and one that counts the others; none when all is there.
@@ -42,25 +51,15 @@ class TaskCheck {
     uint64_t missing_bytes() const;
 
   private:
-    // The first in words, and a count of the others.
-    struct Differences {
-        void Add(const std::string& line);
-
-        std::vector<std::string> lines;
-        uint64_t more = 0;
-    };
-
     bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
     bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool VisitSearch(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool RecordsApply() const;
-    bool VisitRecords(const std::string& file, const std::string& top,
-                      const EntrySink& entries) const;
-    bool VisitBrief(const std::string& brief, const EntrySink& entries) const;
+    bool VisitSearch(WalkOptions options, const EntrySink& entries,
+                     const LeftOutSink& left_out) const;
     bool VisitExpected(const EntrySink& entries) const;
-    Differences LookUp(const std::string& result);
-    bool TallyFile(const std::string& result, Differences* faults);
-    void CompareWithFile(const std::string& result, Differences* differences) const;
+    bool RecordsApply() const;
+    void LookUp(const std::string& result);
+    void LookInto(const std::string& result);
+    void CompareWith(const std::string& result, const std::function<void(const EntrySink&)>& visit);
 
     const TaskKind& kind_;
     const TaskRequest& request_;
@@ -69,8 +68,8 @@ class TaskCheck {
     const std::string source_;
     Tally expected_;
     Tally found_;
-    std::vector<std::string> first_lost_;
-    Differences set_faults_;
+    FirstOf lost_;
+    FirstOf differences_;
     android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
 };
 

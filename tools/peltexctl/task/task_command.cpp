@@ -60,10 +60,7 @@ class TaskCommand {
         });
         RefuseAll();
         Prepare();
-        TaskSummary summary;
-        if (const int status = RunJob(library, job_, &summary); status != kDone) {
-            return status;
-        }
+        const TaskSummary summary = RunJob(library, job_);
         is_over_ = true;
         return Conclude(summary);
     }
@@ -78,14 +75,9 @@ class TaskCommand {
         if (request_.no_verify) {
             return;
         }
-        view_.Begin("looking at " + EscapeBytes(request_.source));
+        view_.Begin("looking at " + EscapeBytes(request_.source), set_ ? set_->TotalSize() : 0);
         check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
-        try {
-            check_->Before();
-        } catch (const Failure&) {
-            if (!request_.force) {
-                throw;
-            }
+        if (!check_->Before()) {
             check_.reset();
         }
         if (!request_.force) {
@@ -95,13 +87,20 @@ class TaskCommand {
     }
 
     void OpenSet() {
-        set_.emplace(request_.source, [this](const Finding& finding) {
-            line_faults_.push_back(DescribeFinding(finding));
-        });
+        set_.emplace(
+            request_.source,
+            [this](const Finding& finding) {
+                if (finding.severity == Finding::Severity::kFault) {
+                    line_faults_.push_back(DescribeFinding(finding));
+                }
+            },
+            [this](uint64_t done) {
+                view_.SetDone(done);
+                view_.Tick();
+            });
         RefuseArchive(kind_, *set_);
         if (set_->size() == 0 && !request_.force) {
-            throw Failure(kTaskFailed, line_faults_.empty() ? request_.source + ": lists no slice"
-                                                            : line_faults_[0]);
+            throw Failure(kTaskFailed, line_faults_[0]);
         }
     }
 

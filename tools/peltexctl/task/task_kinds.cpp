@@ -19,59 +19,39 @@ namespace {
 constexpr int kLargestSlice = 2047;
 constexpr int kDefaultSlice = 100;
 
-// A row's pattern with the request's words in it. {name} is what SRC is called, {app} what DEST is,
-// {target} the directory that a file task writes to.
-std::string Fill(const char* pattern, const TaskRequest& request) {
-    return fmt::format(
-        fmt::runtime(pattern), fmt::arg("src", request.source),
-        fmt::arg("dest", request.destination), fmt::arg("name", NameOf(request.source)),
-        fmt::arg("app", NameOf(request.destination)),
-        fmt::arg("target", ParentOf(TargetFile(request))), fmt::arg("mib", SliceSizeOf(request)),
-        fmt::arg("owner", fmt::format("{} {}", request.se_info, *ParseInt(request.uid))));
-}
-
 constexpr Rules kCopies = Bit(LeftOut::kDex) | Bit(LeftOut::kLink) | Bit(LeftOut::kSpecial);
 constexpr Rules kPackage = kCopies | Bit(LeftOut::kLib);
 constexpr Rules kPacks = Bit(LeftOut::kHardLinked) | Bit(LeftOut::kDex) | Bit(LeftOut::kSpecial) |
                          Bit(LeftOut::kTinker) | Bit(LeftOut::kOwnArchive);
 
-// A directory's backup lies under the directory's own name, which a restore takes from where it
-// restores to; a backup by list writes below a directory named like the one that it is given. A
-// restore of slices extracts into the parent of the path that it is given, and relabels that path.
-// The library does not look at the option of a move, which has to be there all the same.
+// {name} is what SRC is called, {app} what DEST is, {target} the directory that a file task writes
+// to. A directory's backup lies under the directory's own name, which a restore takes from where it
+// restores to; a backup by list writes below a directory named like the one that it is given.
 constexpr TaskKind kKinds[] = {
-    {"backup", "file", "one file into the directory DEST", "backup file {src} {dest} {owner}",
-     "{src}", "{target}", Source::kFile, Result::kTree, 0, Modes::kNone},
+    {"backup", "file", "one file into the directory DEST", Source::kFile, Result::kTree, "{target}",
+     0},
     {"backup", "dir", "a directory into DEST/NAME, with its permission record DEST/NAME.txt",
-     "backup dir {src} {dest} {owner}", "{src}", "{dest}/{name}", Source::kTree, Result::kTree,
-     kPackage, Modes::kNone},
-    {"backup", "tar", "a directory into the archive DEST/NAME.tar",
-     "backup tar {src} {dest} {owner}", "{src}", "{dest}/{name}.tar", Source::kTree, Result::kSet,
-     kPacks, Modes::kArchived},
+     Source::kTree, Result::kTree, "{dest}/{name}", kPackage},
+    {"backup", "tar", "a directory into the archive DEST/NAME.tar", Source::kTree, Result::kSet,
+     "{dest}/{name}.tar", kPacks},
     {"backup", "split",
      "a directory into the slices DEST/NAME.tar.0, .1, ... and the check file DEST/NAME.tar.txt",
-     "backup split {src} {dest} {mib} {owner}", "{src}", "{dest}/{name}.tar.txt", Source::kTree,
-     Result::kSet, kPacks, Modes::kArchived},
-    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME",
-     "backup byfile {src} {dest} {owner}", "{src}", "{dest}/{app}", Source::kList, Result::kTree,
-     kCopies, Modes::kNone},
-    {"restore", "file", "the file SRC to DEST", "restore file {src} {dest} {owner}", "{src}",
-     "{target}", Source::kFile, Result::kTree, 0, Modes::kNone},
-    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt",
-     "restore dir {src} {dest} {owner}", "{src}/{app}", "{dest}", Source::kRecords, Result::kTree,
-     kCopies, Modes::kAll},
-    {"restore", "tar", "DEST from the archive SRC", "restore tar {src} {dest} {owner}", "{src}",
-     "{dest}", Source::kSet, Result::kTree, Bit(LeftOut::kTinker), Modes::kArchived},
-    {"restore", "split", "DEST from the slices that the check file SRC lists",
-     "restore split {src} {dest}/. {owner}", "{src}", "{dest}", Source::kSet, Result::kTree,
-     Bit(LeftOut::kTinker), Modes::kArchived},
-    {"brief", "dir", "what the directory SRC holds", "get_brief dir {src} {dest} {owner}", "{src}",
-     "{dest}", Source::kTree, Result::kRecords, kCopies, Modes::kAll},
-    {"brief", "byfile", "what the search file SRC asks for",
-     "get_brief byfile {src} {dest} {owner}", "{src}", "{dest}", Source::kSearch, Result::kRecords,
-     kCopies, Modes::kAll},
-    {"move", "", "a directory's content into DEST", "move dir {src} {dest} {owner}", "{src}",
-     "{dest}", Source::kTree, Result::kTree, kCopies, Modes::kNone},
+     Source::kTree, Result::kSet, "{dest}/{name}.tar.txt", kPacks},
+    {"backup", "byfile", "what the brief SRC lists, into DEST/NAME", Source::kList, Result::kTree,
+     "{dest}/{app}", kCopies},
+    {"restore", "file", "the file SRC to DEST", Source::kFile, Result::kTree, "{target}", 0},
+    {"restore", "dir", "DEST from its backup in SRC: SRC/NAME and SRC/NAME.txt", Source::kRecords,
+     Result::kTree, "{dest}", kCopies},
+    {"restore", "tar", "DEST from the archive SRC", Source::kSet, Result::kTree, "{dest}",
+     Bit(LeftOut::kTinker)},
+    {"restore", "split", "DEST from the slices that the check file SRC lists", Source::kSet,
+     Result::kTree, "{dest}", Bit(LeftOut::kTinker)},
+    {"brief", "dir", "what the directory SRC holds", Source::kTree, Result::kRecords, "{dest}",
+     kCopies},
+    {"brief", "byfile", "what the search file SRC asks for", Source::kSearch, Result::kRecords,
+     "{dest}", kCopies},
+    {"move", "", "a directory's content into DEST", Source::kTree, Result::kTree, "{dest}",
+     kCopies},
 };
 
 bool IsInRange(const std::string& text, int least, int most) {
@@ -87,16 +67,27 @@ void Expect(bool is_right, const std::string& message) {
 
 }  // namespace
 
+// A restore of slices extracts into the parent of the path that it is given, and relabels that
+// path. The library does not look at the option of a move, which has to be there all the same.
 std::string TaskKind::Command(const TaskRequest& request) const {
-    return Fill(command, request);
+    return fmt::format("{} {} {} {}{} {} {}", IsBrief() ? "get_brief" : subcommand,
+                       IsMove() ? "dir" : kind, request.source, request.destination,
+                       RestoresSlices() ? "/."
+                       : HandsOver()    ? fmt::format(" {}", SliceSizeOf(request))
+                                        : "",
+                       request.se_info, *ParseInt(request.uid));
 }
 
 std::string TaskKind::SourcePath(const TaskRequest& request) const {
-    return Fill(source_path, request);
+    return request.source +
+           (source == Source::kRecords ? "/" + NameOf(request.destination) : std::string());
 }
 
 std::string TaskKind::ResultPath(const TaskRequest& request) const {
-    return Fill(result_path, request);
+    return fmt::format(fmt::runtime(result_path), fmt::arg("dest", request.destination),
+                       fmt::arg("name", NameOf(request.source)),
+                       fmt::arg("app", NameOf(request.destination)),
+                       fmt::arg("target", ParentOf(TargetFile(request))));
 }
 
 std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {

@@ -43,13 +43,10 @@ struct TaskKind {
     const char* subcommand;
     const char* kind;  // empty for a subcommand of one kind
     const char* help;
-    const char* command;  // this and the paths are patterns
-    const char* source_path;
-    const char* result_path;
     Source source;
     Result result;
+    const char* result_path;  // a pattern
     Rules leaves_out;
-    Modes modes;
 
     // The command line for the library.
     std::string Command(const TaskRequest& request) const;
@@ -57,24 +54,24 @@ struct TaskKind {
     // The directory that the entries are in, or the file that lists or holds them.
     std::string ResultPath(const TaskRequest& request) const;
 
+    // Which permission bits come along.
+    Modes modes() const {
+        return HasArchive()                                               ? Modes::kArchived
+               : source == Source::kRecords || result == Result::kRecords ? Modes::kAll
+                                                                          : Modes::kNone;
+    }
     bool Is(std::string_view command_name, std::string_view kind_name) const {
         return subcommand == command_name && kind == kind_name;
     }
-    bool IsBackup() const { return Is("backup", kind); }
-    bool IsBrief() const { return Is("brief", kind); }
-    bool IsMove() const { return Is("move", kind); }
+    bool IsBrief() const { return result == Result::kRecords; }
+    bool IsMove() const { return Is("move", ""); }
     // A backup that hands over slices and waits for the client after each.
     bool HandsOver() const { return Is("backup", "split"); }
     bool RestoresSlices() const { return Is("restore", "split"); }
     // An archive is written or unpacked, which an abort stops.
-    bool HasArchive() const { return source == Source::kSet || result == Result::kSet; }
+    bool HasArchive() const { return Unpacks() || result == Result::kSet; }
     // A restore of an archive unpacks into a directory that has to be there.
     bool Unpacks() const { return source == Source::kSet; }
-    // Files or trees come to lie beside others that may be the same.
-    bool Copies() const {
-        return result == Result::kTree &&
-               (source == Source::kFile || source == Source::kTree || source == Source::kRecords);
-    }
 };
 
 // The kinds of a subcommand, in the order to show them.

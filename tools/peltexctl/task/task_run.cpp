@@ -8,12 +8,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <memory>
+#include <deque>
 #include <mutex>
 #include <optional>
 
 #include "task/refusals.h"
-#include "task/slice_hand_over.h"
+#include "task/slice_taker.h"
 #include "ui/exit_code.h"
 #include "ui/library_log.h"
 #include "ui/signals.h"
@@ -23,29 +23,12 @@ namespace peltexctl {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::chrono::milliseconds kTick{100};
-
-std::string ExplainRefusal(int result) {
-    switch (result) {
-        case -1:
-            return "the library could not start a worker thread";
-        case -4:
-            return "an equal task is waiting or running";
-        default:
-            return fmt::format("the library refuses the command with {}", result);
-    }
-}
-
-std::string ExplainFailure(int task, const TaskJob& job) {
-    return fmt::format("task {} failed: {}{}", task,
-                       job.log_is_shown ? "the library's log above tells where"
-                                        : "--log error shows the library's log, which tells where",
-                       job.kind.Unpacks()
-                           ? fmt::format("; \"peltexctl verify {}\" tells what is wrong with the "
-                                         "archive",
-                                         job.request.source)
-                           : "");
-}
+constexpr std::chrono::seconds kKeepAliveEvery{10};
+constexpr std::chrono::microseconds kFirstRepeat{100};
+constexpr std::chrono::milliseconds kLastRepeat{50};
 
 // Of a task that was interrupted, whether it succeeded in spite of that or not.
 std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, bool succeeded) {
@@ -76,32 +59,25 @@ std::string DescribeStop(const TaskKind& kind) {
                                    kind.IsBrief() ? "listed" : "copied");
 }
 
+// A split backup pauses after each slice but the last until it is continued, by its own command.
+// The library forgets a continuation that comes before its worker waits, so it is sent again, soon
+// at first, until a status shows that the backup has moved. A continuation for a backup that has
+// ended would begin a second one, and one that comes late would release a slice that was not taken
+// yet. Neither can happen: a continuation excludes the statuses that hand over a slice or end the
+// backup, and until the last of them has been received the backup still counts as running.
 class TaskRun {
   public:
     TaskRun(const Library& library, const TaskJob& job)
         : library_(library),
           job_(job),
-          slices_(job.kind.HandsOver() ? std::make_unique<SliceHandOver>(
-                                             job.request,
-                                             [this](const std::string& line, bool again) {
-                                                 return Send(line, again);
-                                             },
-                                             job.command,
-                                             [this] {
-                                                 ShowProgress();
-                                                 return !is_interrupted_;
-                                             })
-                                       : nullptr),
           left_unfinished_("interrupted: " +
-                           (slices_ ? "the set in " + slices_->Directory() + " is not complete"
-                                    : DescribeLeft(job.kind, job.request, false)) +
+                           (HandsOver() ? "the set in " + taker_.directory() + " is not complete"
+                                        : DescribeLeft(job.kind, job.request, false)) +
                            job.left_too) {}
 
-    int Run(TaskSummary* summary) {
+    TaskSummary Run() {
         const SignalScope signals([this] { Interrupt(); });
-        if (slices_) {
-            slices_->Prepare();
-        }
+        taker_.Prepare();
         const android::sp<ClientCallback> callback =
             new ClientCallback(1, [this](const StatusEvent& event) { Heard(event); });
         session_ = library_.start(callback);
@@ -111,24 +87,29 @@ class TaskRun {
         job_.view.Begin(fmt::format("{}{}{}", job_.kind.subcommand,
                                     *job_.kind.kind == '\0' ? "" : " ", job_.kind.kind),
                         job_.total);
+        const Clock::time_point start = Clock::now();
         task_ = Send(job_.command);
-        int status = kTaskFailed;
         if (task_ >= kFirstId) {
-            status = Follow(summary);
-        } else {
-            job_.view.End();
-            PrintKeptLog();
-            Tell(ExplainRefusal(task_));
+            Follow();
         }
+        const std::chrono::duration<double> elapsed = Clock::now() - start;
+        job_.view.End();
         const int closed = library_.finish(session_);
         if (job_.events.json()) {
             job_.events.Closed(session_, closed);
         }
-        return status;
+        Judge();
+        TaskSummary summary;
+        summary.task = task_;
+        summary.seconds = elapsed.count();
+        if (HandsOver()) {
+            summary.slices = count_;
+        }
+        return summary;
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
+    bool HandsOver() const { return job_.kind.HandsOver(); }
 
     int Send(const std::string& command, bool is_repeated = false) {
         const int result = library_.Execute(session_, command);
@@ -140,69 +121,112 @@ class TaskRun {
 
     // On the library's threads.
     void Heard(const StatusEvent& event) {
-        if (slices_) {
-            slices_->Heard(event);
-        }
+        const bool has_slice = event.code == kStatusSlicePackaged;
+        const bool ends = EndsTask(event);
         if (event.code == kStatusProgress && !job_.bytes_read) {
             job_.view.SetDone(std::strtoull(event.message.c_str(), nullptr, 10));
         }
         // People hear of progress and slices from the bar, of a failure by its reason.
         if (job_.events.json() ||
-            (event.code != kStatusProgress && event.code != kStatusSlicePackaged &&
-             event.code != kStatusFailed)) {
+            (event.code != kStatusProgress && !has_slice && event.code != kStatusFailed)) {
             job_.view.Aside([this, &event] { job_.events.Status(event); });
         }
+        std::unique_lock settled(settle_mutex_, std::defer_lock);
+        if (has_slice || ends) {
+            settled.lock();
+        }
+        const std::lock_guard lock(mutex_);
+        pauses_ = has_slice && !EndsWith(event.message, kLastSlice);
+        // The path of a slice, "|end" behind it for the last one, or "end" alone where that came
+        // out empty.
+        if (has_slice && event.message != kLastSlice) {
+            handed_.push_back(event.message.substr(0, event.message.rfind('|')));
+            ++count_;
+        }
+        is_aborted_ = is_aborted_ || event.code == kStatusAborted;
+        if (ends) {
+            last_ = event;
+        }
         if (event.code != kStatusProgress) {
-            const std::lock_guard lock(mutex_);
             has_news_ = true;
-            is_aborted_ = is_aborted_ || event.code == kStatusAborted;
-            if (EndsTask(event)) {
-                last_code_ = event.code;
-                path_refused_ = RefusesPath(event);
-            }
             changed_.notify_all();
         }
     }
 
-    void Tell(const std::string& error) {
-        job_.view.Aside([this, &error] { job_.events.Error(error); });
-    }
-
-    int Follow(TaskSummary* summary) {
-        const Clock::time_point start = Clock::now();
+    void Follow() {
         while (!HasEnded()) {
-            if (slices_ && stopping_) {
-                slices_->Wake();
-            } else if (slices_) {
-                untaken_ = slices_->Step();
+            if (!stopping_) {
+                TakeSlices(false);
             }
             if (!stopping_ && (is_interrupted_ || !untaken_.empty())) {
                 Stop();
             }
+            const Clock::time_point next = HandsOver() ? Continue() : Clock::time_point::max();
             ShowProgress();
-            WaitForNews();
+            WaitForNews(std::min(next, Clock::now() + kTick));
         }
-        const std::chrono::duration<double> elapsed = Clock::now() - start;
-        job_.view.End();
-        const int status = End(*last_code_ == kStatusSuccess);
-        summary->task = task_;
-        summary->seconds = elapsed.count();
-        if (slices_) {
-            summary->slices = slices_->Count();
+        if (untaken_.empty() && HandsOver()) {
+            TakeSlices(last_->code == kStatusSuccess && !stopping_);
         }
-        return status;
     }
 
     bool HasEnded() {
         const std::lock_guard lock(mutex_);
-        return last_code_.has_value();
+        return last_.has_value();
     }
 
-    void WaitForNews() {
-        const Clock::time_point tick = Clock::now() + kTick;
+    // Takes those that were handed over, and behind the last one what makes the set whole.
+    void TakeSlices(bool is_whole) {
+        try {
+            while (const std::optional<std::string> slice = NextSlice()) {
+                taker_.Take(NameOf(*slice));
+                repeat_after_ = {};
+                next_continuation_ = {};
+            }
+            if (is_whole) {
+                taker_.Finish();
+            }
+        } catch (const Failure& failure) {
+            untaken_ = failure.what();
+        }
+    }
+
+    std::optional<std::string> NextSlice() {
+        const std::lock_guard lock(mutex_);
+        if (handed_.empty()) {
+            return std::nullopt;
+        }
+        std::string slice = std::move(handed_.front());
+        handed_.pop_front();
+        return slice;
+    }
+
+    // Lets a backup go on whose slice was taken, and one that was asked to stop see that: an abort
+    // is forgotten like a continuation when it comes before the pause, and is not repeated, since
+    // each makes a status. Where it is seen first, the slice that was handed over is not packed
+    // again. Returns when this is due again.
+    Clock::time_point Continue() {
+        const std::lock_guard settled(settle_mutex_);
+        if (!WaitsForUs()) {
+            return Clock::time_point::max();
+        }
+        if (Clock::now() >= next_continuation_) {
+            Send(job_.command, stopping_ || repeat_after_ > Clock::duration::zero());
+            repeat_after_ =
+                std::clamp<Clock::duration>(2 * repeat_after_, kFirstRepeat, kLastRepeat);
+            next_continuation_ = Clock::now() + repeat_after_;
+        }
+        return next_continuation_;
+    }
+
+    bool WaitsForUs() {
+        const std::lock_guard lock(mutex_);
+        return stopping_ ? !last_ : pauses_ && handed_.empty();
+    }
+
+    void WaitForNews(Clock::time_point deadline) {
         std::unique_lock lock(mutex_);
-        changed_.wait_until(lock, slices_ ? std::min(tick, slices_->next_step()) : tick,
-                            [this] { return has_news_; });
+        changed_.wait_until(lock, deadline, [this] { return has_news_; });
         has_news_ = false;
     }
 
@@ -210,49 +234,73 @@ class TaskRun {
         if (job_.bytes_read) {
             job_.view.SetDone(job_.bytes_read());
         }
-        if (slices_ && slices_->Count() > 0) {
-            job_.view.SetNote(Counted(slices_->Count(), "slice", "slices"));
+        if (count_ > 0) {
+            job_.view.SetNote(Counted(count_, "slice", "slices"));
         }
         job_.view.Tick();
     }
 
-    void Stop() {
-        stopping_ = true;
-        if (!job_.events.json() && !job_.events.quiet()) {
-            job_.view.Aside([this] {
-                Print(stderr, fmt::format("task {}: {}\n", task_, DescribeStop(job_.kind)));
-            });
+    // While a slice is copied.
+    void Tick() {
+        ShowProgress();
+        if (const Clock::time_point now = Clock::now(); now - kept_alive_ >= kKeepAliveEvery) {
+            kept_alive_ = now;
+            Send("keepalive");
         }
-        const int result = Send(fmt::format("abort {}", task_));
-        const std::lock_guard lock(mutex_);
-        // One that has not begun leaves the queue without a status; of a running one it has come.
-        if (result == 0 && !is_aborted_ && !last_code_) {
-            last_code_ = kStatusAborted;
+        if (is_interrupted_) {
+            throw Failure(kInterrupted, "interrupted");
         }
     }
 
-    int End(bool succeeded) {
-        if (slices_) {
-            const std::string error = slices_->Finish(succeeded && !stopping_);
-            untaken_ = untaken_.empty() ? error : untaken_;
+    void Stop() {
+        stopping_ = true;
+        job_.view.Aside([this] { job_.events.Note(DescribeStop(job_.kind)); });
+        const int result = Send(fmt::format("abort {}", task_));
+        const std::lock_guard lock(mutex_);
+        // One that has not begun leaves the queue without a status; of a running one it has come.
+        if (result == 0 && !is_aborted_ && !last_) {
+            last_ = StatusEvent{session_, task_, kStatusAborted, "", 1};
         }
+    }
+
+    // Throws what keeps the task from being done.
+    void Judge() {
+        const bool succeeded = last_ && last_->code == kStatusSuccess;
         if (is_interrupted_) {
-            Tell("interrupted: " +
-                 (slices_ ? slices_->DescribeLeft() + ", of a set that is not complete"
-                          : DescribeLeft(job_.kind, job_.request, succeeded)));
-            return kInterrupted;
+            throw Failure(
+                kInterrupted,
+                "interrupted: " +
+                    (HandsOver() ? taker_.DescribeLeft(count_) + ", of a set that is not complete"
+                                 : DescribeLeft(job_.kind, job_.request, succeeded)));
         }
         if (!untaken_.empty()) {
-            Tell(fmt::format("{}; {}{}; start it again with --replace", untaken_,
-                             slices_->DescribeLeft(), HintAtRoom(slices_->Directory(), 1 << 20)));
-            return kTaskFailed;
+            throw Failure(kTaskFailed, fmt::format("{}; {}{}; start it again with --replace",
+                                                   untaken_, taker_.DescribeLeft(count_),
+                                                   HintAtRoom(taker_.directory(), 1 << 20)));
         }
-        if (succeeded) {
-            return kDone;
+        if (!succeeded) {
+            PrintKeptLog();
+            throw Failure(kTaskFailed, ExplainFailure());
         }
-        PrintKeptLog();
-        Tell(path_refused_ ? "the library refuses a path" : ExplainFailure(task_, job_));
-        return kTaskFailed;
+    }
+
+    std::string ExplainFailure() const {
+        if (task_ < kFirstId) {
+            return task_ == -1   ? "the library could not start a worker thread"
+                   : task_ == -4 ? "an equal task is waiting or running"
+                                 : fmt::format("the library refuses the command with {}", task_);
+        }
+        if (RefusesPath(*last_)) {
+            return "the library refuses a path";
+        }
+        return fmt::format(
+            "task {} failed: {}{}", task_,
+            job_.log_is_shown ? "the library's log above tells where"
+                              : "--log error shows the library's log, which tells where",
+            job_.kind.Unpacks()
+                ? fmt::format("; \"peltexctl verify {}\" tells what is wrong with the archive",
+                              job_.request.source)
+                : "");
     }
 
     // On the signals' thread. Who asks twice does not wait: some tasks never end, such as the copy
@@ -266,31 +314,40 @@ class TaskRun {
         changed_.notify_all();
     }
 
+    static constexpr const char* kLastSlice = "end";
+
     const Library library_;
     const TaskJob job_;
-    const std::unique_ptr<SliceHandOver> slices_;  // of a split backup
+    SliceTaker taker_{job_.request, [this] { Tick(); }};
     const std::string left_unfinished_;
     int session_ = 0;
     int task_ = 0;
     bool stopping_ = false;
     std::string untaken_;  // why a slice could not be taken
+    Clock::duration repeat_after_{};
+    Clock::time_point next_continuation_;
+    Clock::time_point kept_alive_ = Clock::now();
     std::atomic<bool> is_interrupted_{false};
+    std::atomic<uint64_t> count_{0};  // of the slices that were handed over
 
+    std::mutex
+        settle_mutex_;  // held over a continuation; never waited for with the library's locks
     std::mutex mutex_;
     std::condition_variable changed_;
     // Protected by mutex_.
     bool has_news_ = false;
     bool is_aborted_ = false;
-    bool path_refused_ = false;
-    std::optional<int> last_code_;  // of the task that has ended
+    bool pauses_ = false;             // after the slice that was handed over last
+    std::deque<std::string> handed_;  // slices that were not taken yet
+    std::optional<StatusEvent> last_;
 };
 
 }  // namespace
 
-int RunJob(const Library& library, const TaskJob& job, TaskSummary* summary) {
+TaskSummary RunJob(const Library& library, const TaskJob& job) {
     // Never destroyed: the last callback may be on its way out.
     static TaskRun* const run = new TaskRun(library, job);
-    return run->Run(summary);
+    return run->Run();
 }
 
 }  // namespace peltexctl

@@ -26,8 +26,7 @@ struct TaskJob {
     std::string left_too = {};                  // what else an unfinished task leaves
 };
 
-// Runs the one task of this process. Returns the program's exit status as far as the task decides
-// it, and fills `summary` in for one that the library has given an id. Throws Failure.
-int RunJob(const Library& library, const TaskJob& job, TaskSummary* summary);
+// Runs the one task of this process, to its good end. Throws Failure.
+TaskSummary RunJob(const Library& library, const TaskJob& job);
 
 }  // namespace peltexctl

@@ -4,6 +4,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -18,7 +22,7 @@ class Walk {
           entries_(entries),
           left_out_(left_out),
           path_(top + "/"),
-          below_(path_.size()) {}
+          top_(path_.size()) {}
 
     bool Run() { return Directory(OpenDirectory(path_)); }
 
@@ -27,7 +31,7 @@ class Walk {
         const size_t length = path_.size();
         return ForEachName(directory, [&](const char* name) {
             path_.append(name);
-            Entry(directory, name, length == below_);
+            Entry(directory, name, length == top_);
             path_.resize(length);
         });
     }
@@ -62,43 +66,36 @@ class Walk {
     std::optional<LeftOut> WhyLeftOut(std::string_view name, const struct stat& status,
                                       bool is_top) const {
         const mode_t type = status.st_mode & S_IFMT;
+        const bool is_directory = type == S_IFDIR;
+        // A copy takes what a device holds; an archive keeps a link that is called *.dex.
         const bool packs = Has(LeftOut::kHardLinked);
-        if (packs && type != S_IFDIR && status.st_nlink >= 2) {
-            return LeftOut::kHardLinked;
-        }
-        if (options_.own && *options_.own == FileId(status.st_dev, status.st_ino)) {
-            return LeftOut::kOwnArchive;
-        }
-        if (type == S_IFDIR) {
-            if (Has(LeftOut::kTinker) && EndsWith(path_, "/com.tencent.mm/tinker")) {
-                return LeftOut::kTinker;
-            }
-            return Has(LeftOut::kLib) && is_top && name == "lib" ? std::optional(LeftOut::kLib)
-                                                                 : std::nullopt;
-        }
-        if (Has(LeftOut::kLink) && type == S_IFLNK) {
-            return LeftOut::kLink;
-        }
-        // A copy takes what a device holds.
-        const bool is_device = type == S_IFCHR || type == S_IFBLK;
-        if (Has(LeftOut::kSpecial) &&
-            (type == S_IFSOCK || type == S_IFIFO || (packs && is_device))) {
-            return LeftOut::kSpecial;
-        }
-        // An archive keeps a link of such a name.
-        return Has(LeftOut::kDex) && (type == S_IFREG || !packs) && EndsWith(name, ".dex")
-                   ? std::optional(LeftOut::kDex)
-                   : std::nullopt;
+        const std::pair<LeftOut, bool> rows[] = {
+            {LeftOut::kHardLinked, !is_directory && status.st_nlink >= 2},
+            {LeftOut::kOwnArchive, options_.own == FileId(status.st_dev, status.st_ino)},
+            {LeftOut::kTinker, is_directory && EndsWith(path_, "/com.tencent.mm/tinker")},
+            {LeftOut::kLib, is_directory && is_top && name == "lib"},
+            {LeftOut::kLink, type == S_IFLNK},
+            {LeftOut::kSpecial, type == S_IFSOCK || type == S_IFIFO ||
+                                    (packs && (type == S_IFCHR || type == S_IFBLK))},
+            {LeftOut::kDex,
+             (type == S_IFREG || (!packs && !is_directory)) && EndsWith(name, ".dex")},
+        };
+        const auto* const row = std::find_if(std::begin(rows), std::end(rows), [this](auto& each) {
+            return each.second && Has(each.first);
+        });
+        return row != std::end(rows) ? std::optional(row->first) : std::nullopt;
     }
 
     bool Has(LeftOut reason) const { return (options_.rules & Bit(reason)) != 0; }
-    std::string_view Below() const { return std::string_view(path_).substr(below_); }
+    std::string_view Below() const {
+        return std::string_view(path_).substr(options_.begin > 0 ? options_.begin : top_);
+    }
 
     const WalkOptions& options_;
     const EntrySink& entries_;
     const LeftOutSink& left_out_;
     std::string path_;
-    const size_t below_;  // where paths below the top begin
+    const size_t top_;  // the length of the top's path
     LinkBuffer target_ = {};
 };
 

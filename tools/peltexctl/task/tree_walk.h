@@ -30,12 +30,13 @@ struct WalkOptions {
     Rules rules = 0;
     Modes modes = Modes::kNone;
     std::optional<FileId> own;  // the archive that the task writes
+    size_t begin = 0;           // of entries' paths in the whole ones; 0: below the top
     // Further entries of the top directory that are passed over without a word.
     std::function<bool(const std::string& path)> is_excluded;
 };
 
-// Walks the directory `top`. Paths are those below it, in the order of the file system, a directory
-// before its entries. Returns false when `top` cannot be read.
+// Walks the directory `top`, in the order of the file system, a directory before its entries.
+// Returns false when `top` cannot be read.
 bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
               const LeftOutSink& left_out);
 

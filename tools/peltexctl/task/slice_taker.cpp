@@ -1,0 +1,91 @@
+// Tested by tests/client/test_running.py and peltexctl.md.
+#include "task/slice_taker.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include "archive/new_file.h"
+#include "ui/exit_code.h"
+#include "ui/text.h"
+
+namespace peltexctl {
+
+SliceTaker::SliceTaker(const TaskRequest& request, std::function<void()> tick)
+    : tick_(std::move(tick)),
+      destination_(request.destination),
+      take_(request.take),
+      base_(NameOf(request.source) + ".tar") {
+    if (request.sums) {
+        summer_.emplace();
+    }
+}
+
+void SliceTaker::Prepare() {
+    if (!take_.empty()) {
+        to_.Make(take_, 0);
+    }
+}
+
+void SliceTaker::Finish() {
+    Take(base_ + ".txt");
+    const std::string fault = summer_ ? summer_->Finish(held(), SumsName(base_)) : "";
+    Ensure(fault.empty(), directory() + "/" + fault);
+}
+
+void SliceTaker::Take(const std::string& name) {
+    const std::string failure =
+        fmt::format("{}/{}: could not be taken to {}", destination_, name, directory());
+    if (!from_.isOpen()) {
+        from_ = OpenDirectory(destination_);
+    }
+    if (!take_.empty()) {
+        if (renameat(from_.get(), name.c_str(), to_.fd().get(), name.c_str()) != 0) {
+            Require(errno == EXDEV, failure);
+            Copy(name, failure);
+        }
+        taken_ += NamesSlice(name) ? 1 : 0;
+    }
+    const std::string fault = summer_ ? summer_->Add(held(), name) : "";
+    Ensure(fault.empty(), failure + ": " + fault);
+}
+
+// To another file system, where nothing has the name before all is there.
+void SliceTaker::Copy(const std::string& name, const std::string& failure) {
+    constexpr size_t kAtATime = 8 << 20;  // so that no single call takes long
+    const ArchiveFile from(from_.get(), name, O_NOFOLLOW);
+    Ensure(from.fault().empty(), failure + ": " + from.fault());
+    struct stat status = {};
+    NewFile to;
+    Require(fstat(from.fd(), &status) == 0 && to.Create(to_.fd().get(), name), failure);
+    ssize_t length = 0;
+    while ((length = sendfile(to.fd(), from.fd(), nullptr, kAtATime)) > 0) {
+        Require(fdatasync(to.fd()) == 0, failure);
+        tick_();
+    }
+    Require(length == 0 && (fchown(to.fd(), status.st_uid, status.st_gid) == 0 || geteuid() != 0) &&
+                to.Finish(status.st_mode & 0777) && unlinkat(from_.get(), name.c_str(), 0) == 0,
+            failure);
+}
+
+std::string SliceTaker::DescribeLeft(uint64_t count) const {
+    std::vector<std::string> places;
+    for (const auto& [slices, place] :
+         {std::pair(taken_, take_), std::pair(count - taken_, destination_)}) {
+        if (slices > 0) {
+            places.push_back(fmt::format("{} in {}", Counted(slices, "slice", "slices"), place));
+        }
+    }
+    return count == 0
+               ? "no slice is left"
+               : fmt::format("{} {} left", fmt::join(places, " and "), count == 1 ? "is" : "are");
+}
+
+}  // namespace peltexctl

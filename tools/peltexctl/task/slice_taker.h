@@ -1,0 +1,53 @@
+// Takes the slices of a split backup as they are handed over: into the directory of --take, and
+// into the sums of --sums.
+//
+// Not thread-safe. Throws Failure.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "archive/sums.h"
+#include "task/directory.h"
+#include "task/task_kinds.h"
+
+namespace peltexctl {
+
+class SliceTaker {
+  public:
+    // `tick` is called now and then while a slice is copied; what it throws ends that.
+    SliceTaker(const TaskRequest& request, std::function<void()> tick);
+
+    // Makes and holds the directory that slices are taken to.
+    void Prepare();
+
+    // The file `name` of DEST: a slice.
+    void Take(const std::string& name);
+
+    // The backup has come to a good end: takes the check file, too, and writes the sums.
+    void Finish();
+
+    // Where the set is in the end.
+    const std::string& directory() const { return take_.empty() ? destination_ : take_; }
+
+    // Where how many of `count` slices are.
+    std::string DescribeLeft(uint64_t count) const;
+
+  private:
+    void Copy(const std::string& name, const std::string& failure);
+    // The directory that the set is in.
+    int held() const { return (take_.empty() ? from_ : to_.fd()).get(); }
+
+    const std::function<void()> tick_;
+    const std::string destination_;
+    const std::string take_;
+    const std::string base_;  // of the slices' names
+    UniqueFd from_;
+    MadeDirectory to_;
+    std::optional<Summer> summer_;
+    uint64_t taken_ = 0;  // slices that are elsewhere
+};
+
+}  // namespace peltexctl
