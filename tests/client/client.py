@@ -5,7 +5,6 @@ import os
 import signal
 import subprocess
 import tempfile
-import threading
 import unittest
 
 PROGRAM = os.environ["PELTEXCTL"]
@@ -39,14 +38,10 @@ class ClientTest(unittest.TestCase):
         process = self.enterContext(subprocess.Popen(
             [PROGRAM, "--data", self.root, *arguments], **streams))
         self.addCleanup(process.kill)
-        deadline = threading.Timer(200, process.kill)
-        deadline.start()
-        self.addCleanup(deadline.cancel)
         return process
 
-    def run_program(self, *arguments, wrapper=()):
-        return subprocess.run([*wrapper, PROGRAM, "--data", self.root, *arguments],
-                              capture_output=True, timeout=200)
+    def run_program(self, *arguments):
+        return subprocess.run([PROGRAM, "--data", self.root, *arguments], capture_output=True)
 
     def objects(self, *arguments):
         """The objects that a subcommand prints, and its exit status."""

@@ -9,7 +9,7 @@ import unittest
 
 import tar_model
 from client import ClientTest
-from tar_model import CHUNK, MIB, TYPES, WHOLE, Packer, entries_in, restored, walk
+from tar_model import CHUNK, END, MIB, WHOLE, Packer, entries_in, header, restored, signed, walk
 
 SEED = os.environ.get("PELTEX_SEED")  # of a failure, to run it alone
 SEEDS = [int(SEED)] if SEED else [*range(24), random.randrange(1 << 32)]
@@ -71,20 +71,6 @@ def in_short(entries, **fields):
     return {entry.name: entry._replace(what=hash(entry.what), **fields) for entry in entries}
 
 
-def shown(entry):
-    """What `list --json` prints of an entry."""
-    def text(key, value, raw):
-        try:
-            return {key: value.decode()}
-        except UnicodeDecodeError:
-            return {key: value.decode("latin1"), raw: value.hex()}
-    kind = TYPES[stat.S_IFMT(entry.mode)].decode()
-    return {"event": "entry", "type": kind, "mode": f"{entry.mode & 0o7777:04o}",
-            "uid": entry.uid % (1 << 24), "gid": entry.gid % (1 << 24), "mtime": entry.mtime,
-            "size": len(entry.what) * (kind == "0"), **text("name", entry.name, "raw"),
-            **(text("link", entry.what, "raw_link") if kind == "2" else {})}
-
-
 class BytesTest(ClientTest):
     def run_done(self, *arguments, status=0):
         done = self.run_program(*arguments)
@@ -93,10 +79,10 @@ class BytesTest(ClientTest):
     def check(self, kind, name, archive, files, lost, *options):
         """Packs a tree, expects these files, and uses them. Tells whether they hold the tree."""
         entries = entries_in(self.path(name))[:-len(lost) or None]
-        tree, result = tar_model.restore(
+        tree, is_done = tar_model.restore(
             [data for each, data in files if not each.endswith((".txt", ".sha256"))], UID)
         expected = {entry.name: restored(entry, UID) for entry in entries}
-        failed = int(result != 0 or contents(tree) != contents(expected))
+        failed = int(not is_done or contents(tree) != contents(expected))
 
         self.run_done("-q", "backup", kind, f"/data/data/{name}", "/data/data/bk", *options,
                       status=int(failed or lost != []))
@@ -106,9 +92,6 @@ class BytesTest(ClientTest):
             self.assertTrue(self.read(f"{directory}/{each}") == data, each)
         told, status = self.objects("verify", "/data/data/" + archive)
         self.assertEqual((told[-1]["whole"], status), (not failed, failed), told)
-        if not failed:
-            listed = self.objects("list", "/data/data/" + archive)
-            self.assertEqual(listed, ([shown(entry) for entry in entries], 0))
         self.run_done("-q", "restore", kind, "/data/data/" + archive, f"/data/data/{kind}/new",
                       "--uid", str(UID), status=failed)
         self.assertEqual(in_short(entries_in(self.path(kind + "/new")), mtime=None),
@@ -150,6 +133,16 @@ class BytesTest(ClientTest):
                 self.check_tree(seed)
             shutil.rmtree(self.path(""))
             os.mkdir(self.path(""))
+
+    def test_any_field_ends_without_a_crash(self):
+        chooser, plain = random.Random(1), header(b"f", b"0")
+        for at, width in [(0, 100), (100, 8), (108, 40), (124, 12), (157, 100), (265, 247)] * 9:
+            field = bytes([chooser.choice(b"\xff7 \0" + chooser.randbytes(4))]) * width
+            field = field[chooser.randrange(width):]
+            block = signed(plain[:at] + field + plain[at + len(field):])
+            path = self.write("a.tar", block * 3 + END)
+            for command in "verify", "list":
+                self.objects(command, path)
 
 
 if __name__ == "__main__":

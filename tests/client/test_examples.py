@@ -6,8 +6,8 @@
         scripts/sandbox.sh --write docs -- env PELTEXCTL=build/release/peltexctl \
             python3 -B tests/client/test_examples.py --update docs/COMMANDS.md
 
-An example is a fence with the info string "session NAME", "files NAME" or "client NAME". What its
-lines mean, in what order they stand and what is left out is said to readers at the heads of the
+An example is a fence with the info string "session NAME", "files NAME", "client NAME" or "archives
+NAME". What its lines mean, in what order they stand and what is left out is said to readers at the heads of the
 documents. "session NAME realtime" waits as long as a client may, "client NAME large" writes
 gigabytes to the disk, into TMPDIR: with PELTEX_EXAMPLES=realtime or =large these run and no others.
 """
@@ -20,23 +20,25 @@ import re
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
-FENCE = re.compile(r"^```(session|files|client) (\S+) ?(realtime|large|)\n(.*?)^```$",
+from tar_model import crafted
+
+FENCE = re.compile(r"^```(session|files|client|archives) (\S+) ?(realtime|large|)\n(.*?)^```$",
                    re.MULTILINE | re.DOTALL)
 CLOSED = '{"event":"closed","session":100,"result":0}'
 ANSWERS = {".open": "session", ".finish": "closed", ".wait": "waited", ".waitfor": "waited",
            ".threads": "threads", ".use": None, ".sleep": None, ".die": None}
 ABORTED, PROGRESS, SLICE = 2, 3, 4
-SECONDS = 200  # what an example may take
 FUTEX = {"x86_64": "202"}.get(os.uname().machine, "98")  # the system call's number
 PROGRAM = os.path.abspath(os.environ["PELTEXCTL"])
+PROJECT = str(pathlib.Path(__file__).parents[2])
 EXAMPLES = os.environ.get("PELTEX_EXAMPLES", "")
-# What differs from run to run, and what a client's example has instead.
+# What differs from run to run or is long, and what the documents have instead.
 VARYING = [(r"(?<=^[DIWEF]/)(\w+)\(\d+\)", r"\1(PID)"), (r'(?<="seconds":)[\d.]+', "SECONDS"),
            (r'(?<="bytes_per_second":)\d+', "RATE"), (r"(?<=-restore-)\w{6}", "XXXXXX"),
-           (r"(?<=[:,] )[\d.]+ s\b(, [\d.]+ \w+/s)?", "TIME")]
+           (r"(?<=[:,] )[\d.]+ s\b(, [\d.]+ \w+/s)?", "TIME"),
+           (r"(\S{1,2}?)\1{79,}", lambda long: f"{{{long[1]}*{len(long[0]) // len(long[1])}}}")]
 
 
 def is_paused(thread):
@@ -123,43 +125,63 @@ CLIENT = 'peltexctl() { "$PROGRAM" "$@" || { set -- $?; echo "[$1]" 2> /dev/null
 def run_bash(command, **variables):
     done = subprocess.run(
         ["bash", "-o", "pipefail", "-c", CLIENT + command],
-        cwd="/data/data", text=True, errors="backslashreplace", timeout=SECONDS,
+        cwd="/data/data", text=True, errors="backslashreplace",
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-        env={**os.environ, "PROGRAM": PROGRAM, "LC_ALL": "C", "TZ": "UTC",
+        env={**os.environ, "PROGRAM": PROGRAM, "PROJECT": PROJECT, "LC_ALL": "C", "TZ": "UTC",
              "TERM": "xterm", "NO_COLOR": "", **variables})
     lines, status = done.stdout.splitlines(), f"[{done.returncode}]"
+    for pattern, instead in VARYING:
+        lines = [re.sub(pattern, instead, line) for line in lines]
     return lines, [status] * (done.returncode != 0 and lines[-1:] != [status])
 
 
 def run_client(typed):
     """The lines of an example of which these are the typed ones, with statuses that are not 0."""
+    return [each for line in typed for each in [line, *sum(run_bash(line[2:]), [])]]
+
+
+# What uses an archive ends as verify does; what does not is told.
+VERDICT = """peltexctl verify $FILE; verdict=$?
+    for command in "restore $KIND"${SET:+ export}; do
+        peltexctl -q $command /data/data/$FILE /data/data/new > /dev/null 2>&1
+        [ $? = $verdict ] || echo "fault: another verdict of $command"
+        rm -rf new
+    done; rm *"""
+
+
+def run_archives(typed):
+    """Crafts an archive, or a set of slices, of each line, and tells what verify finds in it."""
     lines = []
     for line in typed:
-        printed, status = run_bash(line[2:])
-        for pattern, word in VARYING:
-            printed = [re.sub(pattern, word, each) for each in printed]
-        lines += [line, *printed, *status]
+        slices = [crafted(words) for words in line[2:].removesuffix(" |").split(" | ")]
+        is_set = "|" in line
+        files = {f"s.tar.{i}" if is_set else "a.tar": data for i, data in enumerate(slices)}
+        if is_set:
+            files["s.tar.txt"] = "".join(
+                f"{name}|{len(data)}\n" for name, data in files.items()).encode()
+        for name, data in files.items():
+            pathlib.Path("/data/data", name).write_bytes(data)
+        printed, _ = run_bash(VERDICT, FILE=name, KIND="split" if is_set else "tar",
+                              SET="set" * is_set)
+        lines += [line, *([each for each in printed if each.startswith("fault")] or printed)]
     return lines
 
 
-def run_session(typed, shows):
+def run_session(typed, shows=None):
     """The lines of an example in the shell, and of what it prints those that `shows` says."""
     shell, lines = Shell(), []
-    deadline = threading.Timer(SECONDS, shell.process.kill)
-    deadline.start()
-    try:
-        for line in typed:
-            lines.append(line)
-            if line[0] == "$":
-                lines += run_bash(line[2:], PID=str(shell.process.pid))[0]
-            else:
-                lines += map(show, filter(shows, shell.type(line[2:])))
-        lines += map(show, filter(shows, shell.finish()))
-    finally:
-        deadline.cancel()
-        shell.process.kill()
-        shell.process.wait()
+    for line in typed:
+        lines.append(line)
+        if line[0] == "$":
+            lines += run_bash(line[2:], PID=str(shell.process.pid))[0]
+        else:
+            lines += map(show, filter(shows, shell.type(line[2:])))
+    lines += map(show, filter(shows, shell.finish()))
     return lines[:-1] if lines[-1] == CLOSED else lines
+
+
+RUN = {"client": run_client, "archives": run_archives, "session": run_session,
+       "files": lambda typed: run_session(typed, is_failure)}
 
 
 def run_example(kind, body):
@@ -173,9 +195,7 @@ def run_example(kind, body):
         os.chmod(data, 0o771)
         try:
             os.mkdir("/data/data")
-            lines = run_client(typed) if kind == "client" else run_session(
-                typed, is_failure if kind == "files" else None)
-            return "".join(line + "\n" for line in lines)
+            return "".join(line + "\n" for line in RUN[kind](typed))
         finally:
             subprocess.run(["umount", "--recursive", "/data", data], check=True)
 
@@ -189,6 +209,7 @@ def run_document(path, updates):
         sys.exit(f"{path}: a fence is no example, or one of a name that is there twice")
     failed = 0
     for kind, name, label, body in examples:
+        print(name, flush=True)  # of one that hangs this is all that is told
         printed = run_example(kind, body) if label == EXAMPLES else body
         if printed != body:
             failed += 1
@@ -203,11 +224,6 @@ def run_document(path, updates):
 def main():
     if not os.path.exists("/.throw-away-root"):
         sys.exit("run this with scripts/test.sh or scripts/sandbox.sh: it mounts over /data")
-    # The mounts over /data are for us alone: other tests run beside this one.
-    if "PELTEX_DOCS_NAMESPACE" not in os.environ:
-        os.environ["PELTEX_DOCS_NAMESPACE"] = "own"
-        os.execvp("unshare", ["unshare", "--mount", "--propagation", "private",
-                              sys.executable, *sys.orig_argv[1:]])
     os.umask(0o022)
     paths = [pathlib.Path(name) for name in sys.argv[1:] if name != "--update"]
     failed = sum(run_document(path, "--update" in sys.argv) for path in paths)

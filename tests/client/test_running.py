@@ -17,12 +17,15 @@ from client import ClientTest, of_event, read_until
 from tar_model import END, MIB, header
 
 SRC, BK, SET = "/data/data/src", "/data/data/bk", "/data/data/set/s.tar.txt"
+EXPORT = ["export", SET, "-"]
 # A machine that is busy has hours left.
 TIME = rb"(\d+:)?\d+:\d\d"
 STANDING = (rb" +\d+ %%, [\d.]+ .?i?B of 8\.0 GiB, "
             rb"(" + TIME + rb"|[\d.]+ .?i?B/s, " + TIME + rb" left)")
-BAR = rb"\rexport: \[%s\]" + STANDING + rb"\x1b\[K"
-LINE = rb"export:" + STANDING.replace(b"%%", b"%") + rb"\r?\n"
+BAR = rb"\A\rexport: \[%s\]" + STANDING + rb"\x1b\[K\Z"
+LINE = rb"\Aexport:" + STANDING.replace(b"%%", b"%") + rb"\r?\n\Z"
+FIRST = rb" of 8\.0 GiB.*[\nK]\Z"
+TASK = rb"\r%s: .* +\d+ %%, [1-9][\d.]* .iB of 8\.0 GiB, "
 
 
 def read_to(end, pattern):
@@ -36,17 +39,20 @@ class RunningTest(ClientTest):
     def setUp(self):
         super().setUp()
         os.mkdir(self.path("src"))
+        os.mkdir(self.path("set"))
+        for name in "src/endless", "a.tar":
+            self.write_archive(name)
+        self.write_set()
 
-    def write_endless(self, name, size=4 << 30):
-        """A slice of one file, which takes longer than any test; all of it is a hole."""
+    def write_archive(self, name, size=8 << 30):
+        """One file, which takes longer than any test; all of it is a hole."""
         self.write(name, header(b"big", b"0", size))
         os.truncate(self.path(name), 512 + size)
         with open(self.path(name), "ab") as file:
             file.write(END)
 
-    def write_endless_set(self, **size):
-        os.makedirs(self.path("set"), exist_ok=True)
-        self.write_endless("set/s.tar.0", **size)
+    def write_set(self, **size):
+        self.write_archive("set/s.tar.0", **size)
         self.write("set/s.tar.txt", b"s.tar.0|%d\n" % os.path.getsize(self.path("set/s.tar.0")))
 
     def files(self, name=""):
@@ -67,8 +73,6 @@ class RunningTest(ClientTest):
 
     def test_signals_abort_and_tell_what_is_left(self):
         os.mkfifo(self.path("fifo"))
-        self.write_endless("src/endless")
-        self.write_endless("a.tar")
         rows = [
             ("backup tar @src @bk", signal.SIGTERM, 1, "nothing is left of /data/data/bk/src.tar"),
             ("restore tar @a.tar @new", signal.SIGHUP, 1, "what was unpacked is in /data/data/new"),
@@ -93,7 +97,6 @@ class RunningTest(ClientTest):
 
     def test_a_second_signal_waits_for_nobody(self):
         """The output is a full pipe that nobody reads."""
-        self.write_endless("src/endless")
         end, other_end = os.pipe()
         fcntl.fcntl(other_end, fcntl.F_SETPIPE_SZ, 4096)
         task = self.start("--json", "backup", "tar", SRC, BK, stdout=other_end, stderr=other_end)
@@ -104,11 +107,8 @@ class RunningTest(ClientTest):
             task.wait(0.3)
         task.send_signal(signal.SIGINT)
         self.assertEqual(task.wait(), 130)
-        os.close(end)
-        os.close(other_end)
 
     def test_an_interrupted_export_leaves_nothing(self):
-        self.write_endless_set()
         before = self.files("set")
         export = self.start("export", SET, "/data/data/set/out", stderr=subprocess.PIPE)
         while self.files("set") == before and export.poll() is None:
@@ -118,7 +118,6 @@ class RunningTest(ClientTest):
         self.assertEqual((export.returncode, self.files("set")), (130, before))
 
     def test_a_set_stays_whatever_ends_its_restore(self):
-        self.write_endless_set()
         before = self.files("set")
         for number, status, left in (signal.SIGINT, 130, 0), (signal.SIGKILL, -signal.SIGKILL, 1):
             task, _ = self.start_task("restore split @set/s.tar.txt @new")
@@ -127,14 +126,14 @@ class RunningTest(ClientTest):
             self.assertEqual(task.returncode, status)
             self.assertEqual(len(self.files("set")), len(before) + left)
         # What the killed one has left is told and taken away by the next.
-        self.write_endless_set(size=0)
+        self.write_set(size=0)
         done = self.run_program("restore", "split", SET, "/data/data/new")
         self.assertEqual((done.returncode, self.files("set")), (0, before), done)
         self.assertRegex(done.stderr, rb"/\.peltexctl-restore-\w+: left by a restore")
 
     def test_a_signal_leaves_no_unfinished_slice(self):
-        self.write("src/large", os.urandom(MIB))
-        os.truncate(self.path("src/large"), 600 * MIB)  # more slices than until the signal is seen
+        self.write("src/endless", os.urandom(MIB))
+        os.truncate(self.path("src/endless"), 600 * MIB)  # more slices than until the signal is seen
         for directory, options in ("bk", ""), ("taken", " --take @taken"):
             with self.subTest(directory):
                 task, told = self.start_task(f"backup split @src @bk --slice-size 1{options}", 4)
@@ -152,76 +151,37 @@ class RunningTest(ClientTest):
                 self.assertLessEqual({*self.files("bk")}, handed)
                 shutil.rmtree(self.path(directory))
 
-    def test_the_shell_waits_for_the_tasks_of_open_sessions(self):
-        """Two tasks keep the workers busy while others are queued, aborted and dropped."""
-        os.mkdir(self.path("bk"))  # of two workers that make one directory at once one fails
-        for name in "12":
-            os.mkfifo(self.path(name))
-        for name in "345":
-            self.write(name)
-        commands = [f"backup file /data/data/{name} /data/data/bk default 0" for name in "12345"]
-        shell = self.start("shell", stderr=subprocess.PIPE)
-        shell.stdin.write("\n".join([
-            *commands[:2], ".waitfor 101 1", ".waitfor 102 1", commands[2], ".open", *commands[3:],
-            "abort 0x6a", ".wait 106", ".finish", ""]).encode())
-        shell.stdin.close()
-        told = read_until(shell, "closed", session=104)
-        self.assertEqual([(entry["task"], entry["code"]) for entry in of_event(told, "waited")[2:]],
-                         [(106, 2)])
-        self.assertRegex(shell.stderr.readline(),
-                         rb"waiting for task 101: started, task 102: .*103: waiting")
-        for name in "12":
-            os.close(os.open(self.path(name), os.O_WRONLY))
-        rest = [json.loads(line) for line in shell.stdout]
-        self.assertIn((103, 0), [(each["task"], each["code"]) for each in of_event(rest, "status")])
-        self.assertEqual((of_event(rest, "closed"), shell.wait()),
-                         ([{"event": "closed", "session": 100, "result": 0}], 0))
-
-    def test_tasks_tell_of_their_progress(self):
-        self.write_endless("src/endless")
-        self.write_endless_set()
-        for words in ("backup", "tar", SRC, BK), ("restore", "split", SET, BK):
-            with self.subTest(words):
-                end, other_end = pty.openpty()
-                task = self.start(*words, stderr=other_end, env={"TERM": "xterm"})
-                os.close(other_end)
-                read_to(end, rb"\r%s %s: .* +\d+ %%, [1-9][\d.]* .iB of 4\.0 GiB, " % tuple(
-                    word.encode() for word in words[:2]))
-                task.send_signal(signal.SIGINT)
-                self.assertEqual(task.wait(), 130)
-                os.close(end)
-
     def test_progress(self):
-        """Of exports that a slow reader holds back until they have told of it."""
-        self.write_endless_set(size=8 << 30)
+        """Of tasks, and of exports that a slow reader holds back until they have told of it."""
 
         def read_slowly(stream):
             while stream.read1(1 << 16):
                 time.sleep(0.001)
 
         rows = [
-            ({"TERM": "xterm"}, True, BAR % rb"\x1b\[32m#*\x1b\[0m\.*"),
-            ({"TERM": "xterm", "NO_COLOR": "1"}, True, BAR % rb"#*\.*"),
-            ({"TERM": "dumb"}, True, LINE),
-            ({}, True, LINE),
-            ({"TERM": "xterm"}, False, LINE),
+            (["backup", "tar", SRC, BK], {"TERM": "xterm"}, True, TASK % b"backup tar"),
+            (["restore", "split", SET, BK], {"TERM": "xterm"}, True, TASK % b"restore split"),
+            (EXPORT, {"TERM": "xterm"}, True, BAR % rb"\x1b\[32m#*\x1b\[0m\.*"),
+            (EXPORT, {"TERM": "xterm", "NO_COLOR": "1"}, True, BAR % rb"#*\.*"),
+            (EXPORT, {"TERM": "dumb"}, True, LINE),
+            (EXPORT, {}, True, LINE),
+            (EXPORT, {"TERM": "xterm"}, False, LINE),
         ]
         running = []
-        for environment, is_terminal, expected in rows:
+        for words, environment, is_terminal, expected in rows:
             end, other_end = pty.openpty() if is_terminal else os.pipe()
-            export = self.start("export", SET, "-", stderr=other_end, env=environment)
+            task = self.start(*words, stderr=other_end, env=environment)
             os.close(other_end)
-            reader = threading.Thread(target=read_slowly, args=[export.stdout])
+            reader = threading.Thread(target=read_slowly, args=[task.stdout])
             reader.start()
-            running.append((export, reader, end))
-        for (environment, is_terminal, expected), (export, reader, end) in zip(rows, running):
-            with self.subTest(environment=environment, is_terminal=is_terminal):
-                told = read_to(end, rb" of 8\.0 GiB.*[\nK]\Z")
-                self.assertRegex(told, rb"\A" + expected + rb"\Z")
-                export.send_signal(signal.SIGINT)
+            running.append((task, reader, end))
+        for (words, environment, is_terminal, expected), (task, reader, end) in zip(rows, running):
+            with self.subTest(words, environment=environment, is_terminal=is_terminal):
+                told = read_to(end, FIRST if words is EXPORT else expected)
+                self.assertRegex(told, expected)
+                task.send_signal(signal.SIGINT)
                 reader.join()
-                self.assertEqual(export.wait(), 130)
-            os.close(end)
+                self.assertEqual(task.wait(), 130)
 
 
 if __name__ == "__main__":

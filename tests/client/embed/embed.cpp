@@ -8,8 +8,7 @@
 #include <service/peltexinstalld.h>
 #include <stdio.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <string>
 
 namespace {
@@ -21,29 +20,19 @@ class Client : public android::os::IBackupSessionCallback {
                                                 const std::string& message) override {
         printf("session %d task %d status %d %s\n", session, task, code, message.c_str());
         if (message == "processTask finish" || message == "prepareTask error") {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            mIsEnded = true;
-            mResult = code;
-            mEnded.notify_all();
+            mEnd.set_value(code);
         }
         return android::binder::Status::ok();
     }
 
     // Waits for the end of the one task there is. Returns 0 or -1.
-    int32_t waitForEnd() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mEnded.wait(lock, [this] { return mIsEnded; });
-        return mResult;
-    }
+    int32_t waitForEnd() { return mEnd.get_future().get(); }
 
   protected:
     android::IBinder* onAsBinder() override { return mBinder.get(); }
 
   private:
-    std::mutex mMutex;
-    std::condition_variable mEnded;
-    bool mIsEnded = false;
-    int32_t mResult = -1;
+    std::promise<int32_t> mEnd;
     const android::sp<android::host::LocalBinder> mBinder = new android::host::LocalBinder();
 };
 
