@@ -1,4 +1,4 @@
-// Tested by tests/client/test_verdicts.py and peltexctl.md.
+// Tested by tests/client/verdicts.md and peltexctl.md.
 #include "archive/verify.h"
 
 #include <fmt/format.h>
