@@ -7,7 +7,6 @@
 // anything, once an entry has made a link; owner and mode of the directory above, by an entry named
 // ".."; the removal of a slice elsewhere, by "../" in a check file.
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 #include "tests/fuzz/target.h"
 #include "tests/support/jail.h"
 #include "tests/support/recording_callback.h"
+#include "tests/support/tar_builder.h"
 #include "tests/support/test_files.h"
 
 // libFuzzer's own mutations of `data`; returns the new size. NOLINTNEXTLINE
@@ -45,7 +45,6 @@ enum Option {
     kMapOwners = 2,  // to an application's uid, instead of leaving them as recorded
     kNoCallBack = 4,
     kSet = 8,
-    kAnySize = 16,  // instead of filling the last block up
 };
 
 struct Part {
@@ -70,24 +69,23 @@ void makeRoot() {
     gRoot = snapshotOf("/");
 }
 
-// The check file's text is in front of them.
-std::vector<Part> slicesOf(const std::string& input) {
+bool isSet(const std::string& input) {
+    return (input[0] & kSet) != 0;
+}
+
+// The archive, or the slices behind the check file's text, as far as they have whole blocks.
+std::vector<Part> archivesOf(const std::string& input) {
+    if (!isSet(input)) {
+        return {{kOptionBytes, (input.size() - kOptionBytes) / kBlockSize * kBlockSize}};
+    }
     std::vector<Part> slices;
     for (size_t at = std::min(input.find('\0', kOptionBytes), input.size()) + 1;
          at < input.size() && slices.size() < kMostSlices;) {
-        const size_t blocks = static_cast<unsigned char>(input[at]);
-        slices.push_back({at + 1, std::min(blocks * kBlockSize, input.size() - at - 1)});
-        at += 1 + slices.back().size;
+        const size_t blocks = static_cast<unsigned char>(input[at++]);
+        slices.push_back({at, std::min(blocks, (input.size() - at) / kBlockSize) * kBlockSize});
+        at += slices.back().size;
     }
     return slices;
-}
-
-std::vector<Part> archivesOf(const std::string& input) {
-    if (input.size() < kOptionBytes) {
-        return {};
-    }
-    return (input[0] & kSet) != 0 ? slicesOf(input)
-                                  : std::vector<Part>{{kOptionBytes, input.size() - kOptionBytes}};
 }
 
 std::string withSizes(std::string text, const std::vector<Part>& slices) {
@@ -106,7 +104,7 @@ void use(const std::string& input, const std::string& path) {
     UnTarFile archive(path.c_str(), (input[0] & kNoCallBack) != 0 ? nullptr : &callBack);
     const uint32_t uid = (input[0] & kMapOwners) != 0 ? 10123 : 0;
     int result = 0;
-    if ((input[0] & kSet) != 0) {
+    if (isSet(input)) {
         result = archive.UnSplitPack(kDestination, uid);
     } else if ((input[0] & kList) == 0) {
         result = archive.UnPack(kOutput, uid);
@@ -118,16 +116,6 @@ void use(const std::string& input, const std::string& path) {
     }
 }
 
-void checkRoot(bool maySetOwnerAndMode) {
-    for (const std::string& change : changesBetween(gRoot, snapshotOf("/"))) {
-        const std::string what = change.substr(change.rfind(": "));
-        const bool isOfAttributes = what.find(':', 2) != std::string::npos;
-        if (!isOfAttributes || !maySetOwnerAndMode) {
-            fail("%s", change.c_str());
-        }
-    }
-}
-
 }  // namespace
 
 void prepare() {
@@ -135,53 +123,53 @@ void prepare() {
 }
 
 void runInput(const std::string& input) {
-    const std::vector<Part> parts = archivesOf(input);
     if (input.size() < kOptionBytes) {
         return;
     }
-    std::string path = std::string(kInput) + "/s.tar";
+    const std::vector<Part> parts = archivesOf(input);
     std::string text;
-    if ((input[0] & kSet) != 0) {
-        text = withSizes(input.substr(kOptionBytes).c_str(), parts);
-        writeFile(std::string(kInput) + "/s.txt", text);
-        for (size_t i = 0; i < parts.size(); ++i) {
-            writeFile(kInput + ("/s." + std::to_string(i)),
-                      input.substr(parts[i].at, parts[i].size));
-        }
+    std::string path;
+    for (size_t i = 0; i < parts.size(); ++i) {
+        path = kInput + ("/s." + std::to_string(i));
+        writeFile(path, input.substr(parts[i].at, parts[i].size));
+    }
+    if (isSet(input)) {
         path = std::string(kInput) + "/s.txt";
-    } else {
-        std::string bytes = input.substr(kOptionBytes);
-        if ((input[0] & kAnySize) == 0) {
-            bytes.resize((bytes.size() + kBlockSize - 1) / kBlockSize * kBlockSize);
-        }
-        writeFile(path, bytes);
+        text = withSizes(input.substr(kOptionBytes).c_str(), parts);
+        writeFile(path, text);
     }
     const int links = linksMade();
     use(input, path);
-    const bool mayBeOut = links != linksMade() || text.find("../") != std::string::npos;
-    const bool maySetOwnerAndMode =
-        (input[0] & kList) != 0 || input.find("..") != std::string::npos;
-    if (!mayBeOut) {
-        std::filesystem::remove_all(kInput);
-        std::filesystem::remove_all(kOutput);
-        makePlaces();
-        checkRoot(maySetOwnerAndMode);
+    if (links != linksMade() || text.find("../") != std::string::npos) {
+        makeRoot();
+        return;
     }
-    if (mayBeOut || maySetOwnerAndMode) {
+    std::filesystem::remove_all(kInput);
+    std::filesystem::remove_all(kOutput);
+    makePlaces();
+    const bool maySetOwnerAndMode = input.find("..") != std::string::npos;
+    const std::vector<std::string> changes = changesBetween(gRoot, snapshotOf("/"));
+    for (const std::string& change : changes) {
+        const bool isOfOwnerAndMode = change.find(' ', change.rfind(": ") + 2) != std::string::npos;
+        if (!isOfOwnerAndMode || !maySetOwnerAndMode) {
+            fail("%s", change.c_str());
+        }
+    }
+    if (!changes.empty()) {
         makeRoot();
     }
 }
 
-// --- Mutations: archives whose headers have magic and checksum, without which few would be read
-// ---
+// --- Mutations: of headers with magic and checksum, without which few would be read
 
 namespace {
 
+constexpr Part kSize = {offsetof(tar_header, size), sizeof(tar_header::size)};
 constexpr Part kFields[] = {
     {offsetof(tar_header, name), sizeof(tar_header::name)},
     {offsetof(tar_header, mode), sizeof(tar_header::mode)},
     {offsetof(tar_header, uid), sizeof(tar_header::uid) + sizeof(tar_header::gid)},
-    {offsetof(tar_header, size), sizeof(tar_header::size)},
+    kSize,
     {offsetof(tar_header, typeflag), sizeof(tar_header::typeflag)},
     {offsetof(tar_header, linkname), sizeof(tar_header::linkname)},
     {sizeof(tar_header), kBlockSize},  // the beginning of what follows: long names are there
@@ -190,20 +178,15 @@ constexpr Part kFields[] = {
 // Where the headers are, as far as they follow one another.
 std::vector<size_t> headersOf(const uint8_t* data, size_t size) {
     std::vector<size_t> headers;
-    for (const Part& part : archivesOf(std::string(reinterpret_cast<const char*>(data), size))) {
-        for (size_t at = 0; at + kBlockSize <= part.size; at += kBlockSize) {
-            tar_header header;
-            memcpy(&header, data + part.at + at, sizeof(header));
-            if (header.name[0] == '\0') {
-                continue;
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    for (const Part& part : size < kOptionBytes ? std::vector<Part>() : archivesOf(input)) {
+        for (size_t at = part.at; at + kBlockSize <= part.at + part.size; at += kBlockSize) {
+            if (data[at] != 0) {
+                headers.push_back(at);
+                const std::string digits = input.substr(at + kSize.at, kSize.size);
+                const size_t bytes = strtoull(digits.c_str(), nullptr, 8);
+                at += (std::min(bytes, part.size) + kBlockSize - 1) / kBlockSize * kBlockSize;
             }
-            headers.push_back(part.at + at);
-            const std::string digits(header.size, sizeof(header.size));
-            const bool hasData =
-                header.typeflag != TYPE_DIRECTORY && header.typeflag != TYPE_SYMLINK;
-            const size_t bytes = hasData ? strtoull(digits.c_str(), nullptr, 8) : 0;
-            at += std::min(bytes, part.size) / kBlockSize * kBlockSize +
-                  (bytes % kBlockSize != 0 ? kBlockSize : 0);
         }
     }
     return headers;
@@ -220,12 +203,10 @@ void mutateField(uint8_t* data, size_t size, size_t header, const Part& field) {
 }
 
 void seal(uint8_t* block) {
-    tar_header header;
-    memcpy(&header, block, sizeof(header));
-    memcpy(header.magic, "ustar", sizeof(header.magic));
-    snprintf(header.chksum, sizeof(header.chksum), "%06o", checksumOf(header));
-    header.chksum[sizeof(header.chksum) - 1] = ' ';
-    memcpy(block, &header, sizeof(header));
+    std::string header(reinterpret_cast<const char*>(block), kBlockSize);
+    header.replace(offsetof(tar_header, magic), 5, "ustar");
+    header.replace(offsetof(tar_header, chksum), 8, octal(sumOf(header), 7) + ' ');
+    memcpy(block, header.data(), kBlockSize);
 }
 
 }  // namespace

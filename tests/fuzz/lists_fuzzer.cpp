@@ -2,49 +2,54 @@
 //
 //   0  permission records: they are applied, and each line is parsed by itself. A record gives a
 //      mode to whatever it names, and changes nothing else.
-//   1  a search file: every line of its brief is the record of something that an include holds, and
-//      nothing but the brief changes.
+//   1  a search file: a rule is the end of one of its lines, every line of its brief the record of
+//      something that an include holds, and nothing but the brief changes.
 //   2  a list of files to back up: with "../" it copies to elsewhere; any other one changes nothing
-//      outside the destination.
+//      outside the destination. What a line of it copies over it is not followed.
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 
 #include "brief/permission_record.h"
 #include "brief/search_rules.h"
-#include "service/backup_session_manager.h"
+#include "handlers/brief_handlers.h"
+#include "handlers/by_list_handler.h"
 #include "tests/fuzz/target.h"
 #include "tests/support/jail.h"
+#include "tests/support/task_maker.h"
 #include "tests/support/test_files.h"
 
 namespace peltex_fuzz {
 
 using namespace android::installd;
 using namespace peltex_test;
-using android::sp;
-using android::Vector;
 
 namespace {
 
 constexpr char kInput[] = "/data/in";
 constexpr char kBrief[] = "/data/out/brief";
 constexpr char kDestination[] = "/data/out/app";
+constexpr char kList[] = "/data/out/app/app/in";  // where /data/app/in is copied to
+constexpr char kCopied[] = "/data/app2/e";
 constexpr size_t kLineSize = 2048;
+constexpr size_t kLongestInput = 4096;  // lists.options
 
 Snapshot gRoot;
-BackupSessionManager* gManager;
 
 void makeRoot() {
     emptyDir("/");
     for (const char* file :
          {"/data/app/a", "/data/app/dir/b", "/data/app/dir/app/c", "/data/app/;app",
           "/data/app/f;1", "/data/app/line\nfeed;1", "/data/app/app/app", "/data/app/dir/x.dex",
-          "/data/app2/e", "/data/keep", "/keep"}) {
+          kCopied, "/data/keep", "/keep"}) {
         writeFile(file, file);
     }
+    std::string longerThanAnyList;
+    while (longerThanAnyList.size() < 2 * kLongestInput) {
+        longerThanAnyList += std::string(kCopied) + ";384;0;5;1\n";
+    }
+    writeFile("/data/app/in", longerThanAnyList);
     makeLink("dir", "/data/app/link");
     makeDir(kDestination);
     writeFile(kInput, "");
@@ -65,29 +70,21 @@ void forEachLine(const std::string& text, Use use) {
     }
 }
 
-template <typename Handler>
-void run(BackupTaskType type, Handler handler, const char* destination) {
-    const std::string words[kCommandWords] = {"",        "byfile", kInput, destination,
-                                              "default", "10123",  ""};
-    const sp<BackupTask> task = new BackupTask(100, 101, type, nullptr, words);
-    (gManager->*handler)(task);
-}
-
 // --- Permission records ---
 
 void parse(std::string line) {
     const std::string before = line;
-    const auto info = std::make_unique<File_info>();
-    if (parse_line_info(line.data(), *info) < 5) {
+    File_info info;
+    if (parse_line_info(line.data(), info) < 5) {
         return;
     }
-    const size_t length = strnlen(info->path, sizeof(info->path));
-    if (before.compare(0, length, info->path) != 0 || before[length] != ';' ||
+    const size_t length = strnlen(info.path, sizeof(info.path));
+    if (before.compare(0, length, info.path) != 0 || before[length] != ';' ||
         std::count(before.begin() + static_cast<ptrdiff_t>(length), before.end(), ';') != 4) {
-        fail("the path of \"%s\" is not \"%s\"", before.c_str(), info->path);
+        fail("the path of \"%s\" is not \"%s\"", before.c_str(), info.path);
     }
-    if (info->mode < 0 || info->mode > 7777 || info->type < 0 || info->type > 1 || info->size < 0 ||
-        info->modified_time < 0) {
+    if (info.mode < 0 || info.mode > 7777 || info.type < 0 || info.type > 1 || info.size < 0 ||
+        info.modified_time < 0) {
         fail("a number of \"%s\" is out of range", before.c_str());
     }
 }
@@ -99,52 +96,63 @@ void runRecords(const std::string& input) {
 
 // --- Search files ---
 
-SearchRules readRules() {
+// What the rules leave of a line's end differs by line feeds and slashes.
+std::string trimmed(std::string line) {
+    line.erase(line.find_last_not_of("/\r\n") + 1);
+    return line;
+}
+
+SearchRules readRules(const std::string& input) {
     SearchRules rules;
     GetIncludeAndExcludeFolder(kInput, rules);
-    for (const Vector<std::string>* paths : {&rules.includes, &rules.excludes}) {
+    std::string lines;
+    forEachLine(input, [&lines](const std::string& line) { lines += trimmed(line) + '\n'; });
+    for (const android::Vector<std::string>* paths : {&rules.includes, &rules.excludes}) {
         for (const std::string& path : *paths) {
-            if (std::count(paths->begin(), paths->end(), path) != 1) {
-                fail("\"%s\" is there twice", path.c_str());
+            if (std::count(paths->begin(), paths->end(), path) != 1 ||
+                !contains(lines, trimmed(path) + '\n')) {
+                fail("\"%s\" is there twice, or the end of no line", path.c_str());
             }
         }
     }
     return rules;
 }
 
-void runSearch(const std::string& /*input*/) {
-    const SearchRules rules = readRules();
-    run(GET_BRIEFS_BY_FILE, &BackupSessionManager::GetFileBriefsByFile, kBrief);
-    const auto info = std::make_unique<File_info>();
+void runSearch(const std::string& input) {
+    const SearchRules rules = readRules(input);
+    GetFileBriefsByFile(makeTask(GET_BRIEFS_BY_FILE, kInput, kBrief), [](const std::string&) {});
     forEachLine(readFile(kBrief), [&](const std::string& record) {
         std::string line = record;
+        File_info info;
         // Of a name with a line feed each half is a line. A link is listed where it is asked for by
         // name, and no restore takes its record.
-        if (parse_line_info(line.data(), *info) != 5) {
+        if (parse_line_info(line.data(), info) != 5) {
             return;
         }
-        const std::string path = info->path;
+        const std::string path = info.path;
         const bool isAskedFor = std::any_of(
             rules.includes.begin(), rules.includes.end(), [&path](const std::string& include) {
                 return path.compare(0, include.size(), include) == 0;
             });
         if (path[0] == '/' && !isAskedFor) {
-            fail("nobody asked for %s", info->path);
+            fail("nobody asked for %s", info.path);
         }
     });
 }
 
 // --- Lists of files ---
 
-void runList(const std::string& /*input*/) {
-    run(BACKUP_BY_FILE, &BackupSessionManager::BackupByFileBase, kDestination);
+void runList(const std::string& input) {
+    writeFile(kList, input);
+    BackupByFileBase(makeTask(BACKUP_BY_FILE, kList, kDestination));
+    if (exists("/data/out/app/app2/e") && !contains(input, "2/e")) {
+        fail("what was copied over the list was followed");
+    }
 }
 
 }  // namespace
 
 void prepare() {
-    gManager = new BackupSessionManager();
-    gManager->incStrong(gManager);
     makeRoot();
 }
 

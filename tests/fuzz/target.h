@@ -1,9 +1,9 @@
 // What a fuzz target is made of. target.cpp runs it as LLVMFuzzerTestOneInput.
 //
-// A target runs on a thread of its own whose root is an empty directory in memory, so neither a
-// path nor a link leads out of it, while libFuzzer keeps its corpus and its findings outside. After
-// each input nothing but that root has changed and no descriptor is left open; an input that takes
-// a minute hangs.
+// A target runs in a root of its own, an empty directory in memory, so neither a path nor a link
+// leads out of it, while libFuzzer keeps its corpus and its findings outside. After each input
+// nothing but that root has changed and no descriptor is left open; an input that takes a minute
+// hangs.
 #pragma once
 
 #include <string>

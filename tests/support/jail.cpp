@@ -11,19 +11,24 @@ namespace peltex_test {
 namespace {
 
 int gOutsideRoot = -1;
-
-void leaveJail() {
-    if (gOutsideRoot >= 0 && (fchdir(gOutsideRoot) != 0 || chroot(".") != 0)) {
-        perror("leaving the jail");
-    }
-}
+int gOutsideDir = -1;
 
 }  // namespace
 
 void enterJail(const std::string& dir) {
-    gOutsideRoot = open("/", O_PATH | O_CLOEXEC);
-    if (gOutsideRoot < 0 || unshare(CLONE_FS) != 0 || chroot(dir.c_str()) != 0 || chdir("/") != 0) {
+    if (gOutsideRoot < 0) {
+        gOutsideRoot = open("/", O_PATH | O_CLOEXEC);
+        gOutsideDir = open(".", O_PATH | O_CLOEXEC);
+    }
+    if (unshare(CLONE_FS) != 0 || chroot(dir.c_str()) != 0 || chdir("/") != 0) {
         fail("the jail cannot be entered");
+    }
+}
+
+void leaveJail() {
+    if (gOutsideRoot >= 0 &&
+        (fchdir(gOutsideRoot) != 0 || chroot(".") != 0 || fchdir(gOutsideDir) != 0)) {
+        perror("leaving the jail");
     }
 }
 
