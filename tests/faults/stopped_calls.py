@@ -50,7 +50,7 @@ class Client:
     """Knows the files below `root`, by their relative paths, and lets calls on others go on."""
 
     def __init__(self, root):
-        self.root, self.text, self.action, self.ends, self.unanswered = root, b"", None, {}, 0
+        self.root, self.text, self.calls, self.ends, self.unanswered = root, b"", None, {}, 0
         self.log = tempfile.TemporaryFile()
         ours, theirs = socket.socketpair()
 
@@ -70,12 +70,12 @@ class Client:
         self.memory = os.open(f"/proc/{self.process.pid}/mem", os.O_RDWR)
         self.last = self.next_event()["session"]
 
-    def run(self, command, action=lambda index, call: None):
+    def run(self, command, at=None, act=None):
         """Runs a task to its end, continued at its pauses. Returns its final status, its calls, the
-        slices that were handed over and the size of its brief. `action(index, call)` gives a call's
-        result; None: it goes on as it came."""
-        calls, slices, task, size = [], {}, None, None
-        self.calls, self.command, self.action = calls, command, action
+        slices that were handed over and the size of its brief. `act(call)` gives the result of the
+        call `at`; None: it goes on as it came."""
+        slices, task, size = {}, None, None
+        self.calls, self.command, self.at, self.act = [], command, at, act
         self.send(command)
         while task not in self.ends or self.unanswered:
             event = self.next_event()
@@ -94,7 +94,7 @@ class Client:
                 size = event["message"]
             elif event["event"] == "status" and event["code"] in (0, -1):
                 self.ends.setdefault(event["task"], []).append(event["code"])
-        self.action = None
+        calls, self.calls = self.calls, None
         return Run(self.ends[task][0], calls, slices, size)
 
     def close(self):
@@ -109,8 +109,10 @@ class Client:
         return [task for task, ends in self.ends.items() if len(ends) != 1]
 
     def descriptors(self):
+        """What is open, but for a brief: one of a directory keeps its own."""
         directory = f"/proc/{self.process.pid}/fd/"
-        return sorted(os.readlink(directory + name) for name in os.listdir(directory))
+        names = sorted(os.readlink(directory + name) for name in os.listdir(directory))
+        return [name for name in names if "brief.txt" not in name]
 
     def come_short(self, call):
         """The result of a read or write of half of what was asked for."""
@@ -149,7 +151,7 @@ class Client:
         stop = bytearray(80)
         fcntl.ioctl(self.stops, RECEIVE, stop)
         number, thread, _, name, _, _, *arguments = struct.unpack("QIIiIQ6Q", stop)
-        is_task = thread != self.process.pid and self.action is not None
+        is_task = thread != self.process.pid and self.calls is not None
         result = self.stopped(name, arguments) if is_task else None
         answer = (0, 0, CONTINUE) if result is None else (max(result, 0), min(result, 0), 0)
         with contextlib.suppress(FileNotFoundError):  # killed meanwhile
@@ -171,4 +173,4 @@ class Client:
         if operation == "open" and arguments[path + 1] & os.O_ACCMODE:
             operation = "create"
         self.calls.append(Call(operation, place[len(self.root) + 1:], name, arguments))
-        return self.action(len(self.calls) - 1, self.calls[-1])
+        return self.act(self.calls[-1]) if len(self.calls) - 1 == self.at else None
