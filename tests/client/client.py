@@ -34,9 +34,8 @@ class ClientTest(unittest.TestCase):
             return file.read()
 
     def start(self, *arguments, **options):
-        streams = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, **options}
         process = self.enterContext(subprocess.Popen(
-            [PROGRAM, "--data", self.root, *arguments], **streams))
+            [PROGRAM, "--data", self.root, *arguments], **{"stdout": subprocess.PIPE, **options}))
         self.addCleanup(process.kill)
         return process
 

@@ -83,9 +83,10 @@ def long_record(text, typeflag, mode=0, **fields):
 def headers(entry, typeflag, size, is_exported=False):
     """The header of an entry, with the records in front of it that its long texts need."""
     link = entry.what if typeflag == b"2" else b""
-    fields = {"version": b"00" if is_exported else b"0", "link": link, "mode": entry.mode, "uid": entry.uid, "gid": entry.gid,
-              "mtime": entry.mtime, "owners": (USERS.get(entry.uid, b"%d" % entry.uid),
-                                               GROUPS.get(entry.gid, b"%d" % entry.gid))}
+    fields = {"mode": entry.mode, "uid": entry.uid, "gid": entry.gid, "mtime": entry.mtime,
+              "owners": (USERS.get(entry.uid, b"%d" % entry.uid),
+                         GROUPS.get(entry.gid, b"%d" % entry.gid)),
+              "link": link, "version": b"00" if is_exported else b"0"}
     return b"".join(long_record(text, kind, **(fields if is_exported else {}))
                     for text, kind in ((link, b"K"), (entry.name, b"L"))
                     if len(text) >= 100) + header(entry.name, typeflag, size, **fields)

@@ -6,8 +6,8 @@
         scripts/sandbox.sh --write docs -- env PELTEXCTL=build/release/peltexctl \
             python3 -B tests/client/test_examples.py --update docs/COMMANDS.md
 
-An example is a fence with the info string "session NAME", "files NAME", "client NAME" or "archives
-NAME". What its lines mean, in what order they stand and what is left out is said to readers at the heads of the
+An example is a fence with the info string "session NAME", or files, client or archives. What its
+lines mean, in what order they stand and what is left out is said to readers at the heads of the
 documents. "session NAME realtime" waits as long as a client may, "client NAME large" writes
 gigabytes to the disk, into TMPDIR: with PELTEX_EXAMPLES=realtime or =large these run and no others.
 """

@@ -133,7 +133,7 @@ class RunningTest(ClientTest):
 
     def test_a_signal_leaves_no_unfinished_slice(self):
         self.write("src/endless", os.urandom(MIB))
-        os.truncate(self.path("src/endless"), 600 * MIB)  # more slices than until the signal is seen
+        os.truncate(self.path("src/endless"), 600 * MIB)  # of slices that a signal outruns
         for directory, options in ("bk", ""), ("taken", " --take @taken"):
             with self.subTest(directory):
                 task, told = self.start_task(f"backup split @src @bk --slice-size 1{options}", 4)

@@ -11,6 +11,7 @@ import errno
 import fcntl
 import json
 import os
+import pathlib
 import select
 import socket
 import struct
@@ -40,7 +41,6 @@ OPERATIONS = {
 NUMBERS = {seccomp.resolve_syscall(seccomp.Arch(), name): (name, operation, path)
            for operation, (_, names) in OPERATIONS.items() for name, path in names.items()}
 RECEIVE, SEND, CONTINUE, PIDFD_GETFD = 0xC0502100, 0xC0182101, 1, 438  # of the kernel's headers
-LIMIT_MS = 60000  # for what takes a millisecond
 
 Call = collections.namedtuple("Call", "operation path name arguments")
 Run = collections.namedtuple("Run", "status calls slices size")
@@ -85,14 +85,12 @@ class Client:
                     task = self.last = event["result"]
                 elif task is None:
                     self.send(command)  # the same one before is just leaving
-            elif event["event"] == "status" and event["code"] == 4:
-                path = event["message"].split("|")[0]
-                if path != "end":
-                    with open(path, "rb") as file:
-                        slices[os.path.basename(path)] = file.read()
-            elif event["event"] == "status" and event["code"] == 6:
+            elif event["code"] == 4 and event["message"] != "end":
+                path = event["message"].removesuffix("|end")
+                slices[path] = pathlib.Path(path).read_bytes()
+            elif event["code"] == 6:
                 size = event["message"]
-            elif event["event"] == "status" and event["code"] in (0, -1):
+            elif event["code"] in (0, -1):
                 self.ends.setdefault(event["task"], []).append(event["code"])
         calls, self.calls = self.calls, None
         return Run(self.ends[task][0], calls, slices, size)
@@ -135,7 +133,7 @@ class Client:
         wait.register(self.stops, select.POLLIN)
         wait.register(self.process.stdout, select.POLLIN)
         while b"\n" not in self.text:
-            ready = dict(wait.poll(LIMIT_MS))
+            ready = dict(wait.poll(60000))  # ms, for what takes one
             if ready.get(self.stops) == select.POLLIN:
                 self.let_one_go_on()
             elif data := ready and os.read(self.process.stdout.fileno(), 65536):

@@ -52,10 +52,9 @@ stat    out/.*txt         pack-split    UF
 stat    .*                pack-.*       F
 stat    in/list.txt       list-backup   FU
 stat    in/app.tar..      unpack-split  FU
-stat    in/.*\.t.*        .*            U
+stat    in/.*(l|\.t.*)    .*            U
 stat    in/one.f          brief-list    UFL
 stat    in/app            .*list.*      LF
-stat    in/.*l            .*            U
 stat    in/.*d            tree-move     LFU
 stat    in/.*d            .*            LF
 stat    in/.*f            list-backup   LLF
@@ -63,27 +62,22 @@ stat    in/.*f            tree-backup   LF
 stat    in/.*f            .*            L
 stat    out/.*\..         tree-restore  L
 stat    out.*             .*            U
-open    in/.*f            (.*ck|file)-.*  F
+create  out/big.f         unpack-split  UL
+create|chmod  out/.*      unpack-.*     U
+open|create  .*f          (.*ck|file)-.*  F
 open    in/.*f            list-.*       L
 open    in/.*f            .*            UL
 open    in/.*d            tree-move     FU
 open    in/app.tar.txt    .*            UF
-open    in/app.tar..      .*            L
-open|read  in/copy/app.txt  .*          L
-create  out/.*f           file-.*       F
-create  out/big.f         unpack-split  UL
-create  out/.*            unpack-.*     U
+read|seek  in/app.tar(..)?  .*          ?
+open|read  in/(app.tar..|copy/app.txt)  .*  L
 create|write  out/.*f     .*            L
 readdir  .*               tree-move     FFU
-read    in/app.tar.txt    .*            F
-read|seek  in/app.tar.*   .*            ?
 write   out/.*txt         pack-.*       F
 write   out/.*txt         .*            LF
 short-write  out/.*f      (file|tree|list)-.*  L
-mkdir|chown  .*           unpack-.*     L
-symlink  .*               .*            L
+mkdir|symlink|chown  .*   unpack-.*     L
 remove  in/app            tree-move     F
-chmod   .*                unpack-.*     U
 chmod   out/.*\..         tree-restore  FL
 seek|remove|short-.*  .*  .*            U
 """.strip().splitlines()]
@@ -95,13 +89,12 @@ MAKE = """
     for file in one.f:20000 app/a.f:700 app/w.d/w.f:7 app/$(printf 'l%.0s' {1..240}).f:9000 $@; do
         seq 200000 | head -c ${file#*:} > ${file%:*}
     done
-    ln -s a.f app/s.l
-    ln -s $(printf 't%.0s' {1..120}) app/t.l
-    [ $0 != tree-move ] || rm app/*.l  # which leaves them where they are, and fails
+    # A move leaves links where they are, and fails.
+    [ $0 = tree-move ] || ln -s a.f app/s.l
+    [ $0 = tree-move ] || ln -s $(printf 't%.0s' {1..120}) app/t.l
     chown -hR 10001:10001 .
     find $PWD/app -type f -printf '%p;416;0;1;1\\n' -o -type d -printf '%p;416;1;1;1\\n' > list.txt
-    printf '[include]%s\\n' $PWD/app $PWD/one.f > search.txt
-    echo "[exclude]$PWD/app/e.d" >> search.txt
+    printf '[include]%s\\n[include]%s\\n[exclude]%s\\n' $PWD/{app,one.f,app/e.d} > search.txt
 """
 
 
@@ -119,10 +112,6 @@ def snapshot(directory):
     return entries
 
 
-def texts(entries):
-    return {name: text for name, (_, _, text) in entries.items()}
-
-
 def outcome_of(kind, calls, at, fault):
     outcomes = next((outcomes for *patterns, outcomes in RULES
                      if all(map(re.fullmatch, patterns, (fault, calls[at].path, kind)))), "F")
@@ -130,27 +119,28 @@ def outcome_of(kind, calls, at, fault):
     return outcomes[min(nth, len(outcomes) - 1)]
 
 
-def fail(call):
-    return -OPERATIONS[call.operation][0]
-
-
 class FaultTest(unittest.TestCase):
-    def begin(self, kind):
-        """Makes what the task finds, and runs it once without a fault."""
-        # Records of its long paths fill a stream's buffer more than once.
-        directory = self.enterContext(tempfile.TemporaryDirectory(dir="/data/data"))
-        self.kind, self.root = kind, directory + ("/" + "x" * 250) * 4
-        self.i, self.o, self.first = self.root + "/in", self.root + "/out", self.root + "/first"
-        self.client, self.command = Client(self.root), self.place(KINDS[kind])
-        os.makedirs(self.i)
-        large = ["app/big.f:1200000"] * ("pack" in kind)
-        subprocess.run(["bash", "-ec", MAKE, kind, *large], cwd=self.i, check=True)
-        if kind in BEFORE:
-            shutil.copytree(self.i + "/app", self.o + "/app", symlinks=True)
-            self.assertEqual(self.client.run(self.place(BEFORE[kind])).status, 0)
-        subprocess.run(["cp", "-a", self.i, self.first], check=True)
-        self.found, self.whole, self.made = snapshot(self.i), None, None
-        self.run_task("U")
+    def begin_each(self, kinds=KINDS):
+        """Makes what each task finds, and runs it without a fault; if it can, over what it made."""
+        for kind in kinds:
+            # Records of its long paths fill a stream's buffer more than once.
+            directory = self.enterContext(tempfile.TemporaryDirectory(dir="/data/data"))
+            self.kind, self.root = kind, directory + ("/" + "x" * 250) * 4
+            self.i, self.o, self.first = self.root + "/in", self.root + "/out", self.root + "/first"
+            self.client, self.command = Client(self.root), self.place(KINDS[kind])
+            os.makedirs(self.i)
+            large = ["app/big.f:1200000"] * ("pack" in kind)
+            subprocess.run(["bash", "-ec", MAKE, kind, *large], cwd=self.i, check=True)
+            if kind in BEFORE:
+                shutil.copytree(self.i + "/app", self.o + "/app", symlinks=True)
+                self.assertEqual(self.client.run(self.place(BEFORE[kind])).status, 0)
+            subprocess.run(["cp", "-a", self.i, self.first], check=True)
+            self.found, self.whole, self.made = snapshot(self.i), None, None
+            self.run_task("U")
+            if snapshot(self.i) == self.found:
+                self.run_task("U", renewed=False)
+            yield kind, self.whole.calls
+            self.assertEqual(self.client.close(), [])
 
     def place(self, text):
         return text.format(i=self.i, o=self.o)
@@ -163,44 +153,35 @@ class FaultTest(unittest.TestCase):
         shutil.rmtree(self.o, ignore_errors=True)
         os.makedirs(self.o + "/app" * ("unpack" in self.kind))
 
-    def run_task(self, outcome, at=None, act=None, renewed=True):
+    def run_task(self, outcome, at=None, act=None, renewed=True, changes_source=False):
         """Runs the task and looks at all that holds whatever happens."""
         if renewed:
             self.renew()
-        descriptors, self.is_source_changed = self.client.descriptors(), False
+        descriptors = self.client.descriptors()
         run = self.client.run(self.command, at, act)
         self.assertEqual(self.client.descriptors(), descriptors)
         found, made = snapshot(self.i), snapshot(self.o)
         self.whole, self.made = self.whole or run, self.made or made
         same = run.status == 0 and run[2:] == self.whole[2:] and made == self.made
         self.assertIn(outcome, "?F" if run.status else "?LU" if same else "?L")
-        for name, entry in {} if self.is_source_changed else self.found.items():
+        for name, entry in {} if changes_source else self.found.items():
             if self.kind == "tree-move" and name.startswith("app"):
                 there = [where[name][2] for where in (found, made) if name in where]
                 self.assertTrue(outcome not in "FU" or entry[2] in there, name)
             elif self.kind != "unpack-split" or name in found:
                 self.assertEqual(found[name], entry)
-        for name, slice in run.slices.items():
-            self.assertTrue(slice == self.whole.slices[name], name)
+        self.assertTrue(run.slices.items() <= self.whole.slices.items(), "slices")
         probe = self.client.run(f"backup file {self.first}/one.f {self.root}/probe default 0")
         self.assertEqual(probe.status, 0, "the next task")
-
-    def begin_each(self, kinds=KINDS):
-        for kind in kinds:
-            self.begin(kind)
-            yield kind, self.whole.calls
-            self.assertEqual(self.client.close(), [])
 
     def test_each_call_fails_or_comes_short(self):
         for kind, calls in self.begin_each():
             for index, call in enumerate(calls):
-                outcome = outcome_of(kind, calls, index, call.operation)
-                with self.subTest(f"{kind}: {index}, {call.operation} {call.path[-30:]}"):
-                    self.run_task(outcome, index, fail)
-                if call.operation in ("read", "write"):
-                    outcome = outcome_of(kind, calls, index, "short-" + call.operation)
-                    with self.subTest(f"{kind}: {index}, short {call.operation}: {outcome}"):
-                        self.run_task(outcome, index, self.client.come_short)
+                acts = {call.operation: lambda call: -OPERATIONS[call.operation][0],
+                        "short-" + call.operation: self.client.come_short}
+                for fault in [*acts][:1 + (call.operation in ("read", "write"))]:
+                    with self.subTest(f"{kind}: {index}, {fault} {call.path[-30:]}"):
+                        self.run_task(outcome_of(kind, calls, index, fault), index, acts[fault])
 
     def test_directory_that_becomes_a_link(self):
         """Nothing of where it leads is packed, copied or listed; a move deletes nothing there."""
@@ -213,14 +194,14 @@ class FaultTest(unittest.TestCase):
             secret = snapshot(self.root + "/secret")
 
             def act(_):
-                self.is_source_changed = True
                 if os.path.isdir(directory):
                     os.rename(directory, tempfile.mkdtemp(dir=self.root))
                     os.symlink(self.root + "/secret", directory)
             for index, call in enumerate(calls):
                 if "/w.d" in call.path:
                     with self.subTest(f"{kind}: {index}, {call.operation}"):
-                        self.run_task("L" if kind in copies else "?", index, act)
+                        self.run_task("L" if kind in copies else "?", index, act,
+                                      changes_source=True)
                         self.assertNotIn("OUTSIDE", str(snapshot(self.o)))
                         self.assertEqual(snapshot(self.root + "/secret"), secret)
 
@@ -233,10 +214,9 @@ class FaultTest(unittest.TestCase):
                     outcome = "?" if options == "size=4k" else "L" if "un" in kind else "F"
                 with self.subTest(f"{kind}: {options}"), contextlib.ExitStack() as afterwards:
                     self.renew()
-                    steps = [f"mount -t tmpfs -o {options.replace(',ro', '')} tmpfs $0",
-                             "mkdir $0/app" if "unpack" in kind else ":",
-                             "mount -o remount,ro $0" if "ro" in options else ":"]
-                    subprocess.run(["sh", "-ec", ";".join(steps), self.o], check=True)
+                    steps = "mount -t tmpfs -o ${1%,ro} a $0; mkdir -p $0/$2; mount -o remount,$1 $0"
+                    app = "app" * ("unpack" in kind)
+                    subprocess.run(["bash", "-ec", steps, self.o, options, app], check=True)
                     afterwards.callback(subprocess.run, ["umount", "-l", self.o], check=True)
                     self.run_task(outcome, renewed=False)
 
@@ -249,19 +229,6 @@ class FaultTest(unittest.TestCase):
             self.run_task("L" if "un" in kind else "F", 0, lambda _: limit(1))
             limit(-1)
             self.run_task("U")
-
-    def test_process_that_is_killed(self):
-        """The same command in the next one comes to what it would have come to."""
-        for kind, calls in self.begin_each():
-            for index in range(9, len(calls), 20):
-                with self.subTest(f"{kind}: {index}"):
-                    self.renew()
-                    with self.assertRaises(EOFError):
-                        self.client.run(self.command, index, lambda _: self.client.process.kill())
-                    self.client = Client(self.root)
-                    is_lost = kind == "unpack-split" and not os.path.exists(self.i + "/app.tar.0")
-                    self.assertEqual(self.client.run(self.command).status, -is_lost)
-                    self.assertTrue(is_lost or texts(snapshot(self.o)) == texts(self.made))
 
 
 if __name__ == "__main__":
