@@ -25,17 +25,16 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
     }
 }
 
-// Lines of at most 100 characters.
-std::string folded(std::string line) {
-    replaceAll(line, "\n", "\\n");
-    std::string text;
-    while (line.size() > 100) {
-        const size_t blank = line.rfind(' ', 100);
-        text += line.substr(0, line.find_last_not_of(' ', blank) + 1) + "\n";
-        line.replace(0, blank + 1, "    ");
-    }
-    return text + line + "\n";
+TextTest* makeTranscript() {
+    auto* transcript = new Transcript();
+    addArchiveCommands(*transcript);
+    return transcript;
 }
+
+[[maybe_unused]] const bool kAreRegistered = [] {
+    registerTexts("archives.md", makeTranscript);
+    return true;
+}();
 
 }  // namespace
 
@@ -157,6 +156,7 @@ std::string Transcript::meaning(std::string word) const {
 }
 
 void Transcript::shorten(std::string& text) const {
+    replaceAll(text, "\n", "\\n");
     replaceAll(text, tree->path(), "@");
     for (size_t at; (at = text.find("/./.")) != text.npos;) {
         text.erase(at, 2);
@@ -170,11 +170,16 @@ void Transcript::shorten(std::string& text) const {
     }
 }
 
-std::string Transcript::run(const std::string& line) {
+void Transcript::expect(const std::string& text) {
+    const std::string fenced = "```" + text + "```\n";
+    EXPECT_EQ(played(fenced), fenced);
+}
+
+std::string Transcript::run(const std::string& command) {
     events.clear();
     isAborted = false;
     Lines words;
-    std::istringstream stream(line);
+    std::istringstream stream(command);
     for (std::string word; stream >> word;) {
         words.push_back(meaning(word));
     }
@@ -182,33 +187,14 @@ std::string Transcript::run(const std::string& line) {
     const std::string name = nameWords == 1 ? words[0] : words.at(0) + " " + words.at(1);
     const int open = countDescriptors().open;
     std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
-    if (line.find("get_brief dir") == line.npos) {  // which keeps its stream
-        EXPECT_EQ(countDescriptors().open, open) << line;
+    if (command.find("get_brief dir") == command.npos) {  // which keeps its stream
+        EXPECT_EQ(countDescriptors().open, open) << command;
     }
     shorten(result);
     for (std::string& event : events) {
         shorten(event);
     }
-    return result.empty() ? "" : " " + result;
-}
-
-void Transcript::expect(const std::string& text) {
-    std::string actual;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line[0] == '$' || line[0] == '?') {
-            const std::string command = line.substr(0, line.find(" ="));
-            const std::string result = run(command.substr(1));
-            const bool isShort = line[0] == '?' && !events.empty();
-            actual += folded(command + result + (isShort ? " " + events.back() : ""));
-            for (size_t i = 0; line[0] == '$' && i < events.size(); ++i) {
-                actual += folded(events[i]);
-            }
-        } else if (line.empty() || line[0] == '#') {
-            actual += line + "\n";
-        }
-    }
-    EXPECT_EQ(actual, text);
+    return result;
 }
 
 }  // namespace peltex_test

@@ -1,5 +1,4 @@
-// Tests as text: commands, and with each what comes of it. A test runs the commands of a text and
-// compares the text that results.
+// The commands of the library's transcripts (unit/text_test.h tells how these are read).
 //
 //   $ plant d/f=1                   a tree afresh (unit/tree_text.h), for which @ stands
 //   $ backup file @/d/f @/out = 0   a task as the task loop runs it, and its result; below in its
@@ -7,24 +6,22 @@
 //                                   relabelled (path, information, uid, flags), told to the client
 //   $ show @/out = f*=1             what is there
 //   $ when unlink @/d/f at label    from now on, at events that begin so
-//   ? createDir @/d/f/x = -1 Failed to mkdir(@/d/f/x), error=Not a directory
-//                                   like "$", with the last event alone
 //
-// '' is an empty word, and ~2046 a path of the tree of that length. Lines that are too long go on
-// in lines that begin with blanks.
+// '' is an empty word, {n*99} ninety-nine times "n", and ~2046 a path of the tree of that length.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <host/relabel_observer.h>
 #include <stdint.h>
 
 #include <functional>
 #include <map>
 #include <optional>
+#include <string>
 
 #include "service/backup_session_manager.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/test_client.h"
+#include "tests/unit/text_test.h"
 #include "tests/unit/tree_text.h"
 
 namespace peltex_test {
@@ -36,15 +33,15 @@ struct Descriptors {
 };
 Descriptors countDescriptors();
 
-class Transcript : public testing::Test {
+class Transcript : public TextTest {
   public:
-    void expect(const std::string& text);
-
-  protected:
     using Command = std::function<std::string(const Lines& words)>;
 
     Transcript();
     ~Transcript() override;
+
+    // A text without fences.
+    void expect(const std::string& text);
 
     // Takes down what happens while a command runs. Every descriptor that is open then closes when
     // another program starts.
@@ -61,13 +58,13 @@ class Transcript : public testing::Test {
     std::optional<TempTree> tree;
     const android::sp<TestClient> client;
     const android::sp<android::installd::BackupSessionManager> manager;
-    Lines events;         // of the present command
-    std::string outside;  // a path that % stands for
+    using TextTest::events;  // of the present command
+    std::string outside;     // a path that % stands for
     bool isAborted = false;
     std::string refused;  // whose relabelling is refused
 
   private:
-    std::string run(const std::string& line);
+    std::string run(const std::string& command) override;
     void shorten(std::string& text) const;
 
     const Descriptors mBefore = countDescriptors();
@@ -75,5 +72,8 @@ class Transcript : public testing::Test {
     std::function<void()> mAction;
     const android::host::ScopedRelabelObserver mObserver;
 };
+
+// The commands that belong to a folder of the library.
+void addArchiveCommands(Transcript& transcript);
 
 }  // namespace peltex_test
