@@ -1,7 +1,9 @@
 // The folder tar/: packing and unpacking, whole and in slices.
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <memory>
 
 #include "tar/check_file.h"
 #include "tar/entry_headers.h"
@@ -38,8 +40,8 @@ class Listener : public TarCallBack {
 // sizes in each slice and the check file.
 std::string cut(Transcript& t, const Lines& words) {
     t.commands["plant"]({"src/", "out/"});
-    const std::string source = *t.tree / "src/";
-    const std::string slice = *t.tree / "out/s.";
+    const std::string source = t.tree / "src/";
+    const std::string slice = t.tree / "out/s.";
     const size_t length = std::stoul(words.at(0));  // of each name
     for (size_t i = 1; i < words.size(); ++i) {
         writeFile(source + std::string(length - 1, 'n') + std::to_string(i), "");
@@ -72,13 +74,13 @@ void addArchiveCommands(Transcript& t) {
         return result ? "= " + packedIn(readFile(words[1])) : exists(words[1]) ? "= left" : "=";
     };
     t.commands["unpack"] = [listener, &t](const Lines& words) {
-        const std::string path = *t.tree / "a.tar";
+        const std::string path = t.tree / "a.tar";
         writeFile(path, archiveOf(words));
         UnTarFile archive(path.c_str(), listener.get());
-        return "= " + std::to_string(archive.UnPack((*t.tree / "to").c_str(), 10123));
+        return "= " + std::to_string(archive.UnPack((t.tree / "to").c_str(), 10123));
     };
     t.commands["list"] = [&t](const Lines& words) {
-        const std::string path = *t.tree / "a.tar";
+        const std::string path = t.tree / "a.tar";
         writeFile(path, archiveOf(words));
         UnTarFile archive(path.c_str(), nullptr);
         archive.GetFileNames();
@@ -92,19 +94,19 @@ void addArchiveCommands(Transcript& t) {
     t.commands["split"] = [listener, &t](const Lines& words) {
         const std::string all[TarFile::kSplitArguments] = {"", "", "", "", words.at(0), "info"};
         TarFile packer(listener.get(), 1);
-        const bool result = packer.PackSplitDir(*t.tree / "src", *t.tree / "out/s", all, 10123);
+        const bool result = packer.PackSplitDir(t.tree / "src", t.tree / "out/s", all, 10123);
         return result ? "= true" : "=";
     };
     t.commands["cut"] = [&t](const Lines& words) { return cut(t, words); };
     // By a check file of these words; ";" ends a line and "_" is a blank.
-    t.commands["restore"] = [listener, &t](const Lines& words) {
+    t.commands["unsplit"] = [listener, &t](const Lines& words) {
         std::string list = words.at(0);
         std::replace(list.begin(), list.end(), '_', ' ');
         std::replace(list.begin(), list.end(), ';', '\n');
-        const std::string path = *t.tree / "out/s.txt";
+        const std::string path = t.tree / "out/s.txt";
         writeFile(path, list);
         UnTarFile set(path.c_str(), listener.get());
-        return "= " + std::to_string(set.UnSplitPack((*t.tree / "to/x").c_str(), 10123));
+        return "= " + std::to_string(set.UnSplitPack((t.tree / "to/x").c_str(), 10123));
     };
 }
 

@@ -1,4 +1,4 @@
-// Of the folder base/ what no task shows: the buffer that walks extend, and how files are opened.
+// Of the folder base/ what no transcript shows: how files are opened.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,42 +6,12 @@
 #include <unistd.h>
 
 #include "base/file_handles.h"
-#include "base/path_buffer.h"
 #include "tests/unit/transcript.h"
 
 namespace peltex_test {
 namespace {
 
 using namespace android::installd;
-
-TEST(PathBuffer, CutsOrRefusesWhatHasNoRoom) {
-    constexpr auto kCut = PathBuffer::Fit::kCut;
-    constexpr auto kWhole = PathBuffer::Fit::kWhole;
-    const struct {
-        size_t length;
-        PathBuffer::Fit fit;
-        bool isTaken;
-        std::string end;  // of the path afterwards, from where it was
-    } rows[] = {
-        {3, kCut, true, "/ab"},      {2044, kCut, true, "/ab"}, {2045, kCut, true, "/a"},
-        {2046, kCut, false, ""},     {2047, kCut, false, ""},   {3000, kCut, false, ""},
-        {2044, kWhole, true, "/ab"}, {2045, kWhole, false, ""}, {2047, kWhole, false, ""},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.length << (row.fit == kCut ? " cut" : " whole"));
-        const std::string kept(std::min<size_t>(row.length, 2047), 'p');
-        PathBuffer path(std::string(row.length, 'p').c_str());
-        EXPECT_EQ(path.appendEntry("ab", row.fit), row.isTaken);
-        EXPECT_EQ(path.c_str(), kept + row.end);
-        path.cut(kept.size());
-        EXPECT_EQ(path.c_str(), kept);
-    }
-    PathBuffer cut("/");
-    PathBuffer whole("/");
-    EXPECT_TRUE(cut.appendEntry("a", kCut) && whole.appendEntry("a", kWhole));
-    EXPECT_STREQ(cut.c_str(), "/a");
-    EXPECT_STREQ(whole.c_str(), "//a") << "archives count names from behind the slash";
-}
 
 TEST(OpenRegular, ADescriptorOfZeroIsOne) {
     const TempTree tree;

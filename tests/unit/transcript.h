@@ -7,7 +7,8 @@
 //   $ show @/out = f*=1             what is there
 //   $ when unlink @/d/f at label    from now on, at events that begin so
 //
-// '' is an empty word, {n*99} ninety-nine times "n", and ~2046 a path of the tree of that length.
+// '' is an empty word, {n*99} ninety-nine times "n", \n a newline and \0 a NUL, ~2046 a path of the
+// tree of that length, <d/f> the record of an entry.
 #pragma once
 
 #include <host/relabel_observer.h>
@@ -15,7 +16,6 @@
 
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 
 #include "service/backup_session_manager.h"
@@ -40,9 +40,6 @@ class Transcript : public TextTest {
     Transcript();
     ~Transcript() override;
 
-    // A text without fences.
-    void expect(const std::string& text);
-
     // Takes down what happens while a command runs. Every descriptor that is open then closes when
     // another program starts.
     void hear(const std::string& event);
@@ -55,7 +52,7 @@ class Transcript : public TextTest {
 
     std::map<std::string, Command> commands;
     std::string meaning(std::string word) const;  // of a word of a command
-    std::optional<TempTree> tree;
+    TempTree tree;
     const android::sp<TestClient> client;
     const android::sp<android::installd::BackupSessionManager> manager;
     using TextTest::events;  // of the present command
@@ -65,6 +62,7 @@ class Transcript : public TextTest {
 
   private:
     std::string run(const std::string& command) override;
+    std::string recordOf(const std::string& name) const;
     void shorten(std::string& text) const;
 
     const Descriptors mBefore = countDescriptors();
@@ -75,5 +73,8 @@ class Transcript : public TextTest {
 
 // The commands that belong to a folder of the library.
 void addArchiveCommands(Transcript& transcript);
+void addBriefCommands(Transcript& transcript);
+void addFileCommands(Transcript& transcript);  // of base/ and fileops/
+void addBoundaryCommands(Transcript& transcript);
 
 }  // namespace peltex_test
