@@ -66,12 +66,8 @@ class Boundary {
     std::map<std::string, Snapshot> mBefore;
 };
 
-std::string joined(const Lines& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += word + "\n";
-    }
-    return text;
+std::string linesOf(const Lines& words) {
+    return joined(words, "\n") + "\n";
 }
 
 }  // namespace
@@ -92,10 +88,10 @@ void addBoundaryCommands(Transcript& t) {
         std::string (*textOf)(const Lines&);
     } parsers[] = {
         {"archive", "restore tar", "@/in/a.tar", "@/in/a.tar", "@/to", archiveOf},
-        {"set", "restore split", "@/in/s.txt", "@/in/s.txt", "@/to/app", joined},
-        {"records", "restore dir", "@/in/to.txt", "@/in", "@/to", joined},
-        {"list", "backup byfile", "@/in/list", "@/in/list", "@/to/app", joined},
-        {"search", "get_brief byfile", "@/in/rules", "@/in/rules", "@/to/brief", joined},
+        {"set", "restore split", "@/in/s.txt", "@/in/s.txt", "@/to/app", linesOf},
+        {"records", "restore dir", "@/in/to.txt", "@/in", "@/to", linesOf},
+        {"list", "backup byfile", "@/in/list", "@/in/list", "@/to/app", linesOf},
+        {"search", "get_brief byfile", "@/in/rules", "@/in/rules", "@/to/brief", linesOf},
     };
     for (const auto& parser : parsers) {
         t.commands["hostile " + std::string(parser.name)] = [=, &t](const Lines& words) {

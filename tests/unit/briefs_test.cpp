@@ -35,14 +35,6 @@ android::Vector<std::string> vectorOf(const Lines& lines) {
     return result;
 }
 
-std::string joined(const Lines& words, const std::string& separator) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : separator) + word;
-    }
-    return text;
-}
-
 }  // namespace
 
 void addBriefCommands(Transcript& t) {

@@ -176,6 +176,7 @@ std::string Transcript::meaning(std::string word) const {
     }
     replaceAll(word, "\\n", "\n");
     replaceAll(word, "\\r", "\r");
+    replaceAll(word, "\\s", " ");
     replaceAll(word, "\\0", std::string(1, '\0'));
     for (size_t at; (at = word.find('<')) != word.npos;) {
         const size_t end = word.find('>', at);

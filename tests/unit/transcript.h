@@ -7,8 +7,8 @@
 //   $ show @/out = f*=1             what is there
 //   $ when unlink @/d/f at label    from now on, at events that begin so
 //
-// '' is an empty word, {n*99} ninety-nine times "n", \n a newline and \0 a NUL, ~2046 a path of the
-// tree of that length, <d/f> the record of an entry.
+// '' is an empty word, {n*99} ninety-nine times "n", \s a blank, \r \n \0 what they are in C++,
+// ~2046 a path of the tree of that length, <d/f> the record of an entry.
 #pragma once
 
 #include <host/relabel_observer.h>

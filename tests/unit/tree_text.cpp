@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "tests/support/jail.h"
 #include "tests/support/tar_builder.h"
@@ -80,19 +81,71 @@ std::string wordOf(const std::string& content) {
     return "=" + (isWord ? content : "#" + std::to_string(content.size()));
 }
 
-std::string markOf(const struct stat& status) {
+// `type` is the archives' character.
+std::string markOf(char type, unsigned uid, unsigned gid, unsigned mode) {
+    const unsigned usual = type == '5' ? 0755 : type == '2' ? 0777 : 0644;
     char mark[64] = "";
-    const mode_t mode = status.st_mode & 07777;
-    const mode_t usual = S_ISDIR(status.st_mode) ? 0755 : S_ISLNK(status.st_mode) ? 0777 : 0644;
-    if (status.st_uid != 0 || status.st_gid != 0) {
-        snprintf(mark, sizeof(mark), "[%u:%u,%o]", status.st_uid, status.st_gid, mode);
+    if (uid != 0 || gid != 0) {
+        snprintf(mark, sizeof(mark), "[%u:%u,%o]", uid, gid, mode);
     } else if (mode != usual) {
         snprintf(mark, sizeof(mark), "[%o]", mode);
     }
     return mark == kTaskOwned ? "*" : mark == kArchiveOwned ? "+" : mark;
 }
 
+// The word of a packed entry, with each text in its header that does not follow from the word.
+std::string wordOf(const std::string& block, const std::string& data) {
+    const auto field = [&](size_t at, size_t size) {
+        return std::string(block.substr(at, size).c_str());
+    };
+    const auto number = [&](size_t at, size_t size) {
+        return std::stoul("0" + field(at, size), nullptr, 8);
+    };
+    const auto nameOf = [](unsigned id) {
+        const char* const names[] = {"root", "daemon", "bin"};
+        return id < 3 ? names[id] : std::to_string(id);
+    };
+    const char type = block[156];
+    const bool isRecord = type == 'L' || type == 'K';
+    const auto mode = static_cast<unsigned>(number(100, 8));
+    const auto uid = static_cast<unsigned>(number(108, 8));
+    const auto gid = static_cast<unsigned>(number(116, 8));
+    const unsigned long time = number(136, 12);
+    const std::string name = field(0, 100), link = field(157, 100);
+    Header expected(type, isRecord ? "././@LongLink" : name, data.size());
+    expected.put(136, octal(time, 11)).link(link).put(263, "0");
+    std::string word = {type, ':'};
+    if (isRecord) {
+        expected.mode(0);
+        word += data.c_str();
+    } else {
+        expected.mode(mode).owner(uid, gid).put(265, nameOf(uid)).put(297, nameOf(gid));
+        word += name + markOf(type, uid, gid, mode);
+        word += time == 0 ? "" : "{" + std::to_string(time) + "}";
+    }
+    std::string bytes = expected.bytes();
+    bytes.replace(148, 6, octal(sumOf(block), 6));
+    for (size_t at = 0; at < kBlock; ++at) {
+        const size_t begin = at;
+        while (at < kBlock && block[at] != bytes[at]) {
+            ++at;
+        }
+        if (at > begin) {
+            word += "{" + std::to_string(begin) + "," + block.substr(begin, at - begin) + "}";
+        }
+    }
+    return word + (type == '0' ? wordOf(data) : type == '2' ? ">" + link : "");
+}
+
 }  // namespace
+
+std::string joined(const std::vector<std::string>& words, const std::string& separator) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (&word == &words[0] ? "" : separator) + word;
+    }
+    return text;
+}
 
 void plant(const std::string& root, const std::vector<std::string>& words) {
     for (const std::string& text : words) {
@@ -115,18 +168,20 @@ void plant(const std::string& root, const std::vector<std::string>& words) {
 }
 
 std::string shown(const std::string& root) {
-    std::string text;
+    std::vector<std::string> words;
     for (const std::string& name : listTree(root)) {
         const std::string path = root + "/" + name.substr(0, name.find_last_not_of('/') + 1);
         const struct stat status = statOf(path);
-        text += (text.empty() ? "" : " ") + name + markOf(status) +
-                (S_ISREG(status.st_mode)    ? wordOf(readFile(path))
-                 : S_ISLNK(status.st_mode)  ? ">" + std::filesystem::read_symlink(path).string()
-                 : S_ISFIFO(status.st_mode) ? "|"
-                 : S_ISSOCK(status.st_mode) ? "!"
-                                            : "");
+        const mode_t mode = status.st_mode;
+        const char type = S_ISDIR(mode) ? '5' : S_ISLNK(mode) ? '2' : '0';
+        words.push_back(name + markOf(type, status.st_uid, status.st_gid, mode & 07777) +
+                        (S_ISREG(mode)    ? wordOf(readFile(path))
+                         : S_ISLNK(mode)  ? ">" + std::filesystem::read_symlink(path).string()
+                         : S_ISFIFO(mode) ? "|"
+                         : S_ISSOCK(mode) ? "!"
+                                          : ""));
     }
-    return text;
+    return joined(words, " ");
 }
 
 std::string archiveOf(const std::vector<std::string>& words) {
@@ -147,8 +202,7 @@ std::string archiveOf(const std::vector<std::string>& words) {
             Header header(text[0] == '-' ? '\0' : text[0], word.name, content.size());
             header.mode(mode).owner(uid, gid).link(word.kind == '>' ? word.rest : "");
             int digits = 6;
-            for (std::string option : word.options) {
-                std::replace(option.begin(), option.end(), '_', ' ');
+            for (const std::string& option : word.options) {
                 const size_t comma = option.find(',');
                 comma == option.npos
                     ? void(digits = std::stoi(option))
@@ -162,75 +216,25 @@ std::string archiveOf(const std::vector<std::string>& words) {
 
 std::string packedIn(const std::string& archive) {
     std::vector<std::string> words;
-    std::string records;
+    std::string records;  // of the next entry
     size_t at = 0;
     while (at < archive.size() && archive[at] != '\0') {
         const std::string block = archive.substr(at, kBlock);
-        const auto field = [&](size_t offset, size_t size) {
-            const std::string text = block.substr(offset, size);
-            return text.substr(0, text.find('\0'));
-        };
-        const auto number = [&](size_t offset, size_t size) {
-            return std::stoul("0" + field(offset, size), nullptr, 8);
-        };
-        const auto nameOf = [](unsigned long id) {
-            return id < 3 ? std::string(id == 0   ? "root"
-                                        : id == 1 ? "daemon"
-                                                  : "bin")
-                          : std::to_string(id);
-        };
-        const char type = block[156];
-        const bool isRecord = type == 'L' || type == 'K';
-        const auto uid = static_cast<unsigned>(number(108, 8));
-        const auto gid = static_cast<unsigned>(number(116, 8));
-        const auto mode = static_cast<unsigned>(number(100, 8));
-        const unsigned long size = number(124, 12), time = number(136, 12);
-        const std::string link = field(157, 100);
-        Header header(type, field(0, 100), size);
-        header.mode(mode).owner(uid, gid).put(136, octal(time, 11)).link(link).put(263, "0");
-        if (!isRecord) {
-            header.put(265, nameOf(uid)).put(297, nameOf(gid));
-        }
+        const std::string data =
+            archive.substr(at + kBlock, std::stoul(block.substr(124, 12), nullptr, 8));
         at += kBlock;
-        const std::string data = archive.substr(at, size);
-        struct stat status = {};
-        status.st_uid = uid;
-        status.st_gid = gid;
-        status.st_mode = static_cast<mode_t>(mode) | (type == '5'   ? S_IFDIR
-                                                      : type == '2' ? S_IFLNK
-                                                                    : S_IFREG);
-        std::string word = std::string{type, ':'};
-        if (header.bytes() != block || archive.substr(at, padded(data).size()) != padded(data)) {
-            for (const size_t offset : {0U, 100U, 108U, 116U, 124U, 136U, 265U, 297U}) {
-                word += field(offset, offset == 0    ? 100
-                                      : offset < 124 ? 8
-                                      : offset < 265 ? 12
-                                                     : 32) +
-                        ",";
-            }
-        } else if (isRecord) {
-            word += data.c_str();
-        } else {
-            word += field(0, 100) + markOf(status) +
-                    (time == 0 ? "" : "{" + std::to_string(time) + "}") +
-                    (type == '2'   ? ">" + link
-                     : type == '5' ? ""
-                                   : wordOf(data));
-        }
-        records += (records.empty() ? "" : " ") + word;
-        if (!isRecord) {
-            words.push_back(records);
-            records.clear();
-        }
+        const bool isPadded = archive.compare(at, padded(data).size(), padded(data)) == 0;
         at += padded(data).size();
+        records += wordOf(block, data) + (isPadded ? "" : "{padding}");
+        if (block[156] == 'L' || block[156] == 'K') {
+            records += " ";
+        } else {
+            words.push_back(std::exchange(records, ""));
+        }
     }
     std::sort(words.begin(), words.end());
     words.push_back(archive.substr(std::min(at, archive.size())) == kEndBlocks ? "end" : "no end");
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
+    return joined(words, " ");
 }
 
 }  // namespace peltex_test
