@@ -1,4 +1,4 @@
-// Tested by tests/unit/tasks_test.cpp.
+// Tested by tests/unit/base_test.cpp and tests/unit/tasks.md.
 #include "base/file_handles.h"
 
 #include <errno.h>

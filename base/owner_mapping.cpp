@@ -1,4 +1,4 @@
-// Tested by tests/unit/brief/records_test.cpp.
+// Tested by tests/unit/tasks.md.
 #include "base/owner_mapping.h"
 
 namespace android::installd {

@@ -1,4 +1,4 @@
-// Tested by tests/unit/base_test.cpp.
+// Tested by tests/unit/tasks.md.
 #define LOG_TAG "BackupSessionManager"
 
 #include "base/path_rules.h"

@@ -1,4 +1,4 @@
-// Tested by tests/unit/tasks_test.cpp and every walk's own tests.
+// Tested by tests/unit/tasks.md and every walk's own tests.
 #include "base/walk_level.h"
 
 #include <errno.h>

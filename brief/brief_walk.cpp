@@ -1,4 +1,4 @@
-// Tested by tests/unit/brief/briefs_test.cpp.
+// Tested by tests/unit/briefs.md.
 #define LOG_TAG "BackupSessionManager"
 
 #include "brief/brief_walk.h"

@@ -1,4 +1,4 @@
-// Tested by tests/unit/brief/records_test.cpp.
+// Tested by tests/unit/records.md.
 #define LOG_TAG "BackupSessionFileOps"
 
 #include "brief/permission_record.h"

@@ -1,4 +1,4 @@
-// Tested by tests/unit/tasks_test.cpp.
+// Tested by tests/unit/tasks.md.
 #define LOG_TAG "BackupSessionManager"
 
 #include "fileops/copy.h"

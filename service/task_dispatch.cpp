@@ -1,6 +1,6 @@
 // Which handler carries out which kind of task. The members forward to the handlers: those know the
 // task and nothing of the manager.
-// Tested by tests/unit/service/sessions_test.cpp, tests/unit/brief and tests/unit/tasks_test.cpp.
+// Tested by tests/unit/service/sessions_test.cpp, tests/unit/briefs.md and tests/unit/tasks.md.
 #define LOG_TAG "BackupSessionManager"
 
 #include <log/log.h>

@@ -1,4 +1,4 @@
-// Tested by tests/unit/archives_test.cpp.
+// Tested by tests/unit/archives.md.
 #include "tar/check_file.h"
 
 #include <log/log.h>

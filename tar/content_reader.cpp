@@ -1,4 +1,4 @@
-// Tested by tests/unit/archives_test.cpp.
+// Tested by tests/unit/archives.md.
 #include "tar/content_reader.h"
 
 #include <log/log.h>

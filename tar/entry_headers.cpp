@@ -1,4 +1,4 @@
-// Tested by tests/unit/archives_test.cpp.
+// Tested by tests/unit/archives.md.
 #include "tar/entry_headers.h"
 
 #include <limits.h>

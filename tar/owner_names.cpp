@@ -1,4 +1,4 @@
-// Tested by tests/unit/archives_test.cpp.
+// Tested by tests/unit/archives.md.
 #include "tar/owner_names.h"
 
 #include <errno.h>

@@ -1,4 +1,4 @@
-// Tested by tests/unit/archives_test.cpp and, against other programs, tests/client/peltexctl.md.
+// Tested by tests/unit/archives.md and, against other programs, tests/client/peltexctl.md.
 #include "tar/tar_file.h"
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
 // Tested by tests/unit/service/commands_test.cpp, tests/unit/service/sessions_test.cpp (the pause)
-// and tests/unit/tasks_test.cpp (progress).
+// and tests/unit/tasks.md (progress).
 #define LOG_TAG "BackupSessionManager"
 
 #include "task/backup_task.h"
