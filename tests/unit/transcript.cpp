@@ -31,6 +31,7 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 TextTest* makeTranscript() {
     auto* transcript = new Transcript();
     addArchiveCommands(*transcript);
+    addBoundedCommands(*transcript);
     addBriefCommands(*transcript);
     addFileCommands(*transcript);
     addBoundaryCommands(*transcript);
@@ -39,7 +40,7 @@ TextTest* makeTranscript() {
 
 [[maybe_unused]] const bool kAreRegistered = [] {
     for (const char* document :
-         {"archives.md", "boundaries.md", "briefs.md", "records.md", "tasks.md"}) {
+         {"archives.md", "boundaries.md", "bounded.md", "briefs.md", "records.md", "tasks.md"}) {
         registerTexts(document, makeTranscript);
     }
     return true;

@@ -73,6 +73,7 @@ class Transcript : public TextTest {
 
 // The commands that belong to a folder of the library.
 void addArchiveCommands(Transcript& transcript);
+void addBoundedCommands(Transcript& transcript);
 void addBriefCommands(Transcript& transcript);
 void addFileCommands(Transcript& transcript);  // of base/ and fileops/
 void addBoundaryCommands(Transcript& transcript);
