@@ -12,7 +12,8 @@
 namespace peltex_test {
 namespace {
 
-const std::string kHeading = "\n## ";
+// Of no class: others register before this file is initialised.
+constexpr const char* kHeading = "\n## ";
 
 // "What happens meanwhile" as "WhatHappensMeanwhile".
 std::string nameOf(const std::string& heading) {
