@@ -33,30 +33,42 @@ const android::sp<TestClient>& ServiceTest::clientOf(const std::string& name) {
 }
 
 void ServiceTest::play(const std::string& script) {
-    const std::string others = "free die end told workers waits there";
     std::istringstream steps(script);
     for (std::string step; std::getline(steps >> std::ws, step, ';');) {
         SCOPED_TRACE(step);
-        const size_t equals = step.find(" =");
-        const std::string expected =
-            equals == std::string::npos ? "0" : step.substr(std::min(equals + 3, step.size()));
-        std::istringstream words(step.substr(0, equals));
+        const size_t equals = std::min(step.find(" ="), step.size());
+        EXPECT_EQ(run(step.substr(0, equals)), step.substr(std::min(equals + 1, step.size())));
+    }
+}
+
+std::string ServiceTest::run(const std::string& command) {
+    const std::string others = "free die end told workers waits there gone";
+    std::string results;
+    std::istringstream steps(command);
+    for (std::string step; std::getline(steps >> std::ws, step, ';');) {
+        std::istringstream words(step);
         std::string verb;
         std::string session;
         std::string name;
         words >> verb;
-        if (others.find(verb) == std::string::npos) {
+        if (others.find(verb) == others.npos) {
             words >> session;
         }
         verb == "say" ? std::getline(words >> std::ws, name) : words >> name;
         do {
-            EXPECT_EQ(act(verb, session, name, expected), expected) << name;
+            const std::string result = act(verb, session, name);
+            results += result == "0" || result.empty() ? "" : " " + result;
         } while (words >> name);
     }
+    return results.empty() ? "" : "=" + results;
+}
+
+const android::sp<TestClient>& ServiceTest::hearerOf(const std::string& task) {
+    return clientOf(task.substr(0, task.find('/') + 1 == 0 ? 0 : task.find('/')));
 }
 
 std::string ServiceTest::act(const std::string& verb, const std::string& session,
-                             const std::string& name, const std::string& expected) {
+                             const std::string& name) {
     const int32_t id = session.empty() ? 0 : sessions[session];
     int32_t result = 0;
     if (verb == "open") {
@@ -90,19 +102,17 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
     } else if (verb == "free") {
         result = close(open((tree / name).c_str(), O_WRONLY));
     } else if (verb == "end") {
-        const size_t slash = name.find('/') + 1;
-        result =
-            clientOf(name.substr(0, slash ? slash - 1 : 0))->waitForEnd(tasks[name.substr(slash)]);
+        result = hearerOf(name)->waitForEnd(tasks[name.substr(name.find('/') + 1)]);
     } else if (verb == "told") {
         return told(name);
     } else if (verb == "workers") {
-        eventually([&] { return std::to_string(manager->checkIsRunning()) == expected; });
-        result = manager->checkIsRunning();
+        const int32_t count = std::stoi(name);
+        const bool isSo = eventually([&] { return manager->checkIsRunning() == count; });
+        result = isSo ? 0 : manager->checkIsRunning();
     } else if (verb == "waits") {
         result = waitsBegun() - mWaitsBefore;
-    } else if (verb == "there") {
-        eventually([&] { return exists(tree / name) == (expected == "1"); });
-        result = exists(tree / name);
+    } else if (verb == "there" || verb == "gone") {
+        result = !eventually([&] { return exists(tree / name) == (verb == "there"); });
     } else {
         ADD_FAILURE() << "no such verb: " << verb;
     }
@@ -121,15 +131,13 @@ std::string ServiceTest::queued(const std::string& name, int32_t result) {
 std::string ServiceTest::thenWaits(const std::string& verb, const std::string& session,
                                    const std::string& name) {
     const int before = waitsBegun();
-    const std::string result = act(verb, session, name, "");
+    const std::string result = act(verb, session, name);
     EXPECT_TRUE(eventually([&] { return waitsBegun() > before; }));
     return result;
 }
 
 std::string ServiceTest::told(const std::string& name) {
-    const size_t slash = name.find('/') + 1;
-    Lines texts =
-        clientOf(name.substr(0, slash ? slash - 1 : 0))->statusesOf(tasks[name.substr(slash)]);
+    Lines texts = hearerOf(name)->statusesOf(tasks[name.substr(name.find('/') + 1)]);
     std::sort(texts.begin(), texts.end());  // a worker and an abort tell at the same time
     std::string all;
     for (const std::string& text : texts) {
@@ -139,7 +147,7 @@ std::string ServiceTest::told(const std::string& name) {
                    (at == std::string::npos ? text : "4 " + text.substr(tree.path().size() + 7));
         }
     }
-    return all;
+    return all.substr(0, all.find_last_not_of(' ') + 1);
 }
 
 }  // namespace peltex_test

@@ -1,5 +1,5 @@
 // Sessions and workers: tasks that stay running until they are let go, clients that act when they
-// are told something, and scripts of it all.
+// are told something, and steps of it all, which sessions.md explains.
 #pragma once
 
 #include <fcntl.h>
@@ -12,8 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include "service/backup_session_manager.h"
 #include "tests/support/fast_waits.h"
-#include "tests/support/handler_test.h"
+#include "tests/support/log_lines.h"
+#include "tests/support/test_client.h"
+#include "tests/support/test_files.h"
+#include "tests/unit/text_test.h"
 
 namespace peltex_test {
 
@@ -42,7 +46,7 @@ class ActingClient : public TestClient {
     std::function<void()> onEnd = [] {};
 };
 
-class ServiceTest : public HandlerTest {
+class ServiceTest : public TextTest {
   protected:
     // Two workers that make one directory at the same time fail one of their tasks, so it is there.
     void SetUp() override { makeDir(tree / "out"); }
@@ -58,29 +62,26 @@ class ServiceTest : public HandlerTest {
     // Ends the copy of a FIFO, whether it has been opened yet or not.
     static void giveUp(const std::string& fifo);
 
-    // Runs steps "VERB [SESSION] [NAME...] [= RESULT]", divided by "; ", each for every name. The
-    // result is 0 unless the step says another; for what queues a task it is 0 for a new one and
-    // "same" for the one of that name.
-    //
-    // | open SESSION [CLIENT]        | with our client, with another of that name, with none for
-    // "-" | | copy, queue, block SESSION . | the copy of a file; of a FIFO; the same, which then
-    // runs      | | split, next, pause SESSION . | a split backup; and a wait for its wait; of
-    // three new slices  | | abort, finish, keepalive SESSION [.], keep SESSION | "keep" waits for
-    // the wait behind it     | | say SESSION LINE             | any other command | | free ., die
-    // CLIENT           | a FIFO                                                        | | end
-    // [CLIENT/].               | the code of the task's last status                            | |
-    // told [CLIENT/].              | all statuses but "processTask start" and progress, sorted | |
-    // workers, waits, there .      | how many there are in the end; whether the file is there |
+    // Runs steps "STEP [= RESULT]; ...", with the results that sessions.md tells of.
     void play(const std::string& script);
+    std::string run(const std::string& command) override;
+
+    std::vector<std::string> errors() const { return messagesOf(log, ANDROID_LOG_ERROR); }
 
     const android::sp<TestClient>& clientOf(const std::string& name);
 
+    TempTree tree;
+    const android::sp<TestClient> client = new TestClient();
+    const android::sp<android::installd::BackupSessionManager> manager =
+        new android::installd::BackupSessionManager();
+    android::host::LogCapture log;
+    ScopedWaits waits{WaitLength::kEndless};
     std::map<std::string, int32_t> sessions;
     std::map<std::string, int32_t> tasks;
 
   private:
-    std::string act(const std::string& verb, const std::string& session, const std::string& name,
-                    const std::string& expected);
+    std::string act(const std::string& verb, const std::string& session, const std::string& name);
+    const android::sp<TestClient>& hearerOf(const std::string& task);
     std::string queued(const std::string& name, int32_t result);
     std::string told(const std::string& name);
     std::string thenWaits(const std::string& verb, const std::string& session,

@@ -10,77 +10,12 @@
 namespace peltex_test {
 namespace {
 
-struct Script {
-    const char* name;
-    const char* steps;
-};
+[[maybe_unused]] const bool kAreRegistered = [] {
+    registerTexts("service/sessions.md", [] { return static_cast<TextTest*>(new ServiceTest()); });
+    return true;
+}();
 
-void PrintTo(const Script& script, std::ostream* out) {
-    *out << script.name;
-}
-
-class ServiceScript : public ServiceTest, public testing::WithParamInterface<Script> {
-  protected:
-    ScopedWaits waits{WaitLength::kEndless};
-};
-
-TEST_P(ServiceScript, Plays) {
-    play(GetParam().steps);
-}
-
-// Of neighbours in the queue every second one survives a session's end: the walk steps over what
-// moves up. An abort is told at once; a plain copy runs to its end all the same, and its worker
-// ends.
-const Script kScripts[] = {
-    {"TwoRunAndTheOldestIsNext",
-     "open s; block s one; workers = 1; block s two; queue s three; copy s four; told three =;"
-     "free two; end two; free three; end three; free one; end one four; workers = 2"},
-    {"TheLatestCallbackHearsOfEverySessionsTasks",
-     "open s; block s one; open t second; free one; end second/one; told one =;"
-     "told second/one = 0 processTask finish; open u -; copy s two; there out/two = 1; told two =;"
-     "open v; copy s three; end three; told second/three ="},
-    {"EqualTasksAreRefusedWhileQueuedOrRunningWhoeverAsks",
-     "open s; open t; block s one two; copy s three; copy s three = -4; copy t three = -4;"
-     "free one two; end one two three; workers = 2"},
-    {"AnAbortTakesAQueuedTaskAwayWithoutAWord",
-     "open s; block s one two; copy s three four; abort s three; abort s three = -1; free one two;"
-     "end one two four; told three =; there out/three"},
-    {"AnAbortOfARunningCopyEndsItsWorkerOnly",
-     "open s; open t; block s one two; abort t one; told one = 2 ; free one; end one; workers = 1;"
-     "free two; end two; copy s three; end three"},
-    {"ATaskQueuedWhileBothWorkersAreLeavingIsServed",
-     "open s; block s one two; abort s one two; copy s three; free one two; end three"},
-    {"FinishDropsEverySecondOfItsOwnNeighbouringTasks",
-     "open s; open t; block s one two; copy t a; copy s b; copy t c d; copy s e f; copy t g;"
-     "finish t; finish t = -1; free one two; end b d e f; finish s; workers = 0; told a c g ="},
-    {"FinishEndsItsOwnWorkerAndTheLastOneAll",
-     "open s; open t; block t one; finish t; told one =; free one; end one; workers = 0;"
-     "copy s two; end two; workers = 1; finish s; workers = 0; open u; copy u three; end three"},
-    {"DeathClosesAllSessionsAndLeavesTasksAlone",
-     "open s second; open t; die second; say s delay 1; block s one two; copy t three; die ;"
-     "say s delay 1 = -1; say t delay 1 = -1; free one two; end one two; workers = 0; told three =;"
-     "open u next; copy u four; end next/four next/three; die next; workers = 0"},
-    {"SlicesAreHandedOverOneByOneUnderOneId",
-     "open s; pause s app; told app = 4 app.tar.0; next s app = same;"
-     "told app = 4 app.tar.0, 4 app.tar.1; split s app = same; end app; waits = 2;"
-     "told app = 0 processTask finish, 4 app.tar.0, 4 app.tar.1, 4 app.tar.2|end"},
-    {"AContinuationWakesTheBackupOfItsOwnPathsAlone",
-     "open s; open t; pause s a; pause s b; next s b = same; split t b = same; end b;"
-     "told a = 4 a.tar.0; split s a = same"},
-    {"AQueuedSplitBackupIsNotContinuedButADuplicate",
-     "open s; block s one two; copy s app/file; split s app; split s app = -4; abort s app"},
-    {"KeepAliveIsForTheSessionsOwnSplitBackup",
-     "open s; open t; block s one; keepalive s = -2; pause s app; keepalive t = -2; keep s"},
-    {"AnAbortEndsThePauseAtOnce",
-     "open s; pause s app; abort s app; end app = -1; waits = 1; there out/app.tar.0 = 1"},
-    {"TheSessionsEndEndsThePauseAtOnce",
-     "open s; open t; pause s app; finish s; end app = -1; workers = 0; waits = 1;"
-     "told app = -1 processTask finish, 4 app.tar.0; copy t one; end one"},
-};
-INSTANTIATE_TEST_SUITE_P(Service, ServiceScript, testing::ValuesIn(kScripts),
-                         [](const auto& script) { return script.param.name; });
-
-TEST_F(ServiceScript, SevenWaitsWithoutAWordAbortTheTaskAndAKeepAliveGivesSixMore) {
+TEST_F(ServiceTest, SevenWaitsWithoutAWordAbortTheTaskAndAKeepAliveGivesSixMore) {
     waits.set(WaitLength::kShort);
     play(
         "open s; pause s app; end app = -1; waits = 7;"
@@ -96,7 +31,7 @@ TEST_F(ServiceScript, SevenWaitsWithoutAWordAbortTheTaskAndAKeepAliveGivesSixMor
 }
 
 // In real seconds; its label keeps it out of everyday runs.
-TEST_F(ServiceScript, RealTime35Seconds) {
+TEST_F(ServiceTest, RealTime35Seconds) {
     constexpr int32_t kTimeOut = 5;
     waits.set(WaitLength::kReal);
     play("open s; pause s app");
@@ -106,7 +41,7 @@ TEST_F(ServiceScript, RealTime35Seconds) {
 }
 
 // Told of a slice, the worker is still busy with it: the answer from inside that call is too early.
-TEST_F(ServiceScript, AContinuationBeforeThePauseIsLost) {
+TEST_F(ServiceTest, AContinuationBeforeThePauseIsLost) {
     const android::sp<ActingClient> early = new ActingClient();
     std::atomic<int32_t> answer{0};
     const int32_t session = manager->startBackupSession(early);
@@ -120,7 +55,7 @@ TEST_F(ServiceScript, AContinuationBeforeThePauseIsLost) {
     EXPECT_EQ(answer, tasks["app"]) << "it pauses all the same";
 }
 
-TEST_F(ServiceScript, ProgressIsTheTotalInStepsOf80KiB) {
+TEST_F(ServiceTest, ProgressIsTheTotalInStepsOf80KiB) {
     writeFile(tree / "app/one", std::string(81919, 'c'));
     writeFile(tree / "app/two", std::string(81919, 'c'));
     writeFile(tree / "app/big", std::string(0x80000, 'c'));
@@ -136,7 +71,7 @@ TEST_F(ServiceScript, ProgressIsTheTotalInStepsOf80KiB) {
 }
 
 // The last reference goes with the callback's replacement, or with a task that it was given.
-TEST_F(ServiceScript, ACallbackIsLetGoWhereItMayCallIn) {
+TEST_F(ServiceTest, ACallbackIsLetGoWhereItMayCallIn) {
     play("open s; block s one two");
     const int32_t session = sessions["s"];
     for (const std::string drop : {"", "abort", "finish", "refuse", "run"}) {
@@ -160,7 +95,7 @@ TEST_F(ServiceScript, ACallbackIsLetGoWhereItMayCallIn) {
 }
 
 // On the worker that is about to end, which has to be there for it or be replaced.
-TEST_F(ServiceScript, ACallbackThatGoesWithItsTaskMayQueueAnother) {
+TEST_F(ServiceTest, ACallbackThatGoesWithItsTaskMayQueueAnother) {
     android::sp<ActingClient> going = new ActingClient();
     std::atomic<int32_t> queued{0};
     writeFile(tree / "next", "x");
@@ -178,7 +113,7 @@ TEST_F(ServiceScript, ACallbackThatGoesWithItsTaskMayQueueAnother) {
 }
 
 // It waits with the manager's lock held, for all statuses of a task that has begun to begin.
-TEST_F(ServiceScript, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
+TEST_F(ServiceTest, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
     const android::sp<ActingClient> waiting = new ActingClient();
     sessions["s"] = manager->startBackupSession(waiting);
     play("queue s one");
@@ -219,7 +154,7 @@ std::vector<int> priorities() {
     return values;
 }
 
-TEST_F(ServiceScript, WorkersRunInTheBackgroundAndArchivesByTheirWeight) {
+TEST_F(ServiceTest, WorkersRunInTheBackgroundAndArchivesByTheirWeight) {
     const int own = getpriority(PRIO_PROCESS, 0);
     play("open s; block s one two; say s setweight t 0");
     const Lines debug = messagesOf(log, ANDROID_LOG_DEBUG);
@@ -258,7 +193,7 @@ TEST_F(ServiceScript, WorkersRunInTheBackgroundAndArchivesByTheirWeight) {
     play("open t");
 }
 
-TEST_F(ServiceScript, TasksThatFailTheirPreChecksAreDroppedWithOneStatus) {
+TEST_F(ServiceTest, TasksThatFailTheirPreChecksAreDroppedWithOneStatus) {
     const std::string file = tree / "file";
     writeFile(file, "x");
     const std::pair<std::string, std::string> rows[] = {
@@ -278,10 +213,10 @@ TEST_F(ServiceScript, TasksThatFailTheirPreChecksAreDroppedWithOneStatus) {
     EXPECT_EQ(client->statuses().size(), std::size(rows));
     tasks["brief"] = execute(sessions["s"], "get_brief dir", "none");
     tasks["move"] = execute(sessions["s"], "move dir " + (tree / "out") + " " + file + "/into s 0");
-    play("end brief move = -1; told brief move = -1 processTask finish");
+    play("end brief move = -1 -1; told brief = -1 processTask finish");
 }
 
-TEST_F(ServiceScript, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
+TEST_F(ServiceTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
     android::sp<android::installd::BackupSessionManager> doomed =
         new android::installd::BackupSessionManager();
     // A reference to an object that is going could be the last and end it on this thread.
@@ -299,13 +234,13 @@ TEST_F(ServiceScript, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
         giveUp(tree / name);
     }
     owner.join();
-    play("told c =");
+    play("told c");
     EXPECT_NE(client->waitForEnd(tasks["b"]), TestClient::kNone);
 }
 
 // The moment in which a worker decides to leave meets the moment in which a new task counts on it:
 // a task that nobody takes is a round that does not end.
-TEST_F(ServiceScript, NoTaskIsLostWhileWorkersLeave) {
+TEST_F(ServiceTest, NoTaskIsLostWhileWorkersLeave) {
     for (int round = 0; round < 2000; ++round) {
         const android::sp<TestClient> own = new TestClient();
         const int32_t session = manager->startBackupSession(own);
