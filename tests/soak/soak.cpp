@@ -68,9 +68,7 @@ class Client {
 
     void act() {
         const Deed& deed = anyDeed();
-        // The workers find much to do at times, and have to wait at others.
-        const size_t most = mLedger.tasks() % 128 < 64 ? 6 * kClients : 1;
-        const bool isFull = mLedger.dropFinished() >= most && below(8) != 0;
+        const bool isFull = mLedger.dropFinished() >= 6 * kClients && below(8) != 0;
         if (isFull && deed.run == &Client::addTask) {
             return std::this_thread::sleep_for(1ms);
         }
@@ -205,12 +203,14 @@ const Client::Deed& Client::anyDeed() {
     }
 }
 
-// Runs one task in a session of its own, to its end.
-void runTask(Ledger& ledger, const char* line) {
+// Runs tasks one after the other in a session of their own: each is there for a worker that waits.
+void runTasks(Ledger& ledger, std::initializer_list<const char*> lines) {
     Client client(ledger, kClients, 0);
-    client.addTask({1, nullptr, line, "1[36]*0"});
-    while (ledger.dropFinished() > 0) {
-        std::this_thread::sleep_for(1ms);
+    for (const char* line : lines) {
+        client.addTask({1, nullptr, line, "1[36]*0"});
+        while (ledger.dropFinished() > 0) {
+            std::this_thread::sleep_for(1ms);
+        }
     }
 }
 
@@ -228,9 +228,8 @@ void makeSources(Ledger& ledger) {
     makeDir(kRoot + "common");
     writeFile(kRoot + "search", "[include]" + kRoot + "app\n[include]" + kRoot +
                                     "big/big\n[exclude]" + kRoot + "app/d\n");
-    runTask(ledger, "backup tar @app @made default 10123");
-    runTask(ledger, "backup dir @app @made default 10123");
-    runTask(ledger, "get_brief dir @app @made/brief default 10123");
+    runTasks(ledger, {"backup tar @app @made default 10123", "backup dir @app @made default 10123",
+                      "get_brief dir @app @made/brief default 10123"});
 }
 
 size_t countOf(const char* directory) {
@@ -262,7 +261,7 @@ int soak(size_t tasks, uint64_t seed) {
         client.join();
     }
     // Behind one more task none of the earlier ones is left. With its session the workers end.
-    runTask(ledger, "move dir @big @last default 10123");
+    runTasks(ledger, {"move dir @big @last default 10123"});
     while (countOf("/proc/self/task") > threads) {
         std::this_thread::sleep_for(1ms);
     }
