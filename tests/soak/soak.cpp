@@ -232,15 +232,21 @@ void makeSources(Ledger& ledger) {
                       "get_brief dir @app @made/brief default 10123"});
 }
 
-size_t countOf(const char* directory) {
+size_t descriptorsNow() {
     return static_cast<size_t>(
-        std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
+        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+bool workersRun() {
+    const fs::directory_iterator threads("/proc/self/task");
+    return std::any_of(begin(threads), end(threads), [](const auto& thread) {
+        return readFile(thread.path() / "comm").rfind("BackupWorker", 0) == 0;
+    });
 }
 
 int soak(size_t tasks, uint64_t seed) {
     writeFile("/data/keep", "keep");
-    const size_t threads = countOf("/proc/self/task");
-    const size_t before = countOf("/proc/self/fd");
+    const size_t before = descriptorsNow();
     // Sessions take ids too; they are fewer than tasks.
     Ledger ledger(2 * tasks + 1000);
     makeSources(ledger);
@@ -262,11 +268,11 @@ int soak(size_t tasks, uint64_t seed) {
     }
     // Behind one more task none of the earlier ones is left. With its session the workers end.
     runTasks(ledger, {"move dir @big @last default 10123"});
-    while (countOf("/proc/self/task") > threads) {
+    while (workersRun()) {
         std::this_thread::sleep_for(1ms);
     }
     const size_t memory = mallinfo2().uordblks;
-    const size_t after = countOf("/proc/self/fd");
+    const size_t after = descriptorsNow();
 
     std::map<std::string, size_t> done;
     size_t streams = 0;
