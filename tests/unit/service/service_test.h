@@ -71,11 +71,11 @@ class ServiceTest : public TextTest {
     const android::sp<TestClient>& clientOf(const std::string& name);
 
     TempTree tree;
+    ScopedWaits waits{WaitLength::kEndless};
     const android::sp<TestClient> client = new TestClient();
     const android::sp<android::installd::BackupSessionManager> manager =
         new android::installd::BackupSessionManager();
     android::host::LogCapture log;
-    ScopedWaits waits{WaitLength::kEndless};
     std::map<std::string, int32_t> sessions;
     std::map<std::string, int32_t> tasks;
 
