@@ -13,12 +13,12 @@ constexpr int64_t kSecond = 1000000000;
 std::atomic<WaitLength> gLength{WaitLength::kReal};
 std::atomic<int> gWaitsBegun{0};
 
-timespec moved(const timespec& deadline) {
+timespec moved(const timespec& deadline, WaitLength length) {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const int64_t present = now.tv_sec * kSecond + now.tv_nsec;
     const int64_t distance = deadline.tv_sec * kSecond + deadline.tv_nsec - present;
-    const bool isShort = gLength == WaitLength::kShort;
+    const bool isShort = length == WaitLength::kShort;
     const int64_t point = present + (isShort ? distance / 100 : distance + 3600 * kSecond);
     return {point / kSecond, point % kSecond};
 }
@@ -45,11 +45,13 @@ __attribute__((used)) int __wrap_pthread_cond_timedwait(pthread_cond_t* conditio
                                                         pthread_mutex_t* mutex,
                                                         const timespec* deadline) {
     using namespace peltex_test;
+    // Before it counts: a length that is set behind a wait that was seen is for later ones alone.
+    const WaitLength length = gLength;
     ++gWaitsBegun;
-    if (gLength == WaitLength::kReal) {
+    if (length == WaitLength::kReal) {
         return __real_pthread_cond_timedwait(condition, mutex, deadline);
     }
-    const timespec other = moved(*deadline);
+    const timespec other = moved(*deadline, length);
     return __real_pthread_cond_timedwait(condition, mutex, &other);
 }
 
