@@ -1,7 +1,10 @@
 #include "tests/unit/service/service_test.h"
 
 #include <algorithm>
+#include <regex>
 #include <sstream>
+
+#include "tests/unit/tree_text.h"
 
 namespace peltex_test {
 
@@ -44,7 +47,9 @@ void ServiceTest::play(const std::string& script) {
 }
 
 std::string ServiceTest::run(const std::string& command) {
-    const std::string others = "free die end told workers waits there gone";
+    const std::string others =
+        "free die end told workers waits there gone length write show id info";
+    const size_t errorsBefore = errors().size();
     std::string results;
     std::istringstream steps(command);
     for (std::string step; std::getline(steps >> std::ws, step, ';');) {
@@ -56,11 +61,19 @@ std::string ServiceTest::run(const std::string& command) {
         if (others.find(verb) == others.npos) {
             words >> session;
         }
-        verb == "say" ? std::getline(words >> std::ws, name) : words >> name;
+        verb == "say" || verb == "type" ? std::getline(words >> std::ws, name) : words >> name;
         do {
             const std::string result = act(verb, session, name);
             results += result == "0" || result.empty() ? "" : " " + result;
         } while (words >> name);
+    }
+    events = errors();
+    events.erase(events.begin(), command.find("say ") == command.npos
+                                     ? events.end()
+                                     : events.begin() + static_cast<long>(errorsBefore));
+    for (std::string& error : events) {
+        error = std::regex_replace(error, std::regex(tree.path()), "@");
+        error = std::regex_replace(error, std::regex("\n"), "\\n");
     }
     return results.empty() ? "" : "=" + results;
 }
@@ -94,7 +107,11 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
     } else if (verb == "abort") {
         result = execute(id, "abort " + std::to_string(tasks[name]));
     } else if (verb == "say") {
-        result = execute(id, name);
+        result = execute(id, std::regex_replace(name, std::regex("@"), tree.path()));
+        if (result > 0) {
+            tasks["said"] = result;
+            return "task";
+        }
     } else if (verb == "keepalive") {
         result = execute(id, verb);
     } else if (verb == "finish") {
@@ -111,6 +128,25 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
         const int32_t count = std::stoi(name);
         const bool isSo = eventually([&] { return manager->checkIsRunning() == count; });
         result = isSo ? 0 : manager->checkIsRunning();
+    } else if (verb == "write") {
+        writeFile(tree / name, "x");
+    } else if (verb == "show") {
+        return shown(tree / name);
+    } else if (verb == "info") {
+        return messagesOf(log, ANDROID_LOG_INFO).back();
+    } else if (verb == "id") {
+        result = tasks[name];
+    } else if (verb == "type") {
+        // Of a name of its own: the last status precedes the moment in which the task is gone.
+        const std::string in = "in" + name.substr(name.find(' ') + 1);
+        writeFile(tree / in + "/file", "x");
+        client->waitForEnd(execute(id, name, in));
+        std::smatch type;
+        const std::string debug = joined(messagesOf(log, ANDROID_LOG_DEBUG), "\n");
+        std::regex_search(debug, type, std::regex("[^]*taskType is (\\d+)"));
+        return type.str(1);
+    } else if (verb == "length") {
+        waits.set(name == "short" ? WaitLength::kShort : WaitLength::kEndless);
     } else if (verb == "waits") {
         result = waitsBegun() - mWaitsBefore;
     } else if (verb == "there" || verb == "gone") {

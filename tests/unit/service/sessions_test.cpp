@@ -15,21 +15,6 @@ namespace {
     return true;
 }();
 
-TEST_F(ServiceTest, SevenWaitsWithoutAWordAbortTheTaskAndAKeepAliveGivesSixMore) {
-    waits.set(WaitLength::kShort);
-    play(
-        "open s; pause s app; end app = -1; waits = 7;"
-        "told app = -1 processTask finish, 4 app.tar.0, 5 timout caused");
-    EXPECT_EQ(messagesOf(log, ANDROID_LOG_INFO)[0],
-              "timeout abort task " + std::to_string(tasks["app"]));
-    waits.set(WaitLength::kEndless);
-    play(
-        "pause s two; keep s; keep s; keep s; keep s; keep s; keep s; keep s; keep s; keep s;"
-        "told two = 4 two.tar.0");
-    waits.set(WaitLength::kShort);
-    play("keep s; end two = -1; waits = 23");
-}
-
 // In real seconds; its label keeps it out of everyday runs.
 TEST_F(ServiceTest, RealTime35Seconds) {
     constexpr int32_t kTimeOut = 5;
@@ -53,21 +38,6 @@ TEST_F(ServiceTest, AContinuationBeforeThePauseIsLost) {
     };
     play("pause s app");
     EXPECT_EQ(answer, tasks["app"]) << "it pauses all the same";
-}
-
-TEST_F(ServiceTest, ProgressIsTheTotalInStepsOf80KiB) {
-    writeFile(tree / "app/one", std::string(81919, 'c'));
-    writeFile(tree / "app/two", std::string(81919, 'c'));
-    writeFile(tree / "app/big", std::string(0x80000, 'c'));
-    play("open s; split s app; end app");
-    long last = 0;
-    for (const Status& status : client->statuses()) {
-        if (status.code == 3) {
-            EXPECT_GE(std::stol(status.message) - last, 81920);
-            last = std::stol(status.message);
-        }
-    }
-    EXPECT_GE(last, 0x80000);
 }
 
 // The last reference goes with the callback's replacement, or with a task that it was given.
@@ -191,29 +161,6 @@ TEST_F(ServiceTest, WorkersRunInTheBackgroundAndArchivesByTheirWeight) {
         EXPECT_TRUE(eventually([&] { return priorities() == std::vector<int>{10, 10, own}; }));
     }
     play("open t");
-}
-
-TEST_F(ServiceTest, TasksThatFailTheirPreChecksAreDroppedWithOneStatus) {
-    const std::string file = tree / "file";
-    writeFile(file, "x");
-    const std::pair<std::string, std::string> rows[] = {
-        {"/etc/passwd " + file, "is_allow_access, /etc/passwd don`t match dataPath."},
-        {file + " /sdcard/x", "is_allow_access, /sdcard/x don`t match dataPath."},
-        {"/data/data/x/../../y " + file, "is_allow_access, illegalpath:/data/data/x/../../y."},
-        {file + "x " + file, "prepareTask error, " + file + "x not exists"},
-    };
-    play("open s");
-    for (const auto& [paths, error] : rows) {
-        SCOPED_TRACE(paths);
-        log.clear();
-        tasks["t"] = execute(sessions["s"], "backup file " + paths + " s 0");
-        play("end t = -1; told t = -1 prepareTask error");
-        EXPECT_EQ(errors(), Lines{error});
-    }
-    EXPECT_EQ(client->statuses().size(), std::size(rows));
-    tasks["brief"] = execute(sessions["s"], "get_brief dir", "none");
-    tasks["move"] = execute(sessions["s"], "move dir " + (tree / "out") + " " + file + "/into s 0");
-    play("end brief move = -1 -1; told brief = -1 processTask finish");
 }
 
 TEST_F(ServiceTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
