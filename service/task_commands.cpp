@@ -1,5 +1,5 @@
 // The command language: one line of text becomes an action at once or a task in the queue.
-// Tested by tests/unit/service/commands_test.cpp.
+// Tested by tests/unit/service/commands.md and commands_test.cpp.
 #define LOG_TAG "BackupSessionManager"
 
 #include <log/log.h>
