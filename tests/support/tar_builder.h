@@ -1,11 +1,10 @@
-// Archives byte by byte, crafted ones included, and a plain reader for those that are packed.
+// Archives byte by byte, crafted ones included.
 #pragma once
 
 #include <stdint.h>
 #include <stdio.h>
 
 #include <string>
-#include <vector>
 
 namespace peltex_test {
 
@@ -64,22 +63,6 @@ inline std::string entry(char type, const std::string& name, const std::string& 
 // A record of type 'L' or 'K' with the name or target of the entry behind it.
 inline std::string longRecord(char type, const std::string& text) {
     return entry(type, "././@LongLink", text + '\0');
-}
-
-// "TYPE NAME SIZE" of each header, "TYPE TEXT" of each long-name record, up to what is no header.
-inline std::vector<std::string> headersOf(const std::string& archive) {
-    std::vector<std::string> headers;
-    for (size_t at = 0;
-         at + kBlock <= archive.size() && archive.compare(at + 257, 5, "ustar") == 0;) {
-        const std::string name = archive.substr(at, 100).c_str();
-        const size_t size = std::stoul(archive.substr(at + 124, 12), nullptr, 8);
-        const char type = archive[at + 156];
-        const bool isRecord = type == 'L' || type == 'K';
-        headers.push_back(std::string{type, ' '} + (isRecord ? archive.c_str() + at + kBlock
-                                                             : name + " " + std::to_string(size)));
-        at += kBlock + (size + kBlock - 1) / kBlock * kBlock;
-    }
-    return headers;
 }
 
 }  // namespace peltex_test

@@ -57,8 +57,13 @@ std::string cut(Transcript& t, const Lines& words) {
     t.events.clear();
     std::string result = "=";
     for (int number = 0; exists(slice + std::to_string(number)); ++number) {
-        for (const std::string& header : headersOf(readFile(slice + std::to_string(number)))) {
-            result += std::string(" ") + header[0] + ":" + header.substr(header.rfind(' ') + 1);
+        const std::string bytes = readFile(slice + std::to_string(number));
+        for (size_t at = 0; bytes.compare(at + offsetof(tar_header, magic), 5, "ustar") == 0;) {
+            const std::string digits = bytes.substr(at + offsetof(tar_header, size), 12);
+            const size_t content = std::stoul(digits, nullptr, 8);
+            result += std::string(" ") + bytes[at + offsetof(tar_header, typeflag)] + ":" +
+                      std::to_string(content);
+            at += kBlock + (content + kBlock - 1) / kBlock * kBlock;
         }
         result += " |";
     }
