@@ -20,7 +20,6 @@
 #include "tar/untar_file.h"
 #include "tests/fuzz/target.h"
 #include "tests/support/jail.h"
-#include "tests/support/recording_callback.h"
 #include "tests/support/tar_builder.h"
 #include "tests/support/test_files.h"
 
@@ -50,6 +49,23 @@ enum Option {
 struct Part {
     size_t at;
     size_t size;
+};
+
+// Aborts at one of the questions.
+class CallBack : public TarCallBack {
+  public:
+    explicit CallBack(int asksUntilAbort) : mAsks(asksUntilAbort) {}
+    bool IsAborted() override {
+        mIsAborted = mIsAborted || (mAsks > 0 && --mAsks == 0);
+        return mIsAborted;
+    }
+    void OnTaskProgress(unsigned long /*bytes*/) override {}
+    void OnPackagedOneSplitTar(const char* /*sliceInfo*/) override {}
+    void WaitTaskLocked() override {}
+
+  private:
+    int mAsks;
+    bool mIsAborted = false;
 };
 
 Snapshot gRoot;
@@ -99,8 +115,7 @@ std::string withSizes(std::string text, const std::vector<Part>& slices) {
 }
 
 void use(const std::string& input, const std::string& path) {
-    RecordingCallBack callBack;
-    callBack.asksUntilAbort = static_cast<unsigned char>(input[1]);
+    CallBack callBack(static_cast<unsigned char>(input[1]));
     UnTarFile archive(path.c_str(), (input[0] & kNoCallBack) != 0 ? nullptr : &callBack);
     const uint32_t uid = (input[0] & kMapOwners) != 0 ? 10123 : 0;
     int result = 0;

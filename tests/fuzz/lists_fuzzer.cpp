@@ -15,9 +15,9 @@
 #include "brief/search_rules.h"
 #include "handlers/brief_handlers.h"
 #include "handlers/by_list_handler.h"
+#include "task/backup_task.h"
 #include "tests/fuzz/target.h"
 #include "tests/support/jail.h"
-#include "tests/support/task_maker.h"
 #include "tests/support/test_files.h"
 
 namespace peltex_fuzz {
@@ -54,6 +54,12 @@ void makeRoot() {
     makeDir(kDestination);
     writeFile(kInput, "");
     gRoot = snapshotOf("/");
+}
+
+android::sp<BackupTask> makeTask(BackupTaskType type, const char* source, const char* destination) {
+    const std::string words[kCommandWords] = {"cmd",     "option", source, destination,
+                                              "default", "10123",  ""};
+    return new BackupTask(100, 101, type, nullptr, words);
 }
 
 bool contains(const std::string& text, const std::string& part) {

@@ -7,7 +7,6 @@
 
 #include "tar/tar_file.h"
 #include "tests/support/jail.h"
-#include "tests/support/recording_callback.h"
 #include "tests/support/tar_builder.h"
 #include "tests/support/test_files.h"
 
@@ -30,7 +29,7 @@ void packSeeds(const std::string& root, const std::string& dir) {
     writeFile(root + "/d/file", "content");
     writeFile(root + "/" + std::string(120, 'n'), std::string(600, 'c'), 04755);
     makeLink(std::string(150, 't'), root + "/link");
-    RecordingCallBack callBack;
+    NoCallBack callBack;
     std::string words[TarFile::kSplitArguments] = {"", "", "", "", "1", "default", "0"};
     if (!TarFile(&callBack).PackDir(root.c_str(), (root + ".tar").c_str()) ||
         !TarFile(&callBack, 0).PackSplitDir(root, root + ".set", words, 0)) {

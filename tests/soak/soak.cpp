@@ -27,9 +27,9 @@
 #include <thread>
 
 #include "tests/soak/ledger.h"
-#include "tests/support/fast_waits.h"
 #include "tests/support/jail.h"
 #include "tests/support/test_files.h"
+#include "tests/support/wrapped_calls.h"
 
 namespace {
 
@@ -221,7 +221,7 @@ void makeSources(Ledger& ledger) {
     writeFile(kRoot + "app/code.dex", "code");
     writeFile(kRoot + "app/d/nested", std::string(3000, 'x'));
     makeLink("small", kRoot + "app/link");
-    makeFifo(kRoot + "app/fifo");
+    makeNode(kRoot + "app/fifo", S_IFIFO);
     writeFile(kRoot + "big/big", std::string(1200000, 'x'));
     writeFile(kRoot + "big/behind", std::string(200000, 'x'));
     makeDir(kRoot + "made");
@@ -314,7 +314,7 @@ int main(int argc, char** argv) {
     signal(SIGALRM, [](int /*unused*/) { fail("soak: nothing moves any more"); });
     __android_log_set_logger([](const __android_log_message* /*unused*/) {});
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-    const ScopedWaits shortWaits(WaitLength::kShort);
+    setWaits(WaitLength::kShort);
     return soak(argc > 1 ? strtoull(argv[1], nullptr, 10) : 10000,
                 argc > 2 ? strtoull(argv[2], nullptr, 10) : 1);
 }

@@ -30,15 +30,15 @@ class TestClient : public android::os::IBackupSessionCallback {
     using Listener = std::function<void(const Status& status)>;
 
     TestClient() = default;
-    // Tells the listener, on the thread that the status comes from, instead of keeping anything.
-    explicit TestClient(Listener listener) : mListener(std::move(listener)) {}
+    // Keeps nothing.
+    explicit TestClient(Listener listener) : onStatus(std::move(listener)), mKeeps(false) {}
+    ~TestClient() override { onEnd(); }
 
     android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
                                                 const std::string& message) override {
         const Status status = {session, task, code, message};
-        if (mListener) {
-            mListener(status);
-        } else {
+        onStatus(status);
+        if (mKeeps) {
             const std::lock_guard<std::mutex> lock(mMutex);
             mStatuses.push_back(status);
             mChanged.notify_all();
@@ -46,7 +46,10 @@ class TestClient : public android::os::IBackupSessionCallback {
         return android::binder::Status::ok();
     }
 
-    const android::sp<android::host::LocalBinder>& binder() const { return mBinder; }
+    // Called on the thread that a status comes from, before it is kept; and when the client goes.
+    Listener onStatus = [](const Status& /*status*/) {};
+    std::function<void()> onEnd = [] {};
+
     void die() { mBinder->notifyDeath(); }
 
     std::vector<Status> statuses() const {
@@ -88,7 +91,7 @@ class TestClient : public android::os::IBackupSessionCallback {
     android::IBinder* onAsBinder() override { return mBinder.get(); }
 
   private:
-    const Listener mListener;
+    const bool mKeeps = true;
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
     std::vector<Status> mStatuses;

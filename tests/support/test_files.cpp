@@ -1,12 +1,12 @@
 #include "tests/support/test_files.h"
 
 #include <errno.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "tests/support/jail.h"
@@ -27,11 +27,6 @@ void makeParent(const std::string& path) {
     fs::create_directories(fs::path(path).parent_path());
 }
 
-void makeNode(const std::string& path, mode_t type) {
-    makeParent(path);
-    expect(mknod(path.c_str(), type | 0644, 0) == 0, path);
-}
-
 Entry entryAt(const std::string& path) {
     const mode_t type = statOf(path).st_mode & S_IFMT;
     return {type, ownerAndMode(path),
@@ -49,10 +44,9 @@ void makeDir(const std::string& path, mode_t mode) {
 
 void writeFile(const std::string& path, const std::string& content, mode_t mode) {
     makeParent(path);
-    FILE* file = fopen(path.c_str(), "we");
-    expect(file != nullptr, path);
-    const bool isWritten = fwrite(content.data(), 1, content.size(), file) == content.size();
-    expect(fclose(file) == 0 && isWritten, path);
+    std::ofstream file(path, std::ios::binary);
+    file << content << std::flush;
+    expect(file.good(), path);
     expect(chmod(path.c_str(), mode) == 0, path);
 }
 
@@ -61,12 +55,9 @@ void makeLink(const std::string& target, const std::string& path) {
     fs::create_symlink(target, path);
 }
 
-void makeFifo(const std::string& path) {
-    makeNode(path, S_IFIFO);
-}
-
-void makeSocket(const std::string& path) {
-    makeNode(path, S_IFSOCK);
+void makeNode(const std::string& path, mode_t type) {
+    makeParent(path);
+    expect(mknod(path.c_str(), type | 0644, 0) == 0, path);
 }
 
 void emptyDir(const std::string& path) {
@@ -76,16 +67,9 @@ void emptyDir(const std::string& path) {
 }
 
 std::string readFile(const std::string& path) {
-    std::string content;
-    FILE* file = fopen(path.c_str(), "re");
-    char piece[1 << 16];
-    while (file != nullptr && !feof(file) && !ferror(file)) {
-        content.append(piece, fread(piece, 1, sizeof(piece), file));
-    }
-    if (file != nullptr) {
-        fclose(file);
-    }
-    return content;
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 bool exists(const std::string& path) {
@@ -98,10 +82,6 @@ struct stat statOf(const std::string& path) {
     return status;
 }
 
-mode_t modeOf(const std::string& path) {
-    return statOf(path).st_mode & 07777;
-}
-
 std::string ownerAndMode(const std::string& path) {
     const struct stat status = statOf(path);
     std::ostringstream text;
@@ -109,8 +89,8 @@ std::string ownerAndMode(const std::string& path) {
     return text.str();
 }
 
-std::vector<std::string> listTree(const std::string& path) {
-    std::vector<std::string> names;
+Lines listTree(const std::string& path) {
+    Lines names;
     for (const auto& entry : fs::recursive_directory_iterator(path)) {
         const bool isDirectory = entry.is_directory() && !entry.is_symlink();
         names.push_back(entry.path().string().substr(path.size() + 1) + (isDirectory ? "/" : ""));
@@ -128,8 +108,8 @@ Snapshot snapshotOf(const std::string& directory) {
     return entries;
 }
 
-std::vector<std::string> changesBetween(const Snapshot& before, const Snapshot& after) {
-    std::vector<std::string> changes;
+Lines changesBetween(const Snapshot& before, const Snapshot& after) {
+    Lines changes;
     for (const auto& [path, entry] : before) {
         const auto now = after.find(path);
         if (now == after.end()) {

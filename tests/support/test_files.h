@@ -10,23 +10,23 @@
 
 namespace peltex_test {
 
+using Lines = std::vector<std::string>;
+
 void makeDir(const std::string& path, mode_t mode = 0755);
 void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 void makeLink(const std::string& target, const std::string& path);
-void makeFifo(const std::string& path);
-void makeSocket(const std::string& path);
+void makeNode(const std::string& path, mode_t type);
 void emptyDir(const std::string& path);  // follows no links
 
 std::string readFile(const std::string& path);  // empty where there is none
 bool exists(const std::string& path);           // of the entry itself: a dangling link exists
 struct stat statOf(const std::string& path);
-mode_t modeOf(const std::string& path);
 
 // "uid:gid mode" in decimal and octal, "10123:10123 771".
 std::string ownerAndMode(const std::string& path);
 
 // Names of everything below `path`, relative to it and sorted; directories end in '/'.
-std::vector<std::string> listTree(const std::string& path);
+Lines listTree(const std::string& path);
 
 // What stands below a directory, itself as ".", by relative path.
 struct Entry {
@@ -38,7 +38,7 @@ using Snapshot = std::map<std::string, Entry>;
 Snapshot snapshotOf(const std::string& directory);
 
 // "PATH: made", ": removed", ": replaced" by another type, ": written" or ": UID:GID MODE".
-std::vector<std::string> changesBetween(const Snapshot& before, const Snapshot& after);
+Lines changesBetween(const Snapshot& before, const Snapshot& after);
 
 // A fresh directory under `parent`, removed with all it holds when the object goes.
 class TempTree {

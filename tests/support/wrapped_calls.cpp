@@ -1,10 +1,15 @@
-#include "tests/support/fast_waits.h"
+#include "tests/support/wrapped_calls.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <string.h>
 #include <time.h>
 
 #include <atomic>
+
+#include "tests/support/jail.h"
 
 namespace peltex_test {
 namespace {
@@ -25,7 +30,7 @@ timespec moved(const timespec& deadline, WaitLength length) {
 
 }  // namespace
 
-void ScopedWaits::set(WaitLength length) {
+void setWaits(WaitLength length) {
     gLength = length;
 }
 
@@ -53,6 +58,17 @@ __attribute__((used)) int __wrap_pthread_cond_timedwait(pthread_cond_t* conditio
     }
     const timespec other = moved(*deadline, length);
     return __real_pthread_cond_timedwait(condition, mutex, &other);
+}
+
+FILE* __real_fopen(const char* path, const char* mode);
+
+__attribute__((used)) FILE* __wrap_fopen(const char* path, const char* mode) {
+    FILE* stream = __real_fopen(path, mode);
+    const bool isData = strncmp(path, "/data/", strlen("/data/")) == 0;
+    if (stream != nullptr && isData && (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) == 0) {
+        peltex_test::fail("%s would stay open in another program", path);
+    }
+    return stream;
 }
 
 }  // extern "C"

@@ -1,7 +1,8 @@
-// The clock of timed waits, for tests of what happens after many seconds. The test program is
-// linked with pthread_cond_timedwait wrapped; the product's own calls arrive here.
+// System calls of the product that come by here, as the test programs are linked with them wrapped.
 //
-// Waits are real ones unless a test says otherwise. Safe from any thread.
+// Timed waits, for tests of what happens after many seconds: real ones unless a test says
+// otherwise. Safe from any thread. Streams, of which one below /data that another program would
+// inherit ends the test: the daemon starts others.
 #pragma once
 
 namespace peltex_test {
@@ -12,16 +13,8 @@ enum class WaitLength {
     kEndless,  // an hour more: only a broadcast ends it
 };
 
-// Sets the length of the waits that begin during its lifetime.
-class ScopedWaits {
-  public:
-    explicit ScopedWaits(WaitLength length) { set(length); }
-    ~ScopedWaits() { set(WaitLength::kReal); }
-    ScopedWaits(const ScopedWaits&) = delete;
-    ScopedWaits& operator=(const ScopedWaits&) = delete;
-
-    void set(WaitLength length);
-};
+// Of the waits that begin from now on.
+void setWaits(WaitLength length);
 
 // Timed waits that have begun in this process, whatever their length. A wait is counted under the
 // mutex that it gives up: who holds that mutex and sees the count finds the waiter waiting.

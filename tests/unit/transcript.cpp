@@ -1,5 +1,6 @@
 #include "tests/unit/transcript.h"
 
+#include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <host/log_tap.h>

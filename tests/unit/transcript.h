@@ -19,7 +19,6 @@
 #include <string>
 
 #include "service/backup_session_manager.h"
-#include "tests/support/log_lines.h"
 #include "tests/support/test_client.h"
 #include "tests/unit/text_test.h"
 #include "tests/unit/tree_text.h"

@@ -65,9 +65,9 @@ void makeEntry(const std::string& root, const Word& word) {
         case '>':
             return makeLink(word.rest, path);
         case '|':
-            return makeFifo(path);
+            return makeNode(path, S_IFIFO);
         case '!':
-            return makeSocket(path);
+            return makeNode(path, S_IFSOCK);
         case '&':
             makeDir(std::filesystem::path(path).parent_path());
             return std::filesystem::create_hard_link(root + "/" + word.rest, path);

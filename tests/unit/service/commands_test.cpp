@@ -40,7 +40,7 @@ TEST_F(ServiceTest, WordsAreSeparatedInTheCallersOwnString) {
     play("open s");
     EXPECT_EQ(manager->executeBackupTask(sessions["s"], line), 0);
     EXPECT_EQ(line, std::string("  delay\0 1\0", 11));
-    EXPECT_EQ(messagesOf(log, ANDROID_LOG_DEBUG).at(5), "BackupSessionManager args[1] is 1");
+    EXPECT_EQ(logged(ANDROID_LOG_DEBUG).at(5), "BackupSessionManager args[1] is 1");
 }
 
 TEST(PriorityByWeight, FallsFromTenToNineteenAndRoundsAtTheHalf) {

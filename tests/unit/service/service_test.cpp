@@ -10,7 +10,7 @@ namespace peltex_test {
 
 void ServiceTest::TearDown() {
     // A split backup that pauses behind the end of its session is not woken by it.
-    waits.set(WaitLength::kShort);
+    setWaits(WaitLength::kShort);
     for (const auto& [name, session] : sessions) {
         manager->finishBackupSession(session);
     }
@@ -28,6 +28,16 @@ void ServiceTest::giveUp(const std::string& fifo) {
     const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
     unlink(fifo.c_str());
     close(writer);
+}
+
+Lines ServiceTest::logged(int priority) const {
+    Lines messages;
+    for (const auto& line : log.lines()) {
+        if (line.priority == priority) {
+            messages.push_back(line.message);
+        }
+    }
+    return messages;
 }
 
 const android::sp<TestClient>& ServiceTest::clientOf(const std::string& name) {
@@ -93,7 +103,7 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
         writeFile(tree / name, name);
         return queued(name, execute(id, "backup file", name));
     } else if (verb == "queue" || verb == "block") {
-        makeFifo(tree / name);
+        makeNode(tree / name, S_IFIFO);
         mFifos.push_back(tree / name);
         const std::string answer = queued(name, execute(id, "backup file", name));
         return verb == "queue" || clientOf(mHears)->waitFor(tasks[name], 1) == 1 ? answer : "none";
@@ -133,7 +143,7 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
     } else if (verb == "show") {
         return shown(tree / name);
     } else if (verb == "info") {
-        return messagesOf(log, ANDROID_LOG_INFO).back();
+        return logged(ANDROID_LOG_INFO).back();
     } else if (verb == "id") {
         result = tasks[name];
     } else if (verb == "type") {
@@ -142,11 +152,11 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
         writeFile(tree / in + "/file", "x");
         client->waitForEnd(execute(id, name, in));
         std::smatch type;
-        const std::string debug = joined(messagesOf(log, ANDROID_LOG_DEBUG), "\n");
+        const std::string debug = joined(logged(ANDROID_LOG_DEBUG), "\n");
         std::regex_search(debug, type, std::regex("[^]*taskType is (\\d+)"));
         return type.str(1);
     } else if (verb == "length") {
-        waits.set(name == "short" ? WaitLength::kShort : WaitLength::kEndless);
+        setWaits(name == "short" ? WaitLength::kShort : WaitLength::kEndless);
     } else if (verb == "waits") {
         result = waitsBegun() - mWaitsBefore;
     } else if (verb == "there" || verb == "gone") {

@@ -2,7 +2,9 @@
 // are told something, and steps of it all, which sessions.md explains.
 #pragma once
 
+#include <android/log.h>
 #include <fcntl.h>
+#include <host/log_capture.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,10 +15,9 @@
 #include <vector>
 
 #include "service/backup_session_manager.h"
-#include "tests/support/fast_waits.h"
-#include "tests/support/log_lines.h"
 #include "tests/support/test_client.h"
 #include "tests/support/test_files.h"
+#include "tests/support/wrapped_calls.h"
 #include "tests/unit/text_test.h"
 
 namespace peltex_test {
@@ -32,24 +33,15 @@ inline bool eventually(const std::function<bool()>& condition) {
     return false;
 }
 
-// Acts on the thread that tells it, before it keeps what it was told; and when it goes.
-class ActingClient : public TestClient {
+class ServiceTest : public TextTest {
   public:
-    ~ActingClient() override { onEnd(); }
-    android::binder::Status onTaskStatusChanged(int32_t session, int32_t task, int32_t code,
-                                                const std::string& message) override {
-        onStatus(task, code);
-        return TestClient::onTaskStatusChanged(session, task, code, message);
+    // Two workers that make one directory at the same time fail one of their tasks, so it is there.
+    ServiceTest() {
+        makeDir(tree / "out");
+        setWaits(WaitLength::kEndless);
     }
 
-    std::function<void(int32_t task, int32_t code)> onStatus = [](int32_t, int32_t) {};
-    std::function<void()> onEnd = [] {};
-};
-
-class ServiceTest : public TextTest {
   protected:
-    // Two workers that make one directory at the same time fail one of their tasks, so it is there.
-    void SetUp() override { makeDir(tree / "out"); }
     // Ends what a test has left paused or blocked: the manager waits for its workers.
     void TearDown() override;
 
@@ -66,12 +58,13 @@ class ServiceTest : public TextTest {
     void play(const std::string& script);
     std::string run(const std::string& command) override;
 
-    std::vector<std::string> errors() const { return messagesOf(log, ANDROID_LOG_ERROR); }
+    // What was logged with a priority.
+    Lines logged(int priority) const;
+    Lines errors() const { return logged(ANDROID_LOG_ERROR); }
 
     const android::sp<TestClient>& clientOf(const std::string& name);
 
     TempTree tree;
-    ScopedWaits waits{WaitLength::kEndless};
     const android::sp<TestClient> client = new TestClient();
     const android::sp<android::installd::BackupSessionManager> manager =
         new android::installd::BackupSessionManager();

@@ -18,7 +18,7 @@ namespace {
 // In real seconds; its label keeps it out of everyday runs.
 TEST_F(ServiceTest, RealTime35Seconds) {
     constexpr int32_t kTimeOut = 5;
-    waits.set(WaitLength::kReal);
+    setWaits(WaitLength::kReal);
     play("open s; pause s app");
     EXPECT_EQ(client->waitFor(tasks["app"], kTimeOut, std::chrono::seconds(30)), TestClient::kNone);
     EXPECT_EQ(client->waitFor(tasks["app"], kTimeOut), kTimeOut);
@@ -27,12 +27,12 @@ TEST_F(ServiceTest, RealTime35Seconds) {
 
 // Told of a slice, the worker is still busy with it: the answer from inside that call is too early.
 TEST_F(ServiceTest, AContinuationBeforeThePauseIsLost) {
-    const android::sp<ActingClient> early = new ActingClient();
+    const android::sp<TestClient> early = new TestClient();
     std::atomic<int32_t> answer{0};
     const int32_t session = manager->startBackupSession(early);
     sessions["s"] = session;
-    early->onStatus = [&](int32_t, int32_t code) {
-        if (code == 4 && answer == 0) {
+    early->onStatus = [&](const Status& status) {
+        if (status.code == 4 && answer == 0) {
             answer = execute(session, "backup split", "app");
         }
     };
@@ -47,7 +47,7 @@ TEST_F(ServiceTest, ACallbackIsLetGoWhereItMayCallIn) {
     for (const std::string drop : {"", "abort", "finish", "refuse", "run"}) {
         SCOPED_TRACE(drop);
         std::atomic<int32_t> answer{-1};
-        android::sp<ActingClient> going = new ActingClient();
+        android::sp<TestClient> going = new TestClient();
         going->onEnd = [&] { answer = execute(session, "delay 1"); };
         sessions["own"] = manager->startBackupSession(going);
         going.clear();
@@ -66,7 +66,7 @@ TEST_F(ServiceTest, ACallbackIsLetGoWhereItMayCallIn) {
 
 // On the worker that is about to end, which has to be there for it or be replaced.
 TEST_F(ServiceTest, ACallbackThatGoesWithItsTaskMayQueueAnother) {
-    android::sp<ActingClient> going = new ActingClient();
+    android::sp<TestClient> going = new TestClient();
     std::atomic<int32_t> queued{0};
     writeFile(tree / "next", "x");
     play("open s");
@@ -84,7 +84,7 @@ TEST_F(ServiceTest, ACallbackThatGoesWithItsTaskMayQueueAnother) {
 
 // It waits with the manager's lock held, for all statuses of a task that has begun to begin.
 TEST_F(ServiceTest, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
-    const android::sp<ActingClient> waiting = new ActingClient();
+    const android::sp<TestClient> waiting = new TestClient();
     sessions["s"] = manager->startBackupSession(waiting);
     play("queue s one");
     const int32_t first = tasks["one"];
@@ -92,11 +92,11 @@ TEST_F(ServiceTest, ACallbackThatWaitsHoldsUpNoOtherWorkersStatuses) {
     std::atomic<bool> hasBegun{false};
     std::atomic<bool> isAborting{false};
     std::atomic<int32_t> end{TestClient::kNone};
-    waiting->onStatus = [&](int32_t task, int32_t code) {
-        if (task == first && code == 2) {
+    waiting->onStatus = [&](const Status& status) {
+        if (status.task == first && status.code == 2) {
             isAborting = true;
             end = waiting->waitForEnd(first + 1);
-        } else if (task != first && code == 1) {
+        } else if (status.task != first && status.code == 1) {
             hasBegun = true;
             eventually([&] { return isAborting.load(); });
         }
@@ -127,21 +127,21 @@ std::vector<int> priorities() {
 TEST_F(ServiceTest, WorkersRunInTheBackgroundAndArchivesByTheirWeight) {
     const int own = getpriority(PRIO_PROCESS, 0);
     play("open s; block s one two; say s setweight t 0");
-    const Lines debug = messagesOf(log, ANDROID_LOG_DEBUG);
+    const Lines debug = logged(ANDROID_LOG_DEBUG);
     const std::string start = "BackupSessionManager start BackupWorker thread BackupWorkerThread_";
     EXPECT_EQ(std::count(debug.begin(), debug.end(), start), 1) << "named by the index as a byte";
     EXPECT_EQ(std::count(debug.begin(), debug.end(), start + '\1'), 1);
     EXPECT_EQ(priorities(), (std::vector<int>{10, 10, own})) << "of archives only";
     play("free two; end two");
 
-    const android::sp<ActingClient> acting = new ActingClient();
+    const android::sp<TestClient> acting = new TestClient();
     std::atomic<int> phase{0};
     std::vector<int> atTheEnd;
-    acting->onStatus = [&](int32_t, int32_t code) {
-        if (code == 1) {
+    acting->onStatus = [&](const Status& status) {
+        if (status.code == 1) {
             phase = 1;
             eventually([&] { return phase == 2; });
-        } else if (code == 0) {
+        } else if (status.code == 0) {
             atTheEnd = priorities();
         }
     };
@@ -170,7 +170,7 @@ TEST_F(ServiceTest, ADestroyedManagerTakesNothingMoreAndWaitsForItsWorkers) {
     const android::installd::BackupSessionManager* const going = doomed.get();
     const int32_t id = doomed->startBackupSession(client);
     for (const std::string name : {"a", "b", "c"}) {
-        makeFifo(tree / name);
+        makeNode(tree / name, S_IFIFO);
         tasks[name] = doomed->executeBackupTask(
             id, "backup file " + (tree / name) + " " + (tree / "out") + " s 0");
     }
