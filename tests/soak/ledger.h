@@ -2,7 +2,6 @@
 // that hold between the two. Safe from any thread.
 #pragma once
 
-#include <limits.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,7 +69,7 @@ struct Job {
 class Ledger {
   public:
     // Room for this many ids: it is taken at once, so that memory stays level from then on.
-    explicit Ledger(size_t ids) : mEntries(ids) { mTaken.reserve(ids); }
+    explicit Ledger(size_t ids) : mEntries(ids) {}
 
     void check(bool isRight, int32_t id, const std::string& rule) {
         if (!isRight) {
@@ -164,19 +163,8 @@ class Ledger {
 
     // When all is over. Returns how many faults there were.
     int verify() {
-        bool isUsed = false;
-        for (size_t i = mEntries.size(); i-- > 0;) {
-            isUsed = isUsed || mEntries[i].kind != nullptr;
-            verify(kFirstId + static_cast<int32_t>(i), mEntries[i], isUsed);
-        }
-        // Tasks are taken in the order of their ids. A worker tells that it took one a moment after
-        // it did, so one older task at a time may be told late.
-        int32_t oldest = INT_MAX;  // of those that were told later
-        int32_t second = INT_MAX;
-        for (auto task = mTaken.rbegin(); task != mTaken.rend(); ++task) {
-            check(*task < second, *task, "the oldest task comes first");
-            second = std::min(second, std::max(oldest, *task));
-            oldest = std::min(oldest, *task);
+        for (size_t i = 0; i < mEntries.size(); ++i) {
+            verify(kFirstId + static_cast<int32_t>(i), mEntries[i]);
         }
         return mFaults;
     }
@@ -234,7 +222,6 @@ class Ledger {
         }
         check(entry.told.size() < 100, status.task, "a task comes to its end");
         if (letter == '1' || letter == 'p') {
-            mTaken.push_back(status.task);
             mNewest = std::max(mNewest, status.task);
         }
         mRunning += letter == '1' ? 1 : letter == '0' || letter == 'f' ? -1 : 0;
@@ -242,10 +229,9 @@ class Ledger {
         entry.isDisturbed |= entry.hasEnded() && at(status.session).isClosed;
     }
 
-    void verify(int32_t id, const Entry& entry, bool isUsed) {
+    void verify(int32_t id, const Entry& entry) {
         const bool isQuiet = entry.told.empty();
         const bool isTask = entry.kind != nullptr && *entry.kind != '\0';
-        check(isUsed == (entry.kind != nullptr), id, "no id is left out");
         check(isTask || (isQuiet && entry.quietAborts == 0), id, "tasks are told of and aborted");
         check(std::regex_match(entry.told, kTask), id, "statuses have an order: " + entry.told);
         check(entry.quietAborts == 0 || (entry.quietAborts == 1 && isQuiet), id,
@@ -291,8 +277,7 @@ class Ledger {
     std::mutex mLock;
     // Guarded by mLock.
     std::vector<Entry> mEntries;   // by id
-    std::vector<int32_t> mTaken;   // tasks, as workers told that they took them
-    int32_t mNewest = 0;           // of those
+    int32_t mNewest = 0;           // of the tasks that a worker told it took
     std::map<int32_t, Job> mJobs;  // what may still run
     std::map<const char*, std::regex> mPatterns;
     int mRunning = 0;

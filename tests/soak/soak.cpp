@@ -7,13 +7,14 @@
 // and close sessions, and die. The waits of a paused split backup are a hundredth of the real ones.
 // What is looked for:
 //
-//   every accepted task ends once, or goes while it is queued: by an abort, or with its session
-//   undisturbed tasks are told what their kind is told; statuses come in their order, with their
-//   texts two tasks run at most, the oldest first; ids are given once and none is left out an equal
-//   task is refused; a death closes all sessions, and nothing else does but their clients something
-//   always moves: a minute of silence ends the program memory and descriptors are at the end what
-//   they were after the first fifth; only a directory's
-//     brief keeps a stream; nothing outside the allowed areas has changed
+// - Every accepted task ends once, or goes while it is queued: by an abort, or with its session.
+// - Undisturbed tasks are told what their kind is told; statuses come in their order and texts.
+// - Two tasks run at most, and an id is given once.
+// - An equal task is refused.
+// - A death closes all sessions, and nothing else does but their clients.
+// - Something always moves: a minute of silence ends the program.
+// - Memory and descriptors are at the end what they were; only a directory's brief keeps a stream.
+// - Nothing outside the allowed areas has changed.
 //
 // The seed chooses each client's commands; how they meet is up to the scheduler. Runs as root in
 // the throw-away root of scripts/sandbox.sh: scripts/soak.sh starts it there.
@@ -283,16 +284,13 @@ int soak(size_t tasks, uint64_t seed) {
     }
     printf(
         "%zu tasks, seed %llu; descriptors: %zu, then %zu and %zu of briefs; memory: %zu KiB after "
-        "the first fifth, %zu at the end; done of each kind:",
+        "the first fifth, %zu at the end\n",
         ledger.tasks(), static_cast<unsigned long long>(seed), before, after - streams, streams,
         warm / 1024, memory / 1024);
     for (const Client::Deed& deed : Client::kDeeds) {
-        if (deed.told != nullptr && deed.told[0] == '1') {
-            printf(" %zu", done[deed.line]);
-            ledger.check(done[deed.line] > 0, 0, "one is done: " + std::string(deed.line));
-        }
+        const bool mustBe = deed.told != nullptr && deed.told[0] == '1';
+        ledger.check(!mustBe || done[deed.line] > 0, 0, "one is done: " + std::string(deed.line));
     }
-    printf("\n");
     ledger.check(after == before + streams, 0, "no descriptor stays open");
     ledger.check(!SOAK_CHECKS_MEMORY || memory <= warm + streams * kStreamSize + kMemorySlack, 0,
                  "memory stays level");
