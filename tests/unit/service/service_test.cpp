@@ -151,10 +151,9 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
         const std::string in = "in" + name.substr(name.find(' ') + 1);
         writeFile(tree / in + "/file", "x");
         client->waitForEnd(execute(id, name, in));
-        std::smatch type;
+        const std::string isDone = "taskType is ";
         const std::string debug = joined(logged(ANDROID_LOG_DEBUG), "\n");
-        std::regex_search(debug, type, std::regex("[^]*taskType is (\\d+)"));
-        return type.str(1);
+        result = std::stoi(debug.substr(debug.rfind(isDone) + isDone.size()));
     } else if (verb == "length") {
         setWaits(name == "short" ? WaitLength::kShort : WaitLength::kEndless);
     } else if (verb == "waits") {
