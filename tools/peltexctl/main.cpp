@@ -21,7 +21,6 @@
 #include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/library_log.h"
-#include "ui/progress_view.h"
 #include "ui/signals.h"
 #include "ui/text.h"
 
@@ -58,15 +57,15 @@ Library SetUp(const Options& options) {
     return library;
 }
 
-int RunShellCommand(const Options& options, EventWriter* /*events*/, ProgressView* view) {
+int RunShellCommand(const Options& options, EventWriter* writer) {
     const Library library = SetUp(options);
-    TakeLibraryLog(options.log.empty() ? "error" : options.log, view);
+    TakeLibraryLog(options.log.empty() ? "error" : options.log, &writer->view());
     // What is no terminal gets objects; why the shell cannot begin is told people all the same.
     static EventWriter events(options.json || isatty(STDOUT_FILENO) == 0, options.quiet);
     return RunShell(library, &events);
 }
 
-int RunTaskCommand(const Options& options, EventWriter* events, ProgressView* view) {
+int RunTaskCommand(const Options& options, EventWriter* events) {
     TaskRequest request = options.task;
     for (std::string* path : {&request.source, &request.destination, &request.take}) {
         // Which completion adds, and by which the library would lose the name before it.
@@ -74,17 +73,17 @@ int RunTaskCommand(const Options& options, EventWriter* events, ProgressView* vi
     }
     const TaskKind& kind = CheckRequest(request);
     const Library library = SetUp(options);
-    TakeLibraryLog(options.log, view);
-    return RunTask(library, {kind, request, *events, *view, options.log != "silent"});
+    TakeLibraryLog(options.log, &events->view());
+    return RunTask(library, {kind, request, *events, events->view(), options.log != "silent"});
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
-int RunArchiveCommand(const Options& options, EventWriter* events, ProgressView* view) {
+int RunArchiveCommand(const Options& options, EventWriter* events) {
     if (options.data) {
         MountData(*options.data);
     }
     TakeSignals();
-    return RunArchive(options.archive, events, view);
+    return RunArchive(options.archive, events);
 }
 
 template <typename Value>
@@ -143,7 +142,7 @@ struct Subcommand {
     const char* name;
     const char* help;
     void (*declare)(CLI::App* command, Options* options);  // null where there are none of its own
-    int (*run)(const Options& options, EventWriter* events, ProgressView* view);
+    int (*run)(const Options& options, EventWriter* events);
     const char* more;  // behind the options of its help
 };
 
@@ -275,15 +274,13 @@ int Run(const Options& options) {
     HoldSignals();
     const SignalScope signals([] { EndInterrupted("interrupted"); });
     // Standard output may be the archive, or lines for people to read on. Static: the library's
-    // threads may report to them until the process is gone.
+    // threads may report to it until the process is gone.
     const bool is_list = options.archive.subcommand == "list" && !options.json;
     static EventWriter events(options.json, options.quiet,
                               is_list || options.archive.out == "-" ? stderr : stdout);
-    static ProgressView view(options.quiet || options.json);
     try {
-        return options.subcommand->run(options, &events, &view);
+        return options.subcommand->run(options, &events);
     } catch (const Failure& failure) {
-        view.End();
         events.Error(failure.what());
         return failure.code();
     }

@@ -64,10 +64,10 @@ std::string EntryAsJson(const ArchiveEntry& entry) {
 // A subcommand at work. What is wrong with the set is told as it is found, and counted.
 class ArchiveCommand {
   public:
-    ArchiveCommand(const ArchiveRequest& request, EventWriter* events, ProgressView* view)
+    ArchiveCommand(const ArchiveRequest& request, EventWriter* events)
         : request_(request),
           events_(*events),
-          view_(*view),
+          view_(events->view()),
           // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.UninitializedObject): they are in set.cpp
           set_(request.file, sink_, [this](uint64_t done) {
               view_.SetDone(done);
@@ -146,7 +146,7 @@ class ArchiveCommand {
             line += part.empty() ? "" : " " + EscapeBytes(part) + ":";
         }
         line.pop_back();
-        view_.Aside([&] { events_.Tell(object, line, true); });
+        events_.Tell(object, line, true);
     }
 
     // Returns the numbers in words.
@@ -173,8 +173,8 @@ class ArchiveCommand {
 
 }  // namespace
 
-int RunArchive(const ArchiveRequest& request, EventWriter* events, ProgressView* view) {
-    ArchiveCommand command(request, events, view);
+int RunArchive(const ArchiveRequest& request, EventWriter* events) {
+    ArchiveCommand command(request, events);
     return request.subcommand == "list"     ? command.List()
            : request.subcommand == "verify" ? command.Verify()
                                             : command.Export();

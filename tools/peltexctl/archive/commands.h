@@ -4,7 +4,6 @@
 #include <string>
 
 #include "ui/events.h"
-#include "ui/progress_view.h"
 
 namespace peltexctl {
 
@@ -15,6 +14,6 @@ struct ArchiveRequest {
 };
 
 // Returns the program's exit status. Throws Failure.
-int RunArchive(const ArchiveRequest& request, EventWriter* events, ProgressView* view);
+int RunArchive(const ArchiveRequest& request, EventWriter* events);
 
 }  // namespace peltexctl

@@ -129,7 +129,7 @@ class TaskRun {
         // People hear of progress and slices from the bar, of a failure by its reason.
         if (job_.events.json() ||
             (event.code != kStatusProgress && !has_slice && event.code != kStatusFailed)) {
-            job_.view.Aside([this, &event] { job_.events.Status(event); });
+            job_.events.Status(event);
         }
         std::unique_lock settled(settle_mutex_, std::defer_lock);
         if (has_slice || ends) {
@@ -254,7 +254,7 @@ class TaskRun {
 
     void Stop() {
         stopping_ = true;
-        job_.view.Aside([this] { job_.events.Note(DescribeStop(job_.kind)); });
+        job_.events.Note(DescribeStop(job_.kind));
         const int result = Send(fmt::format("abort {}", task_));
         const std::lock_guard lock(mutex_);
         // One that has not begun leaves the queue without a status; of a running one it has come.

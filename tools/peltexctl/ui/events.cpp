@@ -145,7 +145,7 @@ void EventWriter::Summary(const TaskSummary& summary) {
 
 void EventWriter::Error(const std::string& message) {
     if (!json_) {
-        return PrintError(message);
+        return view_.Aside([&] { PrintError(message); });
     }
     Json object = {{"event", "error"}};
     SetBytes(&object, "message", message);
@@ -154,16 +154,17 @@ void EventWriter::Error(const std::string& message) {
 
 void EventWriter::Note(const std::string& message) {
     if (!quiet_) {
-        PrintError(message);
+        view_.Aside([&] { PrintError(message); });
     }
 }
 
 void EventWriter::Tell(const Json& object, const std::string& text, bool went_wrong) {
     if (!quiet_ || went_wrong) {
         const std::string line = (json_ ? JsonLine(object) : text) + "\n";
-        const std::lock_guard lock(mutex_);
-        Print(stream_, line);
-        std::fflush(stream_);
+        view_.Aside([&] {
+            Print(stream_, line);
+            std::fflush(stream_);
+        });
     }
 }
 

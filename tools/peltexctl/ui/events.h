@@ -9,13 +9,13 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "archive/tally.h"
+#include "ui/progress_view.h"
 
 namespace peltexctl {
 
@@ -62,11 +62,13 @@ class EventWriter {
   public:
     // Writes objects or words. A `quiet` one tells only what went wrong.
     EventWriter(bool json, bool quiet, FILE* stream = stdout)
-        : json_(json), quiet_(quiet), stream_(stream) {}
+        : json_(json), quiet_(quiet), stream_(stream), view_(quiet || json) {}
 
     bool json() const { return json_; }
     bool quiet() const { return quiet_; }
     FILE* stream() const { return stream_; }
+    // What all lines go past.
+    ProgressView& view() { return view_; }
 
     void Session(int session);
     void Result(const std::string& command, int result);
@@ -84,7 +86,7 @@ class EventWriter {
     const bool json_;
     const bool quiet_;
     FILE* const stream_;
-    std::mutex mutex_;  // one line at a time
+    ProgressView view_;
 };
 
 }  // namespace peltexctl
