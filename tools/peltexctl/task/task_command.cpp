@@ -3,13 +3,18 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "archive/set.h"
@@ -36,6 +41,35 @@ uint64_t BytesRead() {
     return count;
 }
 
+// By LeftOut, as people and as programs read it.
+constexpr std::pair<const char*, const char*> kReasons[] = {
+    {"hard-linked", "hard_linked"},
+    {".dex", "dex"},
+    {"lib", "lib"},
+    {"link", "link"},
+    {"special file", "special"},
+    {"tinker", "tinker"},
+    {"the archive itself", "own_archive"},
+    {"unreadable", "unreadable"},
+};
+static_assert(std::size(kReasons) == kLeftOutReasons);
+
+// Returns how much was left out, and why, in words.
+std::string DescribeLeftOut(Json* object, const Tally& tally) {
+    std::vector<std::string> words;
+    Json reasons = Json::object();
+    for (size_t i = 0; i < kLeftOutReasons; i++) {
+        if (const uint64_t count = tally.left_out(LeftOut(i)); count > 0) {
+            reasons[kReasons[i].second] = count;
+            words.push_back(fmt::format("{} {}", count, kReasons[i].first));
+        }
+    }
+    (*object)["left_out"] = tally.left_out();
+    (*object)["reasons"] = reasons;
+    return words.empty() ? fmt::format("{}", tally.left_out())
+                         : fmt::format("{} ({})", tally.left_out(), fmt::join(words, ", "));
+}
+
 // A task with what comes before and behind the library's part.
 class TaskCommand {
   public:
@@ -60,9 +94,9 @@ class TaskCommand {
         });
         RefuseAll();
         Prepare();
-        const TaskSummary summary = RunJob(library, job_);
+        const TaskResult result = RunJob(library, job_);
         is_over_ = true;
-        return Conclude(summary);
+        return Conclude(result);
     }
 
   private:
@@ -145,7 +179,7 @@ class TaskCommand {
 
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
-    int Conclude(TaskSummary summary) {
+    int Conclude(const TaskResult& result) {
         const std::string result_path = kind_.ResultPath(request_);
         const std::string written =
             request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
@@ -156,15 +190,37 @@ class TaskCommand {
         if (is_whole && request_.consume) {
             RemoveSet(*set_);
         }
-        summary.has_rate = !kind_.IsBrief();
-        if (kind_.RestoresSlices()) {
-            summary.slices = set_->size();
-        }
-        if (check_ && is_whole) {
-            summary.tally = check_->expected();
-        }
-        events_.Summary(summary);
+        Summarize(result, check_ && is_whole ? &check_->expected() : nullptr);
         return is_whole ? kDone : kTaskFailed;
+    }
+
+    // `tally` is of what the task has brought; null where that is not known.
+    void Summarize(const TaskResult& result, const Tally* tally) {
+        Json object = {{"event", "summary"}, {"task", result.task}};
+        std::vector<std::string> words;
+        if (tally != nullptr) {
+            object["entries"] = tally->entries();
+            object["bytes"] = tally->bytes();
+            words = {Counted(tally->entries(), "entry", "entries"), HumanSize(tally->bytes())};
+        }
+        object["seconds"] = std::round(result.seconds * 1000) / 1000;
+        words.push_back(fmt::format("{:.{}f} s", result.seconds, result.seconds < 10 ? 2 : 1));
+        // A brief moves no content in these seconds.
+        if (tally != nullptr && tally->bytes() > 0 && !kind_.IsBrief()) {
+            const uint64_t rate = BytesPerSecond(tally->bytes(), result.seconds);
+            object["bytes_per_second"] = rate;
+            words.push_back(HumanSize(rate) + "/s");
+        }
+        if (kind_.HandsOver() || kind_.RestoresSlices()) {
+            const uint64_t slices = kind_.HandsOver() ? result.slices : set_->size();
+            object["slices"] = slices;
+            words.push_back(Counted(slices, "slice", "slices"));
+        }
+        std::string text = fmt::format("summary: {}", fmt::join(words, ", "));
+        if (tally != nullptr) {
+            text += fmt::format("\nleft out: {}", DescribeLeftOut(&object, *tally));
+        }
+        events_.Tell(object, text);
     }
 
     bool Check(const std::string& written) {

@@ -75,7 +75,7 @@ class TaskRun {
                                         : DescribeLeft(job.kind, job.request, false)) +
                            job.left_too) {}
 
-    TaskSummary Run() {
+    TaskResult Run() {
         const SignalScope signals([this] { Interrupt(); });
         taker_.Prepare();
         const android::sp<ClientCallback> callback =
@@ -99,13 +99,7 @@ class TaskRun {
             job_.events.Closed(session_, closed);
         }
         Judge();
-        TaskSummary summary;
-        summary.task = task_;
-        summary.seconds = elapsed.count();
-        if (HandsOver()) {
-            summary.slices = count_;
-        }
-        return summary;
+        return {task_, elapsed.count(), count_};
     }
 
   private:
@@ -344,7 +338,7 @@ class TaskRun {
 
 }  // namespace
 
-TaskSummary RunJob(const Library& library, const TaskJob& job) {
+TaskResult RunJob(const Library& library, const TaskJob& job) {
     // Never destroyed: the last callback may be on its way out.
     static TaskRun* const run = new TaskRun(library, job);
     return run->Run();

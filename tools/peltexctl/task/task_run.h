@@ -26,7 +26,13 @@ struct TaskJob {
     std::string left_too = {};                  // what else an unfinished task leaves
 };
 
+struct TaskResult {
+    int task;
+    double seconds;
+    uint64_t slices;  // that were handed over
+};
+
 // Runs the one task of this process, to its good end. Throws Failure.
-TaskSummary RunJob(const Library& library, const TaskJob& job);
+TaskResult RunJob(const Library& library, const TaskJob& job);
 
 }  // namespace peltexctl

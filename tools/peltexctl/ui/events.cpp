@@ -2,14 +2,10 @@
 #include "ui/events.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
-#include <cmath>
 #include <cstdio>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
-#include <vector>
 
 #include "ui/text.h"
 
@@ -28,19 +24,6 @@ constexpr std::pair<int, const char*> kStatusWords[] = {
     {kStatusTimeout, "timed out: nobody took the slice"},
     {kStatusBriefSize, "{1} listed"},
 };
-
-// By LeftOut, as people and as programs read it.
-constexpr std::pair<const char*, const char*> kReasons[] = {
-    {"hard-linked", "hard_linked"},
-    {".dex", "dex"},
-    {"lib", "lib"},
-    {"link", "link"},
-    {"special file", "special"},
-    {"tinker", "tinker"},
-    {"the archive itself", "own_archive"},
-    {"unreadable", "unreadable"},
-};
-static_assert(std::size(kReasons) == kLeftOutReasons);
 
 }  // namespace
 
@@ -104,43 +87,6 @@ void EventWriter::Status(const StatusEvent& event) {
 void EventWriter::Closed(int session, int result) {
     Tell({{"event", "closed"}, {"session", session}, {"result", result}},
          fmt::format("session {} closed -> {}", session, result));
-}
-
-void EventWriter::Summary(const TaskSummary& summary) {
-    Json object = {{"event", "summary"}, {"task", summary.task}};
-    std::vector<std::string> words;
-    const uint64_t bytes = summary.tally ? summary.tally->bytes() : 0;
-    if (summary.tally) {
-        object["entries"] = summary.tally->entries();
-        object["bytes"] = bytes;
-        words = {Counted(summary.tally->entries(), "entry", "entries"), HumanSize(bytes)};
-    }
-    object["seconds"] = std::round(summary.seconds * 1000) / 1000;
-    words.push_back(fmt::format("{:.{}f} s", summary.seconds, summary.seconds < 10 ? 2 : 1));
-    if (bytes > 0 && summary.has_rate) {
-        const uint64_t rate = BytesPerSecond(bytes, summary.seconds);
-        object["bytes_per_second"] = rate;
-        words.push_back(HumanSize(rate) + "/s");
-    }
-    if (summary.slices) {
-        object["slices"] = *summary.slices;
-        words.push_back(Counted(*summary.slices, "slice", "slices"));
-    }
-    std::string text = fmt::format("summary: {}", fmt::join(words, ", "));
-    if (summary.tally) {
-        object["left_out"] = summary.tally->left_out();
-        object["reasons"] = Json::object();
-        words.clear();
-        for (size_t i = 0; i < kLeftOutReasons; i++) {
-            if (const uint64_t count = summary.tally->left_out(LeftOut(i)); count > 0) {
-                object["reasons"][kReasons[i].second] = count;
-                words.push_back(fmt::format("{} {}", count, kReasons[i].first));
-            }
-        }
-        text += fmt::format("\nleft out: {}", summary.tally->left_out());
-        text += words.empty() ? "" : fmt::format(" ({})", fmt::join(words, ", "));
-    }
-    Tell(object, text);
 }
 
 void EventWriter::Error(const std::string& message) {

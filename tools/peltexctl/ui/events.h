@@ -10,11 +10,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
 
-#include "archive/tally.h"
 #include "ui/progress_view.h"
 
 namespace peltexctl {
@@ -49,15 +47,6 @@ bool EndsTask(const StatusEvent& event);
 bool RefusesPath(const StatusEvent& event);
 std::string DescribeStatus(const StatusEvent& event);
 
-// What a task has done, as far as it is known.
-struct TaskSummary {
-    int task = 0;
-    double seconds = 0;
-    std::optional<Tally> tally;  // of what it has brought
-    std::optional<uint64_t> slices;
-    bool has_rate = false;  // whether the bytes were moved in these seconds
-};
-
 class EventWriter {
   public:
     // Writes objects or words. A `quiet` one tells only what went wrong.
@@ -74,7 +63,6 @@ class EventWriter {
     void Result(const std::string& command, int result);
     void Status(const StatusEvent& event);
     void Closed(int session, int result);
-    void Summary(const TaskSummary& summary);
     // An event as an object, and the same in words.
     void Tell(const Json& object, const std::string& text, bool went_wrong = false);
     // In words it goes to standard error.
