@@ -140,13 +140,11 @@ class ArchiveCommand {
         SetBytes(&object, "slice", finding.slice, "raw_slice");
         SetBytes(&object, "entry", finding.entry);
         object["message"] = BytesToUtf8(finding.message);
-        std::string line = Paint(events_.stream(), is_warning ? Colour::kYellow : Colour::kRed,
-                                 fmt::format("{}:", word));
-        for (const std::string& part : {finding.slice, finding.entry, finding.message}) {
-            line += part.empty() ? "" : " " + EscapeBytes(part) + ":";
-        }
-        line.pop_back();
-        events_.Tell(object, line, true);
+        const std::string painted =
+            Paint(events_.stream(), is_warning ? Colour::kYellow : Colour::kRed,
+                  fmt::format("{}:", word));
+        events_.Tell(object, fmt::format("{} {}", painted, EscapeBytes(DescribeFinding(finding))),
+                     true);
     }
 
     // Returns the numbers in words.

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 
@@ -34,6 +35,12 @@ bool IsCheckFile(std::string_view content, std::string_view name) {
 }
 
 }  // namespace
+
+std::string DescribeFinding(const Finding& finding) {
+    std::vector<std::string> parts = {finding.slice, finding.entry, finding.message};
+    parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
+    return fmt::format("{}", fmt::join(parts, ": "));
+}
 
 bool NamesSlice(std::string_view name) {
     const size_t dot = name.rfind('.');

@@ -28,6 +28,9 @@ struct Finding {
     std::string message;
 };
 
+// "SLICE: ENTRY: MESSAGE", not escaped.
+std::string DescribeFinding(const Finding& finding);
+
 using FindingSink = std::function<void(const Finding&)>;
 
 // Whether a name is that of a slice: it ends in a dot and a number.

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nettle/nettle-meta.h>
 #include <nettle/sha2.h>
 #include <unistd.h>
 
@@ -28,26 +29,22 @@ constexpr char kNoSum[] = "no sum can be made of it";
 // sum is wanted: most runs want none, and it is there for no other processor than this machine's.
 std::string SumOf(const ArchiveFile& file) {
     static void* const nettle = dlopen("libnettle.so.8", RTLD_NOW);
-    const auto find = [](const char* name) {
-        return nettle == nullptr ? nullptr : dlsym(nettle, name);
-    };
-    const auto begin = reinterpret_cast<decltype(&sha256_init)>(find("nettle_sha256_init"));
-    const auto update = reinterpret_cast<decltype(&sha256_update)>(find("nettle_sha256_update"));
-    const auto end = reinterpret_cast<decltype(&sha256_digest)>(find("nettle_sha256_digest"));
-    if (!begin || !update || !end) {
+    const auto* const sha256 = static_cast<const nettle_hash*>(
+        nettle == nullptr ? nullptr : dlsym(nettle, "nettle_sha256"));
+    if (sha256 == nullptr) {
         return "";
     }
     sha256_ctx context;
-    begin(&context);
+    sha256->init(&context);
     std::vector<unsigned char> buffer(size_t{64} << 10);
     ssize_t count = 0;
     for (off_t offset = 0; (count = pread(file.fd(), buffer.data(), buffer.size(), offset)) > 0;
          offset += count) {
-        update(&context, static_cast<size_t>(count), buffer.data());
+        sha256->update(&context, static_cast<size_t>(count), buffer.data());
         file.Reached(static_cast<uint64_t>(offset));
     }
     char sum[SHA256_DIGEST_SIZE];
-    end(&context, sizeof(sum), reinterpret_cast<unsigned char*>(sum));
+    sha256->digest(&context, sizeof(sum), reinterpret_cast<unsigned char*>(sum));
     return count == 0 ? Hexadecimal({sum, sizeof(sum)}) : "";
 }
 

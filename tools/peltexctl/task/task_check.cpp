@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -336,12 +335,6 @@ bool TaskCheck::RecordsApply() const {
     const std::optional<std::string> first = FirstRecordOf(source_);
     return first && first->rfind(request_.destination + "/", 0) == 0 &&
            !android::installd::isStoragePath(request_.destination.c_str());
-}
-
-std::string DescribeFinding(const Finding& finding) {
-    std::vector<std::string> parts = {finding.slice, finding.entry, finding.message};
-    parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
-    return fmt::format("{}", fmt::join(parts, ": "));
 }
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {

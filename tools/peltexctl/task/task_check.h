@@ -73,9 +73,6 @@ class TaskCheck {
     android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
 };
 
-// "SLICE: ENTRY: MESSAGE", not escaped.
-std::string DescribeFinding(const Finding& finding);
-
 // Whether the attribute file of a copy holds records, and the path of the first, if there is one.
 std::optional<std::string> FirstRecordOf(const std::string& copy);
 
