@@ -8,7 +8,6 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "archive/export.h"
 #include "archive/sums.h"
 #include "archive/verify.h"
 #include "ui/exit_code.h"

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "archive/set.h"
 #include "ui/events.h"
 
 namespace peltexctl {
@@ -15,5 +16,11 @@ struct ArchiveRequest {
 
 // Returns the program's exit status. Throws Failure.
 int RunArchive(const ArchiveRequest& request, EventWriter* events);
+
+// Joins the slices of a set into one plain tar archive that every tar program reads, in constant
+// memory; in export.cpp. `out` is "-" for standard output. A file of that name is replaced once the
+// new one is whole; nobody can read it who could not read the slices and the file that was there.
+// Throws Failure, and leaves nothing of the new one then. REQUIRES: the set has no fault.
+void ExportSet(const ArchiveSet& set, const std::string& out);
 
 }  // namespace peltexctl

@@ -1,5 +1,4 @@
 // Tested by tests/client/peltexctl.md.
-#include "archive/export.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -11,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "archive/commands.h"
 #include "archive/new_file.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"

@@ -11,7 +11,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "ui/text.h"
+#include "base/error_text.h"
 
 namespace peltexctl {
 
@@ -47,7 +47,8 @@ ArchiveFile::ArchiveFile(int directory, const std::string& name, int flags) {
     fd_ = std::make_shared<const UniqueFd>(
         is_other ? -1 : openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
     if (!is_other && (fd() == -1 || fstat(fd(), &info) != 0)) {
-        fault_ = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + ErrorText(errno);
+        fault_ = errno == ELOOP ? "is a symbolic link"
+                                : std::string("cannot be opened: ") + ErrorText().c_str();
     } else if (!S_ISREG(info.st_mode)) {
         fault_ = "is no regular file: an archive, a slice or a check file is wanted";
     } else {

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <utility>
 #include <vector>
 
 #include "archive/new_file.h"
@@ -65,42 +64,34 @@ std::string SumsName(const std::string& name) {
     return name.substr(0, is_of_set ? name.rfind('.') : name.size()) + ".sha256";
 }
 
-std::string Summer::Add(int directory, const std::string& name) {
+void Summer::Add(int directory, const std::string& name) {
+    const std::string path = path_ + "/" + name;
     const ArchiveFile file(directory, name, O_NOFOLLOW);
-    if (!file.fault().empty()) {
-        return file.fault();
-    }
+    Ensure(file.fault().empty(), fmt::format("{}: {}", path, file.fault()));
     fstat(file.fd(), &last_);
     if (lines_.valid()) {
         lines_.wait();
     }
     // Where no thread can be started, the sum is made when it is waited for.
     lines_ = std::async(std::launch::async | std::launch::deferred, [before = std::move(lines_),
-                                                                     file, name]() mutable {
+                                                                     file, name, path]() mutable {
         std::string lines = before.valid() ? before.get() : "";
         const std::string sum = SumOf(file);
-        Ensure(!sum.empty(), fmt::format("{}: {}", name, kNoSum));
-        Ensure(name.find('\n') == std::string::npos, name + ": no sums are kept of such a name");
+        Ensure(!sum.empty(), fmt::format("{}: {}", path, kNoSum));
+        Ensure(name.find('\n') == std::string::npos, path + ": no sums are kept of such a name");
         lines += fmt::format("{}  {}\n", sum, name);
         return lines;
     });
-    return "";
 }
 
-std::string Summer::Finish(int directory, const std::string& name) {
+void Summer::Finish(int directory, const std::string& name) {
+    const std::string lines = lines_.get();
     NewFile file;
-    try {
-        const std::string lines = lines_.get();
-        Require(file.Create(directory, name) &&
-                    write(file.fd(), lines.data(), lines.size()) ==
-                        static_cast<ssize_t>(lines.size()) &&
-                    fchown(file.fd(), last_.st_uid, last_.st_gid) == 0 &&
-                    file.Finish(last_.st_mode & 0777),
-                name + ": cannot be written");
-    } catch (const Failure& failure) {
-        return failure.what();
-    }
-    return "";
+    Require(
+        file.Create(directory, name) &&
+            write(file.fd(), lines.data(), lines.size()) == static_cast<ssize_t>(lines.size()) &&
+            fchown(file.fd(), last_.st_uid, last_.st_gid) == 0 && file.Finish(last_.st_mode & 0777),
+        fmt::format("{}/{}: cannot be written", path_, name));
 }
 
 void CheckSums(const ArchiveSet& set, const FindingSink& sink) {

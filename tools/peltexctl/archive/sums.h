@@ -6,6 +6,7 @@
 
 #include <future>
 #include <string>
+#include <utility>
 
 #include "archive/set.h"
 
@@ -16,19 +17,21 @@ std::string SumsName(const std::string& name);
 
 // Sums files, each read once on a thread of its own while the caller goes on.
 //
-// To be used by one thread at a time.
+// To be used by one thread at a time. Throws Failure.
 class Summer {
   public:
-    // Begins with the file `name` of `directory`, which is no link. Returns why it cannot be read,
-    // empty when it can.
-    std::string Add(int directory, const std::string& name);
+    // `path` is that of the files' directory, for people.
+    explicit Summer(std::string path) : path_(std::move(path)) {}
+
+    // Begins with the file `name` of `directory`, which is no link.
+    void Add(int directory, const std::string& name);
 
     // Writes the sums to `name` in `directory`, in place of one that is there, with owner and mode
-    // of the last file. Returns which file is why they cannot be written, and leaves nothing then;
-    // empty when they are. REQUIRES: a file was added.
-    std::string Finish(int directory, const std::string& name);
+    // of the last file. Leaves nothing on failure. REQUIRES: a file was added.
+    void Finish(int directory, const std::string& name);
 
   private:
+    const std::string path_;
     struct stat last_ = {};
     std::future<std::string> lines_;  // of all files that were added
 };

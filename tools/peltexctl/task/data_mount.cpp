@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/error_text.h"
 #include "task/directory.h"
 #include "ui/exit_code.h"
 #include "ui/text.h"
@@ -77,7 +78,8 @@ void Mount(const std::string& directory) {
     if (!source.isOpen()) {
         throw Failure(kNoLibraryOrData,
                       fmt::format("--data \"{}\": {}; a directory is wanted", directory,
-                                  errno == ENOENT ? not_made.message() : ErrorText(errno)));
+                                  errno == ENOENT ? not_made.message()
+                                                  : android::installd::ErrorText().c_str()));
     }
     const std::string root = fs::canonical(directory);
     if (root == "/") {

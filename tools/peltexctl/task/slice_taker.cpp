@@ -24,7 +24,7 @@ SliceTaker::SliceTaker(const TaskRequest& request, std::function<void()> tick)
       take_(request.take),
       base_(NameOf(request.source) + ".tar") {
     if (request.sums) {
-        summer_.emplace();
+        summer_.emplace(directory());
     }
 }
 
@@ -36,8 +36,9 @@ void SliceTaker::Prepare() {
 
 void SliceTaker::Finish() {
     Take(base_ + ".txt");
-    const std::string fault = summer_ ? summer_->Finish(held(), SumsName(base_)) : "";
-    Ensure(fault.empty(), directory() + "/" + fault);
+    if (summer_) {
+        summer_->Finish(held(), SumsName(base_));
+    }
 }
 
 void SliceTaker::Take(const std::string& name) {
@@ -53,8 +54,9 @@ void SliceTaker::Take(const std::string& name) {
         }
         taken_ += NamesSlice(name) ? 1 : 0;
     }
-    const std::string fault = summer_ ? summer_->Add(held(), name) : "";
-    Ensure(fault.empty(), failure + ": " + fault);
+    if (summer_) {
+        summer_->Add(held(), name);
+    }
 }
 
 // To another file system, where nothing has the name before all is there.

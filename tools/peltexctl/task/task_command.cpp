@@ -241,11 +241,9 @@ class TaskCommand {
     static void WriteSums(const std::string& archive) {
         const UniqueFd directory = OpenDirectory(ParentOf(archive));
         const std::string name = NameOf(archive);
-        Summer summer;
-        const std::string unread = summer.Add(directory.get(), name);
-        const std::string fault =
-            unread.empty() ? summer.Finish(directory.get(), SumsName(name)) : unread;
-        Ensure(fault.empty(), fault);
+        Summer summer(ParentOf(archive));
+        summer.Add(directory.get(), name);
+        summer.Finish(directory.get(), SumsName(name));
     }
 
     TaskJob job_;

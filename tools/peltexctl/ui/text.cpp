@@ -129,10 +129,6 @@ bool EndsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-std::string ErrorText(int error) {
-    return std::generic_category().message(error);
-}
-
 bool CanRedraw(FILE* stream) {
     const std::string_view term = Environment("TERM");
     return isatty(fileno(stream)) == 1 && !term.empty() && term != "dumb";

@@ -54,9 +54,6 @@ uint64_t BytesPerSecond(uint64_t bytes, double seconds);
 
 bool EndsWith(std::string_view text, std::string_view end);
 
-// The system's words for an errno value.
-std::string ErrorText(int error);
-
 // Whether `stream` is a terminal that can draw over a line: TERM=dumb says that it cannot.
 bool CanRedraw(FILE* stream);
 
