@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdio>
 #include <string>
-#include <utility>
 
 #include "base/file_handles.h"
 

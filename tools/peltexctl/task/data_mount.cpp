@@ -17,7 +17,6 @@
 #include "base/error_text.h"
 #include "task/directory.h"
 #include "ui/exit_code.h"
-#include "ui/text.h"
 
 namespace peltexctl {
 

@@ -1,5 +1,5 @@
-// The library as its client sees it: three functions, and the callback object that hears of its
-// tasks.
+// The library as its client sees it: three functions, the callback object that hears of its tasks,
+// and its log.
 #pragma once
 
 #include <android/os/IBackupSessionCallback.h>
@@ -7,6 +7,7 @@
 #include <host/local_binder.h>
 #include <utils/StrongPointer.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -14,6 +15,7 @@
 #include <utility>
 
 #include "ui/events.h"
+#include "ui/progress_view.h"
 
 namespace peltexctl {
 
@@ -72,5 +74,15 @@ class ClientCallback : public android::os::IBackupSessionCallback {
     const android::sp<android::host::LocalBinder> binder_ = new android::host::LocalBinder();
     bool dead_ = false;
 };
+
+// The words for --log, from the chattiest on.
+inline constexpr std::array kLogLevels = {"debug", "info", "warn", "error", "silent"};
+
+// Shows the library's log lines from `level` on, past the bar of `view`. Where `level` is empty,
+// keeps the last lines that tell of errors instead. To be called before the library has a thread.
+void TakeLibraryLog(const std::string& level, ProgressView* view);
+
+// Prints what was kept, and forgets it.
+void PrintKeptLog();
 
 }  // namespace peltexctl

@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <utility>
 

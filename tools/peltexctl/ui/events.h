@@ -7,7 +7,6 @@
 // Thread-safe: the library's threads and the program's own write through one object.
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -54,7 +53,6 @@ class EventWriter {
         : json_(json), quiet_(quiet), stream_(stream), view_(quiet || json) {}
 
     bool json() const { return json_; }
-    bool quiet() const { return quiet_; }
     FILE* stream() const { return stream_; }
     // What all lines go past.
     ProgressView& view() { return view_; }
