@@ -67,8 +67,7 @@ class ArchiveCommand {
         : request_(request),
           events_(*events),
           view_(events->view()),
-          // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.UninitializedObject): they are in set.cpp
-          set_(request.file, sink_, [this](uint64_t done) {
+          set_(request.file, [this](uint64_t done) {
               view_.SetDone(done);
               view_.Tick();
           }) {}

@@ -96,7 +96,7 @@ std::string ArchiveSet::TakeLine(std::string_view line) {
     return "";
 }
 
-ArchiveSet::ArchiveSet(const std::string& path, const FindingSink& sink, ProgressSink progress)
+ArchiveSet::ArchiveSet(const std::string& path, ProgressSink progress)
     : path_(path),
       name_(path.substr(path.rfind('/') + 1)),
       directory_(DirectoryOf(path)),
@@ -109,11 +109,11 @@ ArchiveSet::ArchiveSet(const std::string& path, const FindingSink& sink, Progres
         kind_ = NamesSlice(name_) ? Kind::kSlice : Kind::kArchive;
         ends_ = {file_.size()};
     } else if (const std::string fault = ReadCheckFile(); !fault.empty()) {
-        sink({Severity::kFault, name_, "", fault});
+        finding_ = {Severity::kFault, name_, "", fault};
         ends_.clear();
     } else if (const std::string next = NameOf(size());
                faccessat(directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
-        sink({Severity::kWarning, next, "", "is there but not listed"});
+        finding_ = {Severity::kWarning, next, "", "is there but not listed"};
     }
 }
 
@@ -156,6 +156,9 @@ void PartJoiner::Finish() {
 }
 
 void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit) {
+    if (set.finding()) {
+        sink(*set.finding());
+    }
     PartJoiner joiner(set, visit);
     for (size_t i = 0; i < set.size(); i++) {
         const ArchiveFile file = set.OpenSlice(i);

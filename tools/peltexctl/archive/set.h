@@ -41,10 +41,12 @@ class ArchiveSet {
     // A slice is one without its set.
     enum class Kind { kArchive, kSlice, kCheckFile };
 
-    // Finds out by its content what the file at `path` is, and reads a check file, once. What is
-    // wrong with its lines goes to `sink`; such a file lists nothing. Throws Failure. Whoever reads
-    // the slices tells `progress` how far it is, in bytes of all of them.
-    ArchiveSet(const std::string& path, const FindingSink& sink, ProgressSink progress = {});
+    // Finds out by its content what the file at `path` is, and reads a check file, once. Throws
+    // Failure. Whoever reads the slices tells `progress` how far it is, in bytes of all of them.
+    explicit ArchiveSet(const std::string& path, ProgressSink progress = {});
+
+    // What is wrong with a check file. With a fault in its lines it lists nothing.
+    const std::optional<Finding>& finding() const { return finding_; }
 
     Kind kind() const { return kind_; }
     bool is_check_file() const { return kind_ == Kind::kCheckFile; }
@@ -75,6 +77,7 @@ class ArchiveSet {
     const ArchiveFile file_;
     const ProgressSink progress_;
     Kind kind_ = Kind::kCheckFile;
+    std::optional<Finding> finding_;
     std::string base_;            // slices are named BASE.0, BASE.1 and so on
     std::vector<uint64_t> ends_;  // of the slices, were they one file
 };
@@ -98,8 +101,8 @@ class PartJoiner {
     std::optional<ArchiveEntry> cut_;  // more of it may follow
 };
 
-// Gives each entry to `visit`, in order, a cut file once with its whole size, and to `sink` a fault
-// for each slice that does not end as it should.
+// Gives each entry to `visit`, in order, a cut file once with its whole size, and to `sink` the
+// set's finding and a fault for each slice that does not end as it should.
 void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit);
 
 }  // namespace peltexctl

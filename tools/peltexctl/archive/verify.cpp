@@ -81,6 +81,9 @@ class SetVerifier {
           begin_known_(set.is_check_file()) {}
 
     Tally Run() {
+        if (set_.finding()) {
+            sink_(*set_.finding());
+        }
         for (size_t i = 0; i < set_.size(); i++) {
             slice_ = set_.NameOf(i);
             begin_known_ = CheckSlice(set_.OpenSlice(i), set_.SizeOf(i)) && set_.is_check_file();

@@ -194,7 +194,7 @@ void TaskCheck::LookInto(const std::string& result) {
         }
     };
     try {
-        const ArchiveSet set(result, tell, [this](uint64_t /*done*/) { tick_(); });
+        const ArchiveSet set(result, [this](uint64_t /*done*/) { tick_(); });
         found_ = VerifySet(set, "", tell);
         CompareWith(result, [&set](const EntrySink& entries) { VisitRestored(set, entries); });
     } catch (const Failure& failure) {

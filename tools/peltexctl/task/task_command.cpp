@@ -120,20 +120,13 @@ class TaskCommand {
     }
 
     void OpenSet() {
-        set_.emplace(
-            request_.source,
-            [this](const Finding& finding) {
-                if (finding.severity == Finding::Severity::kFault) {
-                    line_faults_.push_back(DescribeFinding(finding));
-                }
-            },
-            [this](uint64_t done) {
-                view_.SetDone(done);
-                view_.Tick();
-            });
+        set_.emplace(request_.source, [this](uint64_t done) {
+            view_.SetDone(done);
+            view_.Tick();
+        });
         RefuseArchive(kind_, *set_);
         if (set_->size() == 0 && !request_.force) {
-            throw Failure(kTaskFailed, line_faults_[0]);
+            throw Failure(kTaskFailed, DescribeFinding(*set_->finding()));
         }
     }
 
@@ -225,7 +218,6 @@ class TaskCommand {
     bool Check(const std::string& written) {
         view_.Begin("checking " + EscapeBytes(written));
         std::vector<std::string> lines = check_->After(written);
-        lines.insert(lines.begin(), line_faults_.begin(), line_faults_.end());
         view_.End();
         if (!lines.empty()) {
             lines.back() += HintAtRoom(written, check_->missing_bytes());
@@ -250,8 +242,7 @@ class TaskCommand {
     const TaskRequest& request_;
     EventWriter& events_;
     ProgressView& view_;
-    std::optional<ArchiveSet> set_;  // of a restore
-    std::vector<std::string> line_faults_;
+    std::optional<ArchiveSet> set_;   // of a restore
     std::optional<TaskCheck> check_;  // none with --no-verify
     std::optional<SetLinks> links_;
     MadeDirectory made_;
