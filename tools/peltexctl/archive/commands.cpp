@@ -64,13 +64,7 @@ std::string EntryAsJson(const ArchiveEntry& entry) {
 class ArchiveCommand {
   public:
     ArchiveCommand(const ArchiveRequest& request, EventWriter* events)
-        : request_(request),
-          events_(*events),
-          view_(events->view()),
-          set_(request.file, [this](uint64_t done) {
-              view_.SetDone(done);
-              view_.Tick();
-          }) {}
+        : request_(request), events_(*events), view_(events->view()), set_(request.file, &view_) {}
 
     int List() {
         // On a terminal the lines themselves are the progress.

@@ -148,7 +148,6 @@ class Exporter {
             count = std::min<uint64_t>(entry.size - done, buffer_.size());
             ExpectSame(file.ReadAt(entry.data_offset + done, buffer_.data(), count));
             output_.Write({buffer_.data(), count});
-            file.Reached(entry.data_offset + done);
         }
         if (left_ == 0) {
             FillBlock(size_);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "base/error_text.h"
 
@@ -60,9 +61,17 @@ UniqueFile ArchiveFile::Stream() const {
     return UniqueFile(fdopen(fcntl(fd(), F_DUPFD_CLOEXEC, 0), "re"));
 }
 
+ssize_t ArchiveFile::Read(uint64_t offset, void* buffer, size_t size) const {
+    if (view_ != nullptr) {
+        view_->SetDone(begin_ + offset);
+        view_->Tick();
+    }
+    return pread(fd(), buffer, size, static_cast<off_t>(offset));
+}
+
 bool ArchiveFile::ReadAt(uint64_t offset, void* buffer, size_t size) const {
     return offset <= size_ && size <= size_ - offset &&
-           pread(fd(), buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+           Read(offset, buffer, size) == static_cast<ssize_t>(size);
 }
 
 uint64_t ArchiveFile::FindNonZero(uint64_t offset) const {
@@ -157,8 +166,8 @@ bool ArchiveReader::ReadHeader() {
     position_ += kBlockSize;
     if (*block_.bytes() == '\0') {
         const char* const second = BytesAt(position_, kBlockSize);
-        has_end_blocks_ = second != nullptr && *second == '\0';
-        return Finish(has_end_blocks_ ? "" : "a single zero block ends it here");
+        return Finish(second != nullptr && *second == '\0' ? ""
+                                                           : "a single zero block ends it here");
     }
     return IsHeader(block_) || Finish("no valid header where one should be");
 }
@@ -168,9 +177,8 @@ bool ArchiveReader::ReadHeader() {
 const char* ArchiveReader::BytesAt(uint64_t offset, uint64_t size) {
     if (offset < window_begin_ || offset + size > window_end_) {
         const uint64_t end = (offset + size + kPage - 1) / kPage * kPage;
-        const ssize_t count = pread(file_.fd(), window_.get(), std::min(end, file_.size()) - offset,
-                                    static_cast<off_t>(offset));
-        file_.Reached(offset);
+        const ssize_t count =
+            file_.Read(offset, window_.get(), std::min(end, file_.size()) - offset);
         window_begin_ = offset;
         window_end_ = offset + static_cast<uint64_t>(std::max<ssize_t>(count, 0));
     }

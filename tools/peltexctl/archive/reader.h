@@ -9,15 +9,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "base/file_handles.h"
 #include "tar/tar_header.h"
+#include "ui/progress_view.h"
 
 namespace peltexctl {
 
@@ -27,9 +26,6 @@ inline android::installd::UniqueFd DirectoryOf(const std::string& path) {
     return android::installd::UniqueFd(
         open(length == 0 ? "." : path.substr(0, length).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
-
-// Hears how many bytes are done.
-using ProgressSink = std::function<void(uint64_t done)>;
 
 // A regular file that is open for reading, as long as there is a copy of this; or one that is not,
 // and holds no bytes.
@@ -46,6 +42,9 @@ class ArchiveFile {
     // A stream of its own, from the beginning on; null on failure.
     android::installd::UniqueFile Stream() const;
 
+    // Reads what is there of `size` bytes from `offset` on. Returns how many; -1 on failure.
+    ssize_t Read(uint64_t offset, void* buffer, size_t size) const;
+
     // Fills `buffer` from `offset` on. Returns false when fewer than `size` bytes are there or they
     // cannot be read; the buffer is undefined then.
     bool ReadAt(uint64_t offset, void* buffer, size_t size) const;
@@ -54,20 +53,18 @@ class ArchiveFile {
     // read; the file's size where there is none. Holes are not read.
     uint64_t FindNonZero(uint64_t offset) const;
 
-    // `sink` hears of each offset that Reached() is told of.
-    void SetProgress(ProgressSink sink) { progress_ = std::move(sink); }
-    // To be called by who has come to `offset`.
-    void Reached(uint64_t offset) const {
-        if (progress_) {
-            progress_(offset);
-        }
+    // Shows on `view` how far it is read, behind `begin` bytes of other files.
+    void SetProgress(ProgressView* view, uint64_t begin) {
+        view_ = view;
+        begin_ = begin;
     }
 
   private:
     std::shared_ptr<const android::installd::UniqueFd> fd_;
     uint64_t size_ = 0;
     std::string fault_;
-    ProgressSink progress_;
+    ProgressView* view_ = nullptr;
+    uint64_t begin_ = 0;
 };
 
 struct ArchiveEntry {
@@ -129,7 +126,7 @@ class ArchiveReader {
 
     // Of the end: whether it is two zero blocks, as it should be, and else what it is, for people,
     // whether the entry that Next() filled in last is to blame, and where it lies.
-    bool has_end_blocks() const { return has_end_blocks_; }
+    bool has_end_blocks() const { return fault_ != nullptr && *fault_ == '\0'; }
     const char* fault() const { return fault_; }
     bool blames_entry() const { return blames_entry_; }
     uint64_t end_offset() const { return block_offset_; }
@@ -155,7 +152,6 @@ class ArchiveReader {
     uint64_t block_offset_ = 0;
     uint64_t position_ = 0;
     const char* fault_ = nullptr;  // null before the end, empty where that is as it should be
-    bool has_end_blocks_ = false;
     bool blames_entry_ = false;
     std::optional<std::string> long_name_;
     std::optional<std::string> long_link_;

@@ -96,12 +96,12 @@ std::string ArchiveSet::TakeLine(std::string_view line) {
     return "";
 }
 
-ArchiveSet::ArchiveSet(const std::string& path, ProgressSink progress)
+ArchiveSet::ArchiveSet(const std::string& path, ProgressView* view)
     : path_(path),
       name_(path.substr(path.rfind('/') + 1)),
       directory_(DirectoryOf(path)),
       file_(directory(), name_, 0),
-      progress_(std::move(progress)) {
+      view_(view) {
     std::string content(std::min<uint64_t>(file_.size(), kMaxLine), '\0');
     Ensure(file_.fault().empty(), path + ": " + file_.fault());
     Ensure(file_.ReadAt(0, content.data(), content.size()), path + ": cannot be read");
@@ -124,10 +124,7 @@ std::string ArchiveSet::NameOf(size_t index) const {
 ArchiveFile ArchiveSet::OpenSlice(size_t index) const {
     ArchiveFile file =
         is_check_file() ? ArchiveFile(directory(), NameOf(index), O_NOFOLLOW) : file_;
-    if (progress_) {
-        file.SetProgress(
-            [this, begin = BeginOf(index)](uint64_t offset) { progress_(begin + offset); });
-    }
+    file.SetProgress(view_, BeginOf(index));
     return file;
 }
 

@@ -42,8 +42,8 @@ class ArchiveSet {
     enum class Kind { kArchive, kSlice, kCheckFile };
 
     // Finds out by its content what the file at `path` is, and reads a check file, once. Throws
-    // Failure. Whoever reads the slices tells `progress` how far it is, in bytes of all of them.
-    explicit ArchiveSet(const std::string& path, ProgressSink progress = {});
+    // Failure. `view` shows how far the slices are read, in bytes of all of them.
+    ArchiveSet(const std::string& path, ProgressView* view);
 
     // What is wrong with a check file. With a fault in its lines it lists nothing.
     const std::optional<Finding>& finding() const { return finding_; }
@@ -75,7 +75,7 @@ class ArchiveSet {
     const std::string name_;
     const android::installd::UniqueFd directory_;
     const ArchiveFile file_;
-    const ProgressSink progress_;
+    ProgressView* const view_;
     Kind kind_ = Kind::kCheckFile;
     std::optional<Finding> finding_;
     std::string base_;            // slices are named BASE.0, BASE.1 and so on

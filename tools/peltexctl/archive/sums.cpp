@@ -37,10 +37,9 @@ std::string SumOf(const ArchiveFile& file) {
     sha256->init(&context);
     std::vector<unsigned char> buffer(size_t{64} << 10);
     ssize_t count = 0;
-    for (off_t offset = 0; (count = pread(file.fd(), buffer.data(), buffer.size(), offset)) > 0;
-         offset += count) {
+    for (uint64_t offset = 0; (count = file.Read(offset, buffer.data(), buffer.size())) > 0;
+         offset += static_cast<uint64_t>(count)) {
         sha256->update(&context, static_cast<size_t>(count), buffer.data());
-        file.Reached(static_cast<uint64_t>(offset));
     }
     char sum[SHA256_DIGEST_SIZE];
     sha256->digest(&context, sizeof(sum), reinterpret_cast<unsigned char*>(sum));

@@ -67,11 +67,11 @@ void FirstOf::Add(std::string_view line) {
 }
 
 TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
-                     std::function<void()> tick)
+                     ProgressView* view)
     : kind_(kind),
       request_(request),
       set_(set),
-      tick_(std::move(tick)),
+      view_(*view),
       source_(kind.SourcePath(request)),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
@@ -93,7 +93,7 @@ bool TaskCheck::Before() {
                 Print(spool_.get(),
                       fmt::format("/{};0;{:d};{};0\n", entry.path, entry.type == '5', entry.size));
             }
-            tick_();
+            view_.Tick();
         },
         [this](LeftOut reason, std::string_view path) {
             expected_.LeaveOut(reason);
@@ -152,7 +152,7 @@ void TaskCheck::LookUp(const std::string& result) {
     std::string name;
     LinkBuffer target;
     VisitExpected([&](const TallyEntry& expected) {
-        tick_();
+        view_.Tick();
         name = WithoutSlashes(expected.path);
         struct stat status = {};
         const bool is_there =
@@ -183,7 +183,7 @@ void TaskCheck::LookInto(const std::string& result) {
         };
         const bool is_read = visit([this](const TallyEntry& entry) {
             found_.Add(entry);
-            tick_();
+            view_.Tick();
         });
         return is_read ? CompareWith(result, visit) : differences_.Add(result + ": cannot be read");
     }
@@ -194,7 +194,7 @@ void TaskCheck::LookInto(const std::string& result) {
         }
     };
     try {
-        const ArchiveSet set(result, [this](uint64_t /*done*/) { tick_(); });
+        const ArchiveSet set(result, &view_);
         found_ = VerifySet(set, "", tell);
         CompareWith(result, [&set](const EntrySink& entries) { VisitRestored(set, entries); });
     } catch (const Failure& failure) {
@@ -221,7 +221,7 @@ void TaskCheck::CompareWith(const std::string& result,
                 differences_.Add(
                     fmt::format("{}/{}: is not in {} as it is there", source_, entry.path, result));
             }
-            tick_();
+            view_.Tick();
         });
     }
 }

@@ -27,10 +27,10 @@ struct FirstOf {
 
 class TaskCheck {
   public:
-    // `tick` is called now and then. `set` is what a restore of an archive reads, else null. All
+    // `view` shows what goes on. `set` is what a restore of an archive reads, else null. All
     // must outlive the check.
     TaskCheck(const TaskKind& kind, const TaskRequest& request, const ArchiveSet* set,
-              std::function<void()> tick);
+              ProgressView* view);
 
     // Tallies what the task is to bring. Where that cannot be known it throws Failure, or returns
     // false if the request goes on all the same.
@@ -64,7 +64,7 @@ class TaskCheck {
     const TaskKind& kind_;
     const TaskRequest& request_;
     const ArchiveSet* const set_;
-    const std::function<void()> tick_;
+    ProgressView& view_;
     const std::string source_;
     Tally expected_;
     Tally found_;

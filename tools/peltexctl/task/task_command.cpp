@@ -109,7 +109,7 @@ class TaskCommand {
             return;
         }
         view_.Begin("looking at " + EscapeBytes(request_.source), set_ ? set_->TotalSize() : 0);
-        check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
+        check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, &view_);
         if (!check_->Before()) {
             check_.reset();
         }
@@ -120,10 +120,7 @@ class TaskCommand {
     }
 
     void OpenSet() {
-        set_.emplace(request_.source, [this](uint64_t done) {
-            view_.SetDone(done);
-            view_.Tick();
-        });
+        set_.emplace(request_.source, &view_);
         RefuseArchive(kind_, *set_);
         if (set_->size() == 0 && !request_.force) {
             throw Failure(kTaskFailed, DescribeFinding(*set_->finding()));
