@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 
 #include "archive/sums.h"
-#include "archive/verify.h"
 #include "ui/exit_code.h"
 #include "ui/text.h"
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "archive/reader.h"
+#include "archive/tally.h"
 #include "base/file_handles.h"
 
 namespace peltexctl {
@@ -63,7 +64,7 @@ class ArchiveSet {
     // In bytes, as the check file says: of one, and of all.
     uint64_t SizeOf(size_t index) const { return ends_[index] - BeginOf(index); }
     uint64_t TotalSize() const { return BeginOf(size()); }
-    // The set must outlive the slice, which may have a fault.
+    // It may have a fault.
     ArchiveFile OpenSlice(size_t index) const;
 
   private:
@@ -104,5 +105,15 @@ class PartJoiner {
 // Gives each entry to `visit`, in order, a cut file once with its whole size, and to `sink` the
 // set's finding and a fault for each slice that does not end as it should.
 void VisitEntries(const ArchiveSet& set, const FindingSink& sink, const EntryVisitor& visit);
+
+// Reads a set as a restore does, and gives `sink` what would not come back whole - sizes, header
+// chain, end blocks, the parts of each cut file - and what would reach where it should not: entries
+// that lead out of the directory or through a link, set-user-id files. In verify.cpp, in constant
+// memory. `destination` is where a restore would go, empty where that is not known: the longer its
+// path, the shorter the names that come back. Returns what a restore makes.
+Tally VerifySet(const ArchiveSet& set, const std::string& destination, const FindingSink& sink);
+
+// Gives every entry that makes up the tally to `visit`, whose texts live as long as the call.
+void VisitRestored(const ArchiveSet& set, const std::function<void(const TallyEntry&)>& visit);
 
 }  // namespace peltexctl

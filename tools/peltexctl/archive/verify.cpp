@@ -1,6 +1,4 @@
 // Tested by tests/client/verdicts.md and peltexctl.md.
-#include "archive/verify.h"
-
 #include <fmt/format.h>
 #include <sys/stat.h>
 
@@ -8,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "archive/set.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -48,14 +47,10 @@ class PathFilter {
     explicit PathFilter(uint64_t archive_size)
         : words_(std::clamp<uint64_t>(archive_size / 1024, size_t{1} << 10, size_t{1} << 18)) {}
 
-    // As an entry of this type; kAny without regard to it. Returns whether it may have been there.
-    bool Add(std::string_view path, char type) { return Meet(path, type, true); }
-    bool MayHave(std::string_view path, char type) { return Meet(path, type, false); }
-
     static constexpr char kAny = '\0';
 
-  private:
-    bool Meet(std::string_view path, char type, bool adds) {
+    // Whether it may have been there as an entry of this type; kAny without regard to it.
+    bool Meet(std::string_view path, char type, bool adds = false) {
         const uint64_t hash =
             kHashOf(path) + static_cast<unsigned char>(type) * uint64_t{0x9E3779B97F4A7C15};
         bool is_there = true;
@@ -69,6 +64,7 @@ class PathFilter {
         return is_there;
     }
 
+  private:
     std::vector<uint64_t> words_;
 };
 
@@ -188,7 +184,7 @@ class SetVerifier {
     void Remember(const ArchiveEntry& entry) {
         bool may_go_through_link = false;
         for (std::string_view up = entry.path; has_links_ && !up.empty(); up = ParentOf(up)) {
-            if (seen_.MayHave(up, TYPE_SYMLINK)) {
+            if (seen_.Meet(up, TYPE_SYMLINK)) {
                 may_go_through_link = true;
                 LookAgainFor(up);
             }
@@ -196,16 +192,16 @@ class SetVerifier {
         // A restore makes one directory above a file, with what is known: the file's own mode.
         const std::string_view parent = ParentOf(entry.path);
         if (!may_go_through_link && set_.kind() != ArchiveSet::Kind::kSlice && !parent.empty() &&
-            !seen_.MayHave(parent, TYPE_DIRECTORY)) {
+            !seen_.Meet(parent, TYPE_DIRECTORY)) {
             Fault(entry.name,
                   "no entry in front of it is its directory: that comes back otherwise, or not");
         }
-        if (seen_.Add(entry.path, PathFilter::kAny) && !entry.Continues()) {
+        if (seen_.Meet(entry.path, PathFilter::kAny, true) && !entry.Continues()) {
             LookAgainFor(entry.path);
         }
         if (!entry.IsFile()) {
             has_links_ = has_links_ || entry.type == TYPE_SYMLINK;
-            seen_.Add(entry.path, entry.type);
+            seen_.Meet(entry.path, entry.type, true);
         }
     }
 

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "archive/sums.h"
-#include "archive/verify.h"
 #include "base/path_rules.h"
 #include "brief/search_rules.h"
 #include "task/records.h"
