@@ -45,9 +45,8 @@ struct Options {
 Library SetUp(const Options& options) {
     // Who reads what is printed may go: the task goes on.
     std::signal(SIGPIPE, SIG_IGN);
-    if (access("/proc/self/fd", F_OK) != 0) {
-        throw Failure(kNoLibraryOrData, "/proc is not mounted, which the library needs");
-    }
+    Ensure(access("/proc/self/fd", F_OK) == 0, "/proc is not mounted, which the library needs",
+           kNoLibraryOrData);
     const Library library = LoadLibrary(options.library);
     if (options.data) {
         MountData(*options.data);

@@ -16,8 +16,6 @@ namespace peltexctl {
 
 namespace {
 
-using Severity = Finding::Severity;
-
 std::string ModeAsText(uint32_t mode, char letter) {
     std::string text(1, letter);
     for (size_t i = 0; i < 9; i++) {

@@ -16,8 +16,6 @@ using namespace android::installd;
 
 namespace {
 
-using Severity = Finding::Severity;
-
 // A restore takes longer lines, with their line feed, in pieces.
 constexpr size_t kMaxLine = 2046;
 constexpr size_t kMostSlices = 100000;

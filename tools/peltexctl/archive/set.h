@@ -18,11 +18,11 @@
 
 namespace peltexctl {
 
+// A suspicion cannot be told from a fault by the archive alone, but by what it was made of.
+enum class Severity { kFault, kSuspicion, kWarning };
+
 // Something that keeps an archive from coming back as it was, or may.
 struct Finding {
-    // A suspicion cannot be told from a fault by the archive alone, but by what it was made of.
-    enum class Severity { kFault, kSuspicion, kWarning };
-
     Severity severity;
     std::string slice;  // names; empty when it is about no single one
     std::string entry;

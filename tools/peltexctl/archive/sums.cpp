@@ -95,7 +95,7 @@ void Summer::Finish(int directory, const std::string& name) {
 
 void CheckSums(const ArchiveSet& set, const FindingSink& sink) {
     const auto fault = [&sink](const std::string& of, const std::string& message) {
-        sink({Finding::Severity::kFault, of, "", message});
+        sink({Severity::kFault, of, "", message});
     };
     const std::string name = SumsName(set.name());
     if (faccessat(set.directory(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -14,8 +14,6 @@ namespace peltexctl {
 namespace {
 
 using namespace android::installd;
-using Severity = Finding::Severity;
-
 constexpr uint64_t kMiB = 1 << 20;
 constexpr uint64_t kFirstApplicationUid = 10000;
 constexpr size_t kLongestComponent = 255;
@@ -71,10 +69,7 @@ class PathFilter {
 class SetVerifier {
   public:
     SetVerifier(const ArchiveSet& set, const std::string& destination, const FindingSink& sink)
-        : set_(set),
-          destination_((destination.empty() ? "." : destination) + "/"),
-          sink_(sink),
-          begin_known_(set.is_check_file()) {}
+        : set_(set), destination_((destination.empty() ? "." : destination) + "/"), sink_(sink) {}
 
     Tally Run() {
         if (set_.finding()) {
@@ -215,11 +210,7 @@ class SetVerifier {
     void LookAgain() {
         slice_.clear();
         if (!doubtful_.empty()) {
-            VisitEntries(set_, kIgnore, [this](const ArchiveEntry& entry) {
-                if (entry.IsRestored()) {
-                    LookAgainAt(entry);
-                }
-            });
+            VisitEntries(set_, kIgnore, [this](const ArchiveEntry& entry) { LookAgainAt(entry); });
         }
         if (doubtful_.size() > kMostDoubtful) {
             Warn("", "too many entries to tell whether a name is there twice");
@@ -227,6 +218,9 @@ class SetVerifier {
     }
 
     void LookAgainAt(const ArchiveEntry& entry) {
+        if (!entry.IsRestored()) {
+            return;
+        }
         // A link itself replaces one of its name; all else is written through it.
         const bool is_link = entry.type == TYPE_SYMLINK;
         bool is_through = false;
@@ -330,10 +324,10 @@ class SetVerifier {
     Tally tally_;
     PartJoiner joiner_{set_, ForTally([this](const TallyEntry& entry) { tally_.Add(entry); })};
 
-    std::string slice_;                 // the name of the one at hand
-    bool is_first_ = true;              // the next entry is its slice's first
-    bool begin_known_;                  // the slice before this one was read to its end
-    std::optional<Finding> open_part_;  // what to tell of it when nothing goes on with it
+    std::string slice_;                        // the name of the one at hand
+    bool is_first_ = true;                     // the next entry is its slice's first
+    bool begin_known_ = set_.is_check_file();  // the slice before this one was read to its end
+    std::optional<Finding> open_part_;         // what to tell of it when nothing goes on with it
 
     PathFilter seen_{set_.TotalSize()};
     static constexpr char kNotMet = '\0';

@@ -77,7 +77,7 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
 bool TaskCheck::Before() {
     if (set_ != nullptr) {
         const FindingSink tell = [this](const Finding& finding) {
-            if (finding.severity != Finding::Severity::kWarning) {
+            if (finding.severity != Severity::kWarning) {
                 differences_.Add(DescribeFinding(finding));
             }
         };
@@ -188,7 +188,7 @@ void TaskCheck::LookInto(const std::string& result) {
     }
     const FindingSink tell = [this](const Finding& finding) {
         // Whether a suspicion is one the source tells.
-        if (finding.severity == Finding::Severity::kFault) {
+        if (finding.severity == Severity::kFault) {
             differences_.Add(DescribeFinding(finding));
         }
     };

@@ -28,6 +28,13 @@ size_t Columns() {
     return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
+// "0:07", "1:02:03".
+std::string HumanTime(double seconds) {
+    const auto whole = static_cast<int64_t>(seconds);
+    return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
+                        : fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
 }  // namespace
 
 ProgressView::ProgressView(bool quiet) : quiet_(quiet), redraws_(CanRedraw(stderr)) {}
@@ -35,7 +42,7 @@ ProgressView::ProgressView(bool quiet) : quiet_(quiet), redraws_(CanRedraw(stder
 void ProgressView::Begin(const std::string& label, uint64_t total) {
     const std::lock_guard lock(mutex_);
     done_ = 0;
-    label_ = label;
+    label_ = quiet_ ? "" : label;
     note_.clear();
     total_ = total;
     start_ = Clock::now();
@@ -61,9 +68,6 @@ void ProgressView::Aside(const std::function<void()>& print) {
 }
 
 void ProgressView::Tick() {
-    if (quiet_) {
-        return;
-    }
     const std::lock_guard lock(mutex_);
     const Clock::time_point now = Clock::now();
     if (label_.empty() || now < next_shown_) {

@@ -119,12 +119,6 @@ uint64_t BytesPerSecond(uint64_t bytes, double seconds) {
     return static_cast<uint64_t>(static_cast<double>(bytes) / std::max(seconds, kShortest));
 }
 
-std::string HumanTime(double seconds) {
-    const auto whole = static_cast<int64_t>(seconds);
-    return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
-                        : fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
-}
-
 bool EndsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }

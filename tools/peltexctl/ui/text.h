@@ -47,9 +47,8 @@ std::string Hexadecimal(std::string_view bytes);
 // "1 entry", "2 entries".
 std::string Counted(uint64_t number, std::string_view one, std::string_view many);
 
-// "512 B", "1.5 MiB", "0:07", "1:02:03".
+// "512 B", "1.5 MiB".
 std::string HumanSize(uint64_t bytes);
-std::string HumanTime(double seconds);
 uint64_t BytesPerSecond(uint64_t bytes, double seconds);
 
 bool EndsWith(std::string_view text, std::string_view end);
