@@ -20,7 +20,6 @@
 #include "task/task_command.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/signals.h"
 #include "ui/text.h"
 
 namespace peltexctl {

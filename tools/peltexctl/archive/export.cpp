@@ -13,7 +13,6 @@
 #include "archive/commands.h"
 #include "archive/new_file.h"
 #include "ui/exit_code.h"
-#include "ui/signals.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -40,7 +39,7 @@ class Output {
         }
         const std::string name = path_.substr(path_.rfind('/') + 1);
         directory_ = DirectoryOf(path_);
-        Require(directory_.isOpen());
+        Require(directory_.isOpen(), failure_);
         fstatat(directory_.get(), name.c_str(), &there_, AT_SYMLINK_NOFOLLOW);
         const mode_t type = there_.st_mode & S_IFMT;  // 0 where nothing is
         if (type == 0 || type == S_IFREG || type == S_IFLNK) {
@@ -52,7 +51,7 @@ class Output {
                 UniqueFd(openat(directory_.get(), name.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
             fd_ = other_.get();
         }
-        Require(fd_ != -1);
+        Require(fd_ != -1, failure_);
     }
 
     // Heeds a file that the archive is made of: who cannot read it must not be able to read that
@@ -60,7 +59,7 @@ class Output {
     void Heed(const ArchiveFile& source) {
         struct stat info = {};
         struct stat own = {};
-        Require(fstat(source.fd(), &info) == 0 && fstat(fd_, &own) == 0);
+        Require(fstat(source.fd(), &info) == 0 && fstat(fd_, &own) == 0, failure_);
         mode_ &= info.st_mode;
         if (own.st_gid != info.st_gid) {
             mode_ &= (info.st_mode & 07) << 3 | 0707;
@@ -72,7 +71,7 @@ class Output {
     void Write(std::string_view bytes) {
         while (!bytes.empty()) {
             const ssize_t count = write(fd_, bytes.data(), bytes.size());
-            Require(count != -1);
+            Require(count != -1, failure_);
             bytes.remove_prefix(static_cast<size_t>(count));
         }
     }
@@ -81,7 +80,7 @@ class Output {
     void Finish() {
         const mode_t mask = umask(0);
         umask(mask);
-        Require(fd_ != file_.fd() || file_.Finish(mode_ & ~mask));
+        Require(fd_ != file_.fd() || file_.Finish(mode_ & ~mask), failure_);
     }
 
     [[noreturn]] void Interrupt() {
@@ -92,12 +91,8 @@ class Output {
     }
 
   private:
-    void Require(bool is_done) const {
-        peltexctl::Require(is_done,
-                           path_ == "-" ? "cannot write the archive" : "cannot write " + path_);
-    }
-
     const std::string path_;
+    const std::string failure_ = "cannot write " + (path_ == "-" ? "the archive" : path_);
     int fd_ = STDOUT_FILENO;
     UniqueFd directory_;
     UniqueFd other_;  // what is no new file

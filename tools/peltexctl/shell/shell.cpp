@@ -25,7 +25,6 @@
 #include "task/library.h"
 #include "ui/events.h"
 #include "ui/exit_code.h"
-#include "ui/signals.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -24,7 +24,6 @@
 #include "task/task_check.h"
 #include "task/task_run.h"
 #include "ui/exit_code.h"
-#include "ui/signals.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -15,7 +15,6 @@
 #include "task/refusals.h"
 #include "task/slice_taker.h"
 #include "ui/exit_code.h"
-#include "ui/signals.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -1,7 +1,9 @@
-// The program's exit statuses, and what ends it early.
+// The program's exit statuses, and what ends it early: failures, and the signals that ask for the
+// end - SIGINT, SIGTERM, SIGHUP -, taken by a thread of their own, so that no call is cut short.
 #pragma once
 
 #include <cerrno>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -40,5 +42,34 @@ inline void Require(bool is_done, const std::string& message, ExitCode code = kT
         throw Failure(code, message + ": " + std::generic_category().message(errno));
     }
 }
+
+// Ends the program as interrupted with "peltexctl: MESSAGE", from any thread: takes no lock and
+// waits for nobody. What a full pipe does not take is not told.
+[[noreturn]] void EndInterrupted(const std::string& message);
+
+// What a signal does while this object lives; afterwards it does what it did before. The handler is
+// called on the signals' thread, one at a time and not after the destructor. It must not wait, so
+// that the next signal finds it free.
+class SignalScope {
+  public:
+    using Handler = std::function<void()>;
+
+    explicit SignalScope(Handler handler);
+    ~SignalScope();
+
+    SignalScope(const SignalScope&) = delete;
+    SignalScope& operator=(const SignalScope&) = delete;
+
+  private:
+    Handler before_;
+};
+
+// From here on the signals are held back from this thread and from those made later. One that was
+// ignored at the start stays so. To be called before any other thread is made.
+void HoldSignals();
+
+// From here on the signals do what the SignalScope of the moment says. To be called once, when this
+// thread sees the files that it will work with: the signals' thread sees what it sees then.
+void TakeSignals();
 
 }  // namespace peltexctl

@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <poll.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,8 +10,6 @@
 #include <cwchar>
 #include <iterator>
 #include <sstream>
-
-#include "ui/exit_code.h"
 
 namespace peltexctl {
 
@@ -142,17 +138,6 @@ void Print(FILE* stream, const std::string& text) {
 void PrintError(const std::string& message) {
     Print(stderr,
           fmt::format("{} {}\n", Paint(stderr, Colour::kRed, "peltexctl:"), EscapeBytes(message)));
-}
-
-void EndInterrupted(const std::string& message) {
-    const std::string line = fmt::format("peltexctl: {}\n", EscapeBytes(message));
-    pollfd ready = {STDERR_FILENO, POLLOUT, 0};
-    if (poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT) != 0) {
-        [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.data(), line.size());
-    }
-    // Past those who would flush streams, which may wait for a reader.
-    syscall(SYS_exit_group, kInterrupted);
-    __builtin_unreachable();
 }
 
 }  // namespace peltexctl

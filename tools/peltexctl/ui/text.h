@@ -66,8 +66,4 @@ void Print(FILE* stream, const std::string& text);
 // "peltexctl: MESSAGE" on standard error, as one line whatever bytes are in it.
 void PrintError(const std::string& message);
 
-// Ends the program as interrupted with the same, from any thread: takes no lock and waits for
-// nobody. What a full pipe does not take is not told.
-[[noreturn]] void EndInterrupted(const std::string& message);
-
 }  // namespace peltexctl

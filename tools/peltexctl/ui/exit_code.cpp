@@ -1,12 +1,18 @@
 // Tested by tests/client/test_running.py.
-#include "ui/signals.h"
+#include "ui/exit_code.h"
 
+#include <fmt/format.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <mutex>
 #include <thread>
 #include <utility>
+
+#include "ui/text.h"
 
 namespace peltexctl {
 
@@ -27,6 +33,17 @@ void Loop() {
 }
 
 }  // namespace
+
+void EndInterrupted(const std::string& message) {
+    const std::string line = fmt::format("peltexctl: {}\n", EscapeBytes(message));
+    pollfd ready = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT) != 0) {
+        [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.data(), line.size());
+    }
+    // Past those who would flush streams, which may wait for a reader.
+    syscall(SYS_exit_group, kInterrupted);
+    __builtin_unreachable();
+}
 
 SignalScope::SignalScope(Handler handler) : before_(std::move(handler)) {
     const std::lock_guard lock(g_mutex);
