@@ -112,7 +112,6 @@ class ArchiveCommand {
         const Tally tally = VerifySet(set_, "", sink_);
         Begin();
         CheckSums(set_, sink_);
-        view_.End();
         return tally;
     }
 

@@ -69,11 +69,10 @@ void ProgressView::Aside(const std::function<void()>& print) {
 
 void ProgressView::Tick() {
     const std::lock_guard lock(mutex_);
-    const Clock::time_point now = Clock::now();
-    if (label_.empty() || now < next_shown_) {
+    if (label_.empty() || Clock::now() < next_shown_) {
         return;
     }
-    next_shown_ = now + (redraws_ ? Clock::duration(kBarInterval) : kLineInterval);
+    next_shown_ = Clock::now() + (redraws_ ? Clock::duration(kBarInterval) : kLineInterval);
     const std::string standing = Standing();
     if (!redraws_) {
         return Print(stderr, fmt::format("{}: {}\n", label_, standing));
