@@ -104,7 +104,7 @@ void MadeDirectory::Make(const std::string& path, uid_t uid) {
     Require(fd_.isOpen() && (!gives || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0), path);
 }
 
-void MadeDirectory::Remove() {
+MadeDirectory::~MadeDirectory() {
     for (; !made_.empty(); made_.pop_back()) {
         unlinkat(made_.back().first.get(), made_.back().second.c_str(), AT_REMOVEDIR);
     }

@@ -1,12 +1,10 @@
 // Tested by tests/client/peltexctl.md.
 #include "task/task_command.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -17,7 +15,6 @@
 #include "task/refusals.h"
 #include "task/set_links.h"
 #include "task/task_check.h"
-#include "task/task_run.h"
 #include "ui/exit_code.h"
 #include "ui/library_log.h"
 #include "ui/signals.h"
@@ -42,16 +39,6 @@ class TaskCommand {
     explicit TaskCommand(const TaskJob& job)
         : job_(job), kind_(job.kind), request_(job.request), events_(job.events), view_(job.view) {}
 
-    ~TaskCommand() {
-        links_.reset();  // they may lie in what was made
-        if (!is_over_) {
-            made_.Remove();
-        }
-    }
-
-    TaskCommand(const TaskCommand&) = delete;
-    TaskCommand& operator=(const TaskCommand&) = delete;
-
     // Returns the program's exit status. Throws Failure.
     int Run(const Library& library) {
         const SignalScope signals([this] {
@@ -62,6 +49,7 @@ class TaskCommand {
         Prepare();
         const TaskSummary summary = RunJob(library, job_);
         is_over_ = true;
+        made_.Keep();
         return Conclude(summary);
     }
 
@@ -112,7 +100,7 @@ class TaskCommand {
                 RemoveFiles(held.get(), FilesThere(kind_, request_, held));
             }
         }
-        job_.command = kind_.Command(request_);
+        job_.command = kind_.Command(request_, request_.source);
         job_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
         if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
             events_.Note(fmt::format(
@@ -132,15 +120,12 @@ class TaskCommand {
     }
 
     void MakeLinks() {
-        links_.emplace(*set_, ParentOf(request_.source));
-        if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
+        if (const std::string left = RemoveLeftLinks(ParentOf(request_.source)); !left.empty()) {
             events_.Note(left + ": left by a restore that was killed, removed");
         }
-        links_->Make(request_.destination);
-        TaskRequest of_links = request_;
-        of_links.source = links_->CheckFile();
-        job_.command = kind_.Command(of_links);
-        job_.left_too = "; " + links_->path() + " is left, which the next restore removes";
+        links_.Make(*set_, request_.destination);
+        job_.command = kind_.Command(request_, links_.CheckFile());
+        job_.left_too = "; " + links_.path() + " is left, which the next restore removes";
     }
 
     // What is done about a task that the library has brought to a good end. Returns the program's
@@ -200,8 +185,8 @@ class TaskCommand {
     std::optional<ArchiveSet> set_;  // of a restore
     std::vector<std::string> line_faults_;
     std::optional<TaskCheck> check_;  // none with --no-verify
-    std::optional<SetLinks> links_;
     MadeDirectory made_;
+    SetLinks links_;  // which may lie in what was made
     std::atomic<bool> is_over_{false};
 };
 
