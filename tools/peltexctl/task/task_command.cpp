@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,20 +23,10 @@ namespace peltexctl {
 
 namespace {
 
-// By the whole program, whose tasks that unpack read little but the archive.
-uint64_t BytesRead() {
-    std::ifstream counters("/proc/self/io");
-    std::string name;
-    uint64_t count = 0;
-    counters >> name >> count;
-    return count;
-}
-
 // A task with what comes before and behind the library's part.
 class TaskCommand {
   public:
-    explicit TaskCommand(const TaskJob& job)
-        : job_(job), kind_(job.kind), request_(job.request), events_(job.events), view_(job.view) {}
+    explicit TaskCommand(const TaskJob& job) : job_(job) {}
 
     // Returns the program's exit status. Throws Failure.
     int Run(const Library& library) {
@@ -56,113 +45,115 @@ class TaskCommand {
   private:
     // Changes nothing.
     void RefuseAll() {
-        RefuseRequest(kind_, request_);
-        if (kind_.Unpacks()) {
+        RefuseRequest(job_.kind, job_.request);
+        if (job_.kind.Unpacks()) {
             OpenSet();
         }
-        if (request_.no_verify) {
+        if (job_.request.no_verify) {
             return;
         }
-        view_.Begin("looking at " + EscapeBytes(request_.source), set_ ? set_->TotalSize() : 0);
-        check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, [this] { view_.Tick(); });
+        job_.view.Begin("looking at " + EscapeBytes(job_.request.source),
+                        set_ ? set_->TotalSize() : 0);
+        check_.emplace(job_.kind, job_.request, set_ ? &*set_ : nullptr,
+                       [this] { job_.view.Tick(); });
         if (!check_->Before()) {
             check_.reset();
         }
-        if (!request_.force) {
-            RefuseByTally(kind_, request_, &*check_);
+        if (!job_.request.force) {
+            RefuseByTally(job_.kind, job_.request, &*check_);
         }
-        view_.End();
+        job_.view.End();
     }
 
     void OpenSet() {
         set_.emplace(
-            request_.source,
+            job_.request.source,
             [this](const Finding& finding) {
                 if (finding.severity == Finding::Severity::kFault) {
                     line_faults_.push_back(DescribeFinding(finding));
                 }
             },
             [this](uint64_t done) {
-                view_.SetDone(done);
-                view_.Tick();
+                job_.view.SetDone(done);
+                job_.view.Tick();
             });
-        RefuseArchive(kind_, *set_);
-        if (set_->size() == 0 && !request_.force) {
+        RefuseArchive(job_.kind, *set_);
+        if (set_->size() == 0 && !job_.request.force) {
             throw Failure(kTaskFailed, line_faults_[0]);
         }
     }
 
     // Makes what the task needs, and takes away what it replaces.
     void Prepare() {
-        if (request_.replace) {
-            for (const std::string& directory : {request_.destination, request_.take}) {
+        if (job_.request.replace) {
+            for (const std::string& directory : {job_.request.destination, job_.request.take}) {
                 const UniqueFd held = OpenDirectory(directory);
-                RemoveFiles(held.get(), FilesThere(kind_, request_, held));
+                RemoveFiles(held.get(), FilesThere(job_.kind, job_.request, held));
             }
         }
-        job_.command = kind_.Command(request_, request_.source);
-        job_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
-        if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
-            events_.Note(fmt::format(
+        job_.command = job_.kind.Command(job_.request, job_.request.source);
+        job_.total = check_ && !job_.kind.IsBrief() ? check_->expected().bytes() : 0;
+        if (geteuid() != 0 && (job_.kind.Unpacks() || job_.kind.source == Source::kRecords)) {
+            job_.events.Note(fmt::format(
                 "you are not root: what is restored belongs to uid {}, and other owners "
                 "and the set-group-id bits of groups that are not yours are not given",
                 geteuid()));
         }
-        if (!kind_.Unpacks()) {
+        if (!job_.kind.Unpacks()) {
             return;
         }
-        made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid)));
+        made_.Make(job_.request.destination, static_cast<uid_t>(*ParseInt(job_.request.uid)));
         job_.total = set_->TotalSize();
-        job_.bytes_read = [before = BytesRead()] { return BytesRead() - before; };
-        if (kind_.RestoresSlices()) {
+        if (job_.kind.RestoresSlices()) {
             MakeLinks();
         }
     }
 
     void MakeLinks() {
-        if (const std::string left = RemoveLeftLinks(ParentOf(request_.source)); !left.empty()) {
-            events_.Note(left + ": left by a restore that was killed, removed");
+        if (const std::string left = RemoveLeftLinks(ParentOf(job_.request.source));
+            !left.empty()) {
+            job_.events.Note(left + ": left by a restore that was killed, removed");
         }
-        links_.Make(*set_, request_.destination);
-        job_.command = kind_.Command(request_, links_.CheckFile());
+        links_.Make(*set_, job_.request.destination);
+        job_.command = job_.kind.Command(job_.request, links_.CheckFile());
         job_.left_too = "; " + links_.path() + " is left, which the next restore removes";
     }
 
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
     int Conclude(TaskSummary summary) {
-        const std::string result_path = kind_.ResultPath(request_);
+        const std::string result_path = job_.kind.ResultPath(job_.request);
         const std::string written =
-            request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
+            job_.request.take.empty() ? result_path : job_.request.take + "/" + NameOf(result_path);
         const bool is_whole = !check_ || Check(written);
-        if (is_whole && request_.sums && !kind_.HandsOver()) {
+        if (is_whole && job_.request.sums && !job_.kind.HandsOver()) {
             WriteSums(written);
         }
-        if (is_whole && request_.consume) {
+        if (is_whole && job_.request.consume) {
             RemoveSet(*set_);
         }
-        summary.has_rate = !kind_.IsBrief();
-        if (kind_.RestoresSlices()) {
+        summary.has_rate = !job_.kind.IsBrief();
+        if (job_.kind.RestoresSlices()) {
             summary.slices = set_->size();
         }
         if (check_ && is_whole) {
             summary.tally = check_->expected();
         }
-        events_.Summary(summary);
+        job_.events.Summary(summary);
         return is_whole ? kDone : kTaskFailed;
     }
 
     bool Check(const std::string& written) {
-        view_.Begin("checking " + EscapeBytes(written));
+        job_.view.Begin("checking " + EscapeBytes(written));
         std::vector<std::string> lines = check_->After(written);
         lines.insert(lines.begin(), line_faults_.begin(), line_faults_.end());
-        view_.End();
+        job_.view.End();
         if (!lines.empty()) {
             lines.back() += HintAtRoom(written, check_->missing_bytes());
             PrintKeptLog();
         }
         for (const std::string& line : lines) {
-            events_.Error(line);
+            job_.events.Error(line);
         }
         return lines.empty();
     }
@@ -178,10 +169,6 @@ class TaskCommand {
     }
 
     TaskJob job_;
-    const TaskKind& kind_;
-    const TaskRequest& request_;
-    EventWriter& events_;
-    ProgressView& view_;
     std::optional<ArchiveSet> set_;  // of a restore
     std::vector<std::string> line_faults_;
     std::optional<TaskCheck> check_;  // none with --no-verify
