@@ -45,7 +45,7 @@ std::string NearestThere(std::string path) {
 
 bool LiesIn(const std::string& inner, const FileId& outer) {
     std::error_code failure;
-    fs::path path = fs::canonical(NearestThere(inner), failure);
+    fs::path path = fs::weakly_canonical(inner, failure);
     while (IdOf(path) != outer && path.has_relative_path()) {
         path = path.parent_path();
     }

@@ -29,30 +29,28 @@ void RefuseIf(bool is_wrong, fmt::format_string<Arguments...> text, Arguments&&.
     }
 }
 
-// Bytes of the file system that `path` is on or will be. One that has no size tells nothing.
+// The file system that `path` is on or will be. One that has no size has room for all.
 struct Space {
-    explicit Space(const std::string& path) {
+    explicit Space(const std::string& where) : path(where) {
         const std::string there = NearestThere(path);
         const std::optional<struct stat> status = StatOf(there);
         struct statvfs system = {};
-        if (status && statvfs(there.c_str(), &system) == 0) {
+        if (status && statvfs(there.c_str(), &system) == 0 && system.f_blocks > 0) {
             block = system.f_frsize;
             free = (geteuid() == 0 ? system.f_bfree : system.f_bavail) * block;
             device = status->st_dev;
-            has_size = system.f_blocks > 0;
         }
     }
 
-    uint64_t free = 0;
+    const std::string path;
+    uint64_t free = UINT64_MAX;  // bytes
     uint64_t block = 0;
     dev_t device = 0;
-    bool has_size = false;
 };
 
-void RefuseRoom(const std::string& path, uint64_t needed, const Space& space) {
-    RefuseIf(space.has_size && needed > space.free,
-             "{}: {} are needed and {} are free; make room, or --force", path, HumanSize(needed),
-             HumanSize(space.free));
+void RefuseRoom(const Space& space, uint64_t needed) {
+    RefuseIf(needed > space.free, "{}: {} are needed and {} are free; make room, or --force",
+             space.path, HumanSize(needed), HumanSize(space.free));
 }
 
 void RefuseSameOrNested(const std::string& from, const std::string& to, bool is_file) {
@@ -73,14 +71,6 @@ void RefuseRecords(const std::string& copy, const std::string& destination) {
     RefuseIf(first && first->rfind(destination + "/", 0) != 0,
              "{}.txt: its records are of {}, not of {}; --force goes on", copy, first.value_or(""),
              destination);
-}
-
-void RefuseTake(const TaskRequest& request) {
-    const std::optional<FileId> take = IdOf(request.take);
-    if (!request.take.empty() &&
-        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
-        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
-    }
 }
 
 void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
@@ -124,7 +114,10 @@ void RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
 }  // namespace
 
 void RefuseRequest(const TaskKind& kind, const TaskRequest& request) {
-    RefuseTake(request);
+    const std::optional<FileId> take = IdOf(request.take);
+    Ensure(request.take.empty() ||
+               (take ? take != IdOf(request.destination) : request.take != request.destination),
+           "--take " + request.take + " is DEST itself", kUsage);
     RefusePaths(kind, request);
     if (!request.force) {
         RefuseLoss(kind, request);
@@ -157,12 +150,10 @@ void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* 
     const uint64_t most =
         check->expected().bytes() + check->expected().entries() * (space.block + 4096) + 4096;
     if (taken.device != space.device) {
-        const uint64_t slice = static_cast<uint64_t>(SliceSizeOf(request)) << 20;
-        RefuseRoom(request.destination, std::min(slice, most), space);
+        RefuseRoom(space, std::min(static_cast<uint64_t>(SliceSizeOf(request)) << 20, most));
     }
     if (most > taken.free) {
-        RefuseRoom(taken.device != space.device ? request.take : request.destination,
-                   check->RoomFor(space.block), taken);
+        RefuseRoom(taken, check->RoomFor(space.block));
     }
 }
 
@@ -191,8 +182,7 @@ std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& req
 }
 
 std::string HintAtRoom(const std::string& path, uint64_t bytes) {
-    const Space space(path);
-    return space.has_size && space.free < std::max<uint64_t>(bytes, 1) ? "; make room" : "";
+    return Space(path).free < std::max<uint64_t>(bytes, 1) ? "; make room" : "";
 }
 
 }  // namespace peltexctl

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <string_view>
 #include <utility>
 
 #include "archive/sums.h"
@@ -87,7 +86,7 @@ bool TaskCheck::Before() {
         CheckSums(*set_, tell);
         return true;
     }
-    const bool is_read = VisitSource(
+    const bool is_read = VisitSource({
         [this](const TallyEntry& entry) {
             expected_.Add(entry);
             if (spool_) {
@@ -102,14 +101,13 @@ bool TaskCheck::Before() {
             if (reason != LeftOut::kLink) {
                 lost_.Add(path);
             }
-        });
+        },
+    });
     const bool is_listed = !kind_.IsMove() || (spool_ && std::fflush(spool_.get()) == 0 &&
                                                std::ferror(spool_.get()) == 0);
-    if (!(is_read && is_listed) && !request_.force) {
-        throw Failure(kTaskFailed,
-                      fmt::format("{}: {}; --force goes on without a check", source_,
-                                  is_read ? "no room for a list of it in /tmp" : "cannot be read"));
-    }
+    Ensure((is_read && is_listed) || request_.force,
+           fmt::format("{}: {}; --force goes on without a check", source_,
+                       is_read ? "no room for a list of it in /tmp" : "cannot be read"));
     return is_read && is_listed;
 }
 
@@ -234,10 +232,10 @@ bool TaskCheck::VisitExpected(const EntrySink& entries) const {
                                      entry.mode = std::nullopt;
                                      entries(entry);
                                  })
-                  : VisitSource(entries, [](LeftOut, std::string_view) {});
+                  : VisitSource({entries, [](LeftOut, std::string_view) {}});
 }
 
-bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const {
+bool TaskCheck::VisitSource(const TreeSink& sink) const {
     WalkOptions options;
     options.rules = kind_.leaves_out;
     options.modes = kind_.modes();
@@ -253,30 +251,30 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
         case Source::kFile: {
             const std::optional<struct stat> status = StatOf(source_);
             if (status) {
-                entries(EntryOf(NameOf(TargetFile(request_)), *status, Modes::kNone));
+                sink.take(EntryOf(NameOf(TargetFile(request_)), *status, Modes::kNone));
             }
             return status.has_value();
         }
         case Source::kList:
-            return VisitList(entries, left_out);
+            return VisitList(sink);
         case Source::kSearch:
-            return VisitSearch(options, entries, left_out);
+            return VisitSearch(options, sink);
         case Source::kSet:
-            VisitRestored(*set_, entries);
+            VisitRestored(*set_, sink.take);
             return true;
         case Source::kRecords:
             if (RecordsApply()) {
-                return VisitRecords(source_ + ".txt", request_.destination + "/", entries);
+                return VisitRecords(source_ + ".txt", request_.destination + "/", sink.take);
             }
             options.modes = Modes::kNone;
             break;
         case Source::kTree:
             break;
     }
-    return WalkTree(source_, options, entries, left_out);
+    return WalkTree(source_, options, sink);
 }
 
-bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out) const {
+bool TaskCheck::VisitList(const TreeSink& sink) const {
     const std::string app = NameOf(request_.destination);
     return ReadRecords(
         source_, RecordLines::kEach,
@@ -287,23 +285,22 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
             const std::string_view below =
                 WithoutSlashes(at == std::string::npos ? "" : record.path.substr(at + app.size()));
             if (lstat(path.c_str(), &status) != 0) {
-                left_out(LeftOut::kUnreadable, path);
+                sink.leave_out(LeftOut::kUnreadable, path);
             } else if (S_ISLNK(status.st_mode)) {
-                left_out(LeftOut::kLink, path);
+                sink.leave_out(LeftOut::kLink, path);
             } else if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-                left_out(LeftOut::kSpecial, path);
+                sink.leave_out(LeftOut::kSpecial, path);
             } else if (record.type != '5' && EndsWith(path, ".dex")) {
-                left_out(LeftOut::kDex, path);
+                sink.leave_out(LeftOut::kDex, path);
             } else if (!below.empty()) {
-                entries(EntryOf(below, status, Modes::kNone));
+                sink.take(EntryOf(below, status, Modes::kNone));
             }
             return true;
         },
-        [&](std::string_view line) { left_out(LeftOut::kUnreadable, line); });
+        [&](std::string_view line) { sink.leave_out(LeftOut::kUnreadable, line); });
 }
 
-bool TaskCheck::VisitSearch(WalkOptions options, const EntrySink& entries,
-                            const LeftOutSink& left_out) const {
+bool TaskCheck::VisitSearch(WalkOptions options, const TreeSink& sink) const {
     struct stat status = {};
     android::installd::SearchRules rules;
     if (stat(source_.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -318,13 +315,13 @@ bool TaskCheck::VisitSearch(WalkOptions options, const EntrySink& entries,
         const std::string_view path = WithoutSlashes(include);
         options.begin = include.size() - path.size();
         if (lstat(include.c_str(), &status) != 0) {
-            left_out(LeftOut::kUnreadable, include);
+            sink.leave_out(LeftOut::kUnreadable, include);
         } else if (S_ISDIR(status.st_mode)) {
             if (!excludes.cover(include)) {
-                WalkTree(include, options, entries, left_out);
+                WalkTree(include, options, sink);
             }
         } else if (stat(include.c_str(), &status) == 0) {
-            entries(EntryOf(path, status, options.modes));
+            sink.take(EntryOf(path, status, options.modes));
         }
     }
     return true;

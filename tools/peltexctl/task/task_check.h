@@ -51,10 +51,9 @@ class TaskCheck {
     uint64_t missing_bytes() const;
 
   private:
-    bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool VisitSearch(WalkOptions options, const EntrySink& entries,
-                     const LeftOutSink& left_out) const;
+    bool VisitSource(const TreeSink& sink) const;
+    bool VisitList(const TreeSink& sink) const;
+    bool VisitSearch(WalkOptions options, const TreeSink& sink) const;
     bool VisitExpected(const EntrySink& entries) const;
     bool RecordsApply() const;
     void LookUp(const std::string& result);
