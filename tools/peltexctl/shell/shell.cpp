@@ -22,8 +22,6 @@
 #include <vector>
 
 #include "task/directory.h"
-#include "task/library.h"
-#include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/signals.h"
 #include "ui/text.h"
@@ -94,34 +92,29 @@ class TaskTracker {
     }
 
     // Waits for a status of the task that no earlier call for that task and code has taken, and
-    // takes it. Returns false where that takes longer.
-    bool WaitStatus(int id, int code, Seconds patience) {
+    // takes it. Returns its code, or nothing where that takes longer.
+    std::optional<int> WaitStatus(int id, int code, Seconds patience) {
         std::unique_lock lock(mutex_);
         std::map<int, int>& untaken = tasks_[id].untaken;
         const bool has_come = changed_.wait_for(lock, patience, [&untaken, code] {
             return untaken.count(code) > 0 && untaken[code] > 0;
         });
-        if (has_come) {
-            --untaken[code];
+        if (!has_come) {
+            return std::nullopt;
         }
-        return has_come;
+        --untaken[code];
+        return code;
     }
 
-    // Waits until every given task of these sessions has ended. Returns those that have not by
-    // then.
-    std::vector<int> WaitAllEnded(const std::set<int>& sessions, Seconds patience) {
+    // Waits until every given task of these sessions has ended. Returns false where that takes
+    // longer.
+    bool WaitAllEnded(const std::set<int>& sessions, Seconds patience) {
         std::unique_lock lock(mutex_);
-        std::vector<int> unfinished;
-        changed_.wait_for(lock, patience, [&] {
-            unfinished.clear();
-            for (const auto& [id, task] : tasks_) {
-                if (task.IsUnfinished() && sessions.count(*task.session) > 0) {
-                    unfinished.push_back(id);
-                }
-            }
-            return unfinished.empty();
+        return changed_.wait_for(lock, patience, [&] {
+            return std::none_of(tasks_.begin(), tasks_.end(), [&](const auto& entry) {
+                return entry.second.IsUnfinished() && sessions.count(*entry.second.session) > 0;
+            });
         });
-        return unfinished;
     }
 
     // The given tasks that have not ended, and what was last heard of each; waits for nobody.
@@ -281,18 +274,18 @@ class Shell {
     void HandleDotLine(const std::string& line);
 
     int End() {
-        std::vector<int> unfinished = tasks.WaitAllEnded(open_, kQuietWait);
-        if (!unfinished.empty()) {
+        bool is_over = tasks.WaitAllEnded(open_, kQuietWait);
+        if (!is_over) {
             events.Note("waiting for " + tasks.DescribeUnfinished());
-            unfinished = tasks.WaitAllEnded(open_, kDefaultWait - kQuietWait);
+            is_over = tasks.WaitAllEnded(open_, kDefaultWait - kQuietWait);
         }
-        for (const int task : unfinished) {
-            events.Error(fmt::format("task {} has not ended", task));
+        if (!is_over) {
+            events.Error("left unfinished: " + tasks.DescribeUnfinished());
         }
         for (const int open : std::set<int>(open_)) {
             FinishSession(open);
         }
-        return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
+        return is_over && !tasks.AnyFailed() ? kDone : kTaskFailed;
     }
 
     const Library library_;
@@ -337,16 +330,17 @@ constexpr DotLine kDotLines[] = {
      }},
     {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
      [](Shell* shell, const Words& words) {
+         const int task = IntAt(words, 0);
          const Seconds seconds = SecondsAt(words, 1);
-         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), seconds),
+         Waited(shell, task, shell->tasks.WaitEnded(task, seconds),
                 fmt::format("ended within {} s", seconds.count()));
      }},
     {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK",
      [](Shell* shell, const Words& words) {
-         const Seconds seconds = SecondsAt(words, 2);
+         const int task = IntAt(words, 0);
          const int code = IntAt(words, 1);
-         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, seconds);
-         Waited(shell, IntAt(words, 0), came ? std::optional(code) : std::nullopt,
+         const Seconds seconds = SecondsAt(words, 2);
+         Waited(shell, task, shell->tasks.WaitStatus(task, code, seconds),
                 fmt::format("reported code {} within {} s", code, seconds.count()));
      }},
     {".sleep", 1, 1, "MS", "do nothing for MS milliseconds",

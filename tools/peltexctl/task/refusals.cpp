@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 
 #include "base/path_rules.h"
@@ -13,6 +14,8 @@
 #include "ui/text.h"
 
 namespace peltexctl {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -165,11 +168,9 @@ std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& req
     }
     const std::string base = NameOf(request.source) + ".tar";
     const bool is_set = kind.HandsOver();
-    ForEachName(directory, [&](const std::string& name) {
-        const std::string end = name.rfind(base + ".", 0) == 0 ? name.substr(base.size() + 1) : "";
-        const bool is_slice =
-            !end.empty() && end.find_first_not_of("0123456789") == std::string::npos;
-        if (end == "sha256" || (is_set ? is_slice || end == "txt" : name == base)) {
+    ForEachName(directory, [&](const fs::path& name) {
+        const std::string end = name.stem() == base ? name.extension() : "";
+        if (end == ".sha256" || (is_set ? end == ".txt" || NamesSlice(end) : name == base)) {
             names.push_back(name);
         }
     });

@@ -17,9 +17,10 @@
 
 namespace peltexctl {
 
-void SliceTaker::Prepare() {
-    if (!request_.take.empty()) {
-        to_.Make(request_.take, 0);
+SliceTaker::SliceTaker(const TaskRequest& request, std::function<void()> tick)
+    : request_(request), tick_(std::move(tick)) {
+    if (!request.take.empty()) {
+        to_.Make(request.take, 0);
     }
 }
 

@@ -17,12 +17,9 @@ namespace peltexctl {
 
 class SliceTaker {
   public:
-    // `tick` is called now and then while a slice is copied; what it throws ends that.
-    SliceTaker(const TaskRequest& request, std::function<void()> tick)
-        : request_(request), tick_(std::move(tick)) {}
-
-    // Makes and holds the directory that slices are taken to.
-    void Prepare();
+    // Makes and holds the directory that slices are taken to. `tick` is called now and then while a
+    // slice is copied; what it throws ends that.
+    SliceTaker(const TaskRequest& request, std::function<void()> tick);
 
     // The file `name` of DEST: a slice.
     void Take(const std::string& name);

@@ -23,6 +23,8 @@ namespace peltexctl {
 
 namespace {
 
+using Severity = Finding::Severity;
+
 std::string_view WithoutSlashes(std::string_view path) {
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
     return path;
@@ -46,7 +48,7 @@ uint64_t SumOf(const TallyEntry& entry) {
 // The records of `file`, but for its own: a brief may list itself, as far as it is written by then.
 // Paths are those below `top`.
 bool VisitRecords(const std::string& file, const std::string& top, const EntrySink& entries) {
-    return ReadRecords(file, RecordLines::kJoined, [&](TallyEntry entry) {
+    return ReadRecords(file, [&](TallyEntry entry) {
         if (entry.path != file) {
             entry.path.remove_prefix(entry.path.rfind(top, 0) == 0 ? top.size() : 0);
             entries(entry);
@@ -75,13 +77,17 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       source_(kind.SourcePath(request)),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
+FindingSink TaskCheck::TellUpTo(Severity least) {
+    return [this, least](const Finding& finding) {
+        if (finding.severity <= least) {
+            differences_.Add(DescribeFinding(finding));
+        }
+    };
+}
+
 bool TaskCheck::Before() {
     if (set_ != nullptr) {
-        const FindingSink tell = [this](const Finding& finding) {
-            if (finding.severity != Finding::Severity::kWarning) {
-                differences_.Add(DescribeFinding(finding));
-            }
-        };
+        const FindingSink tell = TellUpTo(Severity::kSuspicion);
         expected_ = VerifySet(*set_, request_.destination, tell);
         CheckSums(*set_, tell);
         return true;
@@ -186,13 +192,9 @@ void TaskCheck::LookInto(const std::string& result) {
         });
         return is_read ? CompareWith(result, visit) : differences_.Add(result + ": cannot be read");
     }
-    const FindingSink tell = [this](const Finding& finding) {
-        // Whether a suspicion is one the source tells.
-        if (finding.severity == Finding::Severity::kFault) {
-            differences_.Add(DescribeFinding(finding));
-        }
-    };
     try {
+        // Whether a suspicion is one the source tells.
+        const FindingSink tell = TellUpTo(Severity::kFault);
         const ArchiveSet set(result, tell, [this](uint64_t /*done*/) { tick_(); });
         found_ = VerifySet(set, "", tell);
         CompareWith(result, [&set](const EntrySink& entries) { VisitRestored(set, entries); });
@@ -277,7 +279,7 @@ bool TaskCheck::VisitSource(const TreeSink& sink) const {
 bool TaskCheck::VisitList(const TreeSink& sink) const {
     const std::string app = NameOf(request_.destination);
     return ReadRecords(
-        source_, RecordLines::kEach,
+        source_,
         [&](const TallyEntry& record) {
             struct stat status = {};
             const std::string path(record.path);
@@ -343,7 +345,7 @@ std::string DescribeFinding(const Finding& finding) {
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    ReadRecords(copy + ".txt", RecordLines::kJoined, [&first](const TallyEntry& record) {
+    ReadRecords(copy + ".txt", [&first](const TallyEntry& record) {
         first = std::string(record.path);
         return false;
     });

@@ -56,6 +56,7 @@ class TaskCheck {
     bool VisitSearch(WalkOptions options, const TreeSink& sink) const;
     bool VisitExpected(const EntrySink& entries) const;
     bool RecordsApply() const;
+    FindingSink TellUpTo(Finding::Severity least);
     void LookUp(const std::string& result);
     void LookInto(const std::string& result);
     void CompareWith(const std::string& result, const std::function<void(const EntrySink&)>& visit);

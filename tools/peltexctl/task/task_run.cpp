@@ -40,14 +40,6 @@ uint64_t BytesRead() {
     return count;
 }
 
-std::string DescribeStop(const TaskKind& kind) {
-    return kind.HasArchive() ? "stopping it"
-                             : fmt::format(
-                                   "the library ends it when all is {}; to leave it "
-                                   "unfinished interrupt it again",
-                                   kind.IsBrief() ? "listed" : "copied");
-}
-
 // A split backup pauses after each slice but the last until it is continued, by its own command.
 // The library forgets a continuation that comes before its worker waits, so it is sent again, soon
 // at first, until a status shows that the backup has moved. A continuation for a backup that has
@@ -60,7 +52,6 @@ class TaskRun {
 
     TaskSummary Run() {
         const SignalScope signals([this] { Interrupt(); });
-        taker_.Prepare();
         const android::sp<ClientCallback> callback =
             new ClientCallback(1, [this](const StatusEvent& event) { Heard(event); });
         session_ = library_.start(callback);
@@ -222,7 +213,14 @@ class TaskRun {
 
     void Stop() {
         stopping_ = true;
-        job_.view.Aside([this] { job_.events.Note(DescribeStop(job_.kind)); });
+        const char* const goal = job_.kind.IsBrief() ? "listed" : "copied";
+        job_.view.Aside([this, goal] {
+            job_.events.Note(job_.kind.HasArchive()
+                                 ? "stopping it"
+                                 : fmt::format("the library ends it when all is {}; to leave it "
+                                               "unfinished interrupt it again",
+                                               goal));
+        });
         const int result = Send(fmt::format("abort {}", task_));
         const std::lock_guard lock(mutex_);
         // One that has not begun leaves the queue without a status; of a running one it has come.
