@@ -53,7 +53,6 @@ void RemoveFiles(int directory, const std::vector<std::string>& names);
 // made goes with this object where it is empty then and not to be kept.
 class MadeDirectory {
   public:
-    MadeDirectory() = default;
     ~MadeDirectory();
 
     // Makes what is missing of `path`, the last one for `uid`, and holds it. Throws Failure.

@@ -56,13 +56,13 @@ void RefuseRoom(const Space& space, uint64_t needed) {
              space.path, HumanSize(needed), HumanSize(space.free));
 }
 
-void RefuseSameOrNested(const std::string& from, const std::string& to, bool is_file) {
+void RefuseSameOrNested(const std::string& from, const std::string& to) {
     const std::optional<FileId> source = IdOf(from);
     const std::optional<FileId> target = IdOf(to);
     RefuseIf(source && source == target, "{} and {} are the same; --force goes on", from, to);
-    const bool is_below = source && !is_file && LiesIn(to, *source);
-    RefuseIf(is_below || (target && !is_file && LiesIn(from, *target)),
-             "{} is inside {}; --force goes on", is_below ? to : from, is_below ? from : to);
+    const bool is_below = source && LiesIn(to, *source);
+    RefuseIf(is_below || (target && LiesIn(from, *target)), "{} is inside {}; --force goes on",
+             is_below ? to : from, is_below ? from : to);
 }
 
 void RefuseRecords(const std::string& copy, const std::string& destination) {
@@ -99,7 +99,7 @@ void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
     RefuseIf(!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode),
              "{}: is no regular file; --force goes on", from);
     if (kind.result == Result::kTree && (is_file || is_tree)) {
-        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request), is_file);
+        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request));
     }
     if (kind.source == Source::kRecords) {
         RefuseRecords(from, request.destination);
@@ -139,11 +139,10 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
 }
 
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
-    const FirstOf& lost = check->lost();
-    RefuseIf(kind.IsMove() && !lost.lines.empty(),
-             "{}: a move would delete what it leaves out: {}{}; --force goes on", request.source,
-             fmt::join(lost.lines, ", "),
-             lost.more > 0 ? fmt::format(" and {} more", lost.more) : "");
+    const std::vector<std::string>& lost = check->lost();
+    RefuseIf(kind.IsMove() && !lost.empty(),
+             "{}: a move would delete what it leaves out: {}; --force goes on", request.source,
+             fmt::join(lost, ", "));
     if (kind.IsBrief()) {
         return;
     }

@@ -18,7 +18,6 @@ std::string RemoveLeftLinks(const std::string& path);
 
 class SetLinks {
   public:
-    SetLinks() = default;
     ~SetLinks();
 
     // Makes the directory and all that is in it; in `other` where the set's is on a file system

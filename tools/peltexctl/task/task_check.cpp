@@ -60,11 +60,12 @@ bool VisitRecords(const std::string& file, const std::string& top, const EntrySi
 }  // namespace
 
 void FirstOf::Add(std::string_view line) {
-    constexpr size_t kNamed = 3;
-    if (lines.size() < kNamed) {
-        lines.emplace_back(line);
+    constexpr uint64_t kNamed = 3;
+    if (++count_ <= kNamed) {
+        lines_.emplace_back(line);
     } else {
-        ++more;
+        lines_.resize(kNamed);
+        lines_.push_back(fmt::format("and {} more", count_ - kNamed));
     }
 }
 
@@ -139,11 +140,7 @@ std::vector<std::string> TaskCheck::After(const std::string& result) {
     } else {
         LookInto(result);
     }
-    std::vector<std::string> lines = differences_.lines;
-    if (differences_.more > 0) {
-        lines.push_back(fmt::format("and {} more", differences_.more));
-    }
-    return lines;
+    return differences_.lines();
 }
 
 uint64_t TaskCheck::missing_bytes() const {
@@ -238,9 +235,7 @@ bool TaskCheck::VisitExpected(const EntrySink& entries) const {
 }
 
 bool TaskCheck::VisitSource(const TreeSink& sink) const {
-    WalkOptions options;
-    options.rules = kind_.leaves_out;
-    options.modes = kind_.modes();
+    WalkOptions options{kind_.leaves_out, kind_.modes()};
     if (kind_.result == Result::kSet) {
         options.own = IdOf(kind_.ResultPath(request_));
     } else if (kind_.IsBrief()) {

@@ -17,12 +17,15 @@
 
 namespace peltexctl {
 
-// The first of some things in words, and a count of the others.
-struct FirstOf {
+// The first of some things in words, and behind them a line that counts the others.
+class FirstOf {
+  public:
     void Add(std::string_view line);
+    const std::vector<std::string>& lines() const { return lines_; }
 
-    std::vector<std::string> lines;
-    uint64_t more = 0;
+  private:
+    std::vector<std::string> lines_;
+    uint64_t count_ = 0;
 };
 
 class TaskCheck {
@@ -41,10 +44,10 @@ class TaskCheck {
     // The bytes that it takes on a file system with blocks of this size.
     uint64_t RoomFor(uint64_t block_size);
     // What a move leaves out and would delete.
-    const FirstOf& lost() const { return lost_; }
+    const std::vector<std::string>& lost() const { return lost_.lines(); }
 
-    // Tallies what is there; `result` is where it is. Returns one line for each of the first
-    // differences and one that counts the others; none when all is there.
+    // Tallies what is there; `result` is where it is. Returns the first differences; none when all
+    // is there.
     std::vector<std::string> After(const std::string& result);
 
     // Bytes that After() has not found.

@@ -119,9 +119,9 @@ const TaskKind& CheckRequest(const TaskRequest& request) {
          }) {
         Ensure(is_right, fmt::format("{} is an option of {} only", name, owners), kUsage);
     }
-    const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
-    return **std::find_if(kinds.begin(), kinds.end(),
-                          [&request](const TaskKind* row) { return request.kind == row->kind; });
+    return *std::find_if(std::begin(kKinds), std::end(kKinds), [&request](const TaskKind& row) {
+        return row.Is(request.subcommand, request.kind);
+    });
 }
 
 int SliceSizeOf(const TaskRequest& request) {

@@ -33,10 +33,8 @@ constexpr std::chrono::milliseconds kLastRepeat{50};
 
 // By the whole program, whose tasks that unpack read little but the archive.
 uint64_t BytesRead() {
-    std::ifstream counters("/proc/self/io");
-    std::string name;
     uint64_t count = 0;
-    counters >> name >> count;
+    std::ifstream("/proc/self/io").ignore(sizeof("rchar:")) >> count;
     return count;
 }
 
@@ -116,10 +114,7 @@ class TaskRun {
         if (ends) {
             last_ = event;
         }
-        if (event.code != kStatusProgress) {
-            has_news_ = true;
-            changed_.notify_all();
-        }
+        changed_.notify_all();
     }
 
     void Follow() {
@@ -181,11 +176,12 @@ class TaskRun {
         return stopping_ ? !last_ : pauses_ && handed_.empty();
     }
 
-    // Waits for news. Returns whether the task has ended.
+    // Waits for something to do. Returns whether the task has ended.
     bool EndsBy(Clock::time_point deadline) {
         std::unique_lock lock(mutex_);
-        changed_.wait_until(lock, deadline, [this] { return has_news_; });
-        has_news_ = false;
+        changed_.wait_until(lock, deadline, [this] {
+            return last_ || (!stopping_ && (is_interrupted_ || !handed_.empty()));
+        });
         return last_.has_value();
     }
 
@@ -299,7 +295,6 @@ class TaskRun {
             EndInterrupted("interrupted: " + DescribeLeft(std::nullopt) + job_.left_too);
         }
         const std::lock_guard lock(mutex_);
-        has_news_ = true;
         changed_.notify_all();
     }
 
@@ -324,7 +319,6 @@ class TaskRun {
     std::mutex mutex_;
     std::condition_variable changed_;
     // Protected by mutex_.
-    bool has_news_ = false;
     bool is_aborted_ = false;
     bool pauses_ = false;              // after the slice that was handed over last
     std::vector<std::string> handed_;  // slices that were not taken yet

@@ -32,12 +32,12 @@ struct TreeSink {
 enum class Modes { kNone, kAll, kArchived };
 
 struct WalkOptions {
-    Rules rules = 0;
-    Modes modes = Modes::kNone;
-    std::optional<FileId> own;  // the archive that the task writes
-    size_t begin = 0;           // of entries' paths in the whole ones; 0: below the top
+    Rules rules;
+    Modes modes;
+    std::optional<FileId> own = {};  // the archive that the task writes
+    size_t begin = 0;                // of entries' paths in the whole ones; 0: below the top
     // Further entries of the top directory that are passed over without a word.
-    std::function<bool(const std::string& path)> is_excluded;
+    std::function<bool(const std::string& path)> is_excluded = {};
 };
 
 // Walks the directory `top`, in the order of the file system, a directory before its entries.
