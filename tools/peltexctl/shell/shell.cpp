@@ -91,9 +91,7 @@ void TellThreads(EventWriter* events) {
 
 class Shell {
   public:
-    Shell(const Library& library, EventWriter* writer) : events(*writer), library_(library) {
-        RenewCallback();
-    }
+    Shell(const Library& library, EventWriter* writer) : events(*writer), library_(library) {}
 
     int Run() {
         const SignalScope signals([this] {
@@ -101,7 +99,7 @@ class Shell {
             const std::string left = lock.owns_lock() ? DescribeUnfinished() : "";
             EndInterrupted("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
         });
-        OpenSession();
+        OpenSession(true);
         std::string line;
         while (!quits && std::getline(std::cin, line)) {
             if (!line.empty() && line[0] == '.') {
@@ -113,12 +111,11 @@ class Shell {
         return End();
     }
 
-    void RenewCallback() {
-        callback_ = new ClientCallback(++callbacks_made_,
-                                       [this](const StatusEvent& event) { Heard(event); });
-    }
-
-    void OpenSession() {
+    void OpenSession(bool has_new_callback) {
+        if (has_new_callback) {
+            callback_ = new ClientCallback(++callbacks_made_,
+                                           [this](const StatusEvent& event) { Heard(event); });
+        }
         session = library_.start(callback_);
         open_.insert(session);
         events.Session(session);
@@ -289,11 +286,8 @@ struct DotLine {
 constexpr DotLine kDotLines[] = {
     {".open", 0, 1, "[new]", "open a session with the same or a new callback",
      [](Shell* shell, const Words& words) {
-         if (!words.empty()) {
-             Expect(words[0] == "new");
-             shell->RenewCallback();
-         }
-         shell->OpenSession();
+         Expect(words.empty() || words[0] == "new");
+         shell->OpenSession(!words.empty());
      }},
     {".use", 1, 1, "ID", "make ID the current session",
      [](Shell* shell, const Words& words) { shell->session = IntAt(words, 0); }},

@@ -143,10 +143,6 @@ std::vector<std::string> TaskCheck::After(const std::string& result) {
     return differences_.lines();
 }
 
-uint64_t TaskCheck::missing_bytes() const {
-    return expected_.bytes() - std::min(expected_.bytes(), found_.bytes());
-}
-
 // Tallies what is in the directory `result` under the names of what is expected.
 void TaskCheck::LookUp(const std::string& result) {
     FirstOf differences = differences_;

@@ -4,6 +4,7 @@
 // Not thread-safe.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -51,7 +52,9 @@ class TaskCheck {
     std::vector<std::string> After(const std::string& result);
 
     // Bytes that After() has not found.
-    uint64_t missing_bytes() const;
+    uint64_t missing_bytes() const {
+        return expected_.bytes() - std::min(expected_.bytes(), found_.bytes());
+    }
 
   private:
     bool VisitSource(const TreeSink& sink) const;

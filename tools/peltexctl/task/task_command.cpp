@@ -28,7 +28,6 @@ class TaskCommand {
   public:
     explicit TaskCommand(const TaskJob& job) : job_(job) {}
 
-    // Returns the program's exit status. Throws Failure.
     int Run(const Library& library) {
         const SignalScope signals([this] {
             EndInterrupted(is_over_ ? "interrupted: it is done, but not checked"
@@ -85,33 +84,34 @@ class TaskCommand {
 
     // Makes what the task needs, and takes away what it replaces.
     void Prepare() {
-        if (job_.request.replace) {
-            for (const std::string& directory : {job_.request.destination, job_.request.take}) {
+        const TaskKind& kind = job_.kind;
+        const TaskRequest& request = job_.request;
+        if (request.replace) {
+            for (const std::string& directory : {request.destination, request.take}) {
                 const UniqueFd held = OpenDirectory(directory);
-                RemoveFiles(held.get(), FilesThere(job_.kind, job_.request, held));
+                RemoveFiles(held.get(), FilesThere(kind, request, held));
             }
         }
-        job_.command = job_.kind.Command(job_.request, job_.request.source);
-        job_.total = check_ && !job_.kind.IsBrief() ? check_->expected().bytes() : 0;
-        if (geteuid() != 0 && (job_.kind.Unpacks() || job_.kind.source == Source::kRecords)) {
+        job_.command = kind.Command(request, request.source);
+        job_.total = check_ && !kind.IsBrief() ? check_->expected().bytes() : 0;
+        if (geteuid() != 0 && (kind.Unpacks() || kind.source == Source::kRecords)) {
             job_.events.Note(fmt::format(
                 "you are not root: what is restored belongs to uid {}, and other owners "
                 "and the set-group-id bits of groups that are not yours are not given",
                 geteuid()));
         }
-        if (!job_.kind.Unpacks()) {
-            return;
+        if (kind.Unpacks()) {
+            made_.Make(request.destination, static_cast<uid_t>(*ParseInt(request.uid)));
+            job_.total = set_->TotalSize();
         }
-        made_.Make(job_.request.destination, static_cast<uid_t>(*ParseInt(job_.request.uid)));
-        job_.total = set_->TotalSize();
-        if (job_.kind.RestoresSlices()) {
+        if (kind.RestoresSlices()) {
             MakeLinks();
         }
     }
 
     void MakeLinks() {
-        if (const std::string left = RemoveLeftLinks(ParentOf(job_.request.source));
-            !left.empty()) {
+        const std::string left = RemoveLeftLinks(ParentOf(job_.request.source));
+        if (!left.empty()) {
             job_.events.Note(left + ": left by a restore that was killed, removed");
         }
         links_.Make(*set_, job_.request.destination);
@@ -119,8 +119,7 @@ class TaskCommand {
         job_.left_too = "; " + links_.path() + " is left, which the next restore removes";
     }
 
-    // What is done about a task that the library has brought to a good end. Returns the program's
-    // exit status.
+    // What is done about a task that the library has brought to a good end.
     int Conclude(TaskSummary summary) {
         const std::string result_path = job_.kind.ResultPath(job_.request);
         const std::string written =
@@ -162,9 +161,10 @@ class TaskCommand {
         const UniqueFd directory = OpenDirectory(ParentOf(archive));
         const std::string name = NameOf(archive);
         Summer summer;
-        const std::string unread = summer.Add(directory.get(), name);
-        const std::string fault =
-            unread.empty() ? summer.Finish(directory.get(), SumsName(name)) : unread;
+        std::string fault = summer.Add(directory.get(), name);
+        if (fault.empty()) {
+            fault = summer.Finish(directory.get(), SumsName(name));
+        }
         Ensure(fault.empty(), fault);
     }
 
