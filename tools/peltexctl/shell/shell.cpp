@@ -331,8 +331,7 @@ void Shell::HandleDotLine(const std::string& line) {
     const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
                                     [&words](const DotLine& row) { return row.name == words[0]; });
     if (known == std::end(kDotLines)) {
-        events.Error(fmt::format("no dot line is called {}; .help lists them", words[0]));
-        return;
+        return events.Error(fmt::format("no dot line is called {}; .help lists them", words[0]));
     }
     words.erase(words.begin());
     try {

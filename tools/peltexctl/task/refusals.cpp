@@ -125,7 +125,7 @@ void RefuseRequest(const TaskKind& kind, const TaskRequest& request) {
     if (!request.force) {
         RefuseLoss(kind, request);
     }
-    if (!request.replace) {
+    if (kind.result == Result::kSet && !request.replace) {
         RefuseReplacing(kind, request);
     }
 }
@@ -162,9 +162,6 @@ void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* 
 std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& request,
                                     const UniqueFd& directory) {
     std::vector<std::string> names;
-    if (kind.result != Result::kSet) {
-        return names;
-    }
     const std::string base = NameOf(request.source) + ".tar";
     const bool is_set = kind.HandsOver();
     ForEachName(directory, [&](const fs::path& name) {

@@ -82,7 +82,8 @@ void SetLinks::Make(const ArchiveSet& set, const std::string& other) {
     for (size_t i = 0; i < set.size(); i++) {
         const std::string name = set.NameOf(i);
         Require(dprintf(file.get(), "%s|%ju\n", name.c_str(), uintmax_t{set.SizeOf(i)}) > 0 &&
-                    symlinkat((directory + "/" + name).c_str(), fd_.get(), name.c_str()) == 0,
+                    symlinkat(fmt::format("{}/{}", directory, name).c_str(), fd_.get(),
+                              name.c_str()) == 0,
                 fmt::format("{}/{}", path, name));
     }
 }

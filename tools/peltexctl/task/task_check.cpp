@@ -135,11 +135,7 @@ uint64_t TaskCheck::RoomFor(uint64_t block_size) {
 }
 
 std::vector<std::string> TaskCheck::After(const std::string& result) {
-    if (kind_.result == Result::kTree) {
-        LookUp(result);
-    } else {
-        LookInto(result);
-    }
+    kind_.result == Result::kTree ? LookUp(result) : LookInto(result);
     return differences_.lines();
 }
 

@@ -19,9 +19,6 @@ class Walk {
     Walk(const std::string& top, const WalkOptions& options, const TreeSink& sink)
         : options_(options), sink_(sink), path_(top + "/"), top_(path_.size()) {}
 
-    bool Run() { return Directory(OpenDirectory(path_)); }
-
-  private:
     bool Directory(const UniqueFd& directory) {
         const size_t length = path_.size();
         return ForEachName(directory, [&](const char* name) {
@@ -31,6 +28,7 @@ class Walk {
         });
     }
 
+  private:
     void Entry(const UniqueFd& directory, const char* name, bool is_top) {
         if (is_top && options_.is_excluded && options_.is_excluded(path_)) {
             return;
@@ -114,7 +112,7 @@ std::string_view ReadLink(const UniqueFd& directory, const char* name, LinkBuffe
 }
 
 bool WalkTree(const std::string& top, const WalkOptions& options, const TreeSink& sink) {
-    return Walk(top, options, sink).Run();
+    return Walk(top, options, sink).Directory(OpenDirectory(top));
 }
 
 }  // namespace peltexctl
