@@ -22,8 +22,6 @@
 #include <vector>
 
 #include "task/directory.h"
-#include "task/library.h"
-#include "ui/events.h"
 #include "ui/exit_code.h"
 #include "ui/text.h"
 
@@ -38,129 +36,16 @@ using Words = std::vector<std::string>;
 constexpr Seconds kDefaultWait{60};
 constexpr Seconds kQuietWait{2};
 
-// What is known of the tasks that the library was given: which statuses came, which have ended. A
-// task that a session takes out of the queue with its end is not told of, and never ends here.
-//
-// Thread-safe. Statuses are recorded on the library's threads, some of them with the library's lock
-// held; nothing here calls the library.
-class TaskTracker {
-  public:
-    // Records one call of the callback. May come before Given() for the same task.
-    void Heard(const StatusEvent& event) {
-        const std::lock_guard lock(mutex_);
-        Task& task = tasks_[event.task];
-        task.last_words = DescribeStatus(event);
-        task.untaken[event.code]++;
-        if (EndsTask(event)) {
-            task.end = event.code;
-        }
-        changed_.notify_all();
-    }
+// What is known of a task.
+struct Task {
+    bool IsUnfinished() const { return session && !end; }
 
-    // Whether people are to be told of this task's progress again: once a second.
-    bool IsProgressDue(int id) {
-        const std::lock_guard lock(mutex_);
-        Task& task = tasks_[id];
-        const Clock::time_point now = Clock::now();
-        const bool is_due = now - task.shown >= std::chrono::seconds(1);
-        task.shown = is_due ? now : task.shown;
-        return is_due;
-    }
-
-    // Records that the library answered a command with this task.
-    void Given(int id, int session) {
-        const std::lock_guard lock(mutex_);
-        Task& task = tasks_[id];
-        task.session = task.session.value_or(session);
-    }
-
-    // Records that an abort of the task was accepted: one that was running has status 2 by then.
-    void AbortAccepted(int id) {
-        const std::lock_guard lock(mutex_);
-        Task& task = tasks_[id];
-        if (!task.end && task.untaken.count(kStatusAborted) == 0) {
-            task.end = kStatusAborted;
-            changed_.notify_all();
-        }
-    }
-
-    // Waits until the task has ended. Returns its last code (2 if it never ran), or nothing where
-    // that takes longer. One that nobody has heard of yet may still turn up.
-    std::optional<int> WaitEnded(int id, Seconds patience) {
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, patience, [this, id] { return tasks_[id].end.has_value(); });
-        return tasks_[id].end;
-    }
-
-    // Waits for a status of the task that no earlier call for that task and code has taken, and
-    // takes it. Returns false where that takes longer.
-    bool WaitStatus(int id, int code, Seconds patience) {
-        std::unique_lock lock(mutex_);
-        std::map<int, int>& untaken = tasks_[id].untaken;
-        const bool has_come = changed_.wait_for(lock, patience, [&untaken, code] {
-            return untaken.count(code) > 0 && untaken[code] > 0;
-        });
-        if (has_come) {
-            --untaken[code];
-        }
-        return has_come;
-    }
-
-    // Waits until every given task of these sessions has ended. Returns those that have not by
-    // then.
-    std::vector<int> WaitAllEnded(const std::set<int>& sessions, Seconds patience) {
-        std::unique_lock lock(mutex_);
-        std::vector<int> unfinished;
-        changed_.wait_for(lock, patience, [&] {
-            unfinished.clear();
-            for (const auto& [id, task] : tasks_) {
-                if (task.IsUnfinished() && sessions.count(*task.session) > 0) {
-                    unfinished.push_back(id);
-                }
-            }
-            return unfinished.empty();
-        });
-        return unfinished;
-    }
-
-    // The given tasks that have not ended, and what was last heard of each; waits for nobody.
-    std::string DescribeUnfinished() const {
-        const std::unique_lock lock(mutex_, std::try_to_lock);
-        std::string text;
-        if (lock.owns_lock()) {
-            for (const auto& [id, task] : tasks_) {
-                if (task.IsUnfinished()) {
-                    text +=
-                        fmt::format("{}task {}: {}", text.empty() ? "" : ", ", id, task.last_words);
-                }
-            }
-        }
-        return text;
-    }
-
-    // True if a given task ended with -1.
-    bool AnyFailed() const {
-        const std::lock_guard lock(mutex_);
-        return std::any_of(tasks_.begin(), tasks_.end(), [](const auto& entry) {
-            return entry.second.session && entry.second.end == kStatusFailed;
-        });
-    }
-
-  private:
-    struct Task {
-        bool IsUnfinished() const { return session && !end; }
-
-        std::optional<int> session;              // of one that was given
-        std::optional<int> end;                  // the last code of one that has ended
-        Clock::time_point shown = Clock::now();  // when its progress was
-        std::string last_words = "waiting";      // its last status, as people read it
-        // How many statuses of each code have come, less those that WaitStatus() has taken.
-        std::map<int, int> untaken;
-    };
-
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<int, Task> tasks_;  // protected by mutex_
+    std::optional<int> session;              // of one that the library was given
+    std::optional<int> end;                  // the last code of one that has ended
+    Clock::time_point shown = Clock::now();  // when its progress was
+    std::string last_words = "waiting";      // its last status, as people read it
+    // How many statuses of each code have come, less those that WaitStatus() has taken.
+    std::map<int, int> untaken;
 };
 
 // What a wrong word throws.
@@ -205,16 +90,15 @@ void TellThreads(EventWriter* events) {
 
 class Shell {
   public:
-    Shell(const Library& library, EventWriter* writer) : events(*writer), library_(library) {
-        RenewCallback();
-    }
+    Shell(const Library& library, EventWriter* writer) : events(*writer), library_(library) {}
 
     int Run() {
         const SignalScope signals([this] {
-            const std::string left = tasks.DescribeUnfinished();
+            const std::unique_lock lock(mutex_, std::try_to_lock);
+            const std::string left = lock.owns_lock() ? DescribeUnfinished() : "";
             EndInterrupted("interrupted" + (left.empty() ? "" : ": left unfinished: " + left));
         });
-        OpenSession();
+        OpenSession(true);
         std::string line;
         while (!quits && std::getline(std::cin, line)) {
             if (!line.empty() && line[0] == '.') {
@@ -226,12 +110,11 @@ class Shell {
         return End();
     }
 
-    void RenewCallback() {
-        callback_ = new ClientCallback(++callbacks_made_,
-                                       [this](const StatusEvent& event) { Heard(event); });
-    }
-
-    void OpenSession() {
+    void OpenSession(bool has_new_callback) {
+        if (has_new_callback) {
+            callback_ = new ClientCallback(++callbacks_made_,
+                                           [this](const StatusEvent& event) { Heard(event); });
+        }
         session = library_.start(callback_);
         open_.insert(session);
         events.Session(session);
@@ -251,28 +134,76 @@ class Shell {
         }
     }
 
+    // Waits until the task has ended. Returns its last code (2 if it never ran), or nothing where
+    // that takes longer. One that nobody has heard of yet may still turn up.
+    std::optional<int> WaitEnded(int id, Seconds patience) {
+        std::unique_lock lock(mutex_);
+        const std::optional<int>& end = tasks_[id].end;
+        changed_.wait_for(lock, patience, [&end] { return end.has_value(); });
+        return end;
+    }
+
+    // Waits for a status of the task that no earlier call for that task and code has taken, and
+    // takes it. Returns its code, or nothing where that takes longer.
+    std::optional<int> WaitStatus(int id, int code, Seconds patience) {
+        std::unique_lock lock(mutex_);
+        std::map<int, int>& untaken = tasks_[id].untaken;
+        const bool has_come = changed_.wait_for(lock, patience, [&untaken, code] {
+            return untaken.count(code) > 0 && untaken[code] > 0;
+        });
+        if (!has_come) {
+            return std::nullopt;
+        }
+        --untaken[code];
+        return code;
+    }
+
     EventWriter& events;
-    TaskTracker tasks;
     int session = -1;
     bool quits = false;
 
   private:
-    // Reported first: whoever waits for a status finds it printed.
+    // On the library's threads, some of them with the library's lock held. May come before the
+    // answer to the command that the task is of.
     void Heard(const StatusEvent& event) {
-        if (events.json() || event.code != kStatusProgress || tasks.IsProgressDue(event.task)) {
+        // Reported first: whoever waits for a status finds it printed.
+        if (events.json() || event.code != kStatusProgress || IsProgressDue(event.task)) {
             events.Status(event);
         }
-        tasks.Heard(event);
+        const std::lock_guard lock(mutex_);
+        Task& task = tasks_[event.task];
+        task.last_words = DescribeStatus(event);
+        task.untaken[event.code]++;
+        if (EndsTask(event)) {
+            task.end = event.code;
+        }
+        changed_.notify_all();
+    }
+
+    // Whether people are to be told of this task's progress again: once a second.
+    bool IsProgressDue(int id) {
+        const std::lock_guard lock(mutex_);
+        Task& task = tasks_[id];
+        const Clock::time_point now = Clock::now();
+        const bool is_due = now - task.shown >= std::chrono::seconds(1);
+        task.shown = is_due ? now : task.shown;
+        return is_due;
     }
 
     int Execute(const std::string& line) {
         const int result = library_.Execute(session, line);
         // It sees a line up to its first NUL.
         const Words words = SplitWords(line.substr(0, line.find('\0')));
+        const std::lock_guard lock(mutex_);
         if (result >= kFirstId) {
-            tasks.Given(result, session);
+            Task& task = tasks_[result];
+            task.session = task.session.value_or(session);
         } else if (result == 0 && words.size() == 2 && words[0] == "abort") {
-            tasks.AbortAccepted(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 0)));
+            Task& task = tasks_[static_cast<int>(std::strtol(words[1].c_str(), nullptr, 0))];
+            // One that was running has its status by then, one that was not never gets any.
+            if (!task.end && task.untaken.count(kStatusAborted) == 0) {
+                task.end = kStatusAborted;
+            }
         }
         return result;
     }
@@ -280,24 +211,56 @@ class Shell {
     void HandleDotLine(const std::string& line);
 
     int End() {
-        std::vector<int> unfinished = tasks.WaitAllEnded(open_, kQuietWait);
+        std::string unfinished = WaitAllEnded(kQuietWait);
         if (!unfinished.empty()) {
-            events.Note("waiting for " + tasks.DescribeUnfinished());
-            unfinished = tasks.WaitAllEnded(open_, kDefaultWait - kQuietWait);
+            events.Note("waiting for " + unfinished);
+            unfinished = WaitAllEnded(kDefaultWait - kQuietWait);
         }
-        for (const int task : unfinished) {
-            events.Error(fmt::format("task {} has not ended", task));
+        if (!unfinished.empty()) {
+            events.Error("left unfinished: " + unfinished);
         }
         for (const int open : std::set<int>(open_)) {
             FinishSession(open);
         }
-        return unfinished.empty() && !tasks.AnyFailed() ? kDone : kTaskFailed;
+        const std::lock_guard lock(mutex_);
+        const bool failed = std::any_of(tasks_.begin(), tasks_.end(), [](const auto& entry) {
+            return entry.second.session && entry.second.end == kStatusFailed;
+        });
+        return unfinished.empty() && !failed ? kDone : kTaskFailed;
+    }
+
+    // Waits until every given task of the open sessions has ended: one that a session took out of
+    // the queue with its end never does. Returns what has not by then.
+    std::string WaitAllEnded(Seconds patience) {
+        std::unique_lock lock(mutex_);
+        const bool is_over = changed_.wait_for(lock, patience, [this] {
+            return std::none_of(tasks_.begin(), tasks_.end(), [this](const auto& entry) {
+                return entry.second.IsUnfinished() && open_.count(*entry.second.session) > 0;
+            });
+        });
+        return is_over ? "" : DescribeUnfinished();
+    }
+
+    // The given tasks that have not ended, and what was last heard of each. REQUIRES: mutex_ is
+    // held.
+    std::string DescribeUnfinished() const {
+        std::string text;
+        for (const auto& [id, task] : tasks_) {
+            if (task.IsUnfinished()) {
+                text += fmt::format("{}task {}: {}", text.empty() ? "" : ", ", id, task.last_words);
+            }
+        }
+        return text;
     }
 
     const Library library_;
     android::sp<ClientCallback> callback_;  // of the next session
     int callbacks_made_ = 0;
     std::set<int> open_;  // sessions, oldest first
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<int, Task> tasks_;  // protected by mutex_
 };
 
 void Waited(Shell* shell, int task, std::optional<int> code, const std::string& missing) {
@@ -322,11 +285,8 @@ struct DotLine {
 constexpr DotLine kDotLines[] = {
     {".open", 0, 1, "[new]", "open a session with the same or a new callback",
      [](Shell* shell, const Words& words) {
-         if (!words.empty()) {
-             Expect(words[0] == "new");
-             shell->RenewCallback();
-         }
-         shell->OpenSession();
+         Expect(words.empty() || words[0] == "new");
+         shell->OpenSession(!words.empty());
      }},
     {".use", 1, 1, "ID", "make ID the current session",
      [](Shell* shell, const Words& words) { shell->session = IntAt(words, 0); }},
@@ -336,16 +296,17 @@ constexpr DotLine kDotLines[] = {
      }},
     {".wait", 1, 2, "TASK [SECONDS]", "wait until TASK has ended",
      [](Shell* shell, const Words& words) {
+         const int task = IntAt(words, 0);
          const Seconds seconds = SecondsAt(words, 1);
-         Waited(shell, IntAt(words, 0), shell->tasks.WaitEnded(IntAt(words, 0), seconds),
+         Waited(shell, task, shell->WaitEnded(task, seconds),
                 fmt::format("ended within {} s", seconds.count()));
      }},
     {".waitfor", 2, 3, "TASK CODE [SECONDS]", "wait for a status CODE of TASK",
      [](Shell* shell, const Words& words) {
-         const Seconds seconds = SecondsAt(words, 2);
+         const int task = IntAt(words, 0);
          const int code = IntAt(words, 1);
-         const bool came = shell->tasks.WaitStatus(IntAt(words, 0), code, seconds);
-         Waited(shell, IntAt(words, 0), came ? std::optional(code) : std::nullopt,
+         const Seconds seconds = SecondsAt(words, 2);
+         Waited(shell, task, shell->WaitStatus(task, code, seconds),
                 fmt::format("reported code {} within {} s", code, seconds.count()));
      }},
     {".sleep", 1, 1, "MS", "do nothing for MS milliseconds",
@@ -369,8 +330,7 @@ void Shell::HandleDotLine(const std::string& line) {
     const auto known = std::find_if(std::begin(kDotLines), std::end(kDotLines),
                                     [&words](const DotLine& row) { return row.name == words[0]; });
     if (known == std::end(kDotLines)) {
-        events.Error(fmt::format("no dot line is called {}; .help lists them", words[0]));
-        return;
+        return events.Error(fmt::format("no dot line is called {}; .help lists them", words[0]));
     }
     words.erase(words.begin());
     try {

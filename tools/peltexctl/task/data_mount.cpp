@@ -74,16 +74,13 @@ void Mount(const std::string& directory) {
     std::error_code not_made;
     fs::create_directories(directory, not_made);
     const UniqueFd source(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!source.isOpen()) {
-        throw Failure(kNoLibraryOrData,
-                      fmt::format("--data \"{}\": {}; a directory is wanted", directory,
-                                  errno == ENOENT ? not_made.message()
-                                                  : android::installd::ErrorText().c_str()));
-    }
+    Ensure(
+        source.isOpen(),
+        fmt::format("--data \"{}\": {}; a directory is wanted", directory,
+                    errno == ENOENT ? not_made.message() : android::installd::ErrorText().c_str()),
+        kNoLibraryOrData);
     const std::string root = fs::canonical(directory);
-    if (root == "/") {
-        throw Failure(kNoLibraryOrData, "--data: / cannot be mounted inside itself");
-    }
+    Ensure(root != "/", "--data: / cannot be mounted inside itself", kNoLibraryOrData);
     if (fs::is_directory(kData)) {
         return Bind(source, kData);
     }
@@ -97,10 +94,8 @@ void Mount(const std::string& directory) {
 }  // namespace
 
 void MountData(const std::string& directory) {
-    if (geteuid() != 0) {
-        throw Failure(kNoLibraryOrData,
-                      "--data needs root, to make a mount for this process; use sudo");
-    }
+    Ensure(geteuid() == 0, "--data needs root, to make a mount for this process; use sudo",
+           kNoLibraryOrData);
     try {
         Mount(directory);
     } catch (const fs::filesystem_error& failure) {

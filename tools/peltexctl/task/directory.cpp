@@ -45,7 +45,7 @@ std::string NearestThere(std::string path) {
 
 bool LiesIn(const std::string& inner, const FileId& outer) {
     std::error_code failure;
-    fs::path path = fs::canonical(NearestThere(inner), failure);
+    fs::path path = fs::weakly_canonical(inner, failure);
     while (IdOf(path) != outer && path.has_relative_path()) {
         path = path.parent_path();
     }
@@ -104,7 +104,7 @@ void MadeDirectory::Make(const std::string& path, uid_t uid) {
     Require(fd_.isOpen() && (!gives || fchown(fd_.get(), uid, static_cast<gid_t>(uid)) == 0), path);
 }
 
-void MadeDirectory::Remove() {
+MadeDirectory::~MadeDirectory() {
     for (; !made_.empty(); made_.pop_back()) {
         unlinkat(made_.back().first.get(), made_.back().second.c_str(), AT_REMOVEDIR);
     }

@@ -49,16 +49,18 @@ bool ForEachName(const UniqueFd& directory, const std::function<void(const char*
 // Removes files of a directory, in this order. Throws Failure.
 void RemoveFiles(int directory, const std::vector<std::string>& names);
 
-// A directory that is there when a task needs it, with those above it that were missing.
+// A directory that is there when a task needs it, with those above it that were missing. What was
+// made goes with this object where it is empty then and not to be kept.
 class MadeDirectory {
   public:
+    ~MadeDirectory();
+
     // Makes what is missing of `path`, the last one for `uid`, and holds it. Throws Failure.
     void Make(const std::string& path, uid_t uid);
 
     const UniqueFd& fd() const { return fd_; }
 
-    // Takes back what was made and is still empty.
-    void Remove();
+    void Keep() { made_.clear(); }
 
   private:
     UniqueFd fd_;

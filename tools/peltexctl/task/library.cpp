@@ -67,11 +67,9 @@ Library LoadLibrary(const std::optional<std::string>& path) {
     }
     const auto find = [&](const char* name) {
         void* const function = dlsym(handle, name);
-        if (function == nullptr) {
-            throw Failure(kNoLibraryOrData, fmt::format("{}: has no function {}, so it is not the "
-                                                        "library",
-                                                        file, name));
-        }
+        Ensure(function != nullptr,
+               fmt::format("{}: has no function {}, so it is not the library", file, name),
+               kNoLibraryOrData);
         return function;
     };
     return {reinterpret_cast<decltype(Library::start)>(find("startBackupSession")),

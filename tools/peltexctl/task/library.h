@@ -31,8 +31,7 @@ struct Library {
 
     // Sends `command`, byte for byte, and leaves it as it is.
     int32_t Execute(int session, const std::string& command) const {
-        const std::string own(command.data(), command.size());
-        return execute(session, own);
+        return execute(session, std::string(command));
     }
 };
 

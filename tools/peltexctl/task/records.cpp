@@ -2,13 +2,12 @@
 #include "task/records.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 
-#include "base/file_handles.h"
+#include "archive/reader.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -41,13 +40,11 @@ std::optional<TallyEntry> ParseRecord(std::string_view line) {
 
 }  // namespace
 
-bool ReadRecords(const std::string& file, RecordLines lines,
-                 const std::function<bool(const TallyEntry& record)>& take,
+bool ReadRecords(const std::string& file, const std::function<bool(const TallyEntry& record)>& take,
                  const std::function<void(std::string_view line)>& other) {
-    const int fd = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const android::installd::UniqueFile stream(fd < 0 ? nullptr : fdopen(fd, "r"));
-    struct stat status = {};
-    if (stream == nullptr || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    const ArchiveFile opened(AT_FDCWD, file, 0);
+    const android::installd::UniqueFile stream = opened.Stream();
+    if (!opened.fault().empty() || stream == nullptr) {
         return false;
     }
     std::string line;
@@ -65,8 +62,7 @@ bool ReadRecords(const std::string& file, RecordLines lines,
         return goes_on;
     };
     while (fgets(piece, sizeof(piece), stream.get()) != nullptr) {
-        const bool begins =
-            lines == RecordLines::kEach || piece[0] == '/' || line.size() >= 2 * kMaxLine;
+        const bool begins = other || piece[0] == '/' || line.size() >= 2 * kMaxLine;
         if (begins && !give()) {
             return true;
         }

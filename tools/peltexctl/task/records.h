@@ -11,15 +11,11 @@
 
 namespace peltexctl {
 
-enum class RecordLines {
-    kEach,    // a line is a record or none, as a backup by list reads them
-    kJoined,  // a line that does not begin with '/' belongs to the path before it
-};
-
-// Gives each record of the file to `take`, with its whole path, which may stop by returning false,
-// and what is none to `other`. Returns false when the file cannot be read, or is no regular file.
-bool ReadRecords(const std::string& file, RecordLines lines,
-                 const std::function<bool(const TallyEntry& record)>& take,
+// Gives each record of the file to `take`, with its whole path, which may stop by returning false.
+// A line that does not begin with '/' belongs to the path before it; where lines that are no
+// records are asked for by `other`, each stands for itself, as a backup by list reads them. Returns
+// false when the file cannot be read, or is no regular file.
+bool ReadRecords(const std::string& file, const std::function<bool(const TallyEntry& record)>& take,
                  const std::function<void(std::string_view line)>& other = {});
 
 }  // namespace peltexctl

@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 
 #include "base/path_rules.h"
@@ -13,6 +14,8 @@
 #include "ui/text.h"
 
 namespace peltexctl {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -29,39 +32,37 @@ void RefuseIf(bool is_wrong, fmt::format_string<Arguments...> text, Arguments&&.
     }
 }
 
-// Bytes of the file system that `path` is on or will be. One that has no size tells nothing.
+// The file system that `path` is on or will be. One that has no size has room for all.
 struct Space {
-    explicit Space(const std::string& path) {
+    explicit Space(const std::string& where) : path(where) {
         const std::string there = NearestThere(path);
         const std::optional<struct stat> status = StatOf(there);
         struct statvfs system = {};
-        if (status && statvfs(there.c_str(), &system) == 0) {
+        if (status && statvfs(there.c_str(), &system) == 0 && system.f_blocks > 0) {
             block = system.f_frsize;
             free = (geteuid() == 0 ? system.f_bfree : system.f_bavail) * block;
             device = status->st_dev;
-            has_size = system.f_blocks > 0;
         }
     }
 
-    uint64_t free = 0;
+    const std::string path;
+    uint64_t free = UINT64_MAX;  // bytes
     uint64_t block = 0;
     dev_t device = 0;
-    bool has_size = false;
 };
 
-void RefuseRoom(const std::string& path, uint64_t needed, const Space& space) {
-    RefuseIf(space.has_size && needed > space.free,
-             "{}: {} are needed and {} are free; make room, or --force", path, HumanSize(needed),
-             HumanSize(space.free));
+void RefuseRoom(const Space& space, uint64_t needed) {
+    RefuseIf(needed > space.free, "{}: {} are needed and {} are free; make room, or --force",
+             space.path, HumanSize(needed), HumanSize(space.free));
 }
 
-void RefuseSameOrNested(const std::string& from, const std::string& to, bool is_file) {
+void RefuseSameOrNested(const std::string& from, const std::string& to) {
     const std::optional<FileId> source = IdOf(from);
     const std::optional<FileId> target = IdOf(to);
     RefuseIf(source && source == target, "{} and {} are the same; --force goes on", from, to);
-    const bool is_below = source && !is_file && LiesIn(to, *source);
-    RefuseIf(is_below || (target && !is_file && LiesIn(from, *target)),
-             "{} is inside {}; --force goes on", is_below ? to : from, is_below ? from : to);
+    const bool is_below = source && LiesIn(to, *source);
+    RefuseIf(is_below || (target && LiesIn(from, *target)), "{} is inside {}; --force goes on",
+             is_below ? to : from, is_below ? from : to);
 }
 
 void RefuseRecords(const std::string& copy, const std::string& destination) {
@@ -73,14 +74,6 @@ void RefuseRecords(const std::string& copy, const std::string& destination) {
     RefuseIf(first && first->rfind(destination + "/", 0) != 0,
              "{}.txt: its records are of {}, not of {}; --force goes on", copy, first.value_or(""),
              destination);
-}
-
-void RefuseTake(const TaskRequest& request) {
-    const std::optional<FileId> take = IdOf(request.take);
-    if (!request.take.empty() &&
-        (take ? take == IdOf(request.destination) : request.take == request.destination)) {
-        throw Failure(kUsage, "--take " + request.take + " is DEST itself");
-    }
 }
 
 void RefusePaths(const TaskKind& kind, const TaskRequest& request) {
@@ -106,7 +99,7 @@ void RefuseLoss(const TaskKind& kind, const TaskRequest& request) {
     RefuseIf(!kind.Unpacks() && !is_tree && source && !S_ISREG(source->st_mode),
              "{}: is no regular file; --force goes on", from);
     if (kind.result == Result::kTree && (is_file || is_tree)) {
-        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request), is_file);
+        RefuseSameOrNested(from, is_file ? TargetFile(request) : kind.ResultPath(request));
     }
     if (kind.source == Source::kRecords) {
         RefuseRecords(from, request.destination);
@@ -124,12 +117,15 @@ void RefuseReplacing(const TaskKind& kind, const TaskRequest& request) {
 }  // namespace
 
 void RefuseRequest(const TaskKind& kind, const TaskRequest& request) {
-    RefuseTake(request);
+    const std::optional<FileId> take = IdOf(request.take);
+    Ensure(request.take.empty() ||
+               (take ? take != IdOf(request.destination) : request.take != request.destination),
+           "--take " + request.take + " is DEST itself", kUsage);
     RefusePaths(kind, request);
     if (!request.force) {
         RefuseLoss(kind, request);
     }
-    if (!request.replace) {
+    if (kind.result == Result::kSet && !request.replace) {
         RefuseReplacing(kind, request);
     }
 }
@@ -143,11 +139,10 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
 }
 
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
-    const FirstOf& lost = check->lost();
-    RefuseIf(kind.IsMove() && !lost.lines.empty(),
-             "{}: a move would delete what it leaves out: {}{}; --force goes on", request.source,
-             fmt::join(lost.lines, ", "),
-             lost.more > 0 ? fmt::format(" and {} more", lost.more) : "");
+    const std::vector<std::string>& lost = check->lost();
+    RefuseIf(kind.IsMove() && !lost.empty(),
+             "{}: a move would delete what it leaves out: {}; --force goes on", request.source,
+             fmt::join(lost, ", "));
     if (kind.IsBrief()) {
         return;
     }
@@ -157,28 +152,21 @@ void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* 
     const uint64_t most =
         check->expected().bytes() + check->expected().entries() * (space.block + 4096) + 4096;
     if (taken.device != space.device) {
-        const uint64_t slice = static_cast<uint64_t>(SliceSizeOf(request)) << 20;
-        RefuseRoom(request.destination, std::min(slice, most), space);
+        RefuseRoom(space, std::min(static_cast<uint64_t>(SliceSizeOf(request)) << 20, most));
     }
     if (most > taken.free) {
-        RefuseRoom(taken.device != space.device ? request.take : request.destination,
-                   check->RoomFor(space.block), taken);
+        RefuseRoom(taken, check->RoomFor(space.block));
     }
 }
 
 std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& request,
                                     const UniqueFd& directory) {
     std::vector<std::string> names;
-    if (kind.result != Result::kSet) {
-        return names;
-    }
     const std::string base = NameOf(request.source) + ".tar";
     const bool is_set = kind.HandsOver();
-    ForEachName(directory, [&](const std::string& name) {
-        const std::string end = name.rfind(base + ".", 0) == 0 ? name.substr(base.size() + 1) : "";
-        const bool is_slice =
-            !end.empty() && end.find_first_not_of("0123456789") == std::string::npos;
-        if (end == "sha256" || (is_set ? is_slice || end == "txt" : name == base)) {
+    ForEachName(directory, [&](const fs::path& name) {
+        const std::string end = name.stem() == base ? name.extension() : "";
+        if (end == ".sha256" || (is_set ? end == ".txt" || NamesSlice(end) : name == base)) {
             names.push_back(name);
         }
     });
@@ -191,8 +179,7 @@ std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& req
 }
 
 std::string HintAtRoom(const std::string& path, uint64_t bytes) {
-    const Space space(path);
-    return space.has_size && space.free < std::max<uint64_t>(bytes, 1) ? "; make room" : "";
+    return Space(path).free < std::max<uint64_t>(bytes, 1) ? "; make room" : "";
 }
 
 }  // namespace peltexctl

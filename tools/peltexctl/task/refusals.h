@@ -22,8 +22,8 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set);
 // What would lose something by what was tallied; --force does without.
 void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check);
 
-// The files in `directory` of the archive or set that the task writes, its sums among them; none
-// for a task that writes something else. Of a set first what says that it is one.
+// The files in `directory` of the archive or set that the task writes, its sums among them. Of a
+// set first what says that it is one.
 std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& request,
                                     const UniqueFd& directory);
 

@@ -8,7 +8,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,15 +23,12 @@ namespace {
 
 constexpr std::string_view kPrefix = ".peltexctl-restore-";
 
-// Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file,
-// which may have the name `check_file`.
-void RemoveLinks(const UniqueFd& parent, const UniqueFd& directory, const std::string& name,
-                 std::string_view check_file) {
+// Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file.
+void RemoveLinks(const UniqueFd& parent, const std::string& name, const UniqueFd& directory) {
     ForEachName(directory, [&](const char* inside) {
         struct stat status = {};
         if (fstatat(directory.get(), inside, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            (S_ISLNK(status.st_mode) ||
-             (S_ISREG(status.st_mode) && (EndsWith(inside, ".txt") || inside == check_file)))) {
+            (S_ISLNK(status.st_mode) || EndsWith(inside, ".txt"))) {
             unlinkat(directory.get(), inside, 0);
         }
     });
@@ -49,43 +45,45 @@ bool IsLeftover(const UniqueFd& directory) {
 
 }  // namespace
 
-SetLinks::~SetLinks() {
-    if (!path_.empty()) {
-        RemoveLinks(parent_, fd_, peltexctl::NameOf(path_), set_.name());
-    }
-}
-
-std::string SetLinks::RemoveLeftovers() const {
-    const UniqueFd parent = OpenDirectory(directory_);
+std::string RemoveLeftLinks(const std::string& path) {
+    const UniqueFd parent = OpenDirectory(path);
     std::string told;
     ForEachName(parent, [&](const std::string& name) {
         const bool is_named = name.rfind(kPrefix, 0) == 0;
         const UniqueFd directory = is_named ? OpenDirectoryAt(parent, name) : UniqueFd();
         if (IsLeftover(directory)) {
-            RemoveLinks(parent, directory, name, set_.name());
-            told += fmt::format("{}{}/{}", told.empty() ? "" : ", ", directory_, name);
+            RemoveLinks(parent, name, directory);
+            told += fmt::format("{}{}/{}", told.empty() ? "" : ", ", path, name);
         }
     });
     return told;
 }
 
-void SetLinks::Make(const std::string& other) {
+SetLinks::~SetLinks() {
+    if (!path_.empty()) {
+        RemoveLinks(parent_, NameOf(path_), fd_);
+    }
+}
+
+void SetLinks::Make(const ArchiveSet& set, const std::string& other) {
+    const std::string directory = ParentOf(set.path());
     struct statvfs system = {};
     const bool is_read_only =
-        statvfs(directory_.c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
-    std::string path = fmt::format("{}/{}XXXXXX", is_read_only ? other : directory_, kPrefix);
+        statvfs(directory.c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
+    std::string path = fmt::format("{}/{}XXXXXX", is_read_only ? other : directory, kPrefix);
     Require(mkdtemp(path.data()) != nullptr, "a restore makes a directory beside the set: " + path);
-    parent_ = OpenDirectory(ParentOf(path));
-    fd_ = OpenDirectoryAt(parent_, peltexctl::NameOf(path));
     path_ = path;
+    parent_ = OpenDirectory(ParentOf(path));
+    fd_ = OpenDirectoryAt(parent_, NameOf(path));
     Require(fd_.isOpen() && flock(fd_.get(), LOCK_EX | LOCK_NB) == 0, path);
     // As it was read: the library takes no other numbers out of it.
-    const UniqueFd file(openat(fd_.get(), set_.name().c_str(),
-                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    for (size_t i = 0; i < set_.size(); i++) {
-        const std::string name = set_.NameOf(i);
-        Require(dprintf(file.get(), "%s|%ju\n", name.c_str(), uintmax_t{set_.SizeOf(i)}) > 0 &&
-                    symlinkat((directory_ + "/" + name).c_str(), fd_.get(), name.c_str()) == 0,
+    const UniqueFd file(
+        openat(fd_.get(), kCheckFile, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    for (size_t i = 0; i < set.size(); i++) {
+        const std::string name = set.NameOf(i);
+        Require(dprintf(file.get(), "%s|%ju\n", name.c_str(), uintmax_t{set.SizeOf(i)}) > 0 &&
+                    symlinkat(fmt::format("{}/{}", directory, name).c_str(), fd_.get(),
+                              name.c_str()) == 0,
                 fmt::format("{}/{}", path, name));
     }
 }

@@ -12,30 +12,25 @@
 
 namespace peltexctl {
 
+// Takes away what restores that were killed have left in the directory `path`. Returns what that
+// was, for people.
+std::string RemoveLeftLinks(const std::string& path);
+
 class SetLinks {
   public:
-    // `directory` is the path of the set's directory; `set` must outlive the links.
-    SetLinks(const ArchiveSet& set, const std::string& directory)
-        : set_(set), directory_(directory) {}
     ~SetLinks();
-
-    SetLinks(const SetLinks&) = delete;
-    SetLinks& operator=(const SetLinks&) = delete;
-
-    // Takes away what restores have left that were killed. Returns its paths, for people.
-    std::string RemoveLeftovers() const;
 
     // Makes the directory and all that is in it; in `other` where the set's is on a file system
     // that is read only. Throws Failure.
-    void Make(const std::string& other);
+    void Make(const ArchiveSet& set, const std::string& other);
 
     // The check file that the library is given.
-    std::string CheckFile() const { return path_ + "/" + set_.name(); }
+    std::string CheckFile() const { return path_ + "/" + kCheckFile; }
     const std::string& path() const { return path_; }
 
   private:
-    const ArchiveSet& set_;
-    const std::string directory_;
+    static constexpr const char* kCheckFile = "set.txt";  // no slice has that name
+
     std::string path_;  // empty until it is made
     UniqueFd parent_;
     UniqueFd fd_;

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 #include <vector>
 
 #include "archive/new_file.h"
@@ -19,43 +18,35 @@
 namespace peltexctl {
 
 SliceTaker::SliceTaker(const TaskRequest& request, std::function<void()> tick)
-    : tick_(std::move(tick)),
-      destination_(request.destination),
-      take_(request.take),
-      base_(NameOf(request.source) + ".tar") {
-    if (request.sums) {
-        summer_.emplace(directory());
-    }
-}
-
-void SliceTaker::Prepare() {
-    if (!take_.empty()) {
-        to_.Make(take_, 0);
+    : request_(request), tick_(std::move(tick)) {
+    if (!request.take.empty()) {
+        to_.Make(request.take, 0);
     }
 }
 
 void SliceTaker::Finish() {
-    Take(base_ + ".txt");
-    if (summer_) {
-        summer_->Finish(held(), SumsName(base_));
+    const std::string archive = NameOf(request_.source) + ".tar";
+    Take(archive + ".txt");
+    if (request_.sums) {
+        summer_.Finish(held(), SumsName(archive));
     }
 }
 
 void SliceTaker::Take(const std::string& name) {
     const std::string failure =
-        fmt::format("{}/{}: could not be taken to {}", destination_, name, directory());
+        fmt::format("{}/{}: could not be taken to {}", request_.destination, name, directory());
     if (!from_.isOpen()) {
-        from_ = OpenDirectory(destination_);
+        from_ = OpenDirectory(request_.destination);
     }
-    if (!take_.empty()) {
+    if (!request_.take.empty()) {
         if (renameat(from_.get(), name.c_str(), to_.fd().get(), name.c_str()) != 0) {
             Require(errno == EXDEV, failure);
             Copy(name, failure);
         }
         taken_ += NamesSlice(name) ? 1 : 0;
     }
-    if (summer_) {
-        summer_->Add(held(), name);
+    if (request_.sums) {
+        summer_.Add(held(), name);
     }
 }
 
@@ -80,7 +71,7 @@ void SliceTaker::Copy(const std::string& name, const std::string& failure) {
 std::string SliceTaker::DescribeLeft(uint64_t count) const {
     std::vector<std::string> places;
     for (const auto& [slices, place] :
-         {std::pair(taken_, take_), std::pair(count - taken_, destination_)}) {
+         {std::pair(taken_, request_.take), std::pair(count - taken_, request_.destination)}) {
         if (slices > 0) {
             places.push_back(fmt::format("{} in {}", Counted(slices, "slice", "slices"), place));
         }

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
+#include <utility>
 
 #include "archive/sums.h"
 #include "task/directory.h"
@@ -17,11 +17,9 @@ namespace peltexctl {
 
 class SliceTaker {
   public:
-    // `tick` is called now and then while a slice is copied; what it throws ends that.
+    // Makes and holds the directory that slices are taken to. `tick` is called now and then while a
+    // slice is copied; what it throws ends that.
     SliceTaker(const TaskRequest& request, std::function<void()> tick);
-
-    // Makes and holds the directory that slices are taken to.
-    void Prepare();
 
     // The file `name` of DEST: a slice.
     void Take(const std::string& name);
@@ -30,7 +28,9 @@ class SliceTaker {
     void Finish();
 
     // Where the set is in the end.
-    const std::string& directory() const { return take_.empty() ? destination_ : take_; }
+    const std::string& directory() const {
+        return request_.take.empty() ? request_.destination : request_.take;
+    }
 
     // Where how many of `count` slices are.
     std::string DescribeLeft(uint64_t count) const;
@@ -38,15 +38,13 @@ class SliceTaker {
   private:
     void Copy(const std::string& name, const std::string& failure);
     // The directory that the set is in.
-    int held() const { return (take_.empty() ? from_ : to_.fd()).get(); }
+    int held() const { return (request_.take.empty() ? from_ : to_.fd()).get(); }
 
+    const TaskRequest& request_;
     const std::function<void()> tick_;
-    const std::string destination_;
-    const std::string take_;
-    const std::string base_;  // of the slices' names
     UniqueFd from_;
     MadeDirectory to_;
-    std::optional<Summer> summer_;
+    Summer summer_{directory()};
     uint64_t taken_ = 0;  // slices that are elsewhere
 };
 

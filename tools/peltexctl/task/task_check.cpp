@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <string_view>
 #include <utility>
 
 #include "archive/sums.h"
@@ -45,7 +44,7 @@ uint64_t SumOf(const TallyEntry& entry) {
 // The records of `file`, but for its own: a brief may list itself, as far as it is written by then.
 // Paths are those below `top`.
 bool VisitRecords(const std::string& file, const std::string& top, const EntrySink& entries) {
-    return ReadRecords(file, RecordLines::kJoined, [&](TallyEntry entry) {
+    return ReadRecords(file, [&](TallyEntry entry) {
         if (entry.path != file) {
             entry.path.remove_prefix(entry.path.rfind(top, 0) == 0 ? top.size() : 0);
             entries(entry);
@@ -57,11 +56,12 @@ bool VisitRecords(const std::string& file, const std::string& top, const EntrySi
 }  // namespace
 
 void FirstOf::Add(std::string_view line) {
-    constexpr size_t kNamed = 3;
-    if (lines.size() < kNamed) {
-        lines.emplace_back(line);
+    constexpr uint64_t kNamed = 3;
+    if (++count_ <= kNamed) {
+        lines_.emplace_back(line);
     } else {
-        ++more;
+        lines_.resize(kNamed);
+        lines_.push_back(fmt::format("and {} more", count_ - kNamed));
     }
 }
 
@@ -74,18 +74,22 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
       source_(kind.SourcePath(request)),
       spool_(kind.IsMove() ? std::tmpfile() : nullptr) {}
 
+FindingSink TaskCheck::TellUpTo(Severity least) {
+    return [this, least](const Finding& finding) {
+        if (finding.severity <= least) {
+            differences_.Add(DescribeFinding(finding));
+        }
+    };
+}
+
 bool TaskCheck::Before() {
     if (set_ != nullptr) {
-        const FindingSink tell = [this](const Finding& finding) {
-            if (finding.severity != Severity::kWarning) {
-                differences_.Add(DescribeFinding(finding));
-            }
-        };
+        const FindingSink tell = TellUpTo(Severity::kSuspicion);
         expected_ = VerifySet(*set_, request_.destination, tell);
         CheckSums(*set_, tell);
         return true;
     }
-    const bool is_read = VisitSource(
+    const bool is_read = VisitSource({
         [this](const TallyEntry& entry) {
             expected_.Add(entry);
             if (spool_) {
@@ -100,14 +104,13 @@ bool TaskCheck::Before() {
             if (reason != LeftOut::kLink) {
                 lost_.Add(path);
             }
-        });
+        },
+    });
     const bool is_listed = !kind_.IsMove() || (spool_ && std::fflush(spool_.get()) == 0 &&
                                                std::ferror(spool_.get()) == 0);
-    if (!(is_read && is_listed) && !request_.force) {
-        throw Failure(kTaskFailed,
-                      fmt::format("{}: {}; --force goes on without a check", source_,
-                                  is_read ? "no room for a list of it in /tmp" : "cannot be read"));
-    }
+    Ensure((is_read && is_listed) || request_.force,
+           fmt::format("{}: {}; --force goes on without a check", source_,
+                       is_read ? "no room for a list of it in /tmp" : "cannot be read"));
     return is_read && is_listed;
 }
 
@@ -128,20 +131,8 @@ uint64_t TaskCheck::RoomFor(uint64_t block_size) {
 }
 
 std::vector<std::string> TaskCheck::After(const std::string& result) {
-    if (kind_.result == Result::kTree) {
-        LookUp(result);
-    } else {
-        LookInto(result);
-    }
-    std::vector<std::string> lines = differences_.lines;
-    if (differences_.more > 0) {
-        lines.push_back(fmt::format("and {} more", differences_.more));
-    }
-    return lines;
-}
-
-uint64_t TaskCheck::missing_bytes() const {
-    return expected_.bytes() - std::min(expected_.bytes(), found_.bytes());
+    kind_.result == Result::kTree ? LookUp(result) : LookInto(result);
+    return differences_.lines();
 }
 
 // Tallies what is in the directory `result` under the names of what is expected.
@@ -186,13 +177,9 @@ void TaskCheck::LookInto(const std::string& result) {
         });
         return is_read ? CompareWith(result, visit) : differences_.Add(result + ": cannot be read");
     }
-    const FindingSink tell = [this](const Finding& finding) {
-        // Whether a suspicion is one the source tells.
-        if (finding.severity == Severity::kFault) {
-            differences_.Add(DescribeFinding(finding));
-        }
-    };
     try {
+        // Whether a suspicion is one the source tells.
+        const FindingSink tell = TellUpTo(Severity::kFault);
         const ArchiveSet set(result, &view_);
         found_ = VerifySet(set, "", tell);
         CompareWith(result, [&set](const EntrySink& entries) { VisitRestored(set, entries); });
@@ -232,13 +219,11 @@ bool TaskCheck::VisitExpected(const EntrySink& entries) const {
                                      entry.mode = std::nullopt;
                                      entries(entry);
                                  })
-                  : VisitSource(entries, [](LeftOut, std::string_view) {});
+                  : VisitSource({entries, [](LeftOut, std::string_view) {}});
 }
 
-bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const {
-    WalkOptions options;
-    options.rules = kind_.leaves_out;
-    options.modes = kind_.modes();
+bool TaskCheck::VisitSource(const TreeSink& sink) const {
+    WalkOptions options{kind_.leaves_out, kind_.modes()};
     if (kind_.result == Result::kSet) {
         options.own = IdOf(kind_.ResultPath(request_));
     } else if (kind_.IsBrief()) {
@@ -251,33 +236,33 @@ bool TaskCheck::VisitSource(const EntrySink& entries, const LeftOutSink& left_ou
         case Source::kFile: {
             const std::optional<struct stat> status = StatOf(source_);
             if (status) {
-                entries(EntryOf(NameOf(TargetFile(request_)), *status, Modes::kNone));
+                sink.take(EntryOf(NameOf(TargetFile(request_)), *status, Modes::kNone));
             }
             return status.has_value();
         }
         case Source::kList:
-            return VisitList(entries, left_out);
+            return VisitList(sink);
         case Source::kSearch:
-            return VisitSearch(options, entries, left_out);
+            return VisitSearch(options, sink);
         case Source::kSet:
-            VisitRestored(*set_, entries);
+            VisitRestored(*set_, sink.take);
             return true;
         case Source::kRecords:
             if (RecordsApply()) {
-                return VisitRecords(source_ + ".txt", request_.destination + "/", entries);
+                return VisitRecords(source_ + ".txt", request_.destination + "/", sink.take);
             }
             options.modes = Modes::kNone;
             break;
         case Source::kTree:
             break;
     }
-    return WalkTree(source_, options, entries, left_out);
+    return WalkTree(source_, options, sink);
 }
 
-bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out) const {
+bool TaskCheck::VisitList(const TreeSink& sink) const {
     const std::string app = NameOf(request_.destination);
     return ReadRecords(
-        source_, RecordLines::kEach,
+        source_,
         [&](const TallyEntry& record) {
             struct stat status = {};
             const std::string path(record.path);
@@ -285,23 +270,22 @@ bool TaskCheck::VisitList(const EntrySink& entries, const LeftOutSink& left_out)
             const std::string_view below =
                 WithoutSlashes(at == std::string::npos ? "" : record.path.substr(at + app.size()));
             if (lstat(path.c_str(), &status) != 0) {
-                left_out(LeftOut::kUnreadable, path);
+                sink.leave_out(LeftOut::kUnreadable, path);
             } else if (S_ISLNK(status.st_mode)) {
-                left_out(LeftOut::kLink, path);
+                sink.leave_out(LeftOut::kLink, path);
             } else if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-                left_out(LeftOut::kSpecial, path);
+                sink.leave_out(LeftOut::kSpecial, path);
             } else if (record.type != '5' && EndsWith(path, ".dex")) {
-                left_out(LeftOut::kDex, path);
+                sink.leave_out(LeftOut::kDex, path);
             } else if (!below.empty()) {
-                entries(EntryOf(below, status, Modes::kNone));
+                sink.take(EntryOf(below, status, Modes::kNone));
             }
             return true;
         },
-        [&](std::string_view line) { left_out(LeftOut::kUnreadable, line); });
+        [&](std::string_view line) { sink.leave_out(LeftOut::kUnreadable, line); });
 }
 
-bool TaskCheck::VisitSearch(WalkOptions options, const EntrySink& entries,
-                            const LeftOutSink& left_out) const {
+bool TaskCheck::VisitSearch(WalkOptions options, const TreeSink& sink) const {
     struct stat status = {};
     android::installd::SearchRules rules;
     if (stat(source_.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -316,13 +300,13 @@ bool TaskCheck::VisitSearch(WalkOptions options, const EntrySink& entries,
         const std::string_view path = WithoutSlashes(include);
         options.begin = include.size() - path.size();
         if (lstat(include.c_str(), &status) != 0) {
-            left_out(LeftOut::kUnreadable, include);
+            sink.leave_out(LeftOut::kUnreadable, include);
         } else if (S_ISDIR(status.st_mode)) {
             if (!excludes.cover(include)) {
-                WalkTree(include, options, entries, left_out);
+                WalkTree(include, options, sink);
             }
         } else if (stat(include.c_str(), &status) == 0) {
-            entries(EntryOf(path, status, options.modes));
+            sink.take(EntryOf(path, status, options.modes));
         }
     }
     return true;
@@ -338,7 +322,7 @@ bool TaskCheck::RecordsApply() const {
 
 std::optional<std::string> FirstRecordOf(const std::string& copy) {
     std::optional<std::string> first;
-    ReadRecords(copy + ".txt", RecordLines::kJoined, [&first](const TallyEntry& record) {
+    ReadRecords(copy + ".txt", [&first](const TallyEntry& record) {
         first = std::string(record.path);
         return false;
     });

@@ -4,6 +4,7 @@
 // Not thread-safe.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -17,12 +18,15 @@
 
 namespace peltexctl {
 
-// The first of some things in words, and a count of the others.
-struct FirstOf {
+// The first of some things in words, and behind them a line that counts the others.
+class FirstOf {
+  public:
     void Add(std::string_view line);
+    const std::vector<std::string>& lines() const { return lines_; }
 
-    std::vector<std::string> lines;
-    uint64_t more = 0;
+  private:
+    std::vector<std::string> lines_;
+    uint64_t count_ = 0;
 };
 
 class TaskCheck {
@@ -41,22 +45,24 @@ class TaskCheck {
     // The bytes that it takes on a file system with blocks of this size.
     uint64_t RoomFor(uint64_t block_size);
     // What a move leaves out and would delete.
-    const FirstOf& lost() const { return lost_; }
+    const std::vector<std::string>& lost() const { return lost_.lines(); }
 
-    // Tallies what is there; `result` is where it is. Returns one line for each of the first
-    // differences and one that counts the others; none when all is there.
+    // Tallies what is there; `result` is where it is. Returns the first differences; none when all
+    // is there.
     std::vector<std::string> After(const std::string& result);
 
     // Bytes that After() has not found.
-    uint64_t missing_bytes() const;
+    uint64_t missing_bytes() const {
+        return expected_.bytes() - std::min(expected_.bytes(), found_.bytes());
+    }
 
   private:
-    bool VisitSource(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool VisitList(const EntrySink& entries, const LeftOutSink& left_out) const;
-    bool VisitSearch(WalkOptions options, const EntrySink& entries,
-                     const LeftOutSink& left_out) const;
+    bool VisitSource(const TreeSink& sink) const;
+    bool VisitList(const TreeSink& sink) const;
+    bool VisitSearch(WalkOptions options, const TreeSink& sink) const;
     bool VisitExpected(const EntrySink& entries) const;
     bool RecordsApply() const;
+    FindingSink TellUpTo(Severity least);
     void LookUp(const std::string& result);
     void LookInto(const std::string& result);
     void CompareWith(const std::string& result, const std::function<void(const EntrySink&)>& visit);

@@ -1,15 +1,12 @@
 // Tested by tests/client/peltexctl.md.
 #include "task/task_command.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cmath>
-#include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -22,22 +19,12 @@
 #include "task/refusals.h"
 #include "task/set_links.h"
 #include "task/task_check.h"
-#include "task/task_run.h"
 #include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
 
 namespace {
-
-// By the whole program, whose tasks that unpack read little but the archive.
-uint64_t BytesRead() {
-    std::ifstream counters("/proc/self/io");
-    std::string name;
-    uint64_t count = 0;
-    counters >> name >> count;
-    return count;
-}
 
 // By LeftOut, as people and as programs read it.
 constexpr std::pair<const char*, const char*> kReasons[] = {
@@ -71,20 +58,8 @@ std::string DescribeLeftOut(Json* object, const Tally& tally) {
 // A task with what comes before and behind the library's part.
 class TaskCommand {
   public:
-    explicit TaskCommand(const TaskJob& job)
-        : job_(job), kind_(job.kind), request_(job.request), events_(job.events), view_(job.view) {}
+    explicit TaskCommand(const TaskJob& job) : job_(job) {}
 
-    ~TaskCommand() {
-        links_.reset();  // they may lie in what was made
-        if (!is_over_) {
-            made_.Remove();
-        }
-    }
-
-    TaskCommand(const TaskCommand&) = delete;
-    TaskCommand& operator=(const TaskCommand&) = delete;
-
-    // Returns the program's exit status. Throws Failure.
     int Run(const Library& library) {
         const SignalScope signals([this] {
             EndInterrupted(is_over_ ? "interrupted: it is done, but not checked"
@@ -94,88 +69,88 @@ class TaskCommand {
         Prepare();
         const TaskResult result = RunJob(library, job_);
         is_over_ = true;
+        made_.Keep();
         return Conclude(result);
     }
 
   private:
     // Changes nothing.
     void RefuseAll() {
-        RefuseRequest(kind_, request_);
-        if (kind_.Unpacks()) {
+        RefuseRequest(job_.kind, job_.request);
+        if (job_.kind.Unpacks()) {
             OpenSet();
         }
-        if (request_.no_verify) {
+        if (job_.request.no_verify) {
             return;
         }
-        view_.Begin("looking at " + EscapeBytes(request_.source), set_ ? set_->TotalSize() : 0);
-        check_.emplace(kind_, request_, set_ ? &*set_ : nullptr, &view_);
+        job_.view.Begin("looking at " + EscapeBytes(job_.request.source),
+                        set_ ? set_->TotalSize() : 0);
+        check_.emplace(job_.kind, job_.request, set_ ? &*set_ : nullptr, &job_.view);
         if (!check_->Before()) {
             check_.reset();
         }
-        if (!request_.force) {
-            RefuseByTally(kind_, request_, &*check_);
+        if (!job_.request.force) {
+            RefuseByTally(job_.kind, job_.request, &*check_);
         }
-        view_.End();
+        job_.view.End();
     }
 
     void OpenSet() {
-        set_.emplace(request_.source, &view_);
-        RefuseArchive(kind_, *set_);
-        if (set_->size() == 0 && !request_.force) {
+        set_.emplace(job_.request.source, &job_.view);
+        RefuseArchive(job_.kind, *set_);
+        if (set_->size() == 0 && !job_.request.force) {
             throw Failure(kTaskFailed, DescribeFinding(*set_->finding()));
         }
     }
 
     // Makes what the task needs, and takes away what it replaces.
     void Prepare() {
-        if (request_.replace) {
-            for (const std::string& directory : {request_.destination, request_.take}) {
+        const TaskKind& kind = job_.kind;
+        const TaskRequest& request = job_.request;
+        if (request.replace) {
+            for (const std::string& directory : {request.destination, request.take}) {
                 const UniqueFd held = OpenDirectory(directory);
-                RemoveFiles(held.get(), FilesThere(kind_, request_, held));
+                RemoveFiles(held.get(), FilesThere(kind, request, held));
             }
         }
-        job_.command = kind_.Command(request_);
-        job_.total = check_ && !kind_.IsBrief() ? check_->expected().bytes() : 0;
-        if (geteuid() != 0 && (kind_.Unpacks() || kind_.source == Source::kRecords)) {
-            events_.Note(fmt::format(
+        job_.command = kind.Command(request, request.source);
+        job_.total = check_ && !kind.IsBrief() ? check_->expected().bytes() : 0;
+        if (geteuid() != 0 && (kind.Unpacks() || kind.source == Source::kRecords)) {
+            job_.events.Note(fmt::format(
                 "you are not root: what is restored belongs to uid {}, and other owners "
                 "and the set-group-id bits of groups that are not yours are not given",
                 geteuid()));
         }
-        if (!kind_.Unpacks()) {
-            return;
+        if (kind.Unpacks()) {
+            made_.Make(request.destination, static_cast<uid_t>(*ParseInt(request.uid)));
+            job_.total = set_->TotalSize();
         }
-        made_.Make(request_.destination, static_cast<uid_t>(*ParseInt(request_.uid)));
-        job_.total = set_->TotalSize();
-        job_.bytes_read = [before = BytesRead()] { return BytesRead() - before; };
-        if (kind_.RestoresSlices()) {
+        if (kind.RestoresSlices()) {
             MakeLinks();
         }
     }
 
     void MakeLinks() {
-        links_.emplace(*set_, ParentOf(request_.source));
-        if (const std::string left = links_->RemoveLeftovers(); !left.empty()) {
-            events_.Note(left + ": left by a restore that was killed, removed");
+        const std::string left = RemoveLeftLinks(ParentOf(job_.request.source));
+        if (!left.empty()) {
+            job_.events.Note(left + ": left by a restore that was killed, removed");
         }
-        links_->Make(request_.destination);
-        TaskRequest of_links = request_;
-        of_links.source = links_->CheckFile();
-        job_.command = kind_.Command(of_links);
-        job_.left_too = "; " + links_->path() + " is left, which the next restore removes";
+        links_.Make(*set_, job_.request.destination);
+        job_.command = job_.kind.Command(job_.request, links_.CheckFile());
+        job_.left_too = "; " + links_.path() + " is left, which the next restore removes";
     }
 
     // What is done about a task that the library has brought to a good end. Returns the program's
     // exit status.
     int Conclude(const TaskResult& result) {
-        const std::string result_path = kind_.ResultPath(request_);
+        const std::string result_path = job_.kind.ResultPath(job_.request);
         const std::string written =
-            request_.take.empty() ? result_path : request_.take + "/" + NameOf(result_path);
+            job_.request.take.empty() ? result_path : job_.request.take + "/" + NameOf(result_path);
         const bool is_whole = !check_ || Check(written);
-        if (is_whole && request_.sums && !kind_.HandsOver()) {
+        if (is_whole && job_.request.sums && !job_.kind.HandsOver()) {
             WriteSums(written);
         }
-        if (is_whole && request_.consume) {
+        if (is_whole && job_.request.consume) {
             RemoveSet(*set_);
         }
         Summarize(result, check_ && is_whole ? &check_->expected() : nullptr);
@@ -194,13 +169,13 @@ class TaskCommand {
         object["seconds"] = std::round(result.seconds * 1000) / 1000;
         words.push_back(fmt::format("{:.{}f} s", result.seconds, result.seconds < 10 ? 2 : 1));
         // A brief moves no content in these seconds.
-        if (tally != nullptr && tally->bytes() > 0 && !kind_.IsBrief()) {
+        if (tally != nullptr && tally->bytes() > 0 && !job_.kind.IsBrief()) {
             const uint64_t rate = BytesPerSecond(tally->bytes(), result.seconds);
             object["bytes_per_second"] = rate;
             words.push_back(HumanSize(rate) + "/s");
         }
-        if (kind_.HandsOver() || kind_.RestoresSlices()) {
-            const uint64_t slices = kind_.HandsOver() ? result.slices : set_->size();
+        if (job_.kind.HandsOver() || job_.kind.RestoresSlices()) {
+            const uint64_t slices = job_.kind.HandsOver() ? result.slices : set_->size();
             object["slices"] = slices;
             words.push_back(Counted(slices, "slice", "slices"));
         }
@@ -208,19 +183,19 @@ class TaskCommand {
         if (tally != nullptr) {
             text += fmt::format("\nleft out: {}", DescribeLeftOut(&object, *tally));
         }
-        events_.Tell(object, text);
+        job_.events.Tell(object, text);
     }
 
     bool Check(const std::string& written) {
-        view_.Begin("checking " + EscapeBytes(written));
+        job_.view.Begin("checking " + EscapeBytes(written));
         std::vector<std::string> lines = check_->After(written);
-        view_.End();
+        job_.view.End();
         if (!lines.empty()) {
             lines.back() += HintAtRoom(written, check_->missing_bytes());
             PrintKeptLog();
         }
         for (const std::string& line : lines) {
-            events_.Error(line);
+            job_.events.Error(line);
         }
         return lines.empty();
     }
@@ -234,14 +209,10 @@ class TaskCommand {
     }
 
     TaskJob job_;
-    const TaskKind& kind_;
-    const TaskRequest& request_;
-    EventWriter& events_;
-    ProgressView& view_;
     std::optional<ArchiveSet> set_;   // of a restore
     std::optional<TaskCheck> check_;  // none with --no-verify
-    std::optional<SetLinks> links_;
     MadeDirectory made_;
+    SetLinks links_;  // which may lie in what was made
     std::atomic<bool> is_over_{false};
 };
 

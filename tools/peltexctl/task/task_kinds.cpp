@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <optional>
 #include <tuple>
 
 #include "ui/exit_code.h"
@@ -59,19 +58,13 @@ bool IsInRange(const std::string& text, int least, int most) {
     return number && *number >= least && *number <= most;
 }
 
-void Expect(bool is_right, const std::string& message) {
-    if (!is_right) {
-        throw Failure(kUsage, message);
-    }
-}
-
 }  // namespace
 
 // A restore of slices extracts into the parent of the path that it is given, and relabels that
 // path. The library does not look at the option of a move, which has to be there all the same.
-std::string TaskKind::Command(const TaskRequest& request) const {
+std::string TaskKind::Command(const TaskRequest& request, const std::string& source_path) const {
     return fmt::format("{} {} {} {}{} {} {}", IsBrief() ? "get_brief" : subcommand,
-                       IsMove() ? "dir" : kind, request.source, request.destination,
+                       IsMove() ? "dir" : kind, source_path, request.destination,
                        RestoresSlices() ? "/."
                        : HandsOver()    ? fmt::format(" {}", SliceSizeOf(request))
                                         : "",
@@ -102,16 +95,18 @@ std::vector<const TaskKind*> KindsOf(const std::string& subcommand) {
 
 const TaskKind& CheckRequest(const TaskRequest& request) {
     for (const std::string* word : {&request.source, &request.destination, &request.se_info}) {
-        Expect(!word->empty() && word->find(' ') == std::string::npos,
+        Ensure(!word->empty() && word->find(' ') == std::string::npos,
                fmt::format("\"{}\" cannot be sent: a word of a command is not empty and holds no "
                            "blank; rename it or reach it through a link",
-                           *word));
+                           *word),
+               kUsage);
     }
-    Expect(IsInRange(request.uid, 0, INT_MAX),
-           fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX));
-    Expect(!request.slice_size || IsInRange(*request.slice_size, 1, kLargestSlice),
+    Ensure(IsInRange(request.uid, 0, INT_MAX),
+           fmt::format("--uid: \"{}\" is no number from 0 to {}", request.uid, INT_MAX), kUsage);
+    Ensure(!request.slice_size || IsInRange(*request.slice_size, 1, kLargestSlice),
            fmt::format("--slice-size: \"{}\" is no number from 1 to {}",
-                       request.slice_size.value_or(""), kLargestSlice));
+                       request.slice_size.value_or(""), kLargestSlice),
+           kUsage);
     // Options of one kind of task or two.
     const std::string& kind = request.kind;
     const bool packs = kind == "split" || kind == "tar";
@@ -122,11 +117,11 @@ const TaskKind& CheckRequest(const TaskRequest& request) {
              std::tuple(packs || !request.sums, "--sums", "backup split and tar"),
              std::tuple(packs || !request.replace, "--replace", "backup split and tar"),
          }) {
-        Expect(is_right, fmt::format("{} is an option of {} only", name, owners));
+        Ensure(is_right, fmt::format("{} is an option of {} only", name, owners), kUsage);
     }
-    const std::vector<const TaskKind*> kinds = KindsOf(request.subcommand);
-    return **std::find_if(kinds.begin(), kinds.end(),
-                          [&request](const TaskKind* row) { return request.kind == row->kind; });
+    return *std::find_if(std::begin(kKinds), std::end(kKinds), [&request](const TaskKind& row) {
+        return row.Is(request.subcommand, request.kind);
+    });
 }
 
 int SliceSizeOf(const TaskRequest& request) {

@@ -48,8 +48,8 @@ struct TaskKind {
     const char* result_path;  // a pattern
     Rules leaves_out;
 
-    // The command line for the library.
-    std::string Command(const TaskRequest& request) const;
+    // The command line for the library, to which SRC is `source_path`.
+    std::string Command(const TaskRequest& request, const std::string& source_path) const;
     std::string SourcePath(const TaskRequest& request) const;
     // The directory that the entries are in, or the file that lists or holds them.
     std::string ResultPath(const TaskRequest& request) const;

@@ -8,9 +8,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
+#include <fstream>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "task/refusals.h"
 #include "task/slice_taker.h"
@@ -28,33 +29,11 @@ constexpr std::chrono::seconds kKeepAliveEvery{10};
 constexpr std::chrono::microseconds kFirstRepeat{100};
 constexpr std::chrono::milliseconds kLastRepeat{50};
 
-// Of a task that was interrupted, whether it succeeded in spite of that or not.
-std::string DescribeLeft(const TaskKind& kind, const TaskRequest& request, bool succeeded) {
-    const std::string& destination = request.destination;
-    if (kind.Unpacks()) {
-        return fmt::format("what was unpacked is in {}{}", destination,
-                           kind.RestoresSlices() ? ", the set is as it was" : "");
-    }
-    if (kind.HasArchive()) {
-        const std::string result = kind.ResultPath(request);
-        return StatOf(result) ? fmt::format("{} may lack entries, remove it", result)
-                              : fmt::format("nothing is left of {}", result);
-    }
-    if (kind.IsMove()) {
-        return succeeded ? fmt::format("everything had been moved to {} by then", destination)
-                         : fmt::format("what was moved is in {}, the rest in {}", destination,
-                                       request.source);
-    }
-    return fmt::format("{} {}", destination,
-                       succeeded ? "had been completed by then" : "is not complete");
-}
-
-std::string DescribeStop(const TaskKind& kind) {
-    return kind.HasArchive() ? "stopping it"
-                             : fmt::format(
-                                   "the library ends it when all is {}; to leave it "
-                                   "unfinished interrupt it again",
-                                   kind.IsBrief() ? "listed" : "copied");
+// By the whole program, whose tasks that unpack read little but the archive.
+uint64_t BytesRead() {
+    uint64_t count = 0;
+    std::ifstream("/proc/self/io").ignore(sizeof("rchar:")) >> count;
+    return count;
 }
 
 // A split backup pauses after each slice but the last until it is continued, by its own command.
@@ -65,17 +44,10 @@ std::string DescribeStop(const TaskKind& kind) {
 // backup, and until the last of them has been received the backup still counts as running.
 class TaskRun {
   public:
-    TaskRun(const Library& library, const TaskJob& job)
-        : library_(library),
-          job_(job),
-          left_unfinished_("interrupted: " +
-                           (HandsOver() ? "the set in " + taker_.directory() + " is not complete"
-                                        : DescribeLeft(job.kind, job.request, false)) +
-                           job.left_too) {}
+    TaskRun(const Library& library, const TaskJob& job) : library_(library), job_(job) {}
 
     TaskResult Run() {
         const SignalScope signals([this] { Interrupt(); });
-        taker_.Prepare();
         const android::sp<ClientCallback> callback =
             new ClientCallback(1, [this](const StatusEvent& event) { Heard(event); });
         session_ = library_.start(callback);
@@ -115,7 +87,7 @@ class TaskRun {
     void Heard(const StatusEvent& event) {
         const bool has_slice = event.code == kStatusSlicePackaged;
         const bool ends = EndsTask(event);
-        if (event.code == kStatusProgress && !job_.bytes_read) {
+        if (event.code == kStatusProgress && !job_.kind.Unpacks()) {
             job_.view.SetDone(std::strtoull(event.message.c_str(), nullptr, 10));
         }
         // People hear of progress and slices from the bar, of a failure by its reason.
@@ -139,39 +111,34 @@ class TaskRun {
         if (ends) {
             last_ = event;
         }
-        if (event.code != kStatusProgress) {
-            has_news_ = true;
-            changed_.notify_all();
-        }
+        changed_.notify_all();
     }
 
     void Follow() {
-        while (!HasEnded()) {
+        do {
             if (!stopping_) {
                 TakeSlices(false);
             }
             if (!stopping_ && (is_interrupted_ || !untaken_.empty())) {
                 Stop();
             }
-            const Clock::time_point next = HandsOver() ? Continue() : Clock::time_point::max();
             ShowProgress();
-            WaitForNews(std::min(next, Clock::now() + kTick));
-        }
+        } while (!EndsBy(std::min(Continue(), Clock::now() + kTick)));
         if (untaken_.empty() && HandsOver()) {
             TakeSlices(last_->code == kStatusSuccess && !stopping_);
         }
     }
 
-    bool HasEnded() {
-        const std::lock_guard lock(mutex_);
-        return last_.has_value();
-    }
-
     // Takes those that were handed over, and behind the last one what makes the set whole.
     void TakeSlices(bool is_whole) {
+        std::vector<std::string> slices;
+        {
+            const std::lock_guard lock(mutex_);
+            slices.swap(handed_);
+        }
         try {
-            while (const std::optional<std::string> slice = NextSlice()) {
-                taker_.Take(NameOf(*slice));
+            for (const std::string& slice : slices) {
+                taker_.Take(NameOf(slice));
                 repeat_after_ = {};
                 next_continuation_ = {};
             }
@@ -183,23 +150,13 @@ class TaskRun {
         }
     }
 
-    std::optional<std::string> NextSlice() {
-        const std::lock_guard lock(mutex_);
-        if (handed_.empty()) {
-            return std::nullopt;
-        }
-        std::string slice = std::move(handed_.front());
-        handed_.pop_front();
-        return slice;
-    }
-
     // Lets a backup go on whose slice was taken, and one that was asked to stop see that: an abort
     // is forgotten like a continuation when it comes before the pause, and is not repeated, since
     // each makes a status. Where it is seen first, the slice that was handed over is not packed
     // again. Returns when this is due again.
     Clock::time_point Continue() {
         const std::lock_guard settled(settle_mutex_);
-        if (!WaitsForUs()) {
+        if (!HandsOver() || !WaitsForUs()) {
             return Clock::time_point::max();
         }
         if (Clock::now() >= next_continuation_) {
@@ -216,15 +173,18 @@ class TaskRun {
         return stopping_ ? !last_ : pauses_ && handed_.empty();
     }
 
-    void WaitForNews(Clock::time_point deadline) {
+    // Waits for something to do. Returns whether the task has ended.
+    bool EndsBy(Clock::time_point deadline) {
         std::unique_lock lock(mutex_);
-        changed_.wait_until(lock, deadline, [this] { return has_news_; });
-        has_news_ = false;
+        changed_.wait_until(lock, deadline, [this] {
+            return last_ || (!stopping_ && (is_interrupted_ || !handed_.empty()));
+        });
+        return last_.has_value();
     }
 
     void ShowProgress() {
-        if (job_.bytes_read) {
-            job_.view.SetDone(job_.bytes_read());
+        if (job_.kind.Unpacks()) {
+            job_.view.SetDone(BytesRead() - read_before_);
         }
         if (count_ > 0) {
             job_.view.SetNote(Counted(count_, "slice", "slices"));
@@ -246,7 +206,12 @@ class TaskRun {
 
     void Stop() {
         stopping_ = true;
-        job_.events.Note(DescribeStop(job_.kind));
+        const char* const goal = job_.kind.IsBrief() ? "listed" : "copied";
+        job_.events.Note(job_.kind.HasArchive()
+                             ? "stopping it"
+                             : fmt::format("the library ends it when all is {}; to leave it "
+                                           "unfinished interrupt it again",
+                                           goal));
         const int result = Send(fmt::format("abort {}", task_));
         const std::lock_guard lock(mutex_);
         // One that has not begun leaves the queue without a status; of a running one it has come.
@@ -257,23 +222,46 @@ class TaskRun {
 
     // Throws what keeps the task from being done.
     void Judge() {
-        const bool succeeded = last_ && last_->code == kStatusSuccess;
+        const int end = last_ ? last_->code : kStatusFailed;
         if (is_interrupted_) {
-            throw Failure(
-                kInterrupted,
-                "interrupted: " +
-                    (HandsOver() ? taker_.DescribeLeft(count_) + ", of a set that is not complete"
-                                 : DescribeLeft(job_.kind, job_.request, succeeded)));
+            throw Failure(kInterrupted, "interrupted: " + DescribeLeft(end));
         }
         if (!untaken_.empty()) {
             throw Failure(kTaskFailed, fmt::format("{}; {}{}; start it again with --replace",
                                                    untaken_, taker_.DescribeLeft(count_),
                                                    HintAtRoom(taker_.directory(), 1 << 20)));
         }
-        if (!succeeded) {
+        if (end != kStatusSuccess) {
             PrintKeptLog();
             throw Failure(kTaskFailed, ExplainFailure());
         }
+    }
+
+    // What an interrupted task leaves, which may have succeeded in spite of that. Of one that goes
+    // on, without an `end`, nothing is looked up: that might take long, too.
+    std::string DescribeLeft(std::optional<int> end) const {
+        const TaskKind& kind = job_.kind;
+        const std::string& place = taker_.directory();
+        const bool succeeded = end == kStatusSuccess;
+        if (kind.Unpacks()) {
+            return fmt::format("what was unpacked is in {}{}", place,
+                               kind.RestoresSlices() ? ", the set is as it was" : "");
+        }
+        if (HandsOver()) {
+            return (end ? taker_.DescribeLeft(count_) + ", of a set that" : "the set in " + place) +
+                   " is not complete";
+        }
+        if (kind.HasArchive() && end) {
+            const std::string result = kind.ResultPath(job_.request);
+            return StatOf(result) ? result + " may lack entries, remove it"
+                                  : "nothing is left of " + result;
+        }
+        if (kind.IsMove()) {
+            return succeeded ? fmt::format("everything had been moved to {} by then", place)
+                             : fmt::format("what was moved is in {}, the rest in {}", place,
+                                           job_.request.source);
+        }
+        return place + (succeeded ? " had been completed by then" : " is not complete");
     }
 
     std::string ExplainFailure() const {
@@ -299,10 +287,9 @@ class TaskRun {
     // of a FIFO.
     void Interrupt() {
         if (is_interrupted_.exchange(true)) {
-            EndInterrupted(left_unfinished_);
+            EndInterrupted("interrupted: " + DescribeLeft(std::nullopt) + job_.left_too);
         }
         const std::lock_guard lock(mutex_);
-        has_news_ = true;
         changed_.notify_all();
     }
 
@@ -311,7 +298,7 @@ class TaskRun {
     const Library library_;
     const TaskJob job_;
     SliceTaker taker_{job_.request, [this] { Tick(); }};
-    const std::string left_unfinished_;
+    const uint64_t read_before_ = BytesRead();
     int session_ = 0;
     int task_ = 0;
     bool stopping_ = false;
@@ -322,15 +309,14 @@ class TaskRun {
     std::atomic<bool> is_interrupted_{false};
     std::atomic<uint64_t> count_{0};  // of the slices that were handed over
 
-    std::mutex
-        settle_mutex_;  // held over a continuation; never waited for with the library's locks
+    // Held over a continuation; never waited for with the library's locks.
+    std::mutex settle_mutex_;
     std::mutex mutex_;
     std::condition_variable changed_;
     // Protected by mutex_.
-    bool has_news_ = false;
     bool is_aborted_ = false;
-    bool pauses_ = false;             // after the slice that was handed over last
-    std::deque<std::string> handed_;  // slices that were not taken yet
+    bool pauses_ = false;              // after the slice that was handed over last
+    std::vector<std::string> handed_;  // slices that were not taken yet
     std::optional<StatusEvent> last_;
 };
 

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "task/library.h"
@@ -20,10 +19,9 @@ struct TaskJob {
     EventWriter& events;
     ProgressView& view;
     bool log_is_shown = false;
-    std::string command = {};                   // for the library
-    uint64_t total = 0;                         // bytes to be expected; 0 if that is not known
-    std::function<uint64_t()> bytes_read = {};  // of a restore, whose progress tells no bytes
-    std::string left_too = {};                  // what else an unfinished task leaves
+    std::string command = {};   // for the library
+    uint64_t total = 0;         // bytes to be expected; 0 if that is not known
+    std::string left_too = {};  // what else an unfinished task leaves
 };
 
 struct TaskResult {

@@ -16,17 +16,9 @@ namespace {
 
 class Walk {
   public:
-    Walk(const std::string& top, const WalkOptions& options, const EntrySink& entries,
-         const LeftOutSink& left_out)
-        : options_(options),
-          entries_(entries),
-          left_out_(left_out),
-          path_(top + "/"),
-          top_(path_.size()) {}
+    Walk(const std::string& top, const WalkOptions& options, const TreeSink& sink)
+        : options_(options), sink_(sink), path_(top + "/"), top_(path_.size()) {}
 
-    bool Run() { return Directory(OpenDirectory(path_)); }
-
-  private:
     bool Directory(const UniqueFd& directory) {
         const size_t length = path_.size();
         return ForEachName(directory, [&](const char* name) {
@@ -36,28 +28,27 @@ class Walk {
         });
     }
 
+  private:
     void Entry(const UniqueFd& directory, const char* name, bool is_top) {
         if (is_top && options_.is_excluded && options_.is_excluded(path_)) {
             return;
         }
         struct stat status = {};
         if (fstatat(directory.get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            left_out_(LeftOut::kUnreadable, Below());
-            return;
+            return sink_.leave_out(LeftOut::kUnreadable, Below());
         }
         if (const std::optional<LeftOut> reason = WhyLeftOut(name, status, is_top)) {
-            left_out_(*reason, Below());
-            return;
+            return sink_.leave_out(*reason, Below());
         }
         TallyEntry entry = EntryOf(Below(), status, options_.modes);
         if (entry.type == '2') {
             entry.link = ReadLink(directory, name, target_);
         }
-        entries_(entry);
+        sink_.take(entry);
         if (S_ISDIR(status.st_mode)) {
             path_ += '/';
             if (!Directory(OpenDirectoryAt(directory, name))) {
-                left_out_(LeftOut::kUnreadable, Below());
+                sink_.leave_out(LeftOut::kUnreadable, Below());
             }
         }
     }
@@ -92,8 +83,7 @@ class Walk {
     }
 
     const WalkOptions& options_;
-    const EntrySink& entries_;
-    const LeftOutSink& left_out_;
+    const TreeSink& sink_;
     std::string path_;
     const size_t top_;  // the length of the top's path
     LinkBuffer target_ = {};
@@ -121,9 +111,8 @@ std::string_view ReadLink(const UniqueFd& directory, const char* name, LinkBuffe
     return {buffer, static_cast<size_t>(length < 0 ? 0 : length)};
 }
 
-bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
-              const LeftOutSink& left_out) {
-    return Walk(top, options, entries, left_out).Run();
+bool WalkTree(const std::string& top, const WalkOptions& options, const TreeSink& sink) {
+    return Walk(top, options, sink).Directory(OpenDirectory(top));
 }
 
 }  // namespace peltexctl

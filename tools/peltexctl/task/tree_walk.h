@@ -21,24 +21,28 @@ constexpr Rules Bit(LeftOut reason) {
 }
 
 using EntrySink = std::function<void(const TallyEntry& entry)>;
-using LeftOutSink = std::function<void(LeftOut reason, std::string_view path)>;
+
+// Hears of what a task takes and of what it leaves out.
+struct TreeSink {
+    EntrySink take;
+    std::function<void(LeftOut reason, std::string_view path)> leave_out;
+};
 
 // Which permission bits a kind of task brings.
 enum class Modes { kNone, kAll, kArchived };
 
 struct WalkOptions {
-    Rules rules = 0;
-    Modes modes = Modes::kNone;
-    std::optional<FileId> own;  // the archive that the task writes
-    size_t begin = 0;           // of entries' paths in the whole ones; 0: below the top
+    Rules rules;
+    Modes modes;
+    std::optional<FileId> own = {};  // the archive that the task writes
+    size_t begin = 0;                // of entries' paths in the whole ones; 0: below the top
     // Further entries of the top directory that are passed over without a word.
-    std::function<bool(const std::string& path)> is_excluded;
+    std::function<bool(const std::string& path)> is_excluded = {};
 };
 
 // Walks the directory `top`, in the order of the file system, a directory before its entries.
 // Returns false when `top` cannot be read.
-bool WalkTree(const std::string& top, const WalkOptions& options, const EntrySink& entries,
-              const LeftOutSink& left_out);
+bool WalkTree(const std::string& top, const WalkOptions& options, const TreeSink& sink);
 
 // An entry as its status shows it, without its link's target.
 TallyEntry EntryOf(std::string_view path, const struct stat& status, Modes modes);
