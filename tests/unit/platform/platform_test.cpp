@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <unistd.h>
 #include <utils/RefBase.h>
 #include <utils/Thread.h>
@@ -11,6 +12,8 @@
 #include <memory>
 #include <string>
 #include <thread>
+
+#include "tests/support/test_files.h"
 
 namespace android {
 namespace host {
@@ -88,26 +91,17 @@ TEST(Thread, AnObjectThatOnlyItsThreadHoldsIsDeletedBetweenTwoPasses) {
     }
 }
 
-// What `print` writes to standard error.
+// What `print` writes to standard error, through a pipe.
 std::string writtenBy(const std::function<void()>& print) {
-    int ends[2];
-    EXPECT_EQ(0, pipe(ends));
+    const peltex_test::TempTree tree;
     const int saved = dup(STDERR_FILENO);
-    dup2(ends[1], STDERR_FILENO);
-    close(ends[1]);
-    std::string text;
-    std::thread reader([&] {
-        char part[4096];
-        for (ssize_t got = 0; (got = read(ends[0], part, sizeof(part))) > 0;) {
-            text.append(part, static_cast<size_t>(got));
-        }
-    });
+    FILE* const reader = popen(("cat > " + tree / "text").c_str(), "we");
+    dup2(fileno(reader), STDERR_FILENO);
     print();
     dup2(saved, STDERR_FILENO);
     close(saved);
-    reader.join();
-    close(ends[0]);
-    return text;
+    pclose(reader);
+    return peltex_test::readFile(tree / "text");
 }
 
 TEST(Log, LongLinesOfSeveralThreadsArriveWholeAndUnmixed) {
