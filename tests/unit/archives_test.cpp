@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <sstream>
+#include <utility>
 
 #include "tar/check_file.h"
 #include "tar/entry_headers.h"
@@ -70,37 +71,70 @@ std::string cut(Transcript& t, const Lines& words) {
     return result + (isLastGone ? " end | " : " ") + readFile(slice + "txt");
 }
 
+// The headers of an archive, sorted, and its size.
+std::string listed(const std::string& archive) {
+    Lines headers = headersOf(archive);
+    std::sort(headers.begin(), headers.end());
+    headers.push_back(std::to_string(archive.size()));
+    return joined(headers, ", ");
+}
+
+// What stands in each entry, with the long-name records before it, at which offsets; sorted.
+Lines dumped(const std::string& archive) {
+    Lines entries;
+    std::string text;
+    for (size_t at = 0, next; at < archive.size(); at = next) {
+        next = at + kBlock;
+        while (next < archive.size() && archive.compare(next + 257, 5, "ustar") != 0) {
+            next += kBlock;
+        }
+        for (size_t i = at; i < next; ++i) {
+            const std::string run = archive.substr(i, std::min(archive.find('\0', i), next) - i);
+            text += run.empty() ? "" : std::to_string(i - at) + ":" + run + " ";
+            i += run.size();
+        }
+        if (archive[at + 156] != 'K' && archive[at + 156] != 'L') {
+            text.pop_back();
+            entries.push_back(std::exchange(text, ""));
+        }
+    }
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
 }  // namespace
 
 void addArchiveCommands(Transcript& t) {
     const auto listener = std::make_shared<Listener>(t);
     t.commands["pack"] = [listener](const Lines& words) {
-        const bool isHeard = words.size() < 3;
-        TarFile packer(isHeard ? listener.get() : nullptr);
-        const bool result = packer.PackDir(words.at(0).c_str(), words.at(1).c_str());
-        return result ? "= " + packedIn(readFile(words[1])) : exists(words[1]) ? "= left" : "=";
+        TarFile packer(words.size() < 3 ? listener.get() : nullptr);
+        const bool result = packer.PackDir(pathOf(words.at(0)), pathOf(words.at(1)));
+        return result ? "= " + listed(readFile(words[1])) : exists(words[1]) ? "= left" : "=";
     };
-    t.commands["unpack"] = [listener, &t](const Lines& words) {
-        const std::string path = t.tree / "a.tar";
-        writeFile(path, archiveOf(words));
-        UnTarFile archive(path.c_str(), listener.get());
-        return "= " + std::to_string(archive.UnPack((t.tree / "to").c_str(), 10123));
+    t.commands["dump"] = [&t](const Lines& words) {
+        t.events = dumped(readFile(words.at(0)));
+        return "";
+    };
+    t.commands["untar"] = [listener](const Lines& words) {
+        UnTarFile archive(pathOf(words.at(0)), listener.get());
+        return "= " + std::to_string(archive.UnPack(pathOf(words.at(1)), 10123));
+    };
+    t.commands["unpack"] = [&t](const Lines& words) {
+        writeFile(t.tree / "a.tar", archiveOf(words));
+        return t.commands["untar"]({t.tree / "a.tar", t.tree / "to"});
     };
     t.commands["list"] = [&t](const Lines& words) {
-        const std::string path = t.tree / "a.tar";
-        writeFile(path, archiveOf(words));
-        UnTarFile archive(path.c_str(), nullptr);
+        writeFile(t.tree / "a.tar", archiveOf(words));
+        UnTarFile archive((t.tree / "a.tar").c_str(), nullptr);
         archive.GetFileNames();
-        std::string names = "=";
-        for (const std::string& name : archive.GetFileNames()) {
-            names += " " + name;
-        }
-        return names;
+        return "= " + joined(archive.GetFileNames(), " ");
     };
-    // In slices of so many MiB.
+    // In slices of so many MiB; by a packer of whole archives.
     t.commands["split"] = [listener, &t](const Lines& words) {
         const std::string all[TarFile::kSplitArguments] = {"", "", "", "", words.at(0), "info"};
-        TarFile packer(listener.get(), 1);
+        TarFile whole(listener.get());
+        TarFile sliced(listener.get(), 1);
+        TarFile& packer = words.size() > 1 ? whole : sliced;
         const bool result = packer.PackSplitDir(t.tree / "src", t.tree / "out/s", all, 10123);
         return result ? "= true" : "=";
     };
@@ -110,7 +144,8 @@ void addArchiveCommands(Transcript& t) {
         const std::string path = t.tree / "out/s.txt";
         writeFile(path, words.at(0));
         UnTarFile set(path.c_str(), listener.get());
-        return "= " + std::to_string(set.UnSplitPack((t.tree / "to/x").c_str(), 10123));
+        const std::string to = words.size() > 1 ? words[1] : t.tree / "to/x";
+        return "= " + std::to_string(set.UnSplitPack(pathOf(to), 10123));
     };
     // The octal number of a text, at an offset of a header that is filled with a byte. On the heap,
     // so that a read behind the header shows.
@@ -135,52 +170,24 @@ void addArchiveCommands(Transcript& t) {
         return "= " + HandleSplitInfo(words.at(0), std::stoull(words.at(1)),
                                       static_cast<unsigned>(std::stoul(words.at(2))));
     };
-}
-
-namespace {
-
-TEST(TarFile, RefusesNullPaths) {
-    const TempTree tree;
-    const std::string archive = tree / "a.tar";
-    writeFile(archive, "");
-    const std::string words[TarFile::kSplitArguments];
-    EXPECT_FALSE(TarFile(nullptr).PackDir(nullptr, archive.c_str()));
-    EXPECT_FALSE(TarFile(nullptr).PackDir(tree.path().c_str(), nullptr));
-    EXPECT_FALSE(TarFile(nullptr).PackSplitDir(tree.path(), tree / "s", words, 0))
-        << "what is made for one whole";
-    EXPECT_EQ(UnTarFile(nullptr, nullptr).UnPack(tree.path().c_str(), 0), -1);
-    EXPECT_EQ(UnTarFile((tree / "none").c_str(), nullptr).UnPack(tree.path().c_str(), 0), -1);
-    EXPECT_EQ(UnTarFile(archive.c_str(), nullptr).UnPack(nullptr, 0), -2);
-    EXPECT_EQ(UnTarFile(archive.c_str(), nullptr).UnSplitPack(nullptr, 0), -2);
-    EXPECT_EQ(PackSplitPre("x/", std::vector<std::string>(7).data(), 0).basePath, "x");
-}
-
-TEST(EntryHeaders, FindLinksThatChangeBetweenTwoLooks) {
-    const TempTree tree;
-    TarStream stream;
-    const std::string root = tree.path();
-    EntryHeaders headers(stream, root);
-    plant(root, {"l>xyz"});
-    for (const off_t size : {off_t{2}, off_t{3}, off_t{0xFFFFFFFF}}) {
+    // What a link is packed as whose target had so many bytes a while ago.
+    t.commands["target"] = [&t](const Lines& words) {
+        TarStream stream;
+        const std::string root = t.tree.path();
         struct stat status = {};
-        status.st_size = size;
+        status.st_size = std::stol(words.at(1));
         tar_header header = {};
-        EXPECT_EQ(headers.fillLink(Place((root + "/l").c_str()), status, header), size == 3);
-        EXPECT_FALSE(headers.fillLink(Place((root + "/none").c_str()), status, header));
-    }
+        const bool isFilled =
+            EntryHeaders(stream, root).fillLink(Place(words.at(0).c_str()), status, header);
+        return isFilled ? std::string("= ") + header.linkname : "=";
+    };
+    // The bytes behind a content of so many: counted in 32 bits with a sign.
+    t.commands["padding"] = [&t](const Lines& words) {
+        TarStream stream;
+        const bool isDone = stream.open((t.tree / "padded").c_str()) &&
+                            stream.completeContent(std::stol(words.at(0)));
+        return isDone ? "= " + std::to_string(stream.fileBytes()) : "=";
+    };
 }
 
-// The padding is counted in 32 bits with a sign.
-TEST(TarStream, PadsLargeFiles) {
-    const TempTree tree;
-    TarStream stream;
-    ASSERT_TRUE(stream.open((tree / "f").c_str()));
-    for (const auto& [size, padding] : {std::pair(0x80000001L, 0), std::pair(0x100000001L, 511)}) {
-        const long before = stream.fileBytes();
-        EXPECT_TRUE(stream.completeContent(size));
-        EXPECT_EQ(stream.fileBytes() - before, padding);
-    }
-}
-
-}  // namespace
 }  // namespace peltex_test

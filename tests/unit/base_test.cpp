@@ -13,20 +13,6 @@ namespace {
 
 using namespace android::installd;
 
-TEST(OpenRegular, ADescriptorOfZeroIsOne) {
-    const TempTree tree;
-    plant(tree.path(), {"file=x"});
-    const int standardInput = dup(0);
-    close(0);
-    for (int round = 0; round < 2; ++round) {
-        UniqueFd file = openRegular(Place((tree / "file").c_str()));
-        EXPECT_TRUE(file.isOpen() && file.get() == 0) << "the first was closed with its owner";
-        file = openRegular(Place((tree / "file").c_str()));
-    }
-    dup2(standardInput, 0);
-    close(standardInput);
-}
-
 // The thread sanitizer holds back signals until it likes.
 #if defined(__has_feature)
 constexpr bool kSignalsComeAtOnce = !__has_feature(thread_sanitizer);
@@ -36,15 +22,10 @@ constexpr bool kSignalsComeAtOnce = true;
 
 // What a lease's holder does when it is asked to give it up. The signal reaches the thread that
 // opens the file, before the library goes on.
-int gLeased = -1;
-const char* gPath = nullptr;
-const char* gReplacement = nullptr;
+std::function<void()> gGiveUp;
 void giveUpLease(int /*signal*/) {
     const int error = errno;
-    if (gReplacement != nullptr) {
-        rename(gReplacement, gPath);
-    }
-    close(gLeased);
+    gGiveUp();
     errno = error;
 }
 
@@ -58,19 +39,23 @@ TEST(OpenRegular, ALeaseIsGivenUpAndAFifoInItsPlaceNotWaitedFor) {
     const std::string path = tree / "file";
     const std::string fifo = tree / "fifo";
     plant(tree.path(), {"file=x", "fifo|"});
-    gPath = path.c_str();
     for (const char* replacement : {static_cast<const char*>(nullptr), fifo.c_str()}) {
         if (replacement != nullptr && !kSignalsComeAtOnce) {
             break;
         }
-        gReplacement = replacement;
-        gLeased = open(gPath, O_RDWR | O_CLOEXEC);
+        const int leased = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        gGiveUp = [&] {
+            if (replacement != nullptr) {
+                rename(replacement, path.c_str());
+            }
+            close(leased);
+        };
         const f_owner_ex self = {F_OWNER_TID, gettid()};
-        ASSERT_EQ(fcntl(gLeased, F_SETOWN_EX, &self), 0);
-        ASSERT_EQ(fcntl(gLeased, F_SETSIG, SIGUSR1), 0);
-        ASSERT_EQ(fcntl(gLeased, F_SETLEASE, F_WRLCK), 0);
+        ASSERT_EQ(fcntl(leased, F_SETOWN_EX, &self), 0);
+        ASSERT_EQ(fcntl(leased, F_SETSIG, SIGUSR1), 0);
+        ASSERT_EQ(fcntl(leased, F_SETLEASE, F_WRLCK), 0);
         const Descriptors before = countDescriptors();
-        const UniqueFd file = openRegular(Place(gPath));
+        const UniqueFd file = openRegular(Place(path.c_str()));
         char content = '\0';
         EXPECT_EQ(file.isOpen() && read(file.get(), &content, 1) == 1 && content == 'x',
                   replacement == nullptr);

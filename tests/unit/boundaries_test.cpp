@@ -1,70 +1,56 @@
 // What boundaries.md asks: what a command changes outside of the two paths that it names.
-//
-//   %/secret  %/dir/kept  %/empty  %/zeros      in /tmp
-//   @/src @/in        what a task is given
-//   @/to              where it works, beside @/to2/f
-#include <unistd.h>
-
+#include <algorithm>
 #include <filesystem>
-#include <memory>
 
 #include "tests/unit/transcript.h"
 
 namespace peltex_test {
 namespace {
 
-const std::string kSecret = "what-nobody-else-may-read";
+const std::string kSecret = "nobody-else's";
 
-class Boundary {
-  public:
-    explicit Boundary(Transcript& transcript) : mTranscript(transcript) {
-        transcript.outside = mOutside;
+void begin(Transcript& t, const Lines& words) {
+    t.commands["plant"]({"out/secret[600]=" + kSecret,
+                         "out/dir/kept=", "out/empty=", "out/zeros=", "to/", "to2/f=beside"});
+    std::filesystem::resize_file(t.tree / "out/zeros", 1024);
+    plant(t.tree.path(), words);
+}
+
+// What stands where no command has to do anything, and who owns the directory above.
+Lines elsewhere(const Transcript& t) {
+    Lines words = {"above:" + ownerAndMode(t.tree.path())};
+    for (const std::string& word : shown(t.tree.path())) {
+        if (word.find("out/") == 0 || word.find("to2/") == 0) {
+            words.push_back(word);
+        }
     }
-    ~Boundary() { std::filesystem::remove_all(mOutside); }
+    return words;
+}
 
-    void begin(const Lines& words) {
-        std::filesystem::remove_all(mOutside);
-        plant(mOutside, {"secret[600]=" + kSecret, "dir/kept=", "empty=", "zeros="});
-        std::filesystem::resize_file(mOutside + "/zeros", 1024);
-        emptyDir(root());
-        plant(root(), {"[0:0,755]", "to/", "to2/f=beside"});
-        plant(root(), words);
-        mBefore = look();
-    }
-
-    // Runs a command. Adds to its result what is not as it was, and where the secret has gone.
-    std::string run(const std::string& command, const Lines& words) {
-        std::string text = mTranscript.commands.at(command)(words);
-        const std::map<std::string, Snapshot> now = look();
-        for (const auto& [prefix, snapshot] : mBefore) {
-            for (const std::string& change : changesBetween(snapshot, now.at(prefix))) {
-                text += ", " + prefix + change;
+// Runs a command. Adds to its result what is not as it was, and where the secret has gone.
+std::string reach(Transcript& t, const std::string& command, const Lines& words) {
+    const Lines before = elsewhere(t);
+    std::string text = t.commands.at(command)(words);
+    const Lines after = elsewhere(t);
+    const auto add = [&](const char* what, const Lines& some, const Lines& others) {
+        for (const std::string& word : some) {
+            if (std::count(others.begin(), others.end(), word) == 0) {
+                text += what + word;
             }
         }
-        if (ownerAndMode(root()) != "0:0 755") {
-            text += ", above: " + ownerAndMode(root());
-        }
-        for (const std::string& name : listTree(root() + "/to")) {
-            const std::string path = root() + "/to/" + name;
-            const std::string content = S_ISREG(statOf(path).st_mode) ? readFile(path) : "";
-            text += content.find(kSecret) != content.npos      ? ", secret read"
-                    : content.find("/secret;") != content.npos ? ", secret named"
-                                                               : "";
-        }
-        mTranscript.events.clear();
-        return text;
+    };
+    add(", no ", before, after);
+    add(", ", after, before);
+    for (const std::string& name : listTree(t.tree / "to")) {
+        const std::string path = t.tree / "to/" + name;
+        const std::string content = S_ISREG(statOf(path).st_mode) ? readFile(path) : "";
+        text += content.find(kSecret) != content.npos      ? ", secret read"
+                : content.find("/secret;") != content.npos ? ", secret named"
+                                                           : "";
     }
-
-  private:
-    const std::string& root() const { return mTranscript.tree.path(); }
-    std::map<std::string, Snapshot> look() const {
-        return {{"", snapshotOf(mOutside)}, {"to2/", snapshotOf(root() + "/to2")}};
-    }
-
-    Transcript& mTranscript;
-    const std::string mOutside = "/tmp/outside" + std::to_string(getpid());
-    std::map<std::string, Snapshot> mBefore;
-};
+    t.events.clear();
+    return text;
+}
 
 std::string linesOf(const Lines& words) {
     return joined(words, "\n") + "\n";
@@ -73,10 +59,9 @@ std::string linesOf(const Lines& words) {
 }  // namespace
 
 void addBoundaryCommands(Transcript& t) {
-    const auto boundary = std::make_shared<Boundary>(t);
-    t.act("anew", [boundary](const Lines& words) { boundary->begin(words); });
-    t.commands["reach"] = [boundary](const Lines& words) {
-        return boundary->run(words.at(0) + " " + words.at(1), {words.begin() + 2, words.end()});
+    t.act("anew", [&t](const Lines& words) { begin(t, words); });
+    t.commands["reach"] = [&t](const Lines& words) {
+        return reach(t, words.at(0) + " " + words.at(1), {words.begin() + 2, words.end()});
     };
     // Begin anew, and write the words into the file that a task is given.
     const struct {
@@ -95,10 +80,10 @@ void addBoundaryCommands(Transcript& t) {
     };
     for (const auto& parser : parsers) {
         t.commands["hostile " + std::string(parser.name)] = [=, &t](const Lines& words) {
-            boundary->begin({"in/to/", "in/app/", "in/fifo|", "in/link>" + t.outside + "/secret"});
+            begin(t, {"in/to/", "in/app/", "in/fifo|", "in/link>" + t.tree / "out/secret"});
             writeFile(t.meaning(parser.file), parser.textOf(words));
             const Lines paths = {t.meaning(parser.source), t.meaning(parser.destination)};
-            return boundary->run(parser.task, paths);
+            return reach(t, parser.task, paths);
         };
     }
 }

@@ -1,7 +1,6 @@
 // The folder brief/, with the handlers that make and follow briefs: what briefs.md and records.md
 // cannot say.
 #include <stdio.h>
-#include <stdlib.h>
 
 #include <algorithm>
 
@@ -58,7 +57,7 @@ void addBriefCommands(Transcript& t) {
         writeFile(t.tree / "list", joined(words, ""));
         const std::string result = t.commands["backup byfile"]({t.tree / "list", to});
         return result + ": " + joined(recordsIn(readFile(to + "/_a.txt")), " ") + " -> " +
-               shown(to + "/_a");
+               joined(shown(to + "/_a"), " ");
     };
     // A line: how many fields, then mode, type, size and time; 77 is what was there before.
     t.commands["record"] = [](const Lines& words) {
@@ -90,46 +89,16 @@ void addBriefCommands(Transcript& t) {
         return "= " + std::to_string(restore_application_from_infofile(words.at(0).c_str(),
                                                                        file.c_str(), "default"));
     };
+    // What contains no other, after what is held already.
+    t.commands["filter"] = [](const Lines& words) {
+        android::Vector<std::string> result = vectorOf({words.at(0)});
+        FilterPath(vectorOf({words.begin() + 1, words.end()}), result);
+        return "= " + joined({result.begin(), result.end()}, " ");
+    };
     t.commands["excluded"] = [](const Lines& words) {
         const ExcludeRules rules = vectorOf({words.begin() + 1, words.end()});
-        return "= " + std::to_string(NeedFilterWithExclude(words.at(0).c_str(), rules));
+        return "= " + std::to_string(NeedFilterWithExclude(pathOf(words.at(0)), rules));
     };
 }
 
-namespace {
-
-TEST(NullPaths, OfBriefs) {
-    EXPECT_TRUE(NeedFilterWithExclude(nullptr, ExcludeRules()));
-    EXPECT_EQ(restore_application_from_infofile("/data", nullptr, "s"), -1);
-}
-
-// The rule as one would write it down, against the way in which it is computed.
-TEST(FilterPath, KeepsOnceWhatContainsNoOther) {
-    unsigned int seed = 1;
-    for (int round = 0; round < 500; ++round) {
-        Lines paths;
-        for (int i = rand_r(&seed) % 12; i > 0; --i) {
-            std::string path;
-            for (int length = rand_r(&seed) % 6; length > 0; --length) {
-                path += "ab/"[rand_r(&seed) % 3];
-            }
-            paths.push_back(path);
-        }
-        Lines expected = {"held"};
-        for (const std::string& path : paths) {
-            const bool isDropped = std::any_of(paths.begin(), paths.end(), [&](const auto& other) {
-                return other != path && path.find(other) != std::string::npos;
-            });
-            if (!isDropped && std::count(expected.begin(), expected.end(), path) == 0) {
-                expected.push_back(path);
-            }
-        }
-        android::Vector<std::string> result = vectorOf({"held"});
-        paths.push_back("held");
-        FilterPath(vectorOf(paths), result);
-        ASSERT_EQ(Lines(result.begin(), result.end()), expected) << round;
-    }
-}
-
-}  // namespace
 }  // namespace peltex_test

@@ -15,17 +15,11 @@ namespace {
 // Of no class: others register before this file is initialised.
 constexpr const char* kHeading = "\n## ";
 
-// "What happens meanwhile" as "WhatHappensMeanwhile".
-std::string nameOf(const std::string& heading) {
-    std::string name;
-    bool isFirst = true;
-    for (const char c : heading) {
-        if (isalnum(c)) {
-            name += isFirst ? static_cast<char>(toupper(c)) : c;
-        }
-        isFirst = isspace(c);
-    }
-    return name;
+// "What happens meanwhile" as "What_happens_meanwhile".
+std::string nameOf(std::string heading) {
+    std::replace(heading.begin(), heading.end(), ' ', '_');
+    heading[0] = static_cast<char>(toupper(heading[0]));
+    return heading;
 }
 
 // Lines of at most 100 characters.
@@ -94,7 +88,7 @@ void registerTexts(const std::string& document, TextTest* (*make)()) {
     while (at != text.npos) {
         const size_t end = text.find(kHeading, at + 1);
         const std::string section = text.substr(at, end == text.npos ? end : end + 1 - at);
-        const std::string heading = section.substr(0, section.find('\n', 1));
+        const std::string heading = section.substr(4, section.find('\n', 4) - 4);
         const auto line = std::count(text.begin(), text.begin() + static_cast<long>(at) + 1, '\n');
         testing::RegisterTest(suite.c_str(), nameOf(heading).c_str(), nullptr, nullptr,
                               path.c_str(), static_cast<int>(line) + 1, [=] {

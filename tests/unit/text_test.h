@@ -44,7 +44,7 @@ class TextTest : public testing::Test {
 };
 
 // Registers the tests of a document, by its path below tests/unit/: a suite named as the file, a
-// test named as each heading, without blanks. Called before the tests are listed.
+// test named as each heading, with "_" for blanks. Called before the tests are listed.
 void registerTexts(const std::string& document, TextTest* (*make)());
 
 }  // namespace peltex_test

@@ -49,6 +49,10 @@ TextTest* makeTranscript() {
 
 }  // namespace
 
+const char* pathOf(const std::string& word) {
+    return word == "null" ? nullptr : word.c_str();
+}
+
 Descriptors countDescriptors() {
     Descriptors count;
     for (int fd = 0; fd < 32; ++fd) {
@@ -99,10 +103,7 @@ Transcript::Transcript()
     });
     act("when", [this](const Lines& words) {
         const auto at = std::find(words.begin(), words.end(), "at");
-        mMoment.clear();
-        for (auto word = at; word != words.end() && ++word != words.end();) {
-            mMoment += (mMoment.empty() ? "" : " ") + *word;
-        }
+        mMoment = at == words.end() ? "" : joined({at + 1, words.end()}, " ");
         mAction = [this, words = Lines(words.begin(), at)] {
             commands.at(words[0])({words.begin() + 1, words.end()});
         };
@@ -118,13 +119,9 @@ Transcript::Transcript()
     limit("descriptors", RLIMIT_NOFILE);
     limit("stack", RLIMIT_STACK);
     act("cd", [](const Lines& words) { std::filesystem::current_path(words.at(0)); });
-    commands["lines"] = [](const Lines& words) {
-        const std::string text = readFile(words.at(0));
-        return "= " + std::to_string(std::count(text.begin(), text.end(), '\n'));
-    };
     commands["text"] = [](const Lines& words) { return "= " + readFile(words.at(0)); };
     act("refuse", [this](const Lines& words) { refused = words.at(0); });
-    commands["show"] = [](const Lines& words) { return "= " + shown(words.at(0)); };
+    commands["show"] = [](const Lines& words) { return "= " + joined(shown(words.at(0)), " "); };
     for (int32_t type = BACKUP_FILE; type <= GET_BRIEFS_BY_FILE; ++type) {
         commands[kTasks[type]] = [this, type](const Lines& words) {
             android::sp<BackupTask> task = makeTask(static_cast<BackupTaskType>(type), words);
@@ -185,7 +182,6 @@ std::string Transcript::meaning(std::string word) const {
         word.replace(at, end + 1 - at, recordOf(word.substr(at + 1, end - at - 1)));
     }
     replaceAll(word, "@", tree.path());
-    replaceAll(word, "%", outside);
     return word == "''" ? "" : word;
 }
 
@@ -227,10 +223,10 @@ std::string Transcript::run(const std::string& command) {
     }
     const long nameWords = commands.count(words[0]) != 0 ? 1 : 2;
     const std::string name = nameWords == 1 ? words[0] : words.at(0) + " " + words.at(1);
-    const int open = countDescriptors().open;
+    mBefore = countDescriptors();
     errno = 0;
     std::string result = commands.at(name)({words.begin() + nameWords, words.end()});
-    const int more = countDescriptors().open - open;
+    const int more = countDescriptors().open - mBefore.open;
     if (more != 0) {
         result += ", " + std::to_string(more) + " more descriptor";
     }

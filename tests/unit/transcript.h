@@ -7,8 +7,8 @@
 //   $ show @/out = f*=1             what is there
 //   $ when unlink @/d/f at label    from now on, at events that begin so
 //
-// '' is an empty word, {n*99} ninety-nine times "n", \s a blank, \r \n \0 what they are in C++,
-// ~2046 a path of the tree of that length, <d/f> the record of an entry.
+// '' is an empty word, null no path, {n*99} ninety-nine times "n", \s a blank, \r \n \0 what they
+// are in C++, ~2046 a path of the tree of that length, <d/f> the record of an entry.
 #pragma once
 
 #include <host/relabel_observer.h>
@@ -31,6 +31,8 @@ struct Descriptors {
     int open = 0;
 };
 Descriptors countDescriptors();
+
+const char* pathOf(const std::string& word);  // of "null": none
 
 class Transcript : public TextTest {
   public:
@@ -55,7 +57,6 @@ class Transcript : public TextTest {
     const android::sp<TestClient> client;
     const android::sp<android::installd::BackupSessionManager> manager;
     using TextTest::events;  // of the present command
-    std::string outside;     // a path that % stands for
     bool isAborted = false;
     std::string refused;  // whose relabelling is refused
 
@@ -64,7 +65,7 @@ class Transcript : public TextTest {
     std::string recordOf(const std::string& name) const;
     void shorten(std::string& text) const;
 
-    const Descriptors mBefore = countDescriptors();
+    Descriptors mBefore = countDescriptors();  // the command
     std::string mMoment;
     std::function<void()> mAction;
     const android::host::ScopedRelabelObserver mObserver;

@@ -6,15 +6,12 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <utility>
 
 #include "tests/support/jail.h"
 #include "tests/support/tar_builder.h"
 
 namespace peltex_test {
 namespace {
-
-using namespace std::string_literals;
 
 const std::string kTaskOwned = "[10123:10123,771]";
 const std::string kArchiveOwned = "[10123:10123,660]";
@@ -93,50 +90,6 @@ std::string markOf(char type, unsigned uid, unsigned gid, unsigned mode) {
     return mark == kTaskOwned ? "*" : mark == kArchiveOwned ? "+" : mark;
 }
 
-// The word of a packed entry, with each text in its header that does not follow from the word.
-std::string wordOf(const std::string& block, const std::string& data) {
-    const auto field = [&](size_t at, size_t size) {
-        return std::string(block.substr(at, size).c_str());
-    };
-    const auto number = [&](size_t at, size_t size) {
-        return std::stoul("0" + field(at, size), nullptr, 8);
-    };
-    const auto nameOf = [](unsigned id) {
-        const char* const names[] = {"root", "daemon", "bin"};
-        return id < 3 ? names[id] : std::to_string(id);
-    };
-    const char type = block[156];
-    const bool isRecord = type == 'L' || type == 'K';
-    const auto mode = static_cast<unsigned>(number(100, 8));
-    const auto uid = static_cast<unsigned>(number(108, 8));
-    const auto gid = static_cast<unsigned>(number(116, 8));
-    const unsigned long time = number(136, 12);
-    const std::string name = field(0, 100), link = field(157, 100);
-    Header expected(type, isRecord ? "././@LongLink" : name, data.size());
-    expected.put(136, octal(time, 11)).link(link).put(263, "0");
-    std::string word = {type, ':'};
-    if (isRecord) {
-        expected.mode(0);
-        word += data.c_str();
-    } else {
-        expected.mode(mode).owner(uid, gid).put(265, nameOf(uid)).put(297, nameOf(gid));
-        word += name + markOf(type, uid, gid, mode);
-        word += time == 0 ? "" : "{" + std::to_string(time) + "}";
-    }
-    std::string bytes = expected.bytes();
-    bytes.replace(148, 6, octal(sumOf(block), 6));
-    for (size_t at = 0; at < kBlock; ++at) {
-        const size_t begin = at;
-        while (at < kBlock && block[at] != bytes[at]) {
-            ++at;
-        }
-        if (at > begin) {
-            word += "{" + std::to_string(begin) + "," + block.substr(begin, at - begin) + "}";
-        }
-    }
-    return word + (type == '0' ? wordOf(data) : type == '2' ? ">" + link : "");
-}
-
 }  // namespace
 
 std::string joined(const std::vector<std::string>& words, const std::string& separator) {
@@ -167,7 +120,7 @@ void plant(const std::string& root, const std::vector<std::string>& words) {
     }
 }
 
-std::string shown(const std::string& root) {
+std::vector<std::string> shown(const std::string& root) {
     std::vector<std::string> words;
     for (const std::string& name : listTree(root)) {
         const std::string path = root + "/" + name.substr(0, name.find_last_not_of('/') + 1);
@@ -181,7 +134,7 @@ std::string shown(const std::string& root) {
                          : S_ISSOCK(mode) ? "!"
                                           : ""));
     }
-    return joined(words, " ");
+    return words;
 }
 
 std::string archiveOf(const std::vector<std::string>& words) {
@@ -212,29 +165,6 @@ std::string archiveOf(const std::vector<std::string>& words) {
         }
     }
     return bytes;
-}
-
-std::string packedIn(const std::string& archive) {
-    std::vector<std::string> words;
-    std::string records;  // of the next entry
-    size_t at = 0;
-    while (at < archive.size() && archive[at] != '\0') {
-        const std::string block = archive.substr(at, kBlock);
-        const std::string data =
-            archive.substr(at + kBlock, std::stoul(block.substr(124, 12), nullptr, 8));
-        at += kBlock;
-        const bool isPadded = archive.compare(at, padded(data).size(), padded(data)) == 0;
-        at += padded(data).size();
-        records += wordOf(block, data) + (isPadded ? "" : "{padding}");
-        if (block[156] == 'L' || block[156] == 'K') {
-            records += " ";
-        } else {
-            words.push_back(std::exchange(records, ""));
-        }
-    }
-    std::sort(words.begin(), words.end());
-    words.push_back(archive.substr(std::min(at, archive.size())) == kEndBlocks ? "end" : "no end");
-    return joined(words, " ");
 }
 
 }  // namespace peltex_test
