@@ -7,6 +7,8 @@
 namespace peltex_test {
 namespace {
 
+using namespace std::string_literals;
+
 const std::string kSecret = "nobody-else's";
 
 void begin(Transcript& t, const Lines& words) {
@@ -52,10 +54,6 @@ std::string reach(Transcript& t, const std::string& command, const Lines& words)
     return text;
 }
 
-std::string linesOf(const Lines& words) {
-    return joined(words, "\n") + "\n";
-}
-
 }  // namespace
 
 void addBoundaryCommands(Transcript& t) {
@@ -64,26 +62,20 @@ void addBoundaryCommands(Transcript& t) {
         return reach(t, words.at(0) + " " + words.at(1), {words.begin() + 2, words.end()});
     };
     // Begin anew, and write the words into the file that a task is given.
-    const struct {
-        const char* name;
-        const char* task;
-        const char* file;
-        const char* source;
-        const char* destination;
-        std::string (*textOf)(const Lines&);
-    } parsers[] = {
-        {"archive", "restore tar", "@/in/a.tar", "@/in/a.tar", "@/to", archiveOf},
-        {"set", "restore split", "@/in/s.txt", "@/in/s.txt", "@/to/app", linesOf},
-        {"records", "restore dir", "@/in/to.txt", "@/in", "@/to", linesOf},
-        {"list", "backup byfile", "@/in/list", "@/in/list", "@/to/app", linesOf},
-        {"search", "get_brief byfile", "@/in/rules", "@/in/rules", "@/to/brief", linesOf},
+    const char* const parsers[][4] = {
+        {"archive", "restore tar", "in/to.txt", "to"},
+        {"set", "restore split", "in/to.txt", "to/app"},
+        {"records", "restore dir", "in", "to"},
+        {"list", "backup byfile", "in/to.txt", "to/app"},
+        {"search", "get_brief byfile", "in/to.txt", "to/brief"},
     };
-    for (const auto& parser : parsers) {
-        t.commands["hostile " + std::string(parser.name)] = [=, &t](const Lines& words) {
+    for (const auto& [name, task, source, destination] : parsers) {
+        const Lines paths = {t.tree / source, t.tree / destination};
+        const bool isText = name != "archive"s;
+        t.commands["hostile "s + name] = [&t, task = task, paths, isText](const Lines& words) {
             begin(t, {"in/to/", "in/app/", "in/fifo|", "in/link>" + t.tree / "out/secret"});
-            writeFile(t.meaning(parser.file), parser.textOf(words));
-            const Lines paths = {t.meaning(parser.source), t.meaning(parser.destination)};
-            return reach(t, parser.task, paths);
+            writeFile(t.tree / "in/to.txt", isText ? joined(words, "\n") + "\n" : archiveOf(words));
+            return reach(t, task, paths);
         };
     }
 }

@@ -78,12 +78,12 @@ std::string wordOf(const std::string& content) {
     return "=" + (isWord ? content : "#" + std::to_string(content.size()));
 }
 
-// `type` is the archives' character.
-std::string markOf(char type, unsigned uid, unsigned gid, unsigned mode) {
-    const unsigned usual = type == '5' ? 0755 : type == '2' ? 0777 : 0644;
+std::string markOf(const struct stat& status) {
+    const mode_t mode = status.st_mode & 07777;
+    const mode_t usual = S_ISDIR(status.st_mode) ? 0755 : S_ISLNK(status.st_mode) ? 0777 : 0644;
     char mark[64] = "";
-    if (uid != 0 || gid != 0) {
-        snprintf(mark, sizeof(mark), "[%u:%u,%o]", uid, gid, mode);
+    if (status.st_uid != 0 || status.st_gid != 0) {
+        snprintf(mark, sizeof(mark), "[%u:%u,%o]", status.st_uid, status.st_gid, mode);
     } else if (mode != usual) {
         snprintf(mark, sizeof(mark), "[%o]", mode);
     }
@@ -126,8 +126,7 @@ std::vector<std::string> shown(const std::string& root) {
         const std::string path = root + "/" + name.substr(0, name.find_last_not_of('/') + 1);
         const struct stat status = statOf(path);
         const mode_t mode = status.st_mode;
-        const char type = S_ISDIR(mode) ? '5' : S_ISLNK(mode) ? '2' : '0';
-        words.push_back(name + markOf(type, status.st_uid, status.st_gid, mode & 07777) +
+        words.push_back(name + markOf(status) +
                         (S_ISREG(mode)    ? wordOf(readFile(path))
                          : S_ISLNK(mode)  ? ">" + std::filesystem::read_symlink(path).string()
                          : S_ISFIFO(mode) ? "|"
