@@ -1,4 +1,4 @@
-// The folder tar/: packing and unpacking, whole and in slices.
+// The commands of archives.md.
 #include <host/log_capture.h>
 #include <string.h>
 

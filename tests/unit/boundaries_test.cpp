@@ -1,4 +1,5 @@
-// What boundaries.md asks: what a command changes outside of the two paths that it names.
+// The commands of boundaries.md, which asks what a command changes outside of the two paths that it
+// names.
 #include <algorithm>
 #include <filesystem>
 
@@ -10,13 +11,6 @@ namespace {
 using namespace std::string_literals;
 
 const std::string kSecret = "nobody-else's";
-
-void begin(Transcript& t, const Lines& words) {
-    t.commands["plant"]({"out/secret[600]=" + kSecret,
-                         "out/dir/kept=", "out/empty=", "out/zeros=", "to/", "to2/f=beside"});
-    std::filesystem::resize_file(t.tree / "out/zeros", 1024);
-    plant(t.tree.path(), words);
-}
 
 // What stands where no command has to do anything, and who owns the directory above.
 Lines elsewhere(const Transcript& t) {
@@ -57,7 +51,12 @@ std::string reach(Transcript& t, const std::string& command, const Lines& words)
 }  // namespace
 
 void addBoundaryCommands(Transcript& t) {
-    t.act("anew", [&t](const Lines& words) { begin(t, words); });
+    t.act("anew", [&t](const Lines& words) {
+        t.commands["plant"]({"out/secret[600]=" + kSecret,
+                             "out/dir/kept=", "out/empty=", "out/zeros=", "to/", "to2/f=beside"});
+        std::filesystem::resize_file(t.tree / "out/zeros", 1024);
+        plant(t.tree.path(), words);
+    });
     t.commands["reach"] = [&t](const Lines& words) {
         return reach(t, words.at(0) + " " + words.at(1), {words.begin() + 2, words.end()});
     };
@@ -73,7 +72,7 @@ void addBoundaryCommands(Transcript& t) {
         const Lines paths = {t.tree / source, t.tree / destination};
         const bool isText = name != "archive"s;
         t.commands["hostile "s + name] = [&t, task = task, paths, isText](const Lines& words) {
-            begin(t, {"in/to/", "in/app/", "in/fifo|", "in/link>" + t.tree / "out/secret"});
+            t.commands["anew"]({"in/to/", "in/app/", "in/fifo|", "in/link>../out/secret"});
             writeFile(t.tree / "in/to.txt", isText ? joined(words, "\n") + "\n" : archiveOf(words));
             return reach(t, task, paths);
         };

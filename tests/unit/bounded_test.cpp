@@ -1,4 +1,4 @@
-// The bounded functions, for bounded.md.
+// The commands of bounded.md.
 #include "bounded/bounded.h"
 
 #include <algorithm>

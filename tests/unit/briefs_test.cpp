@@ -1,5 +1,4 @@
-// The folder brief/, with the handlers that make and follow briefs: what briefs.md and records.md
-// cannot say.
+// The commands of briefs.md and records.md.
 #include <stdio.h>
 
 #include <algorithm>

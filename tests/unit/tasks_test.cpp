@@ -1,4 +1,4 @@
-// The folders handlers/, fileops/ and base/: what tasks.md cannot say.
+// The commands of tasks.md, and what it cannot say of handlers/.
 #include <string.h>
 #include <sys/fsuid.h>
 #include <unistd.h>
