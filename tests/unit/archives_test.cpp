@@ -158,12 +158,14 @@ void addArchiveCommands(Transcript& t) {
         number << std::oct << ParseOctalStr(text, 8);
         return "= " + number.str();
     };
-    // The size of a slice, of what a command says it is in MiB.
+    // What slices are named by, from a path that ends in a slash, and the size of one, from what a
+    // command says it is in MiB.
     t.commands["slice"] = [](const Lines& words) {
         const std::string all[TarFile::kSplitArguments] = {"", "", "", "", words.at(0)};
         const android::host::LogCapture log;
-        const std::string size = std::to_string(PackSplitPre("x", all, 0).size);
-        return "= " + size + (log.lines().empty() ? "" : ", logged");
+        const auto options = PackSplitPre("x/", all, 0);
+        return "= " + options.basePath + " " + std::to_string(options.size) +
+               (log.lines().empty() ? "" : ", logged");
     };
     // The line of a check file, for an archive's path, a size and a number.
     t.commands["line"] = [](const Lines& words) {

@@ -83,10 +83,11 @@ void addBriefCommands(Transcript& t) {
     };
     // Gives back what a file of this text says of a directory's entries, and labels these.
     t.commands["attributes"] = [&t](const Lines& words) {
+        const bool isThere = words.size() != 2 || words[1] != "null";
         const std::string file = t.tree / "attributes.txt";
         writeFile(file, joined({words.begin() + 1, words.end()}, ""));
-        return "= " + std::to_string(restore_application_from_infofile(words.at(0).c_str(),
-                                                                       file.c_str(), "default"));
+        return "= " + std::to_string(restore_application_from_infofile(
+                          words.at(0).c_str(), isThere ? file.c_str() : nullptr, "default"));
     };
     // What contains no other, after what is held already.
     t.commands["filter"] = [](const Lines& words) {

@@ -65,7 +65,7 @@ class Transcript : public TextTest {
     std::string recordOf(const std::string& name) const;
     void shorten(std::string& text) const;
 
-    Descriptors mBefore = countDescriptors();  // the command
+    const Descriptors mBefore = countDescriptors();
     std::string mMoment;
     std::function<void()> mAction;
     const android::host::ScopedRelabelObserver mObserver;

@@ -1,4 +1,4 @@
-// Trees and archives as text, to make and to look at: a word per entry.
+// Trees and archives as text, a word per entry: both to make, trees to look at.
 //
 //   d/  d/file=content  file=#1025  a directory; a file; one of 1025 bytes, or of what is no word
 //   link>target  fifo|  socket!     a symbolic link and other things
