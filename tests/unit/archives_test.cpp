@@ -39,6 +39,23 @@ class Listener : public TarCallBack {
     Transcript& mTranscript;
 };
 
+// "TYPE NAME SIZE" of each header, "TYPE TEXT" of each long-name record, up to what is no header.
+Lines headersOf(const std::string& archive) {
+    Lines headers;
+    for (size_t at = 0; at + kBlock <= archive.size() &&
+                        archive.compare(at + offsetof(tar_header, magic), 5, "ustar") == 0;) {
+        const std::string name = archive.substr(at, 100).c_str();
+        const std::string digits = archive.substr(at + offsetof(tar_header, size), 12);
+        const size_t size = std::stoul(digits, nullptr, 8);
+        const char type = archive[at + offsetof(tar_header, typeflag)];
+        const bool isRecord = type == 'L' || type == 'K';
+        headers.push_back(std::string{type, ' '} + (isRecord ? archive.c_str() + at + kBlock
+                                                             : name + " " + std::to_string(size)));
+        at += kBlock + (size + kBlock - 1) / kBlock * kBlock;
+    }
+    return headers;
+}
+
 // Packs files of these sizes, in the order of the walk, in slices of 1 MiB. Returns the types and
 // sizes in each slice and the check file.
 std::string cut(Transcript& t, const Lines& words) {
@@ -58,13 +75,8 @@ std::string cut(Transcript& t, const Lines& words) {
     t.events.clear();
     std::string result = "=";
     for (int number = 0; exists(slice + std::to_string(number)); ++number) {
-        const std::string bytes = readFile(slice + std::to_string(number));
-        for (size_t at = 0; bytes.compare(at + offsetof(tar_header, magic), 5, "ustar") == 0;) {
-            const std::string digits = bytes.substr(at + offsetof(tar_header, size), 12);
-            const size_t content = std::stoul(digits, nullptr, 8);
-            result += std::string(" ") + bytes[at + offsetof(tar_header, typeflag)] + ":" +
-                      std::to_string(content);
-            at += kBlock + (content + kBlock - 1) / kBlock * kBlock;
+        for (const std::string& header : headersOf(readFile(slice + std::to_string(number)))) {
+            result += std::string(" ") + header[0] + ":" + header.substr(header.rfind(' ') + 1);
         }
         result += " |";
     }

@@ -141,7 +141,7 @@ std::string ServiceTest::act(const std::string& verb, const std::string& session
     } else if (verb == "write") {
         writeFile(tree / name, "x");
     } else if (verb == "show") {
-        return shown(tree / name);
+        return joined(shown(tree / name), " ");
     } else if (verb == "info") {
         return logged(ANDROID_LOG_INFO).back();
     } else if (verb == "id") {
