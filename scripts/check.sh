@@ -149,7 +149,7 @@ lines() {
         { xargs -r -d '\n' cat || :; } 2>/dev/null | grep -c .
 }
 
-# What tests take, as far as they have come down.
+# The most lines of tests that 100 of everything else may have.
 most_tests=33
 
 check_tests() {
