@@ -31,6 +31,7 @@ OPERATIONS = {
     "read": (errno.EIO, {"read": None, "pread64": None}),
     "write": (errno.ENOSPC, {"write": None, "pwrite64": None}),
     "seek": (errno.EIO, {"lseek": None}),
+    "sync": (errno.EIO, {"fsync": None}),
     "readlink": (errno.EIO, {"readlinkat": 1}),
     "mkdir": (errno.ENOSPC, {"mkdir": 0, "mkdirat": 1}),
     "symlink": (errno.ENOSPC, {"symlinkat": 2, "symlink": 1}),
@@ -107,10 +108,8 @@ class Client:
         return [task for task, ends in self.ends.items() if len(ends) != 1]
 
     def descriptors(self):
-        """What is open, but for a brief: one of a directory keeps its own."""
         directory = f"/proc/{self.process.pid}/fd/"
-        names = sorted(os.readlink(directory + name) for name in os.listdir(directory))
-        return [name for name in names if "brief.txt" not in name]
+        return sorted(os.readlink(directory + name) for name in os.listdir(directory))
 
     def come_short(self, call):
         """The result of a read or write of half of what was asked for."""

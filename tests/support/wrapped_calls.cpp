@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <new>
 
 #include "tests/support/jail.h"
 
@@ -17,6 +18,7 @@ namespace {
 constexpr int64_t kSecond = 1000000000;
 std::atomic<WaitLength> gLength{WaitLength::kReal};
 std::atomic<int> gWaitsBegun{0};
+std::atomic<size_t> gRefused{0};
 
 timespec moved(const timespec& deadline, WaitLength length) {
     timespec now = {};
@@ -38,7 +40,15 @@ int waitsBegun() {
     return gWaitsBegun;
 }
 
+void refuseMemory(size_t size) {
+    gRefused = size;
+}
+
 }  // namespace peltex_test
+
+void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return size == peltex_test::gRefused ? nullptr : operator new[](size);
+}
 
 // The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {

@@ -2,8 +2,10 @@
 //
 // Timed waits, for tests of what happens after many seconds: real ones unless a test says
 // otherwise. Safe from any thread. Streams, of which one below /data that another program would
-// inherit ends the test: the daemon starts others.
+// inherit ends the test: the daemon starts others. Memory that may be refused.
 #pragma once
+
+#include <stddef.h>
 
 namespace peltex_test {
 
@@ -19,5 +21,8 @@ void setWaits(WaitLength length);
 // Timed waits that have begun in this process, whatever their length. A wait is counted under the
 // mutex that it gives up: who holds that mutex and sees the count finds the waiter waiting.
 int waitsBegun();
+
+// Refuses `new (std::nothrow)` of arrays of just so many bytes from now on; 0: none.
+void refuseMemory(size_t size);
 
 }  // namespace peltex_test

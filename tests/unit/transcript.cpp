@@ -13,6 +13,8 @@
 #include <regex>
 #include <sstream>
 
+#include "tests/support/wrapped_calls.h"
+
 namespace peltex_test {
 namespace {
 
@@ -121,6 +123,7 @@ Transcript::Transcript()
     act("cd", [](const Lines& words) { std::filesystem::current_path(words.at(0)); });
     commands["text"] = [](const Lines& words) { return "= " + readFile(words.at(0)); };
     act("refuse", [this](const Lines& words) { refused = words.at(0); });
+    act("refuse-memory", [](const Lines& words) { refuseMemory(std::stoul(words.at(0))); });
     commands["show"] = [](const Lines& words) { return "= " + joined(shown(words.at(0)), " "); };
     for (int32_t type = BACKUP_FILE; type <= GET_BRIEFS_BY_FILE; ++type) {
         commands[kTasks[type]] = [this, type](const Lines& words) {
