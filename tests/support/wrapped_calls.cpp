@@ -46,10 +46,6 @@ void refuseMemory(size_t size) {
 
 }  // namespace peltex_test
 
-void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return size == peltex_test::gRefused ? nullptr : operator new[](size);
-}
-
 // The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
@@ -79,6 +75,12 @@ __attribute__((used)) FILE* __wrap_fopen(const char* path, const char* mode) {
         peltex_test::fail("%s would stay open in another program", path);
     }
     return stream;
+}
+
+void* __real__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
+
+__attribute__((used)) void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
+    return size == peltex_test::gRefused ? nullptr : __real__ZnamRKSt9nothrow_t(size, tag);
 }
 
 }  // extern "C"
