@@ -59,7 +59,7 @@ class Shell:
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.objects = ({**json.loads(line), "line": line.rstrip("\n")}
                         for line in self.process.stdout)
-        self.told = []
+        self.told, self.commands, self.over = [], {}, set()
         next(self.objects)  # of the session that is open
 
     def type(self, line):
@@ -72,8 +72,15 @@ class Shell:
             return []
         while (answer := next(self.objects))["event"] not in (event, "error"):
             self.told.append(answer)
+        if answer.get("result") == -4 and line in self.over:
+            time.sleep(0.01)  # its last status comes before the moment in which a task is gone
+            return self.type(line)
         statuses = []
+        if answer["event"] == "result":
+            self.commands[answer["result"]] = line
+            self.over.discard(line)
         if answer["event"] == "waited":
+            self.over.add(self.commands.get(answer["task"]))
             statuses = self.take(answer["task"], answer["code"] if words[0] == ".waitfor" else None)
             if answer["code"] == SLICE and not statuses[-1]["message"].endswith("end"):
                 self.wait_for_pause()

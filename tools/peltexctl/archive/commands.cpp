@@ -29,13 +29,19 @@ std::string ModeAsText(uint32_t mode, char letter) {
     return text;
 }
 
+std::string TimeAsText(uint64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    struct tm parts = {};
+    const bool is_date = localtime_r(&time, &parts) != nullptr;
+    return is_date ? fmt::format("{:%Y-%m-%d %H:%M}", parts) : std::to_string(seconds);
+}
+
 // One line as `tar tv` writes it.
 std::string EntryAsText(const ArchiveEntry& entry) {
     const TypeWords& words = WordsOf(entry.type);
     return fmt::format(
         "{} {:>11} {:>10} {} {}{}{}", ModeAsText(entry.mode, words.letter),
-        fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size),
-        fmt::format("{:%Y-%m-%d %H:%M}", fmt::localtime(static_cast<time_t>(entry.mtime))),
+        fmt::format("{}/{}", entry.uid, entry.gid), HumanSize(entry.size), TimeAsText(entry.mtime),
         EscapeBytes(entry.name), entry.link.empty() ? "" : " -> " + EscapeBytes(entry.link),
         *words.name == '\0'
             ? ""

@@ -111,7 +111,7 @@ ArchiveSet::ArchiveSet(const std::string& path, ProgressView* view)
         ends_.clear();
     } else if (const std::string next = NameOf(size());
                faccessat(directory(), next.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
-        finding_ = {Severity::kWarning, next, "", "is there but not listed"};
+        finding_ = {Severity::kSuspicion, next, "", "is there but not listed"};
     }
 }
 

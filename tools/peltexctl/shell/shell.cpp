@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -81,7 +81,7 @@ void Mount(const std::string& directory) {
         kNoLibraryOrData);
     const std::string root = fs::canonical(directory);
     Ensure(root != "/", "--data: / cannot be mounted inside itself", kNoLibraryOrData);
-    if (fs::is_directory(kData)) {
+    if (fs::is_directory(kData, not_made)) {
         return Bind(source, kData);
     }
     const fs::path working = fs::current_path();

@@ -32,6 +32,9 @@ std::optional<TallyEntry> ParseRecord(std::string_view line) {
         *field = *number;
         line = line.substr(0, mark);
     }
+    if (mode < 0 || mode > UINT32_MAX || size < 0) {
+        return std::nullopt;
+    }
     const bool is_directory = type == 1;
     return TallyEntry{line, is_directory ? '5' : '0',
                       is_directory ? 0 : static_cast<uint64_t>(size), "",

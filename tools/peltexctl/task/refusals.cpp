@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <utility>
 
 #include "base/path_rules.h"
 #include "ui/exit_code.h"

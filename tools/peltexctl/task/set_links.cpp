@@ -8,8 +8,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 

@@ -4,11 +4,9 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <utility>
 
 #include "archive/sums.h"
 #include "base/path_rules.h"
@@ -77,7 +75,7 @@ TaskCheck::TaskCheck(const TaskKind& kind, const TaskRequest& request, const Arc
 FindingSink TaskCheck::TellUpTo(Severity least) {
     return [this, least](const Finding& finding) {
         if (finding.severity <= least) {
-            differences_.Add(DescribeFinding(finding));
+            faults_.Add(DescribeFinding(finding));
         }
     };
 }
@@ -132,12 +130,14 @@ uint64_t TaskCheck::RoomFor(uint64_t block_size) {
 
 std::vector<std::string> TaskCheck::After(const std::string& result) {
     kind_.result == Result::kTree ? LookUp(result) : LookInto(result);
-    return differences_.lines();
+    std::vector<std::string> lines = faults_.lines();
+    lines.insert(lines.end(), differences_.lines().begin(), differences_.lines().end());
+    return lines;
 }
 
 // Tallies what is in the directory `result` under the names of what is expected.
 void TaskCheck::LookUp(const std::string& result) {
-    FirstOf differences = differences_;
+    FirstOf differences;
     const UniqueFd directory = OpenDirectory(result);
     std::string name;
     LinkBuffer target;

@@ -75,6 +75,7 @@ class TaskCheck {
     Tally expected_;
     Tally found_;
     FirstOf lost_;
+    FirstOf faults_;  // of the set, or of what was written
     FirstOf differences_;
     android::installd::UniqueFile spool_;  // records of a move, whose source is gone afterwards
 };

@@ -104,7 +104,8 @@ class TaskRun {
         // The path of a slice, "|end" behind it for the last one, or "end" alone where that came
         // out empty.
         if (has_slice && event.message != kLastSlice) {
-            handed_.push_back(event.message.substr(0, event.message.rfind('|')));
+            const size_t end = EndsWith(event.message, "|end") ? 4 : 0;
+            handed_.push_back(event.message.substr(0, event.message.size() - end));
             ++count_;
         }
         is_aborted_ = is_aborted_ || event.code == kStatusAborted;

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
-#include <iterator>
 #include <sstream>
 
 namespace peltexctl {
