@@ -1,12 +1,12 @@
 #include "tests/support/test_files.h"
 
 #include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "tests/support/jail.h"
@@ -44,9 +44,10 @@ void makeDir(const std::string& path, mode_t mode) {
 
 void writeFile(const std::string& path, const std::string& content, mode_t mode) {
     makeParent(path);
-    std::ofstream file(path, std::ios::binary);
-    file << content << std::flush;
-    expect(file.good(), path);
+    FILE* file = fopen(path.c_str(), "we");
+    expect(file != nullptr, path);
+    const bool isWritten = fwrite(content.data(), 1, content.size(), file) == content.size();
+    expect(fclose(file) == 0 && isWritten, path);
     expect(chmod(path.c_str(), mode) == 0, path);
 }
 
@@ -67,9 +68,16 @@ void emptyDir(const std::string& path) {
 }
 
 std::string readFile(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
+    std::string content;
+    FILE* file = fopen(path.c_str(), "re");
+    char piece[1 << 16];
+    while (file != nullptr && !feof(file) && !ferror(file)) {
+        content.append(piece, fread(piece, 1, sizeof(piece), file));
+    }
+    if (file != nullptr) {
+        fclose(file);
+    }
+    return content;
 }
 
 bool exists(const std::string& path) {
