@@ -162,7 +162,9 @@ void runInput(const std::string& input) {
     std::filesystem::remove_all(kInput);
     std::filesystem::remove_all(kOutput);
     makePlaces();
-    const bool maySetOwnerAndMode = input.find("..") != std::string::npos;
+    // A listing gives its entries their owners and modes, too, wherever their names lead.
+    const bool isList = !isSet(input) && (input[0] & kList) != 0;
+    const bool maySetOwnerAndMode = isList || input.find("..") != std::string::npos;
     const std::vector<std::string> changes = changesBetween(gRoot, snapshotOf("/"));
     for (const std::string& change : changes) {
         const bool isOfOwnerAndMode = change.find(' ', change.rfind(": ") + 2) != std::string::npos;
