@@ -7,6 +7,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "base/error_text.h"
 #include "base/file_handles.h"
 #include "base/path_rules.h"
@@ -96,11 +98,14 @@ int GetBackupFileAndProcess(const sp<BackupTask>& task, FILE* attrFp) {
     char line[kRecordSize];
     int result = 0;
     // A brief that names itself, or what is copied over it, grows while it is read: what it had
-    // when it was opened is all that is followed.
-    const auto isAtEnd = [&] {
-        return S_ISREG(status.st_mode) && ftello(brief.get()) >= status.st_size;
+    // when it was opened is all that is followed, to the byte.
+    const auto getLine = [&] {
+        const off_t left =
+            S_ISREG(status.st_mode) ? status.st_size - ftello(brief.get()) : off_t{kRecordSize};
+        return left > 0 && fgets(line, static_cast<int>(std::min(left + 1, off_t{kRecordSize})),
+                                 brief.get()) != nullptr;
     };
-    while (result == 0 && !isAtEnd() && fgets(line, sizeof(line), brief.get()) != nullptr) {
+    while (result == 0 && getLine()) {
         File_info info;
         if (parse_line_info(line, info) < kRecordFields) {
             ALOGE("miss info from this line(%s), skip it", line);

@@ -42,6 +42,9 @@ TarFile::TarFile(TarCallBack* callBack, unsigned long /*workerIndex*/) : TarFile
     m_isSplit = true;
 }
 
+// Here, so that a program with type information takes the table of this library, which has none.
+TarFile::~TarFile() = default;
+
 bool TarFile::CheckDir(const char* dir) {
     if (dir == nullptr || dir[0] == '\0') {
         ALOGE("TarFile::PackDir, invalid input dir name");

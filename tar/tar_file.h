@@ -27,7 +27,7 @@ class TarFile {
     // For slices. `workerIndex` is the caller's, and not read.
     TarFile(TarCallBack* callBack, unsigned long workerIndex);
 
-    virtual ~TarFile() = default;
+    virtual ~TarFile();
     TarFile(const TarFile&) = delete;
     TarFile& operator=(const TarFile&) = delete;
 
