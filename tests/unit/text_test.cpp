@@ -22,13 +22,20 @@ std::string nameOf(std::string heading) {
     return heading;
 }
 
-// Lines of at most 100 characters.
-std::string folded(std::string line) {
+// Lines of at most 100 characters where blanks behind the command, which is read again, allow it.
+std::string folded(std::string line, size_t command = 0) {
     std::string text;
     while (line.size() > 100) {
-        const size_t blank = line.rfind(' ', 100);
+        size_t blank = line.rfind(' ', 100);
+        if (blank == line.npos || blank < std::max<size_t>(command, 4)) {
+            blank = line.find(' ', std::max<size_t>(command, 100));
+        }
+        if (blank == line.npos) {
+            break;
+        }
         text += line.substr(0, line.find_last_not_of(' ', blank) + 1) + "\n";
         line.replace(0, blank + 1, "    ");
+        command = 0;
     }
     return text + line + "\n";
 }
@@ -40,9 +47,9 @@ std::string TextTest::outcomeOf(const std::string& line) {
     std::string result = run(command.substr(2));
     result = command + (result.empty() ? "" : " ") + result;
     if (line[0] == '?') {
-        return folded(result + (events.empty() ? "" : " " + events.back()));
+        return folded(result + (events.empty() ? "" : " " + events.back()), command.size());
     }
-    std::string text = folded(result);
+    std::string text = folded(result, command.size());
     for (const std::string& event : events) {
         text += folded(event);
     }
