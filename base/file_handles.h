@@ -28,6 +28,7 @@ class UniqueFd {
     }
 
     int get() const { return mFd; }
+    int release() { return std::exchange(mFd, -1); }
     bool isOpen() const { return mFd >= 0; }
 
   private:

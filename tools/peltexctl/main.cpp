@@ -18,8 +18,8 @@
 #include "task/data_mount.h"
 #include "task/library.h"
 #include "task/task_command.h"
+#include "ui/ending.h"
 #include "ui/events.h"
-#include "ui/exit_code.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -71,7 +71,7 @@ int RunTaskCommand(const Options& options, EventWriter* events) {
     const TaskKind& kind = CheckRequest(request);
     const Library library = SetUp(options);
     TakeLibraryLog(options.log, &events->view());
-    return RunTask(library, {kind, request, *events, events->view(), options.log != "silent"});
+    return RunTask(library, {kind, request, *events, options.log != "silent"});
 }
 
 // An archive is looked at without the library; --data only says where its path leads.
@@ -153,7 +153,6 @@ sessions, 60 seconds at most.
      R"(What is written is checked against SRC. A split backup pauses after each slice until the client
 has it; with --take each is moved to DIR then, so that DEST needs room for one slice.
 
-  peltexctl backup tar /data/data/com.app /data/data/bk --uid 10123
   peltexctl backup split /data/data/com.app /data/data/bk --slice-size 64 --take /media/disk)"},
     {"restore", "Restore a file or a directory", DeclareTask, RunTaskCommand,
      R"(What is there afterwards is checked against SRC. A set of slices stays as it is, unless --consume
@@ -279,7 +278,7 @@ int Run(const Options& options) {
         return options.subcommand->run(options, &events);
     } catch (const Failure& failure) {
         events.Error(failure.what());
-        return failure.code();
+        return failure.code;
     }
 }
 

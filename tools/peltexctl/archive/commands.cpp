@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "archive/sums.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -12,8 +12,7 @@
 
 #include "archive/commands.h"
 #include "archive/new_file.h"
-#include "ui/exit_code.h"
-#include "ui/text.h"
+#include "ui/ending.h"
 
 namespace peltexctl {
 

@@ -12,8 +12,6 @@
 #include <system_error>
 #include <utility>
 
-#include "base/error_text.h"
-
 namespace peltexctl {
 
 using namespace android::installd;
@@ -49,7 +47,7 @@ ArchiveFile::ArchiveFile(int directory, const std::string& name, int flags) {
         is_other ? -1 : openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
     if (!is_other && (fd() == -1 || fstat(fd(), &info) != 0)) {
         fault_ = errno == ELOOP ? "is a symbolic link"
-                                : std::string("cannot be opened: ") + ErrorText().c_str();
+                                : "cannot be opened: " + std::generic_category().message(errno);
     } else if (!S_ISREG(info.st_mode)) {
         fault_ = "is no regular file: an archive, a slice or a check file is wanted";
     } else {

@@ -5,6 +5,7 @@
 // Not thread-safe: a tally belongs to one thread.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -45,31 +46,44 @@ inline std::optional<uint32_t> ArchivedMode(char type, uint32_t mode) {
 class Tally {
   public:
     void Add(const TallyEntry& entry) {
-        ++entries_;
-        bytes_ += entry.size;
-        sum_ += HashOf(entry);
+        constexpr uint64_t kPage = 4096;
+        const uint64_t pages = (entry.size + kPage - 1) / kPage + (entry.type == '5' ? 1 : 0);
+        // One for the header, and for a long name another and its text.
+        const uint64_t blocks = (entry.size + 511) / 512 + (entry.path.size() < 100 ? 1 : 3);
+        AddUp(std::array{uint64_t{1}, entry.size, HashOf(entry), pages * kPage, blocks * 512});
     }
 
     // A directory that is left out counts as one, whatever it holds.
-    void LeaveOut(LeftOut reason) { ++left_out_[static_cast<size_t>(reason)]; }
+    void LeaveOut(LeftOut reason) { ++sums_[kLeftOut + static_cast<size_t>(reason)]; }
 
-    uint64_t entries() const { return entries_; }
-    uint64_t bytes() const { return bytes_; }
-    uint64_t left_out(LeftOut reason) const { return left_out_[static_cast<size_t>(reason)]; }
-    uint64_t left_out() const {
-        return std::accumulate(left_out_.begin(), left_out_.end(), uint64_t{0});
-    }
+    // Of another part of the same tree.
+    void Add(const Tally& other) { AddUp(other.sums_); }
 
+    uint64_t entries() const { return sums_[0]; }
+    uint64_t bytes() const { return sums_[1]; }
     // A number for all entries, whatever their order; for a single one, of that one.
-    uint64_t sum() const { return sum_; }
+    uint64_t sum() const { return sums_[2]; }
+    // The room in bytes that they take on a file system with blocks of 4 KiB, and in an archive.
+    uint64_t stored() const { return sums_[3]; }
+    uint64_t packed() const { return sums_[4] + 1024; }
+    uint64_t left_out(LeftOut reason) const {
+        return sums_[kLeftOut + static_cast<size_t>(reason)];
+    }
+    uint64_t left_out() const {
+        return std::accumulate(sums_.begin() + kLeftOut, sums_.end(), uint64_t{0});
+    }
 
     // What is left out takes no part.
     bool operator==(const Tally& other) const {
-        return entries_ == other.entries_ && bytes_ == other.bytes_ && sum_ == other.sum_;
+        return std::equal(sums_.begin(), sums_.begin() + kLeftOut, other.sums_.begin());
     }
-    bool operator!=(const Tally& other) const { return !(*this == other); }
 
   private:
+    template <size_t kCount>
+    void AddUp(const std::array<uint64_t, kCount>& sums) {
+        std::transform(sums.begin(), sums.end(), sums_.begin(), sums_.begin(), std::plus<>());
+    }
+
     // Keeps every bit in play in the sum of many.
     static uint64_t Mix(uint64_t value) {
         value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
@@ -86,10 +100,9 @@ class Tally {
         return entry.link.empty() ? value : Mix(value + hash(entry.link));
     }
 
-    uint64_t entries_ = 0;
-    uint64_t bytes_ = 0;
-    uint64_t sum_ = 0;  // of the entries' hashes, wrapping
-    std::array<uint64_t, kLeftOutReasons> left_out_ = {};
+    // Of entries, wrapping: how many, bytes, hashes, what they take; then of what is left out.
+    static constexpr size_t kLeftOut = 5;
+    std::array<uint64_t, kLeftOut + kLeftOutReasons> sums_ = {};
 };
 
 }  // namespace peltexctl

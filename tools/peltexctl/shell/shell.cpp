@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -20,8 +21,7 @@
 #include <thread>
 #include <vector>
 
-#include "task/directory.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -68,22 +68,22 @@ Seconds SecondsAt(const Words& words, size_t index) {
 void TellThreads(EventWriter* events) {
     Json threads = Json::array();
     std::string text;
-    ForEachName(OpenDirectory("/proc/self/task"), [&](const std::string& tid) {
-        std::ifstream file("/proc/self/task/" + tid + "/comm", std::ios::binary);
-        std::string name{std::istreambuf_iterator<char>(file), {}};
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string tid = task.path().filename();
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
         errno = 0;
         const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(*ParseInt(tid)));
         if (name.empty() || errno != 0) {
-            return;
+            continue;
         }
-        name.pop_back();  // the newline that the kernel adds; the name itself may hold others
         text += fmt::format("{}thread {:>7}  nice {:>3}  {}", text.empty() ? "" : "\n", tid, nice,
                             EscapeBytes(name));
         Json& thread = threads.emplace_back();
         SetBytes(&thread, "name", name);
         thread["tid"] = *ParseInt(tid);
         thread["nice"] = nice;
-    });
+    }
     events->Tell({{"event", "threads"}, {"threads", threads}}, text);
 }
 

@@ -14,9 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/error_text.h"
 #include "task/directory.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 
 namespace peltexctl {
 
@@ -77,7 +76,7 @@ void Mount(const std::string& directory) {
     Ensure(
         source.isOpen(),
         fmt::format("--data \"{}\": {}; a directory is wanted", directory,
-                    errno == ENOENT ? not_made.message() : android::installd::ErrorText().c_str()),
+                    errno == ENOENT ? not_made.message() : std::generic_category().message(errno)),
         kNoLibraryOrData);
     const std::string root = fs::canonical(directory);
     Ensure(root != "/", "--data: / cannot be mounted inside itself", kNoLibraryOrData);

@@ -1,16 +1,14 @@
 // Tested by tests/client/peltexctl.md.
 #include "task/directory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <string_view>
 #include <system_error>
 
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 
 namespace peltexctl {
 
@@ -55,27 +53,13 @@ UniqueFd OpenDirectory(const std::string& path) {
     return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name) {
-    return UniqueFd(
-        openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+UniqueFd OpenDirectoryAt(int parent, const char* name) {
+    return UniqueFd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take) {
-    // A descriptor of its own: the stream closes what it reads from.
-    const int again = openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const UniqueDir stream(again < 0 ? nullptr : fdopendir(again));
-    if (stream == nullptr) {
-        return false;
-    }
-    errno = 0;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no two threads share a stream
-    for (const dirent* entry; (entry = readdir(stream.get())) != nullptr; errno = 0) {
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") {
-            take(entry->d_name);
-        }
-    }
-    return errno == 0 || errno == ENOENT;
+fs::directory_iterator EntriesOf(const UniqueFd& opened) {
+    std::error_code failure;
+    return fs::directory_iterator(fmt::format("/proc/self/fd/{}", opened.get()), failure);
 }
 
 void RemoveFiles(int directory, const std::vector<std::string>& names) {
@@ -93,7 +77,7 @@ void MadeDirectory::Make(const std::string& path, uid_t uid) {
     for (const fs::path& name : fs::path(whole.substr(there.size())).relative_path()) {
         Require(fd_.isOpen(), path);
         const bool is_new = mkdirat(fd_.get(), name.c_str(), kMode) == 0;
-        UniqueFd next = OpenDirectoryAt(fd_, name);
+        UniqueFd next = OpenDirectoryAt(fd_.get(), name.c_str());
         if (is_new) {
             made_.emplace_back(std::move(fd_), name);
         }

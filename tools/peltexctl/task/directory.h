@@ -6,7 +6,7 @@
 
 #include <sys/stat.h>
 
-#include <functional>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
@@ -40,11 +40,10 @@ bool LiesIn(const std::string& inner, const FileId& outer);
 UniqueFd OpenDirectory(const std::string& path);
 
 // The directory `name` of `parent`, which is no link.
-UniqueFd OpenDirectoryAt(const UniqueFd& parent, const std::string& name);
+UniqueFd OpenDirectoryAt(int parent, const char* name);
 
-// Gives each name of the directory to `take` but "." and "..". Returns false when it cannot be
-// read.
-bool ForEachName(const UniqueFd& directory, const std::function<void(const char* name)>& take);
+// The entries of the directory `opened`, to be gone through; none where it cannot be read.
+std::filesystem::directory_iterator EntriesOf(const UniqueFd& opened);
 
 // Removes files of a directory, in this order. Throws Failure.
 void RemoveFiles(int directory, const std::vector<std::string>& names);

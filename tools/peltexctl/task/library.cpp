@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "base/path_rules.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -38,15 +38,13 @@ struct Space {
         const std::optional<struct stat> status = StatOf(there);
         struct statvfs system = {};
         if (status && statvfs(there.c_str(), &system) == 0 && system.f_blocks > 0) {
-            block = system.f_frsize;
-            free = (geteuid() == 0 ? system.f_bfree : system.f_bavail) * block;
+            free = (geteuid() == 0 ? system.f_bfree : system.f_bavail) * system.f_frsize;
             device = status->st_dev;
         }
     }
 
     const std::string path;
     uint64_t free = UINT64_MAX;  // bytes
-    uint64_t block = 0;
     dev_t device = 0;
 };
 
@@ -137,8 +135,8 @@ void RefuseArchive(const TaskKind& kind, const ArchiveSet& set) {
              "{} is a check file: restore split takes it", set.path());
 }
 
-void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check) {
-    const std::vector<std::string>& lost = check->lost();
+void RefuseByTally(const TaskKind& kind, const TaskRequest& request, const TaskCheck& check) {
+    const std::vector<std::string>& lost = check.lost();
     RefuseIf(kind.IsMove() && !lost.empty(),
              "{}: a move would delete what it leaves out: {}; --force goes on", request.source,
              fmt::join(lost, ", "));
@@ -147,15 +145,12 @@ void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* 
     }
     const Space space(request.destination);
     const Space taken(request.take.empty() ? request.destination : request.take);
-    // Blocks and headers are counted where they may matter.
-    const uint64_t most =
-        check->expected().bytes() + check->expected().entries() * (space.block + 4096) + 4096;
+    const bool packs = kind.result == Result::kSet;
+    const uint64_t needed = packs ? check.expected().packed() : check.expected().stored();
     if (taken.device != space.device) {
-        RefuseRoom(space, std::min(static_cast<uint64_t>(SliceSizeOf(request)) << 20, most));
+        RefuseRoom(space, std::min(static_cast<uint64_t>(SliceSizeOf(request)) << 20, needed));
     }
-    if (most > taken.free) {
-        RefuseRoom(taken, check->RoomFor(space.block));
-    }
+    RefuseRoom(taken, needed);
 }
 
 std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& request,
@@ -163,12 +158,13 @@ std::vector<std::string> FilesThere(const TaskKind& kind, const TaskRequest& req
     std::vector<std::string> names;
     const std::string base = NameOf(request.source) + ".tar";
     const bool is_set = kind.HandsOver();
-    ForEachName(directory, [&](const fs::path& name) {
+    for (const fs::directory_entry& entry : EntriesOf(directory)) {
+        const fs::path name = entry.path().filename();
         const std::string end = name.stem() == base ? name.extension() : "";
         if (end == ".sha256" || (is_set ? end == ".txt" || NamesSlice(end) : name == base)) {
             names.push_back(name);
         }
-    });
+    }
     // "txt" and "sha256" are behind the numbers of slices, the archive is before its sums.
     std::sort(names.begin(), names.end());
     if (is_set) {

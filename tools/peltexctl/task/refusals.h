@@ -20,7 +20,7 @@ void RefuseRequest(const TaskKind& kind, const TaskRequest& request);
 void RefuseArchive(const TaskKind& kind, const ArchiveSet& set);
 
 // What would lose something by what was tallied; --force does without.
-void RefuseByTally(const TaskKind& kind, const TaskRequest& request, TaskCheck* check);
+void RefuseByTally(const TaskKind& kind, const TaskRequest& request, const TaskCheck& check);
 
 // The files in `directory` of the archive or set that the task writes, its sums among them. Of a
 // set first what says that it is one.

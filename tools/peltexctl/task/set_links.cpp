@@ -12,24 +12,23 @@
 #include <string_view>
 
 #include "archive/sums.h"
-#include "ui/exit_code.h"
-#include "ui/text.h"
+#include "ui/ending.h"
 
 namespace peltexctl {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr std::string_view kPrefix = ".peltexctl-restore-";
 
 // Removes the directory `name` of `parent` with what SetLinks makes in one: links and a check file.
 void RemoveLinks(const UniqueFd& parent, const std::string& name, const UniqueFd& directory) {
-    ForEachName(directory, [&](const char* inside) {
-        struct stat status = {};
-        if (fstatat(directory.get(), inside, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            (S_ISLNK(status.st_mode) || EndsWith(inside, ".txt"))) {
-            unlinkat(directory.get(), inside, 0);
+    for (const fs::directory_entry& entry : EntriesOf(directory)) {
+        if (entry.is_symlink() || entry.path().extension() == ".txt") {
+            unlinkat(directory.get(), entry.path().filename().c_str(), 0);
         }
-    });
+    }
     unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
 }
 
@@ -46,14 +45,16 @@ bool IsLeftover(const UniqueFd& directory) {
 std::string RemoveLeftLinks(const std::string& path) {
     const UniqueFd parent = OpenDirectory(path);
     std::string told;
-    ForEachName(parent, [&](const std::string& name) {
+    for (const fs::directory_entry& entry : EntriesOf(parent)) {
+        const std::string name = entry.path().filename();
         const bool is_named = name.rfind(kPrefix, 0) == 0;
-        const UniqueFd directory = is_named ? OpenDirectoryAt(parent, name) : UniqueFd();
+        const UniqueFd directory =
+            is_named ? OpenDirectoryAt(parent.get(), name.c_str()) : UniqueFd();
         if (IsLeftover(directory)) {
             RemoveLinks(parent, name, directory);
             told += fmt::format("{}{}/{}", told.empty() ? "" : ", ", path, name);
         }
-    });
+    }
     return told;
 }
 
@@ -72,7 +73,7 @@ void SetLinks::Make(const ArchiveSet& set, const std::string& other) {
     Require(mkdtemp(path.data()) != nullptr, "a restore makes a directory beside the set: " + path);
     path_ = path;
     parent_ = OpenDirectory(ParentOf(path));
-    fd_ = OpenDirectoryAt(parent_, NameOf(path));
+    fd_ = OpenDirectoryAt(parent_.get(), NameOf(path).c_str());
     Require(fd_.isOpen() && flock(fd_.get(), LOCK_EX | LOCK_NB) == 0, path);
     // As it was read: the library takes no other numbers out of it.
     const UniqueFd file(

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "archive/new_file.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {

@@ -5,14 +5,14 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdio>
+#include <future>
 
 #include "archive/sums.h"
 #include "base/path_rules.h"
 #include "brief/search_rules.h"
 #include "task/records.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -87,45 +87,38 @@ bool TaskCheck::Before() {
         CheckSums(*set_, tell);
         return true;
     }
-    const bool is_read = VisitSource({
-        [this](const TallyEntry& entry) {
-            expected_.Add(entry);
-            if (spool_) {
-                Print(spool_.get(),
-                      fmt::format("/{};0;{:d};{};0\n", entry.path, entry.type == '5', entry.size));
-            }
-            view_.Tick();
-        },
-        [this](LeftOut reason, std::string_view path) {
-            expected_.LeaveOut(reason);
-            // Links keep their directory from being removed.
-            if (reason != LeftOut::kLink) {
-                lost_.Add(path);
-            }
-        },
-    });
+    const auto count = [this](Tally* tally) {
+        return TreeSink{
+            [this, tally](const TallyEntry& entry) {
+                tally->Add(entry);
+                if (spool_) {
+                    Print(spool_.get(), fmt::format("/{};0;{:d};{};0\n", entry.path,
+                                                    entry.type == '5', entry.size));
+                }
+                view_.Tick();
+            },
+            [this, tally](LeftOut reason, std::string_view path) {
+                tally->LeaveOut(reason);
+                // Links keep their directory from being removed.
+                if (kind_.IsMove() && reason != LeftOut::kLink) {
+                    lost_.Add(path);
+                }
+            },
+        };
+    };
+    // What a move loses is told in one order, and a brief has the other processor.
+    const bool halves = kind_.source == Source::kTree && !kind_.IsMove() && !kind_.IsBrief();
+    Tally other;
+    auto half = std::async([&] { return !halves || VisitSource(count(&other), 1); });
+    bool is_read = VisitSource(count(&expected_), halves ? std::optional(0) : std::nullopt);
+    is_read = half.get() && is_read;
+    expected_.Add(other);
     const bool is_listed = !kind_.IsMove() || (spool_ && std::fflush(spool_.get()) == 0 &&
                                                std::ferror(spool_.get()) == 0);
     Ensure((is_read && is_listed) || request_.force,
            fmt::format("{}: {}; --force goes on without a check", source_,
                        is_read ? "no room for a list of it in /tmp" : "cannot be read"));
     return is_read && is_listed;
-}
-
-uint64_t TaskCheck::RoomFor(uint64_t block_size) {
-    // An archive's header and the padding behind content are whole blocks of it, a long name two.
-    const bool packs = kind_.result == Result::kSet;
-    const uint64_t block = packs ? 512 : std::max<uint64_t>(block_size, 1);
-    uint64_t room = packs ? 1024 : 0;
-    VisitExpected([&](const TallyEntry& entry) {
-        room += (entry.size + block - 1) / block * block;
-        if (packs) {
-            room += entry.path.size() < 100 ? block : 3 * block;
-        } else if (entry.type == '5') {
-            room += block;
-        }
-    });
-    return room;
 }
 
 std::vector<std::string> TaskCheck::After(const std::string& result) {
@@ -140,7 +133,6 @@ void TaskCheck::LookUp(const std::string& result) {
     FirstOf differences;
     const UniqueFd directory = OpenDirectory(result);
     std::string name;
-    LinkBuffer target;
     VisitExpected([&](const TallyEntry& expected) {
         view_.Tick();
         name = WithoutSlashes(expected.path);
@@ -150,7 +142,7 @@ void TaskCheck::LookUp(const std::string& result) {
         TallyEntry found;
         if (is_there) {
             found = EntryOf(expected.path, status, expected.mode ? kind_.modes() : Modes::kNone);
-            found.link = found.type == '2' ? ReadLink(directory, name.c_str(), target) : "";
+            found.link = found.type == '2' ? ReadLink(directory.get(), name.c_str()) : "";
             found_.Add(found);
         }
         if (!is_there || SumOf(found) != SumOf(expected)) {
@@ -159,7 +151,7 @@ void TaskCheck::LookUp(const std::string& result) {
                                         Describe(expected)));
         }
     });
-    if (found_ != expected_) {
+    if (!(found_ == expected_)) {
         differences_ = differences;
     }
 }
@@ -222,8 +214,9 @@ bool TaskCheck::VisitExpected(const EntrySink& entries) const {
                   : VisitSource({entries, [](LeftOut, std::string_view) {}});
 }
 
-bool TaskCheck::VisitSource(const TreeSink& sink) const {
+bool TaskCheck::VisitSource(const TreeSink& sink, std::optional<size_t> half) const {
     WalkOptions options{kind_.leaves_out, kind_.modes()};
+    options.half = half;
     if (kind_.result == Result::kSet) {
         options.own = IdOf(kind_.ResultPath(request_));
     } else if (kind_.IsBrief()) {

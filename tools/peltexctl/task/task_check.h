@@ -42,8 +42,6 @@ class TaskCheck {
 
     // What the task brings, and what it leaves out.
     const Tally& expected() const { return expected_; }
-    // The bytes that it takes on a file system with blocks of this size.
-    uint64_t RoomFor(uint64_t block_size);
     // What a move leaves out and would delete.
     const std::vector<std::string>& lost() const { return lost_.lines(); }
 
@@ -57,7 +55,7 @@ class TaskCheck {
     }
 
   private:
-    bool VisitSource(const TreeSink& sink) const;
+    bool VisitSource(const TreeSink& sink, std::optional<size_t> half = {}) const;
     bool VisitList(const TreeSink& sink) const;
     bool VisitSearch(WalkOptions options, const TreeSink& sink) const;
     bool VisitExpected(const EntrySink& entries) const;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <future>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -19,7 +20,7 @@
 #include "task/refusals.h"
 #include "task/set_links.h"
 #include "task/task_check.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -69,6 +70,9 @@ class TaskCommand {
         Prepare();
         const TaskResult result = RunJob(library, job_);
         is_over_ = true;
+        if (looking_.valid() && !looking_.get()) {
+            check_.reset();
+        }
         made_.Keep();
         return Conclude(result);
     }
@@ -83,20 +87,24 @@ class TaskCommand {
         if (job_.request.no_verify) {
             return;
         }
-        job_.view.Begin("looking at " + EscapeBytes(job_.request.source),
-                        set_ ? set_->TotalSize() : 0);
-        check_.emplace(job_.kind, job_.request, set_ ? &*set_ : nullptr, &job_.view);
+        check_.emplace(job_.kind, job_.request, set_ ? &*set_ : nullptr, &job_.events.view());
+        // A brief changes nothing of what is looked at, and takes no longer: both at once.
+        if (job_.kind.IsBrief() && OpenDirectory(job_.request.source).isOpen()) {
+            looking_ = std::async([this] { return check_->Before(); });
+            return;
+        }
+        job_.events.view().Begin("looking at " + EscapeBytes(job_.request.source),
+                                 set_ ? set_->TotalSize() : 0);
         if (!check_->Before()) {
             check_.reset();
+        } else if (!job_.request.force) {
+            RefuseByTally(job_.kind, job_.request, *check_);
         }
-        if (!job_.request.force) {
-            RefuseByTally(job_.kind, job_.request, &*check_);
-        }
-        job_.view.End();
+        job_.events.view().End();
     }
 
     void OpenSet() {
-        set_.emplace(job_.request.source, &job_.view);
+        set_.emplace(job_.request.source, &job_.events.view());
         RefuseArchive(job_.kind, *set_);
         if (set_->size() == 0 && !job_.request.force) {
             throw Failure(kTaskFailed, DescribeFinding(*set_->finding()));
@@ -187,9 +195,9 @@ class TaskCommand {
     }
 
     bool Check(const std::string& written) {
-        job_.view.Begin("checking " + EscapeBytes(written));
+        job_.events.view().Begin("checking " + EscapeBytes(written));
         std::vector<std::string> lines = check_->After(written);
-        job_.view.End();
+        job_.events.view().End();
         if (!lines.empty()) {
             lines.back() += HintAtRoom(written, check_->missing_bytes());
             PrintKeptLog();
@@ -211,6 +219,7 @@ class TaskCommand {
     TaskJob job_;
     std::optional<ArchiveSet> set_;   // of a restore
     std::optional<TaskCheck> check_;  // none with --no-verify
+    std::future<bool> looking_;       // of a check that goes on beside the task
     MadeDirectory made_;
     SetLinks links_;  // which may lie in what was made
     std::atomic<bool> is_over_{false};

@@ -7,7 +7,7 @@
 #include <climits>
 #include <tuple>
 
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {

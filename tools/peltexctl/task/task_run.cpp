@@ -15,7 +15,7 @@
 
 #include "task/refusals.h"
 #include "task/slice_taker.h"
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -54,16 +54,16 @@ class TaskRun {
         if (job_.events.json()) {
             job_.events.Session(session_);
         }
-        job_.view.Begin(fmt::format("{}{}{}", job_.kind.subcommand,
-                                    *job_.kind.kind == '\0' ? "" : " ", job_.kind.kind),
-                        job_.total);
+        job_.events.view().Begin(fmt::format("{}{}{}", job_.kind.subcommand,
+                                             *job_.kind.kind == '\0' ? "" : " ", job_.kind.kind),
+                                 job_.total);
         const Clock::time_point start = Clock::now();
         task_ = Send(job_.command);
         if (task_ >= kFirstId) {
             Follow();
         }
         const std::chrono::duration<double> elapsed = Clock::now() - start;
-        job_.view.End();
+        job_.events.view().End();
         const int closed = library_.finish(session_);
         if (job_.events.json()) {
             job_.events.Closed(session_, closed);
@@ -73,8 +73,6 @@ class TaskRun {
     }
 
   private:
-    bool HandsOver() const { return job_.kind.HandsOver(); }
-
     int Send(const std::string& command, bool is_repeated = false) {
         const int result = library_.Execute(session_, command);
         if (job_.events.json() && !is_repeated) {
@@ -88,7 +86,7 @@ class TaskRun {
         const bool has_slice = event.code == kStatusSlicePackaged;
         const bool ends = EndsTask(event);
         if (event.code == kStatusProgress && !job_.kind.Unpacks()) {
-            job_.view.SetDone(std::strtoull(event.message.c_str(), nullptr, 10));
+            job_.events.view().SetDone(std::strtoull(event.message.c_str(), nullptr, 10));
         }
         // People hear of progress and slices from the bar, of a failure by its reason.
         if (job_.events.json() ||
@@ -112,7 +110,10 @@ class TaskRun {
         if (ends) {
             last_ = event;
         }
-        changed_.notify_all();
+        // Progress alone is no reason to wake up.
+        if (has_slice || ends) {
+            changed_.notify_all();
+        }
     }
 
     void Follow() {
@@ -125,7 +126,7 @@ class TaskRun {
             }
             ShowProgress();
         } while (!EndsBy(std::min(Continue(), Clock::now() + kTick)));
-        if (untaken_.empty() && HandsOver()) {
+        if (untaken_.empty() && job_.kind.HandsOver()) {
             TakeSlices(last_->code == kStatusSuccess && !stopping_);
         }
     }
@@ -157,7 +158,7 @@ class TaskRun {
     // again. Returns when this is due again.
     Clock::time_point Continue() {
         const std::lock_guard settled(settle_mutex_);
-        if (!HandsOver() || !WaitsForUs()) {
+        if (!job_.kind.HandsOver() || !WaitsForUs()) {
             return Clock::time_point::max();
         }
         if (Clock::now() >= next_continuation_) {
@@ -185,12 +186,12 @@ class TaskRun {
 
     void ShowProgress() {
         if (job_.kind.Unpacks()) {
-            job_.view.SetDone(BytesRead() - read_before_);
+            job_.events.view().SetDone(BytesRead() - read_before_);
         }
         if (count_ > 0) {
-            job_.view.SetNote(Counted(count_, "slice", "slices"));
+            job_.events.view().SetNote(Counted(count_, "slice", "slices"));
         }
-        job_.view.Tick();
+        job_.events.view().Tick();
     }
 
     // While a slice is copied.
@@ -248,7 +249,7 @@ class TaskRun {
             return fmt::format("what was unpacked is in {}{}", place,
                                kind.RestoresSlices() ? ", the set is as it was" : "");
         }
-        if (HandsOver()) {
+        if (job_.kind.HandsOver()) {
             return (end ? taker_.DescribeLeft(count_) + ", of a set that" : "the set in " + place) +
                    " is not complete";
         }

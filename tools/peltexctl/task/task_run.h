@@ -8,16 +8,14 @@
 #include "task/library.h"
 #include "task/task_kinds.h"
 #include "ui/events.h"
-#include "ui/progress_view.h"
 
 namespace peltexctl {
 
-// What is to be run, and where it is told: `events` and `view` must live as long as the process.
+// What is to be run, and where it is told: `events` must live as long as the process.
 struct TaskJob {
     const TaskKind& kind;
     const TaskRequest& request;
     EventWriter& events;
-    ProgressView& view;
     bool log_is_shown = false;
     std::string command = {};   // for the library
     uint64_t total = 0;         // bytes to be expected; 0 if that is not known

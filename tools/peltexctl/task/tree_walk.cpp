@@ -1,10 +1,13 @@
 // Tested by tests/client/peltexctl.md.
 #include "task/tree_walk.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <iterator>
 #include <utility>
 
@@ -19,22 +22,35 @@ class Walk {
     Walk(const std::string& top, const WalkOptions& options, const TreeSink& sink)
         : options_(options), sink_(sink), path_(top + "/"), top_(path_.size()) {}
 
-    bool Directory(const UniqueFd& directory) {
+    bool Directory(UniqueFd opened) {
+        const UniqueDir stream(fdopendir(opened.get()));
+        if (stream == nullptr) {
+            return false;
+        }
+        const int directory = opened.release();  // closed with the stream
         const size_t length = path_.size();
-        return ForEachName(directory, [&](const char* name) {
-            path_.append(name);
-            Entry(directory, name, length == top_);
-            path_.resize(length);
-        });
+        errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): no two threads share a stream
+        for (const dirent* entry; (entry = readdir(stream.get())) != nullptr; errno = 0) {
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..") {
+                path_.append(name);
+                Entry(directory, entry->d_name, length == top_);
+                path_.resize(length);
+            }
+        }
+        return errno == 0 || errno == ENOENT;
     }
 
   private:
-    void Entry(const UniqueFd& directory, const char* name, bool is_top) {
-        if (is_top && options_.is_excluded && options_.is_excluded(path_)) {
+    void Entry(int directory, const char* name, bool is_top) {
+        if (is_top &&
+            ((options_.is_excluded && options_.is_excluded(path_)) ||
+             (options_.half && std::hash<std::string_view>()(name) % 2 != options_.half))) {
             return;
         }
         struct stat status = {};
-        if (fstatat(directory.get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return sink_.leave_out(LeftOut::kUnreadable, Below());
         }
         if (const std::optional<LeftOut> reason = WhyLeftOut(name, status, is_top)) {
@@ -42,7 +58,7 @@ class Walk {
         }
         TallyEntry entry = EntryOf(Below(), status, options_.modes);
         if (entry.type == '2') {
-            entry.link = ReadLink(directory, name, target_);
+            entry.link = ReadLink(directory, name);
         }
         sink_.take(entry);
         if (S_ISDIR(status.st_mode)) {
@@ -86,7 +102,6 @@ class Walk {
     const TreeSink& sink_;
     std::string path_;
     const size_t top_;  // the length of the top's path
-    LinkBuffer target_ = {};
 };
 
 }  // namespace
@@ -106,8 +121,9 @@ TallyEntry EntryOf(std::string_view path, const struct stat& status, Modes modes
     return entry;
 }
 
-std::string_view ReadLink(const UniqueFd& directory, const char* name, LinkBuffer& buffer) {
-    const ssize_t length = readlinkat(directory.get(), name, buffer, sizeof(buffer));
+std::string_view ReadLink(int directory, const char* name) {
+    thread_local char buffer[PATH_MAX];
+    const ssize_t length = readlinkat(directory, name, buffer, sizeof(buffer));
     return {buffer, static_cast<size_t>(length < 0 ? 0 : length)};
 }
 

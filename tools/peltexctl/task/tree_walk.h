@@ -1,9 +1,8 @@
 // A walk over a tree that takes what a task of some kind takes, and tells what it leaves out.
 //
-// Not thread-safe. Memory grows with the depth of the tree alone. Nothing is followed or changed.
+// Memory grows with the depth of the tree alone. Nothing is followed or changed.
 #pragma once
 
-#include <climits>
 #include <functional>
 #include <optional>
 #include <string>
@@ -38,6 +37,8 @@ struct WalkOptions {
     size_t begin = 0;                // of entries' paths in the whole ones; 0: below the top
     // Further entries of the top directory that are passed over without a word.
     std::function<bool(const std::string& path)> is_excluded = {};
+    // 0 or 1: of two walks that together meet every entry, each on a thread of its own.
+    std::optional<size_t> half = {};
 };
 
 // Walks the directory `top`, in the order of the file system, a directory before its entries.
@@ -47,8 +48,7 @@ bool WalkTree(const std::string& top, const WalkOptions& options, const TreeSink
 // An entry as its status shows it, without its link's target.
 TallyEntry EntryOf(std::string_view path, const struct stat& status, Modes modes);
 
-// The target of the link `name` of a directory, in `buffer`.
-using LinkBuffer = char[PATH_MAX];
-std::string_view ReadLink(const UniqueFd& directory, const char* name, LinkBuffer& buffer);
+// The target of the link `name` of a directory, until this thread's next call.
+std::string_view ReadLink(int directory, const char* name);
 
 }  // namespace peltexctl

@@ -68,8 +68,8 @@ void ProgressView::Aside(const std::function<void()>& print) {
 }
 
 void ProgressView::Tick() {
-    const std::lock_guard lock(mutex_);
-    if (label_.empty() || Clock::now() < next_shown_) {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || label_.empty() || Clock::now() < next_shown_) {
         return;
     }
     next_shown_ = Clock::now() + (redraws_ ? Clock::duration(kBarInterval) : kLineInterval);

@@ -20,14 +20,10 @@ enum ExitCode : int {
 };
 
 // Why the program cannot do what was asked for, in one line.
-class Failure : public std::runtime_error {
-  public:
-    Failure(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
+struct Failure : std::runtime_error {
+    Failure(ExitCode with, const std::string& message) : std::runtime_error(message), code(with) {}
 
-    ExitCode code() const { return code_; }
-
-  private:
-    ExitCode code_;
+    ExitCode code;
 };
 
 inline void Ensure(bool is_so, std::string_view otherwise, ExitCode code = kTaskFailed) {

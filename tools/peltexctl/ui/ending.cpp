@@ -1,5 +1,5 @@
 // Tested by tests/client/test_running.py.
-#include "ui/exit_code.h"
+#include "ui/ending.h"
 
 #include <fmt/format.h>
 #include <poll.h>
