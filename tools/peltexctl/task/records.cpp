@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "archive/reader.h"
+#include "base/numbers.h"
 #include "ui/text.h"
 
 namespace peltexctl {
@@ -17,28 +18,26 @@ namespace {
 // The library reads lines in pieces of this size.
 constexpr size_t kMaxLine = 2048;
 
-// From its end: the path may hold semicolons.
+// From its end, as the path may hold semicolons; numbers are the library's, its decimal 7777 too.
 std::optional<TallyEntry> ParseRecord(std::string_view line) {
-    int64_t mode = 0;
-    int64_t type = 0;
-    int64_t size = 0;
-    int64_t time = 0;
-    for (int64_t* field : {&time, &size, &type, &mode}) {
+    using android::installd::parseNumber;
+    std::string fields[4];  // time, size, type, mode
+    for (std::string& field : fields) {
         const size_t mark = line.rfind(';');
-        const auto number = ParseNumber<int64_t>(line.substr(mark + 1));
-        if (!number || mark == std::string_view::npos || mark == 0) {
+        if (mark == std::string_view::npos || mark == 0) {
             return std::nullopt;
         }
-        *field = *number;
+        field = line.substr(mark + 1);
         line = line.substr(0, mark);
     }
-    if (mode < 0 || mode > UINT32_MAX || size < 0) {
+    const long size = parseNumber(fields[1].c_str());
+    const auto mode = static_cast<uint32_t>(parseNumber(fields[3].c_str()));
+    if (parseNumber(fields[0].c_str()) < 0 || size < 0 || fields[3].empty() || mode > 7777) {
         return std::nullopt;
     }
-    const bool is_directory = type == 1;
+    const bool is_directory = fields[2] == "1";
     return TallyEntry{line, is_directory ? '5' : '0',
-                      is_directory ? 0 : static_cast<uint64_t>(size), "",
-                      static_cast<uint32_t>(mode)};
+                      is_directory ? 0 : static_cast<uint64_t>(size), "", mode & 07777};
 }
 
 }  // namespace
